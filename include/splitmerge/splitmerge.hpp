@@ -1,0 +1,113 @@
+// splitmerge: split-and-merge segmentation of 2-D and 3-D grey images.
+//
+// The image is a cube of 2^max_level pixels along x and y and
+// 2^(max_level - lim_oct_level) slices along z, pixel values 0 to 255, pixel
+// index x + y * size_x + z * size_x * size_y. The run covers it with blocks of
+// level init_level, merges homogeneous sibling blocks upward, splits
+// inhomogeneous ones downward, grows regions from adjacent blocks, absorbs
+// regions below small_size pixels and labels the regions 0, 1, ... by
+// decreasing size.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace splitmerge {
+
+// The fourteen run parameters. A value of -1 for max_level, lim_oct_level or
+// init_level means: derive it from the image (see resolve_parameters).
+struct parameters {
+  // Level of the whole image: the image edge is 2^max_level (1..8).
+  std::int32_t max_level = -1;
+  // Lowest level whose blocks are divided in z too: a volume has
+  // 2^(max_level - lim_oct_level) slices; equal to max_level for 2-D images.
+  std::int32_t lim_oct_level = -1;
+  // Level of the initial blocks (0..max_level-1); derived: min(3, max_level-1).
+  std::int32_t init_level = -1;
+  // 0: sequential region growing; otherwise seeded parallel growing.
+  std::int32_t group_mode = 0;
+  // Parallel growing: number of seed regions (at least 1).
+  std::int32_t max_seed = 8;
+  // Parallel growing: non-zero takes seeds of any block size, zero only the largest.
+  std::int32_t use_all_seeds = 0;
+  // Homogeneity predicate: 1 range, 2 range then region means, 3 median
+  // interval with outlier share, 4 variance against chi-square thresholds,
+  // 5 variance against pseudo-variance thresholds.
+  std::int32_t pred_choice = 4;
+  // Largest range (predicates 1-3) or difference of region means (2, 4, 5).
+  std::int32_t interval_length = 10;
+  // Predicate 3: largest share of outliers, as a fraction (0.1 = 10 %).
+  double rejection = 0.1;
+  // Predicates 4, 5: expected standard deviation of the noise.
+  double sigma = 5.0;
+  // Predicate 4: 1, 2 or 3 for the 0.50, 0.75 or 0.90 chi-square quantile.
+  std::int32_t threshold_row = 3;
+  // Predicate 5: pseudo-variance factor (threshold sigma^2 (1 + f / sqrt(n))).
+  double pseudo_factor = 2.0;
+  // Regions below this many pixels are absorbed by their most similar
+  // neighbour; 0 switches the elimination off.
+  std::int32_t small_size = 30;
+  // Non-zero: an absorbing region takes in the small region's statistics.
+  std::int32_t statistic_update = 1;
+};
+
+// A grey image of 32-bit pixels, x fastest, then y, then z.
+struct image_view {
+  const std::int32_t* data = nullptr;
+  std::int32_t size_x = 0;
+  std::int32_t size_y = 0;
+  std::int32_t size_z = 1;
+};
+
+struct options {
+  // Record display frames (the segmentation as it progresses).
+  bool display = true;
+  // Keep the progress lines in the result.
+  bool capture_lines = false;
+  // Also write the progress lines to standard output.
+  bool echo_lines = false;
+  // Where warnings and parameter errors go; standard error when empty.
+  std::function<void(std::string_view)> error_sink;
+  // Collect the final region list (statistics, block codes, neighbours).
+  bool collect_regions = false;
+  // Write the region list file to this path.
+  std::optional<std::string> region_file;
+  // Largest total size of the recorded frames in bytes.
+  std::uint64_t frame_budget = std::uint64_t{2} << 30;
+};
+
+struct region_record {
+  std::int64_t statistics[2] = {0, 0};
+  std::vector<std::uint32_t> codes;       // locational codes of the region's blocks
+  std::vector<std::int32_t> neighbours;   // labels of adjacent regions
+};
+
+struct segmentation {
+  // 0 success, -1 failure (invalid parameters or no memory), -2 the region
+  // list file could not be written.
+  std::int32_t status = 0;
+  // One label per pixel, 0 for the largest region; empty when the run failed
+  // before labelling.
+  std::vector<std::int32_t> labels;
+  // The display frames, frame_count images of the input's size, in order.
+  std::vector<std::int32_t> frames;
+  std::int32_t frame_count = 0;
+  std::vector<std::string> lines;
+  std::vector<region_record> regions;
+  std::string error;  // the parameter problem when status is -1 before the run
+};
+
+// Fills in the derived parameters for an image; an error message when the
+// image cannot be segmented with them.
+std::string resolve_parameters(const image_view& image, parameters& p);
+// Empty when image and parameters make a valid run, else the problem.
+std::string check_parameters(const image_view& image, const parameters& p);
+
+segmentation segment(const image_view& image, parameters p, const options& opts = {});
+
+}  // namespace splitmerge

@@ -1,0 +1,66 @@
+// The single allocation point of a run: every record, entry, table and frame
+// of one segmentation is obtained and released here, so tests can make the
+// k-th request fail and can see what is still alive.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace splitmerge {
+
+// Where an allocation comes from; lets failure sweeps check they reached
+// every kind of request.
+enum class alloc_site : std::uint8_t {
+  blocks_perlevel_table,
+  pixels_perblock_table,
+  var_thresh_table,
+  median_scratch,
+  block_list,
+  block_record,
+  neighbour_entry,
+  level_table,
+  seed_table,
+  sort_array,
+  save_array,
+  frame_node,
+  frame_pixels,
+  count_
+};
+
+inline constexpr std::size_t alloc_site_count = static_cast<std::size_t>(alloc_site::count_);
+
+class run_allocator {
+ public:
+  run_allocator() = default;
+  run_allocator(const run_allocator&) = delete;
+  run_allocator& operator=(const run_allocator&) = delete;
+
+  // Zero-filled memory, or nullptr when the request fails.
+  void* allocate(std::size_t bytes, alloc_site site) noexcept;
+  // Memory whose contents the caller overwrites at once.
+  void* allocate_uninitialised(std::size_t bytes, alloc_site site) noexcept;
+  void release(void* p) noexcept;
+
+  // Makes request number k (counting from 1) fail; 0 disables the hook.
+  void fail_at(std::uint64_t k) noexcept { fail_at_ = k; }
+  [[nodiscard]] std::uint64_t requests() const noexcept { return requests_; }
+  [[nodiscard]] std::int64_t live() const noexcept { return live_; }
+  [[nodiscard]] bool site_requested(alloc_site s) const noexcept {
+    return requested_[static_cast<std::size_t>(s)];
+  }
+  [[nodiscard]] bool site_failed(alloc_site s) const noexcept {
+    return failed_[static_cast<std::size_t>(s)];
+  }
+
+ private:
+  bool admit(alloc_site site) noexcept;
+
+  std::uint64_t fail_at_ = 0;
+  std::uint64_t requests_ = 0;
+  std::int64_t live_ = 0;
+  std::array<bool, alloc_site_count> requested_{};
+  std::array<bool, alloc_site_count> failed_{};
+};
+
+}  // namespace splitmerge

@@ -1,0 +1,193 @@
+#include "driver/driver.hpp"
+
+#include <string>
+
+#include "display/display.hpp"
+#include "evaluation/evaluation.hpp"
+#include "geometry/geometry.hpp"
+#include "grouping/grouping.hpp"
+#include "output/output.hpp"
+#include "regions/regions.hpp"
+#include "tree/tree.hpp"
+
+namespace splitmerge {
+
+void free_variables(run_context& ctx) noexcept {
+  ctx.allocator.release(ctx.blocks_perlevel);
+  ctx.blocks_perlevel = nullptr;
+  ctx.allocator.release(ctx.pixels_perblock);
+  ctx.pixels_perblock = nullptr;
+  ctx.allocator.release(ctx.var_thresh);
+  ctx.var_thresh = nullptr;
+  ctx.allocator.release(ctx.hulp_array);
+  ctx.hulp_array = nullptr;
+}
+
+list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
+  using result = list_result<regionlist>;
+  const auto built = init_blocklist(ctx);
+  if (display != 0) init_smg_display(ctx);
+  ctx.phase_status = check_pointer(built);
+  if (ctx.phase_status != 0) return result::failure(ctx.phase_status);
+  blocklist list = built.value;
+  ctx.print("finished initialisation\n");
+
+  if (display != 0) {
+    smg_merge_disp(ctx, list);
+  } else {
+    smg_merge(ctx, list);
+  }
+  ctx.print("finished merging\n");
+
+  block* first = list[0];
+  if (first->next_block == nullptr) {
+    // The whole image is one homogeneous block.
+    make_one_region(ctx, first);
+    ctx.allocator.release(list);
+    ctx.print("finished calculating region\n");
+    return result{first, 0};
+  }
+
+  ctx.phase_status = display != 0 ? smg_split_disp(ctx, list) : smg_split(ctx, list);
+  if (check_pointer(ctx.phase_status) != 0) return result::failure(ctx.phase_status);
+  ctx.print("finished splitting\n");
+
+  const auto regions = group_init(ctx, list);
+  ctx.phase_status = check_pointer(regions);
+  if (ctx.phase_status != 0) return result::failure(ctx.phase_status);
+  regionlist head = regions.value;
+  ctx.print("finished ordering regionlist\n");
+
+  if (ctx.group_mode != 0) {
+    const auto grouped =
+        display != 0 ? parallel_grouping_disp(ctx, head) : parallel_grouping(ctx, head);
+    ctx.phase_status = check_pointer(grouped);
+    if (ctx.phase_status != 0) {
+      free_regionlist(ctx, head);
+      return result::failure(status_no_memory);
+    }
+    head = grouped.value;
+  } else {
+    head = display != 0 ? sequential_grouping_disp(ctx, head) : sequential_grouping(ctx, head);
+  }
+  ctx.print("finished grouping\n");
+
+  if (head->nb_pointers[0] == nullptr) return result{head, 0};
+
+  if (ctx.small_size != 0) {
+    if (display != 0) {
+      region_elimination_disp(ctx, head);
+    } else {
+      region_elimination(ctx, head);
+    }
+    ctx.print("finished small region elimination\n");
+  }
+  head = clean_regionlist(ctx, head);
+  ctx.print("finished cleaning of regionlist\n");
+  const auto sorted = sort_regionlist(ctx, head);
+  if (check_pointer(sorted) != 0) {
+    free_regionlist(ctx, head);
+    return sorted;
+  }
+  ctx.print("finished sorting of regionlist\n");
+  return sorted;
+}
+
+std::int32_t split_merge_group(run_context& ctx, const std::int32_t* image, std::int32_t size_x,
+                               std::int32_t size_y, std::int32_t size_z, std::int32_t max_level,
+                               std::int32_t lim_oct_level, std::int32_t* output,
+                               std::int32_t init_level, std::int32_t group_mode,
+                               std::int32_t max_seed, std::int32_t use_all_seeds,
+                               std::int32_t pred_choice, std::int32_t interval_length,
+                               std::int32_t threshold_row, std::int32_t small_size,
+                               std::int32_t statistic_update, std::int32_t save_flag,
+                               std::int32_t display, const char* filename, double rejection,
+                               double sigma, double pseudo_factor) {
+  const run_arguments args{image,         size_x,          size_y,         size_z,
+                           max_level,     lim_oct_level,   init_level,     group_mode,
+                           max_seed,      use_all_seeds,   pred_choice,    interval_length,
+                           threshold_row, small_size,      statistic_update, rejection,
+                           sigma,         pseudo_factor};
+  if (const std::string problem = validate_parameters(args); !problem.empty()) {
+    ctx.warn("splitmerge: " + problem + "\n");
+    return status_no_memory;
+  }
+  if (save_flag != 0 && filename == nullptr) {
+    ctx.warn("splitmerge: invalid parameter filename: a region list file needs a path\n");
+    return status_no_memory;
+  }
+
+  ctx.my_image = image;
+  ctx.smg_img_size = size_y * size_x * size_z;
+  if (create_first_frame(ctx) != 0) return status_no_memory;
+  ctx.max_level = max_level;
+  ctx.lim_oct_level = lim_oct_level;
+  ctx.group_mode = group_mode;
+  ctx.max_seed = max_seed;
+  ctx.use_all_seeds = use_all_seeds;
+  ctx.small_size = small_size;
+  ctx.statistic_update = statistic_update;
+  ctx.rejection_ratio = static_cast<std::int32_t>(rejection * 100.0);
+  ctx.im_format_xy = size_x;
+  ctx.im_format_z = size_z;
+  ctx.voxels_slice = size_x * size_x;
+  ctx.voxels_image = ctx.voxels_slice * size_z;
+  ctx.smg_disp_cur = ctx.smg_disp;
+  ctx.init_level = init_level;
+  ctx.pred_choice = pred_choice;
+  ctx.interval_length = interval_length;
+  ctx.smg_dsp_count = 1;
+  ctx.smg_dsp_count_l = frame_interval;
+
+  if (fill_blocks_per_level(ctx) != 0) return status_no_memory;
+  if (fill_pixels_per_block(ctx) != 0) {
+    free_variables(ctx);
+    return status_no_memory;
+  }
+  std::int32_t table_status = 0;
+  if (pred_choice == 5) {
+    table_status = fill_pseudo_variance(ctx, sigma * sigma, pseudo_factor);
+  } else if (pred_choice == 4) {
+    table_status = fill_chi_variance(ctx, threshold_row, sigma * sigma);
+  } else if (pred_choice == 3) {
+    ctx.half_length = interval_length >> 1;
+    ctx.hulp_array = create_array<std::int32_t>(
+        ctx, static_cast<std::size_t>(ctx.pixels_perblock[init_level]) + 1,
+        alloc_site::median_scratch);
+    if (ctx.hulp_array == nullptr) table_status = -1;
+  }
+  if (table_status != 0) {
+    free_variables(ctx);
+    return status_no_memory;
+  }
+
+  const auto regions = split_merge(ctx, display);
+  ctx.print("finished the split_merge routine\n");
+  if (check_pointer(regions) != 0) {
+    free_variables(ctx);
+    return static_cast<std::int32_t>(regions.status);
+  }
+  regionlist head = regions.value;
+
+  make_output(ctx, head, output);
+  ctx.print("finished make_output \n");
+  if (ctx.inspect_regions) ctx.inspect_regions(head);
+
+  if (save_flag != 0) {
+    ctx.print("file = " + std::string(filename) + " \n");
+    const std::int32_t saved = save_regionlist(ctx, head, filename);
+    if (saved != 0) {
+      free_variables(ctx);
+      free_regionlist(ctx, head);
+      return saved;
+    }
+    ctx.print("finished save_regionlist \n");
+  } else {
+    ctx.print("No save_regionlist specified\n");
+  }
+  free_variables(ctx);
+  free_regionlist(ctx, head);
+  return 0;
+}
+
+}  // namespace splitmerge

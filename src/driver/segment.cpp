@@ -1,0 +1,129 @@
+#include <algorithm>
+#include <bit>
+#include <string>
+
+#include "driver/driver.hpp"
+#include "geometry/geometry.hpp"
+#include "splitmerge/splitmerge.hpp"
+
+namespace splitmerge {
+
+namespace {
+
+std::int32_t log2_exact(std::int32_t v) {
+  if (v < 1 || !std::has_single_bit(static_cast<std::uint32_t>(v))) return -1;
+  return std::countr_zero(static_cast<std::uint32_t>(v));
+}
+
+run_arguments arguments_of(const image_view& image, const parameters& p) {
+  return run_arguments{image.data,        image.size_x,       image.size_y,
+                       image.size_z,      p.max_level,        p.lim_oct_level,
+                       p.init_level,      p.group_mode,       p.max_seed,
+                       p.use_all_seeds,   p.pred_choice,      p.interval_length,
+                       p.threshold_row,   p.small_size,       p.statistic_update,
+                       p.rejection,       p.sigma,            p.pseudo_factor};
+}
+
+std::vector<region_record> collect(const run_context& ctx, regionlist head) {
+  std::vector<region_record> out;
+  std::vector<std::int64_t> kept;
+  for (block* h = head; h != nullptr; h = h->next_region) {
+    region_record r;
+    r.statistics[0] = h->variables[0];
+    r.statistics[1] = h->variables[1];
+    for (const block* b = h; b != nullptr; b = b->next_block) r.codes.push_back(b->code);
+    out.push_back(std::move(r));
+    kept.push_back(h->variables[0]);
+  }
+  // Number the heads in their first statistic, as the region list file does.
+  std::int64_t i = 0;
+  for (block* h = head; h != nullptr; h = h->next_region) h->variables[0] = i++;
+  std::size_t k = 0;
+  for (block* h = head; h != nullptr; h = h->next_region, ++k)
+    for (const nb_node* e = h->nb_pointers[0]; e != nullptr; e = e->next)
+      out[k].neighbours.push_back(static_cast<std::int32_t>(e->region->variables[0]));
+  k = 0;
+  for (block* h = head; h != nullptr; h = h->next_region) h->variables[0] = kept[k++];
+  (void)ctx;
+  return out;
+}
+
+}  // namespace
+
+std::string resolve_parameters(const image_view& image, parameters& p) {
+  if (p.max_level == -1) {
+    p.max_level = log2_exact(image.size_x);
+    if (p.max_level < 0)
+      return "the image width " + std::to_string(image.size_x) +
+             " is not a power of two (allowed: 2, 4, ..., 256)";
+  }
+  if (p.lim_oct_level == -1) {
+    const std::int32_t z = log2_exact(image.size_z);
+    if (z < 0)
+      return "the slice count " + std::to_string(image.size_z) +
+             " is not a power of two (allowed: 1, 2, 4, ..., 2^max_level)";
+    p.lim_oct_level = p.max_level - z;
+  }
+  if (p.init_level == -1) p.init_level = std::clamp(p.max_level - 1, 0, 3);
+  return {};
+}
+
+std::string check_parameters(const image_view& image, const parameters& p) {
+  return validate_parameters(arguments_of(image, p));
+}
+
+segmentation segment(const image_view& image, parameters p, const options& opts) {
+  segmentation result;
+  if (std::string problem = resolve_parameters(image, p); !problem.empty()) {
+    result.status = status_no_memory;
+    result.error = std::move(problem);
+    if (opts.error_sink) {
+      opts.error_sink("splitmerge: " + result.error + "\n");
+    }
+    return result;
+  }
+  if (std::string problem = check_parameters(image, p); !problem.empty()) {
+    result.status = status_no_memory;
+    result.error = std::move(problem);
+    if (opts.error_sink) opts.error_sink("splitmerge: " + result.error + "\n");
+    return result;
+  }
+
+  run_context ctx;
+  ctx.frame_budget = opts.frame_budget;
+  ctx.err = opts.error_sink;
+  std::string pending;
+  ctx.out = [&](std::string_view text) {
+    if (opts.echo_lines) std::fwrite(text.data(), 1, text.size(), stdout);
+    if (!opts.capture_lines) return;
+    pending.append(text);
+    for (std::size_t nl; (nl = pending.find('\n')) != std::string::npos;) {
+      result.lines.push_back(pending.substr(0, nl));
+      pending.erase(0, nl + 1);
+    }
+  };
+  if (opts.collect_regions)
+    ctx.inspect_regions = [&](regionlist head) { result.regions = collect(ctx, head); };
+
+  const auto pixels = static_cast<std::size_t>(image.size_x) *
+                      static_cast<std::size_t>(image.size_y) *
+                      static_cast<std::size_t>(image.size_z);
+  result.labels.assign(pixels, 0);
+  const std::string path = opts.region_file.value_or(std::string{});
+  result.status = split_merge_group(
+      ctx, image.data, image.size_x, image.size_y, image.size_z, p.max_level, p.lim_oct_level,
+      result.labels.data(), p.init_level, p.group_mode, p.max_seed, p.use_all_seeds,
+      p.pred_choice, p.interval_length, p.threshold_row, p.small_size, p.statistic_update,
+      opts.region_file.has_value() ? 1 : 0, opts.display ? 1 : 0, path.c_str(), p.rejection,
+      p.sigma, p.pseudo_factor);
+
+  result.frame_count = 0;
+  for (const disp_frame* f = ctx.smg_disp; f != nullptr; f = f->next) ++result.frame_count;
+  result.frames.reserve(static_cast<std::size_t>(result.frame_count) * pixels);
+  for (const disp_frame* f = ctx.smg_disp; f != nullptr; f = f->next)
+    result.frames.insert(result.frames.end(), f->pixels, f->pixels + pixels);
+  ctx.release_frames();
+  return result;
+}
+
+}  // namespace splitmerge

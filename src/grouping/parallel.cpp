@@ -1,0 +1,113 @@
+#include "display/display.hpp"
+#include "driver/run_context.hpp"
+#include "evaluation/evaluation.hpp"
+#include "geometry/geometry.hpp"
+#include "grouping/grouping.hpp"
+
+namespace splitmerge {
+
+namespace {
+
+struct seed_table {
+  block** slots;
+  std::int32_t count;  // slot number of the last seed; -1 when none is left
+
+  void remove(block* s) noexcept {
+    std::int32_t i = 0;
+    while (slots[i] != s) ++i;
+    slots[i] = slots[count];
+    --count;
+  }
+};
+
+// One turn of seed s; returns whether it united anything.
+template <bool Display>
+bool seed_turn(run_context& ctx, seed_table& seeds, block* s) {
+  bool unchanged = true;
+  nb_node* prev = nullptr;
+  nb_node* e = s->nb_pointers[0];
+  while (e != nullptr) {
+    block* n = resolve(e);
+    if (n == s || (n->status & 1u) != 0) {
+      e = remove_entry(ctx, s, prev, e);
+    } else if ((n->status & 2u) != 0) {
+      n->status = 0;  // re-opened, but not tried in this turn
+      prev = e;
+      e = e->next;
+    } else if (eval_grow(ctx, s, n) == 0) {
+      prev = e;
+      e = e->next;
+    } else {
+      if ((n->status & 4u) != 0) {
+        n->status = 0;
+        seeds.remove(n);
+      }
+      nb_node* const next = e->next;
+      nb_node* const new_prev =
+          n->nb_pointers[0] != nullptr && n->nb_pointers[0]->next != nullptr ? n->nb_pointers[1]
+                                                                             : e;
+      if constexpr (Display) {
+        unite_disp(ctx, s, n, e);
+      } else {
+        unite(ctx, s, n, e);
+      }
+      unchanged = false;
+      // What n brought waits for s's next turn.
+      e = next;
+      prev = new_prev;
+    }
+  }
+  for (nb_node* f = s->nb_pointers[0]; f != nullptr; f = f->next) f->region->status &= ~1u;
+  return !unchanged;
+}
+
+template <bool Display>
+list_result<regionlist> parallel_phase(run_context& ctx, regionlist head) {
+  auto slots = create_array<block*>(ctx, static_cast<std::size_t>(ctx.max_seed),
+                                    alloc_site::seed_table);
+  if (slots == nullptr) return list_result<regionlist>::failure(status_no_memory);
+  seed_table seeds{slots, 0};
+  slots[0] = head;
+  head->status = 4;
+  if constexpr (Display) ctx.cur_color = 0;
+  const std::int32_t head_level = level(ctx, head->code);
+  for (block* x = head->next_region; x != nullptr && seeds.count < ctx.max_seed - 1;
+       x = x->next_region) {
+    if (ctx.use_all_seeds == 0 && level(ctx, x->code) != head_level) break;
+    slots[++seeds.count] = x;
+    x->status = 4;
+    if constexpr (Display) {
+      smg_dfill_region(ctx, ctx.cur_color, x);
+      ++ctx.cur_color;
+    }
+  }
+
+  std::int32_t k = 0;
+  while (seeds.count >= 0) {
+    block* s = slots[k];
+    if constexpr (Display) ctx.cur_color = frame_colour_at(ctx, s);
+    if (!seed_turn<Display>(ctx, seeds, s)) {
+      s->status = 2;
+      seeds.remove(s);
+    }
+    k = k < seeds.count ? k + 1 : 0;
+  }
+  ctx.allocator.release(slots);
+  ctx.print("finished parallell grouping\n");
+  if constexpr (Display) {
+    return list_result<regionlist>{sequential_grouping_disp(ctx, head), 0};
+  } else {
+    return list_result<regionlist>{sequential_grouping(ctx, head), 0};
+  }
+}
+
+}  // namespace
+
+list_result<regionlist> parallel_grouping(run_context& ctx, regionlist head) {
+  return parallel_phase<false>(ctx, head);
+}
+list_result<regionlist> parallel_grouping_disp(run_context& ctx, regionlist head) {
+  return parallel_phase<true>(ctx, head);
+}
+
+}  // namespace splitmerge

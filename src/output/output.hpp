@@ -1,0 +1,16 @@
+// Results: the label image and the region list file.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+#include "records/records.hpp"
+
+namespace splitmerge {
+
+class run_context;
+
+void make_output(const run_context& ctx, regionlist head, std::int32_t* output) noexcept;
+std::int32_t save_regionlist(run_context& ctx, regionlist head, const char* path) noexcept;
+
+}  // namespace splitmerge

@@ -1,0 +1,50 @@
+#include <cinttypes>
+#include <cstdio>
+
+#include "driver/run_context.hpp"
+#include "output/output.hpp"
+
+namespace splitmerge {
+
+namespace {
+
+struct saved_statistic {
+  block* head;
+  std::int64_t value;
+};
+
+}  // namespace
+
+std::int32_t save_regionlist(run_context& ctx, regionlist head, const char* path) noexcept {
+  std::size_t n = 0;
+  for (const block* h = head; h != nullptr; h = h->next_region) ++n;
+  auto saved = create_array<saved_statistic>(ctx, n, alloc_site::save_array);
+  if (saved == nullptr) return status_no_memory;
+  std::size_t i = 0;
+  for (block* h = head; h != nullptr; h = h->next_region, ++i) {
+    saved[i] = {h, h->variables[0]};
+    h->variables[0] = static_cast<std::int64_t>(i);  // neighbours are written as indices
+  }
+  std::FILE* file = std::fopen(path, "w");
+  if (file == nullptr) {
+    ctx.allocator.release(saved);
+    return status_no_file;
+  }
+  std::fprintf(file, "%d\n%d\n%d\n%2.4f\n%d\n%d\n", ctx.im_format_xy, ctx.im_format_z, 2, 4.0,
+               static_cast<int>(n), ctx.pred_choice);
+  for (i = 0; i < n; ++i) {
+    const block* h = saved[i].head;
+    std::fprintf(file, "%" PRId64 " %" PRId64 "\n", saved[i].value, h->variables[1]);
+    for (const block* b = h; b != nullptr; b = b->next_block)
+      std::fprintf(file, "%x\n", static_cast<unsigned>(b->code));
+    std::fprintf(file, "%d\n", 0);
+    for (const nb_node* e = h->nb_pointers[0]; e != nullptr; e = e->next)
+      std::fprintf(file, "%" PRId64 "\n", e->region->variables[0]);
+    std::fputs("-1\n", file);
+  }
+  ctx.allocator.release(saved);
+  std::fclose(file);
+  return 0;
+}
+
+}  // namespace splitmerge

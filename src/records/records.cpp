@@ -1,0 +1,124 @@
+#include "records/records.hpp"
+
+#include <cinttypes>
+#include <cstdio>
+
+#include "driver/run_context.hpp"
+
+namespace splitmerge {
+
+block* new_block(run_context& ctx) noexcept {
+  // Zero-filled: region fields read as empty even before the regions exist.
+  return static_cast<block*>(ctx.allocator.allocate(sizeof(block), alloc_site::block_record));
+}
+
+nb_node* new_nb_node(run_context& ctx, block* region, nb_node* next) noexcept {
+  auto* e = static_cast<nb_node*>(
+      ctx.allocator.allocate_uninitialised(sizeof(nb_node), alloc_site::neighbour_entry));
+  if (e != nullptr) {
+    e->region = region;
+    e->next = next;
+  }
+  return e;
+}
+
+namespace {
+
+void release_chain(run_context& ctx, block* b) noexcept {
+  while (b != nullptr) {
+    block* next = b->next_block;
+    ctx.allocator.release(b);
+    b = next;
+  }
+}
+
+// An absorbed head keeps only its forwarding entry; the entries behind it
+// were handed to the absorbing region.
+void release_member(run_context& ctx, block* b) noexcept {
+  if (b->region_pointer == nullptr) ctx.allocator.release(b->nb_pointers[0]);
+  ctx.allocator.release(b);
+}
+
+}  // namespace
+
+std::int32_t free_blocklist(run_context& ctx, blocklist list) noexcept {
+  if (list != nullptr) {
+    release_chain(ctx, list[0]);
+    ctx.allocator.release(list);
+  }
+  return -1;
+}
+
+std::int32_t free_initregion(run_context& ctx, blocklist list, void* further) noexcept {
+  if (list != nullptr) {
+    for (block* b = list[0]; b != nullptr;) {
+      block* next = b->next_block;
+      free_cur_np(ctx, b->nb_pointers[0]);
+      ctx.allocator.release(b);
+      b = next;
+    }
+    ctx.allocator.release(list);
+  }
+  ctx.allocator.release(further);
+  return -1;
+}
+
+std::int32_t free_cur_np(run_context& ctx, nb_node* first) noexcept {
+  while (first != nullptr) {
+    nb_node* next = first->next;
+    ctx.allocator.release(first);
+    first = next;
+  }
+  return -1;
+}
+
+void free_regionlist(run_context& ctx, regionlist head) noexcept {
+  if (head == nullptr) return;
+  block* r = head;
+  if (r->next_region != nullptr) {
+    while (r != nullptr && r->region_pointer == nullptr) r = r->next_region;
+    // Unlink absorbed heads: they are released as members of their absorbers.
+    for (block* h = r; h != nullptr; h = h->next_region) {
+      block* n = h->next_region;
+      while (n != nullptr && n->region_pointer == nullptr) n = n->next_region;
+      h->next_region = n;
+    }
+  }
+  while (r != nullptr) {
+    block* next_region = r->next_region;
+    free_cur_np(ctx, r->nb_pointers[0]);
+    block* b = r->next_block;
+    ctx.allocator.release(r);
+    while (b != nullptr) {
+      block* next = b->next_block;
+      release_member(ctx, b);
+      b = next;
+    }
+    r = next_region;
+  }
+}
+
+void print_region(run_context& ctx, const block& b) {
+  char line[128];
+  const auto low = [](const void* p) {
+    return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(p) & 0xFFFFFFFFu);
+  };
+  std::snprintf(line, sizeof line, "code = %x\n", static_cast<unsigned>(b.code));
+  ctx.print(line);
+  std::snprintf(line, sizeof line, "variables = %" PRId64 ", %" PRId64 "\n", b.variables[0],
+                b.variables[1]);
+  ctx.print(line);
+  std::snprintf(line, sizeof line, "region_pointer = %x\n", low(b.region_pointer));
+  ctx.print(line);
+  std::snprintf(line, sizeof line, "nb_pointers = %x, %x\n", low(b.nb_pointers[0]),
+                low(b.nb_pointers[1]));
+  ctx.print(line);
+  std::snprintf(line, sizeof line, "status = %d\n", static_cast<int>(b.status));
+  ctx.print(line);
+  std::snprintf(line, sizeof line, "next_block = %x\n", low(b.next_block));
+  ctx.print(line);
+  std::snprintf(line, sizeof line, "next_region = %x\n", low(b.next_region));
+  ctx.print(line);
+}
+
+}  // namespace splitmerge

@@ -1,0 +1,30 @@
+// Region list finishing: small region elimination, cleaning and sorting.
+#pragma once
+
+#include <cstdint>
+
+#include "records/records.hpp"
+
+namespace splitmerge {
+
+class run_context;
+
+void region_elimination(run_context& ctx, regionlist head) noexcept;
+void region_elimination_disp(run_context& ctx, regionlist head) noexcept;
+regionlist clean_regionlist(run_context& ctx, regionlist head) noexcept;
+list_result<regionlist> sort_regionlist(run_context& ctx, regionlist head) noexcept;
+
+struct sort_entry {
+  block* head;
+  std::uint32_t size;
+};
+// Quicksort with the first entry as pivot, larger sizes first; the order of
+// equal sizes is the one this exact procedure gives. `scratch` holds
+// hi - lo + 1 values or is null (then the plain recursion runs).
+void qsort(sort_entry* entries, std::int32_t lo, std::int32_t hi,
+           std::uint32_t* scratch = nullptr) noexcept;
+
+// Pixel count of a region: its blocks' sizes, summed until `limit` is reached.
+std::int64_t region_size(const run_context& ctx, const block* head, std::int64_t limit) noexcept;
+
+}  // namespace splitmerge

@@ -1,0 +1,80 @@
+#include "display/display.hpp"
+#include "driver/run_context.hpp"
+#include "evaluation/evaluation.hpp"
+#include "geometry/geometry.hpp"
+#include "tree/tree.hpp"
+
+namespace splitmerge {
+
+namespace {
+
+// Replaces the group g..last (n blocks of level lvl) by their parent, kept in
+// g's record.
+void merge_group(run_context& ctx, blocklist list, block* g, block* last, std::int32_t lvl,
+                 std::int32_t n, std::uint32_t stride, std::int64_t acc0, std::int64_t acc1) {
+  g->code = changed_code(0, lvl, g->code);
+  g->variables[0] = acc0;
+  g->variables[1] = acc1;
+  block* child = g->next_block;
+  g->next_block = last->next_block;
+  for (std::int32_t j = 1; j < n; ++j) {
+    block* next = child->next_block;
+    ctx.allocator.release(child);
+    child = next;
+  }
+  const std::uint32_t e = entry(ctx, g->code);
+  for (std::int32_t j = 1; j < n; ++j) list[e + static_cast<std::uint32_t>(j) * stride] = nullptr;
+}
+
+template <bool Display>
+void merge_phase(run_context& ctx, blocklist list) noexcept {
+  std::uint32_t stride = 1;
+  for (std::int32_t lvl = ctx.init_level;; ++lvl) {
+    const std::int32_t n = ctx.blocks_perlevel[lvl];
+    bool merged = false;
+    block* g = list[0];
+    block* b = g;
+    std::int32_t k = 0;
+    std::int64_t acc0 = 0;
+    std::int64_t acc1 = 0;
+    while (b != nullptr) {
+      if (level(ctx, b->code) == lvl) {
+        ++k;
+        if (update_evalvar(ctx, b, acc0, acc1, k, lvl) != 0) {
+          if (k < n) {
+            b = b->next_block;
+            continue;
+          }
+          merge_group(ctx, list, g, b, lvl, n, stride, acc0, acc1);
+          if constexpr (Display) {
+            smg_dfill_block(ctx, coordinates(ctx, g->code, lvl + 1), sizes_block(ctx, lvl + 1),
+                            nibble(g->code, lvl + 1));
+            smg_display_im(ctx);
+          }
+          merged = true;
+          g = g->next_block;
+          b = g;
+          k = 0;
+          acc0 = acc1 = 0;
+          continue;
+        }
+      }
+      // Give up the group: jump to the first block of the next cell.
+      const std::uint32_t c = next_code(ctx, b->code, lvl + 1);
+      if (c == 0) break;
+      g = list[entry(ctx, c)];
+      b = g;
+      k = 0;
+      acc0 = acc1 = 0;
+    }
+    stride *= lvl >= ctx.lim_oct_level ? 8u : 4u;
+    if (!merged || lvl + 1 == ctx.max_level) return;
+  }
+}
+
+}  // namespace
+
+void smg_merge(run_context& ctx, blocklist list) noexcept { merge_phase<false>(ctx, list); }
+void smg_merge_disp(run_context& ctx, blocklist list) noexcept { merge_phase<true>(ctx, list); }
+
+}  // namespace splitmerge

@@ -1,0 +1,107 @@
+#include "display/display.hpp"
+#include "driver/run_context.hpp"
+#include "evaluation/evaluation.hpp"
+#include "geometry/geometry.hpp"
+#include "tree/tree.hpp"
+
+namespace splitmerge {
+
+namespace {
+
+template <bool Display>
+std::int32_t sons_of(run_context& ctx, block* b, std::int32_t lvl, block_position at,
+                     block_extent extent) noexcept {
+  const block_extent son_extent{
+      extent.side / 2, extent.row_span / 2,
+      lvl >= ctx.lim_oct_level ? extent.slice_span / 2 : extent.slice_span};
+  const std::int32_t n = ctx.blocks_perlevel[lvl];
+  const std::uint32_t parent_code = b->code;
+  block* const successor = b->next_block;
+  b->code = changed_code(1, lvl, parent_code);
+
+  const auto position_of = [&](std::int32_t k) {
+    const std::int32_t d = k - 1;
+    block_position p = at;
+    if (d & 1) p.column += son_extent.side;
+    if (d & 2) p.row += son_extent.row_span;
+    if (d & 4) p.slice += son_extent.slice_span;
+    return p;
+  };
+  const auto evaluate = [&](block* son, std::int32_t k, const block_position& p) {
+    if constexpr (Display) {
+      smg_dfill_block(ctx, p, son_extent, static_cast<std::uint32_t>(k));
+      smg_display_im(ctx);
+    }
+    calc_evalvar(ctx, p, son_extent, lvl, son);
+  };
+
+  block* son = b;
+  for (std::int32_t k = 1; k < n; ++k) {
+    const block_position p = position_of(k);
+    evaluate(son, k, p);
+    block* next = new_block(ctx);
+    if (next == nullptr) {
+      son->next_block = successor;
+      return -1;
+    }
+    son->next_block = next;
+    if (son->variables[0] < 0 && lvl > 0) {
+      const std::int32_t r = sons_of<Display>(ctx, son, lvl - 1, p, son_extent);
+      ctx.phase_status = r;
+      if (check_pointer(r) != 0) {
+        // Keep the chain whole so that the release reaches every record.
+        next->next_block = successor;
+        return r;
+      }
+    }
+    next->code = changed_code(static_cast<std::uint32_t>(k) + 1, lvl, parent_code);
+    son = next;
+  }
+  const block_position p = position_of(n);
+  evaluate(son, n, p);
+  son->next_block = successor;
+  if (son->variables[0] < 0 && lvl > 0) {
+    const std::int32_t r = sons_of<Display>(ctx, son, lvl - 1, p, son_extent);
+    ctx.phase_status = r;
+    return r;
+  }
+  return 0;
+}
+
+template <bool Display>
+std::int32_t split_phase(run_context& ctx, blocklist list) noexcept {
+  if (ctx.init_level == 0) return 0;  // single pixels have no sons
+  const block_extent extent = sizes_block(ctx, ctx.init_level);
+  for (block* b = list[0]; b != nullptr;) {
+    block* next = b->next_block;
+    if (b->variables[0] < 0) {
+      const block_position at = coordinates(ctx, b->code, ctx.init_level);
+      const std::int32_t r = sons_of<Display>(ctx, b, ctx.init_level - 1, at, extent);
+      ctx.phase_status = r;
+      if (check_pointer(r) != 0) return free_blocklist(ctx, list);
+    }
+    b = next;
+  }
+  return 0;
+}
+
+}  // namespace
+
+std::int32_t smg_split(run_context& ctx, blocklist list) noexcept {
+  return split_phase<false>(ctx, list);
+}
+std::int32_t smg_split_disp(run_context& ctx, blocklist list) noexcept {
+  return split_phase<true>(ctx, list);
+}
+std::int32_t make_sons(run_context& ctx, block* b, std::int32_t lvl, std::int32_t column,
+                       std::int32_t row, std::int32_t slice, std::int32_t side,
+                       std::int32_t row_span, std::int32_t slice_span) noexcept {
+  return sons_of<false>(ctx, b, lvl, {column, row, slice}, {side, row_span, slice_span});
+}
+std::int32_t make_sons_disp(run_context& ctx, block* b, std::int32_t lvl, std::int32_t column,
+                            std::int32_t row, std::int32_t slice, std::int32_t side,
+                            std::int32_t row_span, std::int32_t slice_span) noexcept {
+  return sons_of<true>(ctx, b, lvl, {column, row, slice}, {side, row_span, slice_span});
+}
+
+}  // namespace splitmerge
