@@ -93,6 +93,53 @@ list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
   return sorted;
 }
 
+std::int32_t prepare_run(run_context& ctx, const run_arguments& a) {
+  ctx.my_image = a.image;
+  ctx.smg_img_size = a.size_y * a.size_x * a.size_z;
+  if (create_first_frame(ctx) != 0) return status_no_memory;
+  ctx.max_level = a.max_level;
+  ctx.lim_oct_level = a.lim_oct_level;
+  ctx.group_mode = a.group_mode;
+  ctx.max_seed = a.max_seed;
+  ctx.use_all_seeds = a.use_all_seeds;
+  ctx.small_size = a.small_size;
+  ctx.statistic_update = a.statistic_update;
+  ctx.rejection_ratio = static_cast<std::int32_t>(a.rejection * 100.0);
+  ctx.im_format_xy = a.size_x;
+  ctx.im_format_z = a.size_z;
+  ctx.voxels_slice = a.size_x * a.size_x;
+  ctx.voxels_image = ctx.voxels_slice * a.size_z;
+  ctx.smg_disp_cur = ctx.smg_disp;
+  ctx.init_level = a.init_level;
+  ctx.pred_choice = a.pred_choice;
+  ctx.interval_length = a.interval_length;
+  ctx.smg_dsp_count = 1;
+  ctx.smg_dsp_count_l = frame_interval;
+
+  if (fill_blocks_per_level(ctx) != 0) return status_no_memory;
+  if (fill_pixels_per_block(ctx) != 0) {
+    free_variables(ctx);
+    return status_no_memory;
+  }
+  std::int32_t table_status = 0;
+  if (a.pred_choice == 5) {
+    table_status = fill_pseudo_variance(ctx, a.sigma * a.sigma, a.pseudo_factor);
+  } else if (a.pred_choice == 4) {
+    table_status = fill_chi_variance(ctx, a.threshold_row, a.sigma * a.sigma);
+  } else if (a.pred_choice == 3) {
+    ctx.half_length = a.interval_length >> 1;
+    ctx.hulp_array = create_array<std::int32_t>(
+        ctx, static_cast<std::size_t>(ctx.pixels_perblock[a.init_level]) + 1,
+        alloc_site::median_scratch);
+    if (ctx.hulp_array == nullptr) table_status = -1;
+  }
+  if (table_status != 0) {
+    free_variables(ctx);
+    return status_no_memory;
+  }
+  return 0;
+}
+
 std::int32_t split_merge_group(run_context& ctx, const std::int32_t* image, std::int32_t size_x,
                                std::int32_t size_y, std::int32_t size_z, std::int32_t max_level,
                                std::int32_t lim_oct_level, std::int32_t* output,
@@ -117,49 +164,7 @@ std::int32_t split_merge_group(run_context& ctx, const std::int32_t* image, std:
     return status_no_memory;
   }
 
-  ctx.my_image = image;
-  ctx.smg_img_size = size_y * size_x * size_z;
-  if (create_first_frame(ctx) != 0) return status_no_memory;
-  ctx.max_level = max_level;
-  ctx.lim_oct_level = lim_oct_level;
-  ctx.group_mode = group_mode;
-  ctx.max_seed = max_seed;
-  ctx.use_all_seeds = use_all_seeds;
-  ctx.small_size = small_size;
-  ctx.statistic_update = statistic_update;
-  ctx.rejection_ratio = static_cast<std::int32_t>(rejection * 100.0);
-  ctx.im_format_xy = size_x;
-  ctx.im_format_z = size_z;
-  ctx.voxels_slice = size_x * size_x;
-  ctx.voxels_image = ctx.voxels_slice * size_z;
-  ctx.smg_disp_cur = ctx.smg_disp;
-  ctx.init_level = init_level;
-  ctx.pred_choice = pred_choice;
-  ctx.interval_length = interval_length;
-  ctx.smg_dsp_count = 1;
-  ctx.smg_dsp_count_l = frame_interval;
-
-  if (fill_blocks_per_level(ctx) != 0) return status_no_memory;
-  if (fill_pixels_per_block(ctx) != 0) {
-    free_variables(ctx);
-    return status_no_memory;
-  }
-  std::int32_t table_status = 0;
-  if (pred_choice == 5) {
-    table_status = fill_pseudo_variance(ctx, sigma * sigma, pseudo_factor);
-  } else if (pred_choice == 4) {
-    table_status = fill_chi_variance(ctx, threshold_row, sigma * sigma);
-  } else if (pred_choice == 3) {
-    ctx.half_length = interval_length >> 1;
-    ctx.hulp_array = create_array<std::int32_t>(
-        ctx, static_cast<std::size_t>(ctx.pixels_perblock[init_level]) + 1,
-        alloc_site::median_scratch);
-    if (ctx.hulp_array == nullptr) table_status = -1;
-  }
-  if (table_status != 0) {
-    free_variables(ctx);
-    return status_no_memory;
-  }
+  if (prepare_run(ctx, args) != 0) return status_no_memory;
 
   const auto regions = split_merge(ctx, display);
   ctx.print("finished the split_merge routine\n");

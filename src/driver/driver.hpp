@@ -47,6 +47,11 @@ std::int32_t split_merge_group(run_context& ctx, const std::int32_t* image, std:
                                std::int32_t display, const char* filename, double rejection,
                                double sigma, double pseudo_factor);
 
+// Stores the run's image and parameters in the context and builds the
+// per-run tables and the first display frame (the set-up of a run, without
+// validation). Returns 0 or -1.
+std::int32_t prepare_run(run_context& ctx, const run_arguments& a);
+
 list_result<regionlist> split_merge(run_context& ctx, std::int32_t display);
 void free_variables(run_context& ctx) noexcept;
 

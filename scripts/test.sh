@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs every test: the unit tests in a
+# release build and under AddressSanitizer/UndefinedBehaviorSanitizer, the
+# Octave tests of the MEX module, and a bounded fuzz run.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup.sh test
+jobs="$(nproc)"
+
+echo "== release build and tests"
+cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build build/release -j "$jobs"
+ctest --test-dir build/release --output-on-failure -j "$jobs"
+
+echo "== sanitizer build and tests (address, undefined, leak)"
+cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=Debug -DSPLITMERGE_SANITIZE=address,undefined \
+  >/dev/null
+cmake --build build/sanitize -j "$jobs"
+ASAN_OPTIONS=detect_leaks=1 ctest --test-dir build/sanitize --output-on-failure -j "$jobs"
+
+if [ -x matlab/test_octave.sh ]; then
+  echo "== Octave tests of the MEX module"
+  matlab/test_octave.sh
+fi
+if [ -x tests/fuzz/run_bounded.sh ]; then
+  echo "== bounded fuzz run"
+  tests/fuzz/run_bounded.sh
+fi
+echo "== all tests passed"

@@ -1,0 +1,57 @@
+// Builds a run context for testing one phase at a time.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "driver/driver.hpp"
+#include "driver/run_context.hpp"
+
+namespace splitmerge::testing {
+
+struct image_spec {
+  std::int32_t size_x = 8;
+  std::int32_t size_z = 1;
+  std::int32_t max_level = 3;
+  std::int32_t lim_oct_level = 3;
+  std::int32_t init_level = 1;
+  std::int32_t pred_choice = 1;
+  std::int32_t interval_length = 10;
+};
+
+// A context prepared as the library entry prepares it, over an image it owns.
+struct prepared_run {
+  std::vector<std::int32_t> image;
+  run_arguments args;
+  run_context ctx;
+
+  prepared_run(std::vector<std::int32_t> pixels, const image_spec& s) : image(std::move(pixels)) {
+    args.image = image.data();
+    args.size_x = s.size_x;
+    args.size_y = s.size_x;
+    args.size_z = s.size_z;
+    args.max_level = s.max_level;
+    args.lim_oct_level = s.lim_oct_level;
+    args.init_level = s.init_level;
+    args.group_mode = 0;
+    args.max_seed = 2;
+    args.use_all_seeds = 0;
+    args.pred_choice = s.pred_choice;
+    args.interval_length = s.interval_length;
+    args.threshold_row = 3;
+    args.small_size = 0;
+    args.statistic_update = 1;
+    args.rejection = 0.25;
+    args.sigma = 2.0;
+    args.pseudo_factor = 1.0;
+    ok = prepare_run(ctx, args) == 0;
+  }
+  ~prepared_run() { free_variables(ctx); }
+  prepared_run(const prepared_run&) = delete;
+  prepared_run& operator=(const prepared_run&) = delete;
+
+  bool ok = false;
+};
+
+}  // namespace splitmerge::testing
