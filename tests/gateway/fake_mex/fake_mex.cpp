@@ -1,0 +1,308 @@
+// The fake host behind mex.h: arrays are plain vectors, errors are exceptions
+// and printed text is kept for the tests to compare.
+#include "mex.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+struct mxArray {
+  mxClassID class_id = mxDOUBLE_CLASS;
+  bool complex = false;
+  std::vector<mwSize> dims;
+  std::vector<unsigned char> real;
+  std::vector<unsigned char> imag;
+};
+
+namespace {
+
+struct host_state {
+  std::string printed;
+  std::vector<fake_mex::host_warning> warnings;
+  std::int64_t live = 0;
+  int creates_until_failure = 0;
+};
+
+host_state& state() {
+  static host_state s;
+  return s;
+}
+
+std::string format_text(const char* format, std::va_list args) {
+  std::va_list copy;
+  va_copy(copy, args);
+  const int n = std::vsnprintf(nullptr, 0, format, copy);
+  va_end(copy);
+  std::string text(static_cast<std::size_t>(n > 0 ? n : 0), '\0');
+  std::vsnprintf(text.data(), text.size() + 1, format, args);
+  return text;
+}
+
+std::size_t element_size(mxClassID c) {
+  switch (c) {
+    case mxLOGICAL_CLASS:
+    case mxINT8_CLASS:
+    case mxUINT8_CLASS:
+      return 1;
+    case mxCHAR_CLASS:
+    case mxINT16_CLASS:
+    case mxUINT16_CLASS:
+      return 2;
+    case mxSINGLE_CLASS:
+    case mxINT32_CLASS:
+    case mxUINT32_CLASS:
+      return 4;
+    default:
+      return 8;
+  }
+}
+
+template <class T>
+double first_as_double(const mxArray* a) {
+  T v{};
+  std::memcpy(&v, a->real.data(), sizeof v);
+  return static_cast<double>(v);
+}
+
+template <class T>
+void store_first(mxArray* a, double value) {
+  const auto v = static_cast<T>(value);
+  std::memcpy(a->real.data(), &v, sizeof v);
+}
+
+// The host keeps at least two dimensions and drops trailing singletons.
+std::vector<mwSize> host_dims(mwSize ndim, const mwSize* dims) {
+  std::vector<mwSize> d(dims, dims + ndim);
+  while (d.size() > 2 && d.back() == 1) d.pop_back();
+  while (d.size() < 2) d.push_back(d.empty() ? 0 : 1);
+  return d;
+}
+
+mxArray* new_array(const std::vector<mwSize>& dims, mxClassID c, bool complex) {
+  auto* a = new mxArray;
+  a->class_id = c;
+  a->complex = complex;
+  a->dims = host_dims(static_cast<mwSize>(dims.size()), dims.data());
+  std::size_t n = 1;
+  for (mwSize d : a->dims) n *= static_cast<std::size_t>(d);
+  a->real.assign(n * element_size(c), 0);
+  if (complex) a->imag.assign(n * element_size(c), 0);
+  ++state().live;
+  return a;
+}
+
+}  // namespace
+
+extern "C" {
+
+void mexErrMsgIdAndTxt(const char* id, const char* format, ...) {
+  std::va_list args;
+  va_start(args, format);
+  std::string text = format_text(format, args);
+  va_end(args);
+  throw fake_mex::host_error(id, text);
+}
+
+void mexWarnMsgIdAndTxt(const char* id, const char* format, ...) {
+  std::va_list args;
+  va_start(args, format);
+  state().warnings.push_back({id, format_text(format, args)});
+  va_end(args);
+}
+
+int mexPrintf(const char* format, ...) {
+  std::va_list args;
+  va_start(args, format);
+  const std::string text = format_text(format, args);
+  va_end(args);
+  state().printed += text;
+  return static_cast<int>(text.size());
+}
+
+mwSize mxGetNumberOfDimensions(const mxArray* a) { return static_cast<mwSize>(a->dims.size()); }
+const mwSize* mxGetDimensions(const mxArray* a) { return a->dims.data(); }
+std::size_t mxGetNumberOfElements(const mxArray* a) {
+  return a->real.size() / element_size(a->class_id);
+}
+mxClassID mxGetClassID(const mxArray* a) { return a->class_id; }
+
+const char* mxGetClassName(const mxArray* a) {
+  switch (a->class_id) {
+    case mxLOGICAL_CLASS:
+      return "logical";
+    case mxCHAR_CLASS:
+      return "char";
+    case mxDOUBLE_CLASS:
+      return "double";
+    case mxSINGLE_CLASS:
+      return "single";
+    case mxINT8_CLASS:
+      return "int8";
+    case mxUINT8_CLASS:
+      return "uint8";
+    case mxINT16_CLASS:
+      return "int16";
+    case mxUINT16_CLASS:
+      return "uint16";
+    case mxINT32_CLASS:
+      return "int32";
+    case mxUINT32_CLASS:
+      return "uint32";
+    case mxINT64_CLASS:
+      return "int64";
+    case mxUINT64_CLASS:
+      return "uint64";
+    default:
+      return "unknown";
+  }
+}
+
+bool mxIsInt32(const mxArray* a) { return a->class_id == mxINT32_CLASS; }
+bool mxIsNumeric(const mxArray* a) { return a->class_id >= mxDOUBLE_CLASS && a->class_id <= mxUINT64_CLASS; }
+bool mxIsComplex(const mxArray* a) { return a->complex; }
+
+double mxGetScalar(const mxArray* a) {
+  if (a->real.empty()) return 0.0;
+  switch (a->class_id) {
+    case mxLOGICAL_CLASS:
+    case mxUINT8_CLASS:
+      return first_as_double<std::uint8_t>(a);
+    case mxINT8_CLASS:
+      return first_as_double<std::int8_t>(a);
+    case mxCHAR_CLASS:
+    case mxUINT16_CLASS:
+      return first_as_double<std::uint16_t>(a);
+    case mxINT16_CLASS:
+      return first_as_double<std::int16_t>(a);
+    case mxINT32_CLASS:
+      return first_as_double<std::int32_t>(a);
+    case mxUINT32_CLASS:
+      return first_as_double<std::uint32_t>(a);
+    case mxINT64_CLASS:
+      return first_as_double<std::int64_t>(a);
+    case mxUINT64_CLASS:
+      return first_as_double<std::uint64_t>(a);
+    case mxSINGLE_CLASS:
+      return first_as_double<float>(a);
+    default:
+      return first_as_double<double>(a);
+  }
+}
+
+void* mxGetData(const mxArray* a) {
+  return a->real.empty() ? nullptr : const_cast<unsigned char*>(a->real.data());
+}
+
+mxArray* mxCreateNumericArray(mwSize ndim, const mwSize* dims, mxClassID class_id,
+                              mxComplexity complexity) {
+  int& countdown = state().creates_until_failure;
+  if (countdown > 0 && --countdown == 0) throw std::bad_alloc();
+  return new_array(std::vector<mwSize>(dims, dims + ndim), class_id, complexity == mxCOMPLEX);
+}
+
+mxArray* mxCreateDoubleScalar(double value) { return fake_mex::scalar(value); }
+
+void mxDestroyArray(mxArray* a) {
+  if (a == nullptr) return;
+  --state().live;
+  delete a;
+}
+
+}  // extern "C"
+
+namespace fake_mex {
+
+void reset() {
+  state().printed.clear();
+  state().warnings.clear();
+  state().creates_until_failure = 0;
+}
+
+const std::string& printed() { return state().printed; }
+const std::vector<host_warning>& warnings() { return state().warnings; }
+std::int64_t live_arrays() { return state().live; }
+void fail_create_at(int k) { state().creates_until_failure = k; }
+
+mxArray* int32_array(const std::vector<mwSize>& dims, const std::vector<std::int32_t>& values) {
+  mxArray* a = new_array(dims, mxINT32_CLASS, false);
+  if (values.size() * sizeof(std::int32_t) != a->real.size())
+    throw std::invalid_argument("int32_array: values do not match the dimensions");
+  std::memcpy(a->real.data(), values.data(), a->real.size());
+  return a;
+}
+
+mxArray* double_array(const std::vector<mwSize>& dims, const std::vector<double>& values) {
+  mxArray* a = new_array(dims, mxDOUBLE_CLASS, false);
+  if (values.size() * sizeof(double) != a->real.size())
+    throw std::invalid_argument("double_array: values do not match the dimensions");
+  std::memcpy(a->real.data(), values.data(), a->real.size());
+  return a;
+}
+
+mxArray* scalar(double value, mxClassID class_id) {
+  mxArray* a = new_array({1, 1}, class_id, false);
+  switch (class_id) {
+    case mxINT8_CLASS:
+      store_first<std::int8_t>(a, value);
+      break;
+    case mxUINT8_CLASS:
+    case mxLOGICAL_CLASS:
+      store_first<std::uint8_t>(a, value);
+      break;
+    case mxINT16_CLASS:
+      store_first<std::int16_t>(a, value);
+      break;
+    case mxCHAR_CLASS:
+    case mxUINT16_CLASS:
+      store_first<std::uint16_t>(a, value);
+      break;
+    case mxINT32_CLASS:
+      store_first<std::int32_t>(a, value);
+      break;
+    case mxUINT32_CLASS:
+      store_first<std::uint32_t>(a, value);
+      break;
+    case mxINT64_CLASS:
+      store_first<std::int64_t>(a, value);
+      break;
+    case mxUINT64_CLASS:
+      store_first<std::uint64_t>(a, value);
+      break;
+    case mxSINGLE_CLASS:
+      store_first<float>(a, value);
+      break;
+    default:
+      store_first<double>(a, value);
+  }
+  return a;
+}
+
+mxArray* complex_scalar(double re, double im) {
+  mxArray* a = new_array({1, 1}, mxDOUBLE_CLASS, true);
+  std::memcpy(a->real.data(), &re, sizeof re);
+  std::memcpy(a->imag.data(), &im, sizeof im);
+  return a;
+}
+
+mxArray* char_array(const std::string& text) {
+  mxArray* a = new_array({1, static_cast<mwSize>(text.size())}, mxCHAR_CLASS, false);
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<std::uint16_t>(static_cast<unsigned char>(text[i]));
+    std::memcpy(a->real.data() + 2 * i, &c, sizeof c);
+  }
+  return a;
+}
+
+mxArray* logical_scalar(bool value) { return scalar(value ? 1.0 : 0.0, mxLOGICAL_CLASS); }
+
+std::vector<mwSize> dimensions(const mxArray* a) { return a->dims; }
+
+std::vector<std::int32_t> int32_values(const mxArray* a) {
+  if (a->class_id != mxINT32_CLASS) throw std::invalid_argument("int32_values: not int32");
+  std::vector<std::int32_t> v(a->real.size() / sizeof(std::int32_t));
+  std::memcpy(v.data(), a->real.data(), a->real.size());
+  return v;
+}
+
+}  // namespace fake_mex

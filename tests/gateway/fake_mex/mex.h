@@ -1,0 +1,103 @@
+// A stand-in for the host's MEX interface: the gateway source compiles against
+// this header in the unit tests, so its argument checks, output shapes and
+// frame copying run under ctest without MATLAB or Octave.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+// Octave's mwSize is signed, MATLAB's unsigned; the tests build both ways.
+#if defined(FAKE_MEX_UNSIGNED_MWSIZE)
+using mwSize = std::size_t;
+#else
+using mwSize = std::int64_t;
+#endif
+
+struct mxArray;
+
+enum mxClassID {
+  mxUNKNOWN_CLASS,
+  mxCELL_CLASS,
+  mxSTRUCT_CLASS,
+  mxLOGICAL_CLASS,
+  mxCHAR_CLASS,
+  mxVOID_CLASS,
+  mxDOUBLE_CLASS,
+  mxSINGLE_CLASS,
+  mxINT8_CLASS,
+  mxUINT8_CLASS,
+  mxINT16_CLASS,
+  mxUINT16_CLASS,
+  mxINT32_CLASS,
+  mxUINT32_CLASS,
+  mxINT64_CLASS,
+  mxUINT64_CLASS,
+  mxFUNCTION_CLASS
+};
+
+enum mxComplexity { mxREAL, mxCOMPLEX };
+
+extern "C" {
+void mexFunction(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]);
+
+// Like the real hosts, these three format their text printf-style.
+void mexErrMsgIdAndTxt(const char* id, const char* format, ...);
+void mexWarnMsgIdAndTxt(const char* id, const char* format, ...);
+int mexPrintf(const char* format, ...);
+
+mwSize mxGetNumberOfDimensions(const mxArray* a);
+const mwSize* mxGetDimensions(const mxArray* a);
+std::size_t mxGetNumberOfElements(const mxArray* a);
+mxClassID mxGetClassID(const mxArray* a);
+const char* mxGetClassName(const mxArray* a);
+bool mxIsInt32(const mxArray* a);
+bool mxIsNumeric(const mxArray* a);
+bool mxIsComplex(const mxArray* a);
+double mxGetScalar(const mxArray* a);
+void* mxGetData(const mxArray* a);
+mxArray* mxCreateNumericArray(mwSize ndim, const mwSize* dims, mxClassID class_id,
+                              mxComplexity complexity);
+mxArray* mxCreateDoubleScalar(double value);
+void mxDestroyArray(mxArray* a);
+}
+
+// What the tests use to build inputs, read outputs and watch the host.
+namespace fake_mex {
+
+// What mexErrMsgIdAndTxt throws: the real hosts leave the gateway at once too.
+struct host_error : std::runtime_error {
+  host_error(std::string identifier, const std::string& text)
+      : std::runtime_error(text), id(std::move(identifier)) {}
+  std::string id;
+};
+
+struct host_warning {
+  std::string id;
+  std::string text;
+};
+
+// Clears the printed text, the warnings and the failure hook.
+void reset();
+// Everything mexPrintf printed since the last reset.
+const std::string& printed();
+const std::vector<host_warning>& warnings();
+// Arrays created and not yet destroyed.
+std::int64_t live_arrays();
+// Makes the k-th mxCreateNumericArray from now on fail the way Octave's does
+// (std::bad_alloc); 0 disables the hook.
+void fail_create_at(int k);
+
+mxArray* int32_array(const std::vector<mwSize>& dims, const std::vector<std::int32_t>& values);
+mxArray* scalar(double value, mxClassID class_id = mxDOUBLE_CLASS);
+mxArray* complex_scalar(double re, double im);
+mxArray* char_array(const std::string& text);
+mxArray* logical_scalar(bool value);
+mxArray* double_array(const std::vector<mwSize>& dims, const std::vector<double>& values);
+
+std::vector<mwSize> dimensions(const mxArray* a);
+std::vector<std::int32_t> int32_values(const mxArray* a);
+
+}  // namespace fake_mex
