@@ -1,0 +1,356 @@
+// Region adjacency, sequential and parallel grouping on the worked examples,
+// and adjacency against a brute-force neighbour computation.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+#include <vector>
+
+#include "geometry/geometry.hpp"
+#include "grouping/grouping.hpp"
+#include "support/run_setup.hpp"
+#include "tree/tree.hpp"
+
+namespace splitmerge {
+namespace {
+
+using testing::image_spec;
+using testing::prepared_run;
+
+// Runs the tree phases and the adjacency build.
+regionlist build_regions(prepared_run& run) {
+  const auto built = init_blocklist(run.ctx);
+  if (check_pointer(built) != 0) return nullptr;
+  smg_merge(run.ctx, built.value);
+  if (smg_split(run.ctx, built.value) != 0) return nullptr;
+  const auto regions = group_init(run.ctx, built.value);
+  return check_pointer(regions) != 0 ? nullptr : regions.value;
+}
+
+std::vector<std::uint32_t> region_order(const block* head) {
+  std::vector<std::uint32_t> codes;
+  for (; head != nullptr; head = head->next_region) codes.push_back(head->code);
+  return codes;
+}
+
+std::vector<std::uint32_t> neighbours(const block* b) {
+  std::vector<std::uint32_t> codes;
+  for (const nb_node* e = b->nb_pointers[0]; e != nullptr; e = e->next)
+    codes.push_back(e->region->code);
+  return codes;
+}
+
+std::vector<std::uint32_t> resolved_neighbours(const block* b) {
+  std::vector<std::uint32_t> codes;
+  for (nb_node* e = b->nb_pointers[0]; e != nullptr; e = e->next) codes.push_back(resolve(e)->code);
+  return codes;
+}
+
+std::vector<std::uint32_t> chain(const block* b) {
+  std::vector<std::uint32_t> codes;
+  for (; b != nullptr; b = b->next_block) codes.push_back(b->code);
+  return codes;
+}
+
+block* find(block* head, std::uint32_t code) {
+  for (; head != nullptr; head = head->next_region)
+    if (head->code == code) return head;
+  return nullptr;
+}
+
+// 4x4 plane: the top-left 2x2 cell is rough and splits into single pixels.
+prepared_run plane_example() {
+  std::vector<std::int32_t> img(16, 200);
+  img[0] = 0;
+  img[1] = 50;
+  img[4] = 100;
+  img[5] = 150;
+  return prepared_run(img, {4, 1, 2, 2, 1, 1, 10});
+}
+
+TEST(Adjacency, FourByFourPlane) {
+  prepared_run run = plane_example();
+  block* head = build_regions(run);
+  ASSERT_NE(head, nullptr);
+  EXPECT_EQ(region_order(head),
+            (std::vector<std::uint32_t>{0x20, 0x30, 0x40, 0x11, 0x12, 0x13, 0x14}));
+  const std::map<std::uint32_t, std::vector<std::uint32_t>> expected = {
+      {0x11, {0x12, 0x13}},       {0x12, {0x11, 0x14, 0x20}}, {0x13, {0x11, 0x14, 0x30}},
+      {0x14, {0x12, 0x13, 0x20, 0x30}}, {0x20, {0x14, 0x12, 0x40}}, {0x30, {0x14, 0x13, 0x40}},
+      {0x40, {0x20, 0x30}}};
+  for (block* h = head; h != nullptr; h = h->next_region) {
+    EXPECT_EQ(neighbours(h), expected.at(h->code)) << std::hex << h->code;
+    EXPECT_EQ(h->region_pointer, h);
+    EXPECT_EQ(h->next_block, nullptr);
+    EXPECT_EQ(h->status, 0);
+    EXPECT_EQ(h->nb_pointers[1]->next, nullptr);
+    EXPECT_EQ(h->nb_pointers[1]->region->code, expected.at(h->code).back());
+  }
+  free_regionlist(run.ctx, head);
+}
+
+TEST(Adjacency, FourByFourByTwoVolume) {
+  std::vector<std::int32_t> img(32, 200);
+  img[0] = 0;
+  img[1] = 50;
+  img[4] = 100;
+  img[5] = 150;
+  prepared_run run(img, {4, 2, 2, 1, 1, 1, 10});
+  block* head = build_regions(run);
+  ASSERT_NE(head, nullptr);
+  EXPECT_EQ(region_order(head), (std::vector<std::uint32_t>{0x20, 0x30, 0x40, 0x50, 0x60, 0x70,
+                                                            0x80, 0x11, 0x12, 0x13, 0x14}));
+  EXPECT_EQ(neighbours(find(head, 0x50)),
+            (std::vector<std::uint32_t>{0x14, 0x13, 0x12, 0x11, 0x60, 0x70}));
+  EXPECT_EQ(neighbours(find(head, 0x60)), (std::vector<std::uint32_t>{0x20, 0x50, 0x80}));
+  free_regionlist(run.ctx, head);
+}
+
+TEST(Adjacency, FindAdjacentCodes) {
+  prepared_run run(std::vector<std::int32_t>(64, 0), {8, 1, 3, 3, 1, 1, 10});
+  EXPECT_EQ(find_adjacent(run.ctx, 0x420, 1, 0), 0x410u);
+  EXPECT_EQ(find_adjacent(run.ctx, 0x420, 1, 1), 0x240u);
+  EXPECT_EQ(find_adjacent(run.ctx, 0x410, 1, 0), 0x320u);
+  EXPECT_EQ(find_adjacent(run.ctx, 0x110, 1, 0), 0u);
+  EXPECT_EQ(find_adjacent(run.ctx, 0x440, 1, 2), 0u) << "a plane has no z neighbours";
+  EXPECT_EQ(find_adjacent(run.ctx, 0, 3, 0), 0u);
+}
+
+struct box {
+  int lo[3];
+  int hi[3];  // exclusive
+};
+
+box box_of(const run_context& ctx, std::uint32_t code) {
+  const int lvl = level(ctx, code);
+  const block_position p = coordinates(ctx, code, lvl);
+  const block_extent e = sizes_block(ctx, lvl);
+  box b{};
+  b.lo[0] = p.column;
+  b.lo[1] = p.row / ctx.im_format_xy;
+  b.lo[2] = p.slice / ctx.voxels_slice;
+  b.hi[0] = b.lo[0] + e.side;
+  b.hi[1] = b.lo[1] + e.side;
+  b.hi[2] = b.lo[2] + e.slice_span / ctx.voxels_slice;
+  return b;
+}
+
+bool share_face(const box& a, const box& b) {
+  for (int axis = 0; axis < 3; ++axis) {
+    if (a.hi[axis] != b.lo[axis] && b.hi[axis] != a.lo[axis]) continue;
+    bool overlap = true;
+    for (int other = 0; other < 3; ++other)
+      if (other != axis) overlap = overlap && a.lo[other] < b.hi[other] && b.lo[other] < a.hi[other];
+    if (overlap) return true;
+  }
+  return false;
+}
+
+// Piecewise-constant blobs with some noise, so that the tree has leaves of
+// many sizes.
+std::vector<std::int32_t> random_image(std::mt19937& rng, int size_x, int size_z) {
+  const int n = size_x * size_x * size_z;
+  std::vector<std::int32_t> img(static_cast<std::size_t>(n), 100);
+  const int blobs = 1 + static_cast<int>(rng() % 6);
+  for (int k = 0; k < blobs; ++k) {
+    const int x0 = static_cast<int>(rng() % static_cast<unsigned>(size_x));
+    const int y0 = static_cast<int>(rng() % static_cast<unsigned>(size_x));
+    const int z0 = static_cast<int>(rng() % static_cast<unsigned>(size_z));
+    const int w = 1 + static_cast<int>(rng() % static_cast<unsigned>(size_x));
+    const int d = 1 + static_cast<int>(rng() % static_cast<unsigned>(size_z));
+    const int v = static_cast<int>(rng() % 256);
+    for (int z = z0; z < std::min(size_z, z0 + d); ++z)
+      for (int y = y0; y < std::min(size_x, y0 + w); ++y)
+        for (int x = x0; x < std::min(size_x, x0 + w); ++x)
+          img[static_cast<std::size_t>((z * size_x + y) * size_x + x)] = v;
+  }
+  const int noisy = static_cast<int>(rng() % 3);
+  for (auto& v : img)
+    if (noisy != 0 && rng() % 8 == 0) v = static_cast<std::int32_t>(rng() % 256);
+  return img;
+}
+
+TEST(Adjacency, MatchesBruteForceOnRandomTilings) {
+  std::mt19937 rng(2024);
+  struct shape {
+    int size_x, size_z, max_level, lim_oct_level;
+  };
+  const shape shapes[] = {{8, 1, 3, 3}, {16, 1, 4, 4}, {8, 8, 3, 0}, {8, 2, 3, 2},
+                          {8, 4, 3, 1}, {16, 4, 4, 2}, {4, 4, 2, 0}, {16, 2, 4, 3}};
+  int trials = 0;
+  for (const auto& s : shapes) {
+    for (int init = 0; init < s.max_level; ++init) {
+      for (int round = 0; round < 12; ++round, ++trials) {
+        prepared_run run(random_image(rng, s.size_x, s.size_z),
+                         {s.size_x, s.size_z, s.max_level, s.lim_oct_level, init, 1,
+                          static_cast<std::int32_t>(rng() % 40)});
+        ASSERT_TRUE(run.ok);
+        block* head = build_regions(run);
+        ASSERT_NE(head, nullptr);
+        std::vector<block*> blocks;
+        int pixels = 0;
+        for (block* h = head; h != nullptr; h = h->next_region) {
+          blocks.push_back(h);
+          pixels += run.ctx.pixels_perblock[level(run.ctx, h->code)];
+        }
+        ASSERT_EQ(pixels, run.ctx.voxels_image) << "the leaves tile the image";
+        for (std::size_t i = 1; i < blocks.size(); ++i) {
+          const int a = level(run.ctx, blocks[i - 1]->code);
+          const int b = level(run.ctx, blocks[i]->code);
+          ASSERT_TRUE(a > b || (a == b && blocks[i - 1]->code < blocks[i]->code))
+              << "region list ordered by level, then chain order";
+        }
+        std::vector<box> boxes;
+        for (block* b : blocks) boxes.push_back(box_of(run.ctx, b->code));
+        for (std::size_t i = 0; i < blocks.size(); ++i) {
+          std::multiset<const block*> listed;
+          for (const nb_node* e = blocks[i]->nb_pointers[0]; e != nullptr; e = e->next)
+            listed.insert(e->region);
+          std::multiset<const block*> truth;
+          for (std::size_t j = 0; j < blocks.size(); ++j)
+            if (j != i && share_face(boxes[i], boxes[j])) truth.insert(blocks[j]);
+          ASSERT_EQ(listed, truth) << "block " << std::hex << blocks[i]->code;
+        }
+        free_regionlist(run.ctx, head);
+      }
+    }
+  }
+  EXPECT_GT(trials, 200);
+}
+
+// Gives every region of one class the same statistics, so that the range
+// predicate accepts a candidate exactly when it is of the growing region's class.
+void assign_classes(block* head, const std::set<std::uint32_t>& class_p) {
+  for (block* h = head; h != nullptr; h = h->next_region) {
+    const std::int64_t v = class_p.count(h->code) ? 0 : 100;
+    h->variables[0] = v;
+    h->variables[1] = v;
+  }
+}
+
+const std::set<std::uint32_t> pixels_class = {0x11, 0x12, 0x13, 0x14};
+
+TEST(SequentialGrouping, AcceptingEveryCandidateGrowsDepthFirst) {
+  prepared_run run = plane_example();
+  block* head = build_regions(run);
+  assign_classes(head, {0x11, 0x12, 0x13, 0x14, 0x20, 0x30, 0x40});
+  std::string printed;
+  run.ctx.out = [&](std::string_view s) { printed.append(s); };
+  block* result = sequential_grouping(run.ctx, head);
+  EXPECT_EQ(printed, "finished sequential grouping\n");
+  EXPECT_EQ(result->code, 0x20u);
+  EXPECT_EQ(chain(result), (std::vector<std::uint32_t>{0x20, 0x14, 0x12, 0x11, 0x13, 0x30, 0x40}));
+  EXPECT_EQ(result->nb_pointers[0], nullptr);
+  EXPECT_EQ(result->nb_pointers[1], nullptr);
+  EXPECT_EQ(result->next_region, nullptr);
+  free_regionlist(run.ctx, result);
+  EXPECT_EQ(run.ctx.allocator.live(), 4) << "only the frame and the tables remain";
+}
+
+TEST(SequentialGrouping, TwoClasses) {
+  prepared_run run = plane_example();
+  block* head = build_regions(run);
+  assign_classes(head, pixels_class);
+  block* result = sequential_grouping(run.ctx, head);
+  EXPECT_EQ(result->code, 0x20u);
+  EXPECT_EQ(chain(result), (std::vector<std::uint32_t>{0x20, 0x40, 0x30}));
+  EXPECT_EQ(neighbours(result).size(), 3u);
+  EXPECT_EQ(resolved_neighbours(result), (std::vector<std::uint32_t>{0x11, 0x11, 0x11}));
+  block* second = result->next_region;
+  ASSERT_NE(second, nullptr);
+  EXPECT_EQ(second->code, 0x11u);
+  EXPECT_EQ(chain(second), (std::vector<std::uint32_t>{0x11, 0x12, 0x14, 0x13}));
+  EXPECT_EQ(resolved_neighbours(second), (std::vector<std::uint32_t>{0x20}));
+  EXPECT_EQ(second->next_region, nullptr);
+  EXPECT_EQ(result->status, 2);
+  EXPECT_EQ(second->status, 2);
+  free_regionlist(run.ctx, result);
+  EXPECT_EQ(run.ctx.allocator.live(), 4);
+}
+
+TEST(SequentialGrouping, DisplayPaintsEachTurnInItsColour) {
+  prepared_run run = plane_example();
+  block* head = build_regions(run);
+  assign_classes(head, pixels_class);
+  block* result = sequential_grouping_disp(run.ctx, head);
+  EXPECT_EQ(run.ctx.cur_color, 2) << "two turns: 0x20 and 0x11";
+  const std::int32_t* f = run.ctx.smg_disp_cur->pixels;
+  for (int y = 0; y < 4; ++y)
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(f[y * 4 + x], (x < 2 && y < 2) ? 1 : 0);
+  free_regionlist(run.ctx, result);
+}
+
+TEST(ParallelGrouping, TwoSeedsOfTheLargestLevel) {
+  prepared_run run = plane_example();
+  block* head = build_regions(run);
+  assign_classes(head, pixels_class);
+  run.ctx.max_seed = 2;
+  run.ctx.use_all_seeds = 0;
+  std::string printed;
+  run.ctx.out = [&](std::string_view s) { printed.append(s); };
+  const auto result = parallel_grouping(run.ctx, head);
+  ASSERT_EQ(check_pointer(result), 0);
+  EXPECT_EQ(printed, "finished parallell grouping\nfinished sequential grouping\n");
+  block* first = result.value;
+  EXPECT_EQ(first->code, 0x30u);
+  EXPECT_EQ(chain(first), (std::vector<std::uint32_t>{0x30, 0x20, 0x40}));
+  ASSERT_NE(first->next_region, nullptr);
+  EXPECT_EQ(chain(first->next_region), (std::vector<std::uint32_t>{0x11, 0x12, 0x14, 0x13}));
+  EXPECT_EQ(first->next_region->next_region, nullptr);
+  free_regionlist(run.ctx, first);
+  EXPECT_EQ(run.ctx.allocator.live(), 4);
+}
+
+TEST(ParallelGrouping, FiveSeedsOfAnyLevel) {
+  prepared_run run = plane_example();
+  block* head = build_regions(run);
+  assign_classes(head, pixels_class);
+  run.ctx.max_seed = 5;
+  run.ctx.use_all_seeds = 1;
+  const auto result = parallel_grouping(run.ctx, head);
+  ASSERT_EQ(check_pointer(result), 0);
+  block* first = result.value;
+  EXPECT_EQ(chain(first), (std::vector<std::uint32_t>{0x30, 0x20, 0x40}));
+  ASSERT_NE(first->next_region, nullptr);
+  EXPECT_EQ(chain(first->next_region), (std::vector<std::uint32_t>{0x12, 0x11, 0x14, 0x13}));
+  EXPECT_EQ(first->next_region->status, 2);
+  free_regionlist(run.ctx, first);
+}
+
+TEST(ParallelGrouping, OneSeedAndMoreSlotsThanRegions) {
+  for (const int seeds : {1, 50}) {
+    prepared_run run = plane_example();
+    block* head = build_regions(run);
+    assign_classes(head, pixels_class);
+    run.ctx.max_seed = seeds;
+    run.ctx.use_all_seeds = 1;
+    const auto result = parallel_grouping(run.ctx, head);
+    ASSERT_EQ(check_pointer(result), 0);
+    int regions = 0;
+    for (block* h = result.value; h != nullptr; h = h->next_region) {
+      ++regions;
+      EXPECT_EQ(h->status, 2);
+    }
+    EXPECT_EQ(regions, 2) << seeds << " seeds";
+    free_regionlist(run.ctx, result.value);
+    EXPECT_EQ(run.ctx.allocator.live(), 4);
+  }
+}
+
+TEST(ParallelGrouping, AFailedSeedTableChangesNothing) {
+  prepared_run run = plane_example();
+  block* head = build_regions(run);
+  assign_classes(head, pixels_class);
+  run.ctx.max_seed = 3;
+  run.ctx.allocator.fail_at(run.ctx.allocator.requests() + 1);
+  const auto result = parallel_grouping(run.ctx, head);
+  EXPECT_EQ(check_pointer(result), -1);
+  for (block* h = head; h != nullptr; h = h->next_region) EXPECT_EQ(h->status, 0);
+  free_regionlist(run.ctx, head);
+  EXPECT_EQ(run.ctx.allocator.live(), 4);
+}
+
+}  // namespace
+}  // namespace splitmerge
