@@ -1,0 +1,312 @@
+// Small region elimination, cleaning, sorting, the label image and the region
+// list file.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <algorithm>
+#include <filesystem>
+#include <random>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "grouping/grouping.hpp"
+#include "output/output.hpp"
+#include "regions/regions.hpp"
+#include "support/run_setup.hpp"
+#include "tree/tree.hpp"
+
+namespace splitmerge {
+namespace {
+
+using testing::prepared_run;
+
+std::vector<std::uint32_t> chain(const block* b) {
+  std::vector<std::uint32_t> codes;
+  for (; b != nullptr; b = b->next_block) codes.push_back(b->code);
+  return codes;
+}
+
+prepared_run plane_example() {
+  std::vector<std::int32_t> img(16, 200);
+  img[0] = 0;
+  img[1] = 50;
+  img[4] = 100;
+  img[5] = 150;
+  return prepared_run(img, {4, 1, 2, 2, 1, 1, 10});
+}
+
+// The plane example grouped into two classes: 0x20 (0x20, 0x40, 0x30) and
+// 0x11 (the four single pixels).
+block* two_regions(prepared_run& run) {
+  const auto built = init_blocklist(run.ctx);
+  smg_merge(run.ctx, built.value);
+  smg_split(run.ctx, built.value);
+  block* head = group_init(run.ctx, built.value).value;
+  for (block* h = head; h != nullptr; h = h->next_region) {
+    const std::int64_t v = (h->code & 0xF) != 0 ? 0 : 100;
+    h->variables[0] = v;
+    h->variables[1] = v;
+  }
+  return sequential_grouping(run.ctx, head);
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+TEST(Elimination, ASmallRegionJoinsItsOnlyNeighbour) {
+  prepared_run run = plane_example();
+  block* head = two_regions(run);
+  run.ctx.small_size = 5;
+  block* small = head->next_region;
+  region_elimination(run.ctx, head);
+  EXPECT_EQ(chain(head),
+            (std::vector<std::uint32_t>{0x20, 0x40, 0x30, 0x11, 0x12, 0x14, 0x13}));
+  EXPECT_EQ(small->region_pointer, nullptr);
+  EXPECT_EQ(head->next_region, small) << "the absorbed head stays linked until cleaning";
+  EXPECT_EQ(head->variables[0], 0) << "statistics updated by default";
+  head = clean_regionlist(run.ctx, head);
+  EXPECT_EQ(run.ctx.number_regions, 0);
+  EXPECT_EQ(head->next_region, nullptr);
+  free_regionlist(run.ctx, head);
+  EXPECT_EQ(run.ctx.allocator.live(), 4);
+}
+
+TEST(Elimination, WithoutStatisticUpdateTheAbsorberKeepsItsStatistics) {
+  prepared_run run = plane_example();
+  block* head = two_regions(run);
+  run.ctx.small_size = 5;
+  run.ctx.statistic_update = 0;
+  region_elimination(run.ctx, head);
+  EXPECT_EQ(head->variables[0], 100);
+  EXPECT_EQ(head->variables[1], 100);
+  free_regionlist(run.ctx, head);
+}
+
+TEST(Elimination, RegionsOfExactlyTheSizeAndNonPositiveSizesStay) {
+  for (const int size : {4, 0, -3}) {
+    prepared_run run = plane_example();
+    block* head = two_regions(run);
+    run.ctx.small_size = size;
+    region_elimination(run.ctx, head);
+    EXPECT_NE(head->next_region->region_pointer, nullptr) << "small_size " << size;
+    free_regionlist(run.ctx, head);
+  }
+}
+
+TEST(Elimination, TheMostSimilarNeighbourWinsAndTiesGoToTheFirstEntry) {
+  prepared_run run = plane_example();
+  run.ctx.pred_choice = 2;  // sum statistics: compare integer means
+  // Hand-made regions: r (small) with neighbours a, b, c.
+  block r, a, b, c;
+  for (block* x : {&r, &a, &b, &c}) x->region_pointer = x;
+  r.code = 0x11;
+  a.code = 0x20;
+  b.code = 0x30;
+  c.code = 0x40;
+  r.variables[0] = 100, r.variables[1] = 1;
+  a.variables[0] = 90 * 16, a.variables[1] = 16;   // distance 10
+  b.variables[0] = 104 * 16, b.variables[1] = 16;  // distance 4
+  c.variables[0] = 96 * 16, c.variables[1] = 16;   // distance 4, later entry
+  nb_node ra{&a, nullptr}, rb{&b, nullptr}, rc{&c, nullptr};
+  ra.next = &rb;
+  rb.next = &rc;
+  r.nb_pointers[0] = &ra;
+  r.nb_pointers[1] = &rc;
+  nb_node br{&r, nullptr};
+  b.nb_pointers[0] = b.nb_pointers[1] = &br;
+  r.next_region = &a;
+  a.next_region = &b;
+  b.next_region = &c;
+  run.ctx.small_size = 2;
+  region_elimination(run.ctx, &r);
+  EXPECT_EQ(r.region_pointer, nullptr);
+  EXPECT_EQ(b.next_block, &r) << "r joined b, the first of the two closest";
+  EXPECT_EQ(b.variables[0], 104 * 16 + 100);
+}
+
+TEST(Cleaning, RepeatsAreRemovedAndTheLastEntryIsKept) {
+  run_context ctx;
+  block r, e, f, g;
+  for (block* x : {&r, &e, &f, &g}) x->region_pointer = x;
+  std::vector<nb_node*> entries;
+  for (block* x : {&e, &f, &e, &g, &f})
+    entries.push_back(new_nb_node(ctx, x, nullptr));
+  for (std::size_t i = 0; i + 1 < entries.size(); ++i) entries[i]->next = entries[i + 1];
+  r.nb_pointers[0] = entries.front();
+  r.nb_pointers[1] = entries.back();
+  EXPECT_EQ(clean_regionlist(ctx, &r), &r);
+  std::vector<block*> left;
+  for (nb_node* x = r.nb_pointers[0]; x != nullptr; x = x->next) left.push_back(x->region);
+  EXPECT_EQ(left, (std::vector<block*>{&e, &f, &g}));
+  EXPECT_EQ(r.nb_pointers[1]->region, &g);
+  EXPECT_EQ(r.nb_pointers[1]->next, nullptr);
+  for (block* x : {&e, &f, &g}) EXPECT_EQ(x->status, 0);
+  EXPECT_EQ(ctx.number_regions, 0);
+  free_cur_np(ctx, r.nb_pointers[0]);
+  EXPECT_EQ(ctx.allocator.live(), 0);
+}
+
+TEST(Cleaning, AbsorbedHeadsAreDroppedAndEntriesResolved) {
+  run_context ctx;
+  block x, a, b, c;  // list: x (absorbed into a), a, b, c
+  x.region_pointer = nullptr;
+  for (block* h : {&a, &b, &c}) h->region_pointer = h;
+  nb_node forward{&a, nullptr};
+  x.nb_pointers[0] = &forward;
+  x.next_region = &a;
+  a.next_region = &b;
+  b.next_region = &c;
+  nb_node to_x{&x, nullptr};  // b names the absorbed x
+  b.nb_pointers[0] = b.nb_pointers[1] = &to_x;
+  EXPECT_EQ(clean_regionlist(ctx, &x), &a);
+  EXPECT_EQ(ctx.number_regions, 2) << "three live regions";
+  EXPECT_EQ(to_x.region, &a);
+  block empty;  // a live region without neighbours is left as it is
+  empty.region_pointer = &empty;
+  EXPECT_EQ(clean_regionlist(ctx, &empty), &empty);
+  EXPECT_EQ(empty.nb_pointers[0], nullptr);
+}
+
+std::vector<char> sort_names(std::vector<std::pair<char, std::uint32_t>> items, bool fast) {
+  std::vector<block> heads(items.size());
+  std::vector<sort_entry> entries;
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    heads[i].code = static_cast<std::uint32_t>(items[i].first);
+    entries.push_back({&heads[i], items[i].second});
+  }
+  std::vector<std::uint32_t> scratch(items.size());
+  qsort(entries.data(), 0, static_cast<std::int32_t>(items.size()) - 1,
+        fast ? scratch.data() : nullptr);
+  std::vector<char> names;
+  for (const auto& e : entries) names.push_back(static_cast<char>(e.head->code));
+  return names;
+}
+
+TEST(Sorting, WorkedOrders) {
+  for (const bool fast : {false, true}) {
+    EXPECT_EQ(sort_names({{'E', 5}, {'F', 9}, {'G', 5}, {'H', 7}}, fast),
+              (std::vector<char>{'F', 'H', 'E', 'G'}));
+    EXPECT_EQ(sort_names({{'E', 5}, {'F', 5}, {'G', 9}, {'H', 9}}, fast),
+              (std::vector<char>{'H', 'G', 'E', 'F'}));
+  }
+}
+
+TEST(Sorting, TheFastPathGivesTheSameOrderAsThePlainQuicksort) {
+  std::mt19937 rng(99);
+  for (int trial = 0; trial < 500; ++trial) {
+    const std::size_t n = 1 + rng() % 60;
+    const unsigned spread = 1 + rng() % 10;
+    std::vector<std::pair<char, std::uint32_t>> items;
+    for (std::size_t i = 0; i < n; ++i)
+      items.push_back({static_cast<char>('A' + i), static_cast<std::uint32_t>(rng() % spread)});
+    if (trial % 5 == 0) std::sort(items.begin(), items.end(), [](auto& a, auto& b) { return a.second > b.second; });
+    if (trial % 7 == 0) std::sort(items.begin(), items.end(), [](auto& a, auto& b) { return a.second < b.second; });
+    ASSERT_EQ(sort_names(items, true), sort_names(items, false)) << "trial " << trial;
+  }
+}
+
+TEST(Sorting, LargerRegionsComeFirst) {
+  prepared_run run = plane_example();
+  block* head = two_regions(run);  // 12 pixels, then 4
+  // Put the small region first and sort.
+  block* big = head;
+  block* small = head->next_region;
+  small->next_region = big;
+  big->next_region = nullptr;
+  run.ctx.number_regions = 1;
+  const auto sorted = sort_regionlist(run.ctx, small);
+  ASSERT_EQ(check_pointer(sorted), 0);
+  EXPECT_EQ(sorted.value, big);
+  EXPECT_EQ(big->next_region, small);
+  EXPECT_EQ(small->next_region, nullptr);
+  free_regionlist(run.ctx, big);
+}
+
+TEST(LabelImage, TwoRegionsOfSeveralBlockSizes) {
+  prepared_run run = plane_example();
+  block* head = two_regions(run);
+  std::vector<std::int32_t> labels(16, -7);
+  make_output(run.ctx, head, labels.data());
+  for (int y = 0; y < 4; ++y)
+    for (int x = 0; x < 4; ++x)
+      EXPECT_EQ(labels[static_cast<std::size_t>(y * 4 + x)], (x < 2 && y < 2) ? 1 : 0);
+  free_regionlist(run.ctx, head);
+}
+
+TEST(LabelImage, AVolumeBlockCoversAllItsSlices) {
+  // 8x8x2, lim_oct_level 2: a level-3 block spans both slices.
+  std::vector<std::int32_t> img(128, 9);
+  prepared_run run(img, {8, 2, 3, 2, 1, 1, 10});
+  block whole, other;
+  whole.code = 0x0;
+  whole.region_pointer = &whole;
+  whole.next_region = &other;
+  other.code = 0x100;  // level 2: 4x4, one slice (level 2 = lim_oct_level)
+  other.region_pointer = &other;
+  std::vector<std::int32_t> labels(128, -1);
+  make_output(run.ctx, &whole, labels.data());
+  for (int i = 0; i < 128; ++i) {
+    const int x = i % 8, y = (i / 8) % 8, z = i / 64;
+    EXPECT_EQ(labels[static_cast<std::size_t>(i)], (z == 0 && x < 4 && y < 4) ? 1 : 0) << i;
+  }
+}
+
+TEST(RegionFile, TwoNeighbouringRegions) {
+  run_context ctx;
+  ctx.im_format_xy = 4;
+  ctx.im_format_z = 1;
+  ctx.pred_choice = 4;
+  block a, b;
+  a.code = 0x20;
+  a.variables[0] = 800;
+  a.variables[1] = 4;
+  a.region_pointer = &a;
+  b.code = 0x420;
+  b.variables[0] = 12;
+  b.variables[1] = 1;
+  b.region_pointer = &b;
+  a.next_region = &b;
+  nb_node ab{&b, nullptr}, ba{&a, nullptr};
+  a.nb_pointers[0] = a.nb_pointers[1] = &ab;
+  b.nb_pointers[0] = b.nb_pointers[1] = &ba;
+  const auto path = (std::filesystem::temp_directory_path() / "splitmerge_two_regions.txt").string();
+  ASSERT_EQ(save_regionlist(ctx, &a, path.c_str()), 0);
+  EXPECT_EQ(read_file(path),
+            "4\n1\n2\n4.0000\n2\n4\n"
+            "800 4\n20\n0\n1\n-1\n"
+            "12 1\n420\n0\n0\n-1\n");
+  EXPECT_EQ(a.variables[0], 0) << "heads keep their indices";
+  EXPECT_EQ(b.variables[0], 1);
+  EXPECT_EQ(ctx.allocator.live(), 0);
+  std::filesystem::remove(path);
+}
+
+TEST(RegionFile, TheWholeImageAndAnUnwritablePath) {
+  run_context ctx;
+  ctx.im_format_xy = 8;
+  ctx.im_format_z = 2;
+  ctx.pred_choice = 1;
+  block whole;
+  whole.variables[0] = 3;
+  whole.variables[1] = 9;
+  whole.region_pointer = &whole;
+  const auto path = (std::filesystem::temp_directory_path() / "splitmerge_whole.txt").string();
+  ASSERT_EQ(save_regionlist(ctx, &whole, path.c_str()), 0);
+  EXPECT_EQ(read_file(path), "8\n2\n2\n4.0000\n1\n1\n3 9\n0\n0\n-1\n");
+  std::filesystem::remove(path);
+  whole.variables[0] = 3;
+  EXPECT_EQ(save_regionlist(ctx, &whole, "/nonexistent-dir/regions.txt"), -2);
+  EXPECT_EQ(ctx.allocator.live(), 0);
+  ctx.allocator.fail_at(ctx.allocator.requests() + 1);
+  EXPECT_EQ(save_regionlist(ctx, &whole, path.c_str()), -1);
+  EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+}  // namespace
+}  // namespace splitmerge
