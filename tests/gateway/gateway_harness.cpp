@@ -1,0 +1,139 @@
+#include "gateway_harness.hpp"
+
+#include <functional>
+
+#include "gateway/gateway.hpp"
+
+namespace splitmerge::gateway_testing {
+
+std::array<double, 14> parameters::in_host_order() const {
+  return {max_level,       lim_oct_level, init_level, group_mode,    max_seed,
+          use_all_seeds,   pred_choice,   interval_length, rejection, sigma,
+          threshold_row,   pseudo_factor, small_size, statistic_update};
+}
+
+run_arguments parameters::as_library_arguments() const {
+  const auto whole = [](double v) { return static_cast<std::int32_t>(v); };
+  run_arguments a;
+  a.max_level = whole(max_level);
+  a.lim_oct_level = whole(lim_oct_level);
+  a.init_level = whole(init_level);
+  a.group_mode = whole(group_mode);
+  a.max_seed = whole(max_seed);
+  a.use_all_seeds = whole(use_all_seeds);
+  a.pred_choice = whole(pred_choice);
+  a.interval_length = whole(interval_length);
+  a.threshold_row = whole(threshold_row);
+  a.small_size = whole(small_size);
+  a.statistic_update = whole(statistic_update);
+  a.rejection = rejection;
+  a.sigma = sigma;
+  a.pseudo_factor = pseudo_factor;
+  return a;
+}
+
+image patchy_image(const std::vector<mwSize>& dims, std::uint32_t seed) {
+  image img{dims, {}};
+  std::size_t n = 1;
+  for (mwSize d : dims) n *= static_cast<std::size_t>(d);
+  const auto x_size = static_cast<std::size_t>(dims[0]);
+  const auto y_size = static_cast<std::size_t>(dims[1]);
+  img.pixels.resize(n);
+  std::uint32_t state = seed;
+  for (std::size_t i = 0; i < n; ++i) {
+    state = state * 1664525u + 1013904223u;
+    const std::size_t x = i % x_size;
+    const std::size_t y = (i / x_size) % y_size;
+    const std::size_t z = i / (x_size * y_size);
+    const auto patch = static_cast<std::int32_t>((x / 4 + 3 * (y / 8) + 5 * z) % 7);
+    img.pixels[i] = 20 + 30 * patch + static_cast<std::int32_t>(state >> 29);
+  }
+  return img;
+}
+
+host_inputs::host_inputs(const image& img, const parameters& p) {
+  arrays_.push_back(fake_mex::int32_array(img.dims, img.pixels));
+  for (double v : p.in_host_order()) arrays_.push_back(fake_mex::scalar(v));
+}
+
+host_inputs::~host_inputs() {
+  for (mxArray* a : arrays_) mxDestroyArray(a);
+}
+
+void host_inputs::replace(std::size_t index, mxArray* a) {
+  mxDestroyArray(arrays_.at(index));
+  arrays_[index] = a;
+}
+
+namespace {
+
+gateway_result call_with(host_inputs& in, int nlhs,
+                         const std::function<void(mxArray**)>& call) {
+  gateway_result r;
+  fake_mex::reset();
+  const std::int64_t arrays_before = fake_mex::live_arrays();
+  std::array<mxArray*, 4> plhs{};
+  try {
+    call(plhs.data());
+  } catch (const fake_mex::host_error& e) {
+    r.error_id = e.id;
+    r.error_text = e.what();
+  }
+  r.printed = fake_mex::printed();
+  r.warnings = fake_mex::warnings();
+  if (plhs[0] != nullptr) {
+    r.labels_written = true;
+    r.label_dims = fake_mex::dimensions(plhs[0]);
+    r.labels = fake_mex::int32_values(plhs[0]);
+  }
+  if (plhs[1] != nullptr) {
+    r.frames_written = true;
+    r.frame_dims = fake_mex::dimensions(plhs[1]);
+    r.frames = fake_mex::int32_values(plhs[1]);
+  }
+  // Slots beyond max(nlhs, 1) must stay untouched; make that visible.
+  for (std::size_t k = static_cast<std::size_t>(std::max(nlhs, 1)); k < plhs.size(); ++k)
+    if (plhs[k] != nullptr) r.error_id += " (wrote output slot " + std::to_string(k) + ")";
+  for (mxArray* a : plhs) mxDestroyArray(a);
+  r.host_arrays_left = fake_mex::live_arrays() - arrays_before;
+  return r;
+}
+
+}  // namespace
+
+gateway_result call_gateway(host_inputs& in, int nlhs, run_context* ctx) {
+  run_context own;
+  run_context& used = ctx != nullptr ? *ctx : own;
+  gateway_result r = call_with(in, nlhs, [&](mxArray** plhs) {
+    gateway::run_gateway(nlhs, plhs, in.count(), in.data(), &used);
+  });
+  r.library_allocations_left = used.allocator.live();
+  return r;
+}
+
+gateway_result call_mex_function(host_inputs& in, int nlhs) {
+  return call_with(in, nlhs,
+                   [&](mxArray** plhs) { mexFunction(nlhs, plhs, in.count(), in.data()); });
+}
+
+library_result run_library(const image& img, const run_arguments& a) {
+  library_result r;
+  run_context ctx;
+  ctx.out = [&r](std::string_view s) { r.printed.append(s); };
+  r.labels.assign(img.pixels.size(), 0);
+  const auto size = [&img](std::size_t d) {
+    return d < img.dims.size() ? static_cast<std::int32_t>(img.dims[d]) : 1;
+  };
+  r.status = split_merge_group(ctx, img.pixels.data(), size(0), size(1), size(2), a.max_level,
+                               a.lim_oct_level, r.labels.data(), a.init_level, a.group_mode,
+                               a.max_seed, a.use_all_seeds, a.pred_choice, a.interval_length,
+                               a.threshold_row, a.small_size, a.statistic_update, 0, 1, "",
+                               a.rejection, a.sigma, a.pseudo_factor);
+  for (const disp_frame* f = ctx.smg_disp; f != nullptr; f = f->next) {
+    r.frames.insert(r.frames.end(), f->pixels, f->pixels + img.pixels.size());
+    ++r.frame_count;
+  }
+  return r;
+}
+
+}  // namespace splitmerge::gateway_testing

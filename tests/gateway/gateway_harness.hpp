@@ -1,0 +1,98 @@
+// Calling the gateway as a host would, and the library directly for the
+// results the gateway must hand back unchanged.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "driver/driver.hpp"
+#include "mex.h"
+
+namespace splitmerge::gateway_testing {
+
+// The 14 parameters as the host passes them, in the host's order. The
+// defaults give a 32 x 32 x 4 run that records several frames.
+struct parameters {
+  double max_level = 5;
+  double lim_oct_level = 3;
+  double init_level = 0;
+  double group_mode = 1;
+  double max_seed = 9;
+  double use_all_seeds = 0;
+  double pred_choice = 5;
+  double interval_length = 30;
+  double rejection = 0.0;
+  double sigma = 2.0;
+  double threshold_row = 1;
+  double pseudo_factor = 1.0;
+  double small_size = 0;
+  double statistic_update = 1;
+
+  [[nodiscard]] std::array<double, 14> in_host_order() const;
+  // The library's arguments when every value is already what the gateway
+  // should pass (whole numbers where the library takes integers).
+  [[nodiscard]] run_arguments as_library_arguments() const;
+};
+
+// Pixels in host order (x fastest), dims as the host states them.
+struct image {
+  std::vector<mwSize> dims;
+  std::vector<std::int32_t> pixels;
+};
+
+// Flat patches with deterministic noise: many blocks to merge and group.
+image patchy_image(const std::vector<mwSize>& dims, std::uint32_t seed = 1);
+
+// The inputs of one call; they belong to the test and die with it.
+class host_inputs {
+ public:
+  host_inputs(const image& img, const parameters& p);
+  explicit host_inputs(std::vector<mxArray*> arrays) : arrays_(std::move(arrays)) {}
+  host_inputs(const host_inputs&) = delete;
+  host_inputs& operator=(const host_inputs&) = delete;
+  ~host_inputs();
+
+  // Puts a at position index (0 is the image), destroying what was there.
+  void replace(std::size_t index, mxArray* a);
+  [[nodiscard]] const mxArray** data() { return const_cast<const mxArray**>(arrays_.data()); }
+  [[nodiscard]] int count() const { return static_cast<int>(arrays_.size()); }
+
+ private:
+  std::vector<mxArray*> arrays_;
+};
+
+struct gateway_result {
+  std::string error_id;  // empty when the call succeeded
+  std::string error_text;
+  bool labels_written = false;
+  bool frames_written = false;
+  std::vector<mwSize> label_dims;
+  std::vector<mwSize> frame_dims;
+  std::vector<std::int32_t> labels;
+  std::vector<std::int32_t> frames;
+  std::string printed;
+  std::vector<fake_mex::host_warning> warnings;
+  std::int64_t library_allocations_left = 0;
+  std::int64_t host_arrays_left = 0;  // created by the call and owned by no one
+};
+
+// One call with nlhs outputs. ctx lets a test set the failure hook or the
+// frame budget; without it the call gets a fresh context that is checked too.
+gateway_result call_gateway(host_inputs& in, int nlhs, run_context* ctx = nullptr);
+// The same through mexFunction, which makes its own context.
+gateway_result call_mex_function(host_inputs& in, int nlhs);
+
+struct library_result {
+  std::int32_t status = 0;
+  std::vector<std::int32_t> labels;
+  std::vector<std::int32_t> frames;  // every frame, in list order
+  std::int32_t frame_count = 0;
+  std::string printed;
+};
+
+// What the gateway should do: display on, no region list file.
+library_result run_library(const image& img, const run_arguments& a);
+
+}  // namespace splitmerge::gateway_testing
