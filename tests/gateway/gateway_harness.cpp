@@ -79,6 +79,7 @@ gateway_result call_with(host_inputs& in, int nlhs,
     r.error_id = e.id;
     r.error_text = e.what();
   }
+  r.host_arrays_created = fake_mex::arrays_created();
   r.printed = fake_mex::printed();
   r.warnings = fake_mex::warnings();
   if (plhs[0] != nullptr) {
@@ -91,9 +92,9 @@ gateway_result call_with(host_inputs& in, int nlhs,
     r.frame_dims = fake_mex::dimensions(plhs[1]);
     r.frames = fake_mex::int32_values(plhs[1]);
   }
-  // Slots beyond max(nlhs, 1) must stay untouched; make that visible.
+  // The host provides max(nlhs, 1) slots; the others must stay untouched.
   for (std::size_t k = static_cast<std::size_t>(std::max(nlhs, 1)); k < plhs.size(); ++k)
-    if (plhs[k] != nullptr) r.error_id += " (wrote output slot " + std::to_string(k) + ")";
+    if (plhs[k] != nullptr) r.wrote_extra_slot = true;
   for (mxArray* a : plhs) mxDestroyArray(a);
   r.host_arrays_left = fake_mex::live_arrays() - arrays_before;
   return r;
@@ -108,6 +109,7 @@ gateway_result call_gateway(host_inputs& in, int nlhs, run_context* ctx) {
     gateway::run_gateway(nlhs, plhs, in.count(), in.data(), &used);
   });
   r.library_allocations_left = used.allocator.live();
+  r.library_requests = used.allocator.requests();
   return r;
 }
 

@@ -68,6 +68,7 @@ struct gateway_result {
   std::string error_text;
   bool labels_written = false;
   bool frames_written = false;
+  bool wrote_extra_slot = false;  // beyond the max(nlhs, 1) slots the host provides
   std::vector<mwSize> label_dims;
   std::vector<mwSize> frame_dims;
   std::vector<std::int32_t> labels;
@@ -76,6 +77,8 @@ struct gateway_result {
   std::vector<fake_mex::host_warning> warnings;
   std::int64_t library_allocations_left = 0;
   std::int64_t host_arrays_left = 0;  // created by the call and owned by no one
+  std::int64_t host_arrays_created = 0;
+  std::uint64_t library_requests = 0;  // allocations the run asked for
 };
 
 // One call with nlhs outputs. ctx lets a test set the failure hook or the

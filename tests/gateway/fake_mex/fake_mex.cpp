@@ -21,6 +21,7 @@ struct host_state {
   std::string printed;
   std::vector<fake_mex::host_warning> warnings;
   std::int64_t live = 0;
+  std::int64_t created = 0;
   int creates_until_failure = 0;
 };
 
@@ -89,6 +90,7 @@ mxArray* new_array(const std::vector<mwSize>& dims, mxClassID c, bool complex) {
   a->real.assign(n * element_size(c), 0);
   if (complex) a->imag.assign(n * element_size(c), 0);
   ++state().live;
+  ++state().created;
   return a;
 }
 
@@ -216,12 +218,13 @@ namespace fake_mex {
 void reset() {
   state().printed.clear();
   state().warnings.clear();
-  state().creates_until_failure = 0;
+  state().created = 0;
 }
 
 const std::string& printed() { return state().printed; }
 const std::vector<host_warning>& warnings() { return state().warnings; }
 std::int64_t live_arrays() { return state().live; }
+std::int64_t arrays_created() { return state().created; }
 void fail_create_at(int k) { state().creates_until_failure = k; }
 
 mxArray* int32_array(const std::vector<mwSize>& dims, const std::vector<std::int32_t>& values) {

@@ -79,15 +79,17 @@ struct host_warning {
   std::string text;
 };
 
-// Clears the printed text, the warnings and the failure hook.
+// Clears the printed text, the warnings and the creation count.
 void reset();
 // Everything mexPrintf printed since the last reset.
 const std::string& printed();
 const std::vector<host_warning>& warnings();
 // Arrays created and not yet destroyed.
 std::int64_t live_arrays();
-// Makes the k-th mxCreateNumericArray from now on fail the way Octave's does
-// (std::bad_alloc); 0 disables the hook.
+// Arrays created since the last reset.
+std::int64_t arrays_created();
+// Makes the k-th mxCreateNumericArray from now on fail once, the way Octave's
+// does (std::bad_alloc); 0 disarms the hook.
 void fail_create_at(int k);
 
 mxArray* int32_array(const std::vector<mwSize>& dims, const std::vector<std::int32_t>& values);
