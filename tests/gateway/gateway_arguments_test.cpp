@@ -84,14 +84,14 @@ TEST(GatewayArguments, TwoDimensionalImageHasOneSlice) {
 TEST(GatewayArguments, AnyNumericClassIsReadByValue) {
   const image img = patchy_image({32, 32, 4});
   host_inputs in(img, parameters{});
-  in.replace(1, fake_mex::scalar(5, mxINT8_CLASS));         // max_level
-  in.replace(2, fake_mex::scalar(3, mxUINT16_CLASS));       // lim_oct_level
-  in.replace(4, fake_mex::scalar(1, mxINT64_CLASS));        // group_mode
-  in.replace(5, fake_mex::scalar(7, mxUINT8_CLASS));        // max_seed
-  in.replace(8, fake_mex::scalar(30.75, mxSINGLE_CLASS));   // interval_length
-  in.replace(9, fake_mex::scalar(0.25, mxSINGLE_CLASS));    // rejection
-  in.replace(10, fake_mex::scalar(3, mxINT32_CLASS));       // sigma
-  in.replace(13, fake_mex::scalar(4, mxUINT32_CLASS));      // small_size
+  in.replace(1, fake_mex::scalar(5, mxINT8_CLASS));        // max_level
+  in.replace(2, fake_mex::scalar(3, mxUINT16_CLASS));      // lim_oct_level
+  in.replace(4, fake_mex::scalar(1, mxINT64_CLASS));       // group_mode
+  in.replace(5, fake_mex::scalar(7, mxUINT8_CLASS));       // max_seed
+  in.replace(8, fake_mex::scalar(30.75, mxSINGLE_CLASS));  // interval_length
+  in.replace(9, fake_mex::scalar(0.25, mxSINGLE_CLASS));   // rejection
+  in.replace(10, fake_mex::scalar(3, mxINT32_CLASS));      // sigma
+  in.replace(13, fake_mex::scalar(4, mxUINT32_CLASS));     // small_size
   gateway::call c;
   gateway::report r;
   ASSERT_TRUE(gateway::read_call(2, in.count(), in.data(), c, r)) << r.message;

@@ -1,15 +1,17 @@
 #include "gateway_harness.hpp"
 
+#include <algorithm>
 #include <functional>
+#include <string>
 
 #include "gateway/gateway.hpp"
 
 namespace splitmerge::gateway_testing {
 
 std::array<double, 14> parameters::in_host_order() const {
-  return {max_level,       lim_oct_level, init_level, group_mode,    max_seed,
-          use_all_seeds,   pred_choice,   interval_length, rejection, sigma,
-          threshold_row,   pseudo_factor, small_size, statistic_update};
+  return {max_level,     lim_oct_level, init_level,      group_mode,      max_seed,
+          use_all_seeds, pred_choice,   interval_length, rejection,       sigma,
+          threshold_row, pseudo_factor, small_size,      statistic_update};
 }
 
 run_arguments parameters::as_library_arguments() const {
@@ -67,8 +69,7 @@ void host_inputs::replace(std::size_t index, mxArray* a) {
 
 namespace {
 
-gateway_result call_with(host_inputs& in, int nlhs,
-                         const std::function<void(mxArray**)>& call) {
+gateway_result call_with(int nlhs, const std::function<void(mxArray**)>& call) {
   gateway_result r;
   fake_mex::reset();
   const std::int64_t arrays_before = fake_mex::live_arrays();
@@ -105,7 +106,7 @@ gateway_result call_with(host_inputs& in, int nlhs,
 gateway_result call_gateway(host_inputs& in, int nlhs, run_context* ctx) {
   run_context own;
   run_context& used = ctx != nullptr ? *ctx : own;
-  gateway_result r = call_with(in, nlhs, [&](mxArray** plhs) {
+  gateway_result r = call_with(nlhs, [&](mxArray** plhs) {
     gateway::run_gateway(nlhs, plhs, in.count(), in.data(), &used);
   });
   r.library_allocations_left = used.allocator.live();
@@ -114,8 +115,7 @@ gateway_result call_gateway(host_inputs& in, int nlhs, run_context* ctx) {
 }
 
 gateway_result call_mex_function(host_inputs& in, int nlhs) {
-  return call_with(in, nlhs,
-                   [&](mxArray** plhs) { mexFunction(nlhs, plhs, in.count(), in.data()); });
+  return call_with(nlhs, [&](mxArray** plhs) { mexFunction(nlhs, plhs, in.count(), in.data()); });
 }
 
 library_result run_library(const image& img, const run_arguments& a) {

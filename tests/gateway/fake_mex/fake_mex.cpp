@@ -161,7 +161,9 @@ const char* mxGetClassName(const mxArray* a) {
 }
 
 bool mxIsInt32(const mxArray* a) { return a->class_id == mxINT32_CLASS; }
-bool mxIsNumeric(const mxArray* a) { return a->class_id >= mxDOUBLE_CLASS && a->class_id <= mxUINT64_CLASS; }
+bool mxIsNumeric(const mxArray* a) {
+  return a->class_id >= mxDOUBLE_CLASS && a->class_id <= mxUINT64_CLASS;
+}
 bool mxIsComplex(const mxArray* a) { return a->complex; }
 
 double mxGetScalar(const mxArray* a) {
@@ -231,7 +233,7 @@ mxArray* int32_array(const std::vector<mwSize>& dims, const std::vector<std::int
   mxArray* a = new_array(dims, mxINT32_CLASS, false);
   if (values.size() * sizeof(std::int32_t) != a->real.size())
     throw std::invalid_argument("int32_array: values do not match the dimensions");
-  std::memcpy(a->real.data(), values.data(), a->real.size());
+  if (!a->real.empty()) std::memcpy(a->real.data(), values.data(), a->real.size());
   return a;
 }
 
@@ -239,7 +241,7 @@ mxArray* double_array(const std::vector<mwSize>& dims, const std::vector<double>
   mxArray* a = new_array(dims, mxDOUBLE_CLASS, false);
   if (values.size() * sizeof(double) != a->real.size())
     throw std::invalid_argument("double_array: values do not match the dimensions");
-  std::memcpy(a->real.data(), values.data(), a->real.size());
+  if (!a->real.empty()) std::memcpy(a->real.data(), values.data(), a->real.size());
   return a;
 }
 
@@ -304,7 +306,7 @@ std::vector<mwSize> dimensions(const mxArray* a) { return a->dims; }
 std::vector<std::int32_t> int32_values(const mxArray* a) {
   if (a->class_id != mxINT32_CLASS) throw std::invalid_argument("int32_values: not int32");
   std::vector<std::int32_t> v(a->real.size() / sizeof(std::int32_t));
-  std::memcpy(v.data(), a->real.data(), a->real.size());
+  if (!v.empty()) std::memcpy(v.data(), a->real.data(), a->real.size());
   return v;
 }
 

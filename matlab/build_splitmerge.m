@@ -1,0 +1,65 @@
+function build_splitmerge(output_dir)
+%BUILD_SPLITMERGE Build the splitmerge module from the C++ sources.
+%   BUILD_SPLITMERGE builds the module next to this file: splitmerge.mex with
+%   mkoctfile --mex in Octave, splitmerge.<mexext> with mex in MATLAB.
+%   BUILD_SPLITMERGE(OUTPUT_DIR) puts it in OUTPUT_DIR instead.
+%
+%   Needs a C++20 compiler (GCC 10, Clang 12, MSVC 2019 16.10 or later); in
+%   MATLAB choose it with mex -setup C++.
+%
+%   See also SPLITMERGE.
+
+here = fileparts(mfilename('fullpath'));
+root = fileparts(here);
+if nargin < 1
+  output_dir = here;
+end
+src = fullfile(root, 'src');
+sources = [library_sources(src), ...
+           {fullfile(src, 'gateway', 'read_call.cpp'), ...
+            fullfile(src, 'gateway', 'mex_gateway.cpp')}];
+includes = {['-I' src], ['-I' fullfile(root, 'include')]};
+
+if exist('OCTAVE_VERSION', 'builtin')
+  % mkoctfile takes its compiler flags from the environment. No contraction
+  % of multiply-adds: results must be bit-identical to the library's tests.
+  previous = getenv('CXXFLAGS');
+  setenv('CXXFLAGS', '-std=c++20 -O2 -ffp-contract=off');
+  restore = onCleanup(@() setenv('CXXFLAGS', previous));
+  module = fullfile(output_dir, 'splitmerge.mex');
+  [output, status] = mkoctfile('--mex', '-o', module, includes{:}, sources{:});
+  if status ~= 0
+    error('splitmerge:buildFailed', 'mkoctfile failed:\n%s', output);
+  end
+else
+  if ispc
+    flags = {'COMPFLAGS=$COMPFLAGS /std:c++20 /fp:precise'};
+  else
+    flags = {'CXXFLAGS=$CXXFLAGS -std=c++20 -ffp-contract=off'};
+  end
+  module = fullfile(output_dir, ['splitmerge.' mexext]);
+  mex('-R2018a', '-output', fullfile(output_dir, 'splitmerge'), flags{:}, includes{:}, ...
+      sources{:});
+end
+fprintf('built %s\n', module);
+end
+
+function files = library_sources(src)
+% Every .cpp file in the library's folders under src/; the gateway's own
+% files are added by name.
+files = {};
+folders = dir(src);
+for k = 1:numel(folders)
+  name = folders(k).name;
+  if ~folders(k).isdir || any(strcmp(name, {'.', '..', 'gateway'}))
+    continue;
+  end
+  found = dir(fullfile(src, name, '*.cpp'));
+  for j = 1:numel(found)
+    files{end + 1} = fullfile(src, name, found(j).name); %#ok<AGROW>
+  end
+end
+if isempty(files)
+  error('splitmerge:buildFailed', 'no library sources found under %s', src);
+end
+end
