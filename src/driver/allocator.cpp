@@ -1,8 +1,41 @@
 #include "driver/allocator.hpp"
 
 #include <cstdlib>
+#include <cstring>
+
+// Sanitizer builds hand every request to the general allocator, so that
+// use-after-free and leaks of single records are still caught.
+#if defined(__SANITIZE_ADDRESS__)
+#define SPLITMERGE_POOL 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define SPLITMERGE_POOL 0
+#endif
+#endif
+#ifndef SPLITMERGE_POOL
+#define SPLITMERGE_POOL 1
+#endif
 
 namespace splitmerge {
+
+namespace {
+
+// Every piece starts with a header: its size class, or `large` for memory
+// from the general allocator.
+struct alignas(16) header {
+  std::size_t size_class;
+};
+constexpr std::size_t large = ~std::size_t{0};
+
+}  // namespace
+
+run_allocator::~run_allocator() {
+  while (slabs_ != nullptr) {
+    slab* next = slabs_->next;
+    std::free(slabs_);
+    slabs_ = next;
+  }
+}
 
 bool run_allocator::admit(alloc_site site) noexcept {
   ++requests_;
@@ -14,16 +47,50 @@ bool run_allocator::admit(alloc_site site) noexcept {
   return true;
 }
 
+void* run_allocator::obtain(std::size_t bytes) noexcept {
+  if (bytes == 0) bytes = 1;
+  if (SPLITMERGE_POOL && bytes <= small_limit) {
+    const std::size_t c = (bytes - 1) / granule;
+    if (free_[c] == nullptr) {
+      // A new slab, twice the size of the last one of this class.
+      const std::size_t piece = sizeof(header) + (c + 1) * granule;
+      const std::size_t pieces = slab_pieces_[c] == 0 ? 256 : 2 * slab_pieces_[c];
+      auto* s = static_cast<slab*>(std::malloc(sizeof(header) + pieces * piece));
+      if (s == nullptr) return nullptr;
+      slab_pieces_[c] = pieces < (std::size_t{1} << 16) ? pieces : (std::size_t{1} << 16);
+      s->next = slabs_;
+      slabs_ = s;
+      auto* base = reinterpret_cast<unsigned char*>(s) + sizeof(header);
+      for (std::size_t i = pieces; i-- > 0;) {
+        auto* f = reinterpret_cast<free_piece*>(base + i * piece);
+        f->next = free_[c];
+        free_[c] = f;
+      }
+    }
+    free_piece* f = free_[c];
+    free_[c] = f->next;
+    auto* h = reinterpret_cast<header*>(f);
+    h->size_class = c;
+    return h + 1;
+  }
+  auto* h = static_cast<header*>(std::malloc(sizeof(header) + bytes));
+  if (h == nullptr) return nullptr;
+  h->size_class = large;
+  return h + 1;
+}
+
 void* run_allocator::allocate(std::size_t bytes, alloc_site site) noexcept {
   if (!admit(site)) return nullptr;
-  void* p = std::calloc(bytes == 0 ? 1 : bytes, 1);
-  if (p != nullptr) ++live_;
+  void* p = obtain(bytes);
+  if (p == nullptr) return nullptr;
+  std::memset(p, 0, bytes);
+  ++live_;
   return p;
 }
 
 void* run_allocator::allocate_uninitialised(std::size_t bytes, alloc_site site) noexcept {
   if (!admit(site)) return nullptr;
-  void* p = std::malloc(bytes == 0 ? 1 : bytes);
+  void* p = obtain(bytes);
   if (p != nullptr) ++live_;
   return p;
 }
@@ -31,7 +98,15 @@ void* run_allocator::allocate_uninitialised(std::size_t bytes, alloc_site site) 
 void run_allocator::release(void* p) noexcept {
   if (p == nullptr) return;
   --live_;
-  std::free(p);
+  header* h = static_cast<header*>(p) - 1;
+  if (h->size_class == large) {
+    std::free(h);
+    return;
+  }
+  const std::size_t c = h->size_class;  // read before the link overwrites it
+  auto* f = reinterpret_cast<free_piece*>(h);
+  f->next = free_[c];
+  free_[c] = f;
 }
 
 }  // namespace splitmerge

@@ -20,8 +20,10 @@ enum class alloc_site : std::uint8_t {
   block_record,
   neighbour_entry,
   level_table,
+  leaf_index,
   seed_table,
   sort_array,
+  elimination_index,
   save_array,
   frame_node,
   frame_pixels,
@@ -35,6 +37,7 @@ class run_allocator {
   run_allocator() = default;
   run_allocator(const run_allocator&) = delete;
   run_allocator& operator=(const run_allocator&) = delete;
+  ~run_allocator();
 
   // Zero-filled memory, or nullptr when the request fails.
   void* allocate(std::size_t bytes, alloc_site site) noexcept;
@@ -54,13 +57,31 @@ class run_allocator {
   }
 
  private:
+  // Small records (blocks and neighbour entries, millions per run) come from
+  // slabs with one free list per size class: far cheaper than the general
+  // allocator, and records made together lie together in memory. Each piece
+  // carries a header naming its class, so release needs no size.
+  static constexpr std::size_t granule = 16;
+  static constexpr std::size_t small_limit = 128;
+  static constexpr std::size_t class_count = small_limit / granule;
+  struct free_piece {
+    free_piece* next;
+  };
+  struct slab {
+    slab* next;
+  };
+
   bool admit(alloc_site site) noexcept;
+  void* obtain(std::size_t bytes) noexcept;
 
   std::uint64_t fail_at_ = 0;
   std::uint64_t requests_ = 0;
   std::int64_t live_ = 0;
   std::array<bool, alloc_site_count> requested_{};
   std::array<bool, alloc_site_count> failed_{};
+  std::array<free_piece*, class_count> free_{};
+  std::array<std::size_t, class_count> slab_pieces_{};
+  slab* slabs_ = nullptr;
 };
 
 }  // namespace splitmerge

@@ -109,10 +109,39 @@ block* make_one_region(run_context& ctx, block* b) noexcept {
 
 namespace {
 
-// Finds and pairs the neighbours of cur along one axis.
-list_result<nb_node*> pair_along(run_context& ctx, blocklist list, block* cur, std::int32_t lvl,
-                                 std::int32_t axis, nb_node* front) {
+// The leaves in chain order with their codes side by side, and the position
+// of each initial-level cell's first leaf. Codes increase strictly along the
+// chain, so the leaf that holds or starts a code is found by a binary search
+// within its cell instead of a walk along the chain.
+struct leaf_index {
+  block** leaves = nullptr;
+  std::uint32_t* codes = nullptr;
+  std::uint32_t* cell_start = nullptr;
+  std::size_t count = 0;
+
+  // The first leaf from `from` on whose code is not below a, before `limit`.
+  [[nodiscard]] std::size_t lower_bound(std::uint32_t a, std::size_t from,
+                                        std::size_t limit) const {
+    std::size_t lo = from;
+    std::size_t hi = limit;
+    while (lo < hi) {
+      const std::size_t mid = lo + (hi - lo) / 2;
+      if (codes[mid] < a) {
+        lo = mid + 1;
+      } else {
+        hi = mid;
+      }
+    }
+    return lo;
+  }
+};
+
+// Finds and pairs the neighbours of cur (leaf number `position`) along one axis.
+list_result<nb_node*> pair_along(run_context& ctx, blocklist list, const leaf_index& index,
+                                 std::size_t position, std::int32_t lvl, std::int32_t axis,
+                                 nb_node* front) {
   using front_result = list_result<nb_node*>;
+  block* cur = index.leaves[position];
   const std::uint32_t a = find_adjacent(ctx, cur->code, lvl, axis);
   if (a == 0) return front_result{front, 0};
   std::uint32_t e = entry(ctx, a);
@@ -121,12 +150,11 @@ list_result<nb_node*> pair_along(run_context& ctx, blocklist list, block* cur, s
     while (list[e] == nullptr) --e;
     return add_neighbour(ctx, front, list[e], cur);
   }
-  block* p = list[e];
-  block* passed = nullptr;
-  while (p != nullptr && p->code < a) {
-    passed = p;
-    p = p->next_block;
-  }
+  // The lower neighbour lies in cell e and precedes cur in chain order.
+  const std::size_t from = index.cell_start[e];
+  const std::size_t at = index.lower_bound(a, from, position + 1);
+  block* p = at < index.count ? index.leaves[at] : nullptr;
+  block* passed = at > from ? index.leaves[at - 1] : nullptr;
   if (p != nullptr && p->code == a) return add_neighbour(ctx, front, p, cur);
   const std::int32_t la = level(ctx, a);
   if (p != nullptr && ((p->code ^ a) >> (4 * la)) == 0) {
@@ -168,7 +196,37 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   table[level(ctx, first->code)] = first;
   block* head = first;
 
+  leaf_index index;
+  for (const block* b = first; b != nullptr; b = b->next_block) ++index.count;
+  const auto cells = static_cast<std::size_t>(ctx.voxels_image / ctx.pixels_perblock[ctx.init_level]);
+  index.leaves = static_cast<block**>(ctx.allocator.allocate_uninitialised(
+      index.count * (sizeof(block*) + sizeof(std::uint32_t)) + cells * sizeof(std::uint32_t),
+      alloc_site::leaf_index));
+  if (index.leaves == nullptr) return fail(table);
+  index.codes = reinterpret_cast<std::uint32_t*>(index.leaves + index.count);
+  index.cell_start = index.codes + index.count;
+  {
+    std::size_t i = 0;
+    for (block* b = first; b != nullptr; b = b->next_block, ++i) {
+      index.leaves[i] = b;
+      index.codes[i] = b->code;
+    }
+    // Empty slots lie inside a block that starts earlier; they are never searched.
+    i = 0;
+    for (std::size_t slot = 0; slot < cells; ++slot) {
+      if (list[slot] == nullptr) continue;
+      while (index.leaves[i] != list[slot]) ++i;
+      index.cell_start[slot] = static_cast<std::uint32_t>(i);
+    }
+  }
+  const auto fail_indexed = [&] {
+    ctx.allocator.release(index.leaves);
+    return fail(table);
+  };
+
+  std::size_t position = 0;
   for (block* cur = first->next_block; cur != nullptr; cur = cur->next_block) {
+    ++position;
     calc_eval_var_region(ctx, cur);
     const std::int32_t lvl = level(ctx, cur->code);
     block* after = table[lvl];
@@ -184,11 +242,11 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
 
     cur->region_pointer = cur;
     nb_node* front = new_nb_node(ctx, nullptr, nullptr);
-    if (front == nullptr) return fail(table);
+    if (front == nullptr) return fail_indexed();
     cur->nb_pointers[1] = front;
     for (std::int32_t axis = 0; axis < 3; ++axis) {
-      const auto f = pair_along(ctx, list, cur, lvl, axis, front);
-      if (check_pointer(f) != 0) return fail(table);
+      const auto f = pair_along(ctx, list, index, position, lvl, axis, front);
+      if (check_pointer(f) != 0) return fail_indexed();
       front = f.value;
     }
     close_list(ctx, cur, front);
@@ -197,6 +255,7 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   for (block* h = head; h != nullptr; h = h->next_region) h->next_block = nullptr;
   ctx.allocator.release(list);
   ctx.allocator.release(table);
+  ctx.allocator.release(index.leaves);
   ctx.phase_status = 0;
   return list_result<regionlist>{head, 0};
 }

@@ -18,6 +18,7 @@ nb_node* new_nb_node(run_context& ctx, block* region, nb_node* next) noexcept {
   if (e != nullptr) {
     e->region = region;
     e->next = next;
+    e->order = 0;
   }
   return e;
 }

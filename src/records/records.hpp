@@ -23,6 +23,9 @@ struct block {
 struct nb_node {
   block* region = nullptr;
   nb_node* next = nullptr;
+  // Position key within its list, kept only while small regions are
+  // eliminated (see the elimination index); meaningless elsewhere.
+  std::uint64_t order = 0;
 };
 
 // Slot array of initial-level cells; slot 0 holds the head of the block chain.

@@ -5,6 +5,7 @@
 #include "evaluation/evaluation.hpp"
 #include "geometry/geometry.hpp"
 #include "grouping/grouping.hpp"
+#include "regions/elimination_index.hpp"
 #include "regions/regions.hpp"
 
 namespace splitmerge {
@@ -34,24 +35,39 @@ block* most_similar_neighbour(const run_context& ctx, block* r) {
   return best;
 }
 
+// The first entry of best's list that stands for r.
+nb_node* entry_for(elimination_index& index, block* best, block* r) {
+  if (nb_node* e = index.first_entry_for(best, r)) return e;
+  nb_node* e = best->nb_pointers[0];
+  while (e != nullptr && resolve(e) != r) e = e->next;
+  return e;
+}
+
 template <bool Display>
 void elimination_phase(run_context& ctx, regionlist head) noexcept {
   block* r = head;
   while (r->region_pointer == nullptr) r = r->next_region;
+  if (ctx.small_size < 1) return;  // no region is small
+  // Large regions absorb many small ones; finding the entry to unite at by
+  // walking their long lists would cost time quadratic in the image size.
+  elimination_index index(ctx);
   for (; r != nullptr; r = r->next_region) {
-    if (ctx.small_size < 1 || region_size(ctx, r, ctx.small_size) >= ctx.small_size) continue;
+    if (region_size(ctx, r, ctx.small_size) >= ctx.small_size) continue;
     block* best = most_similar_neighbour(ctx, r);
     if (best == nullptr) continue;  // r is the only region left
-    nb_node* e = best->nb_pointers[0];
-    while (e != nullptr && resolve(e) != r) e = e->next;
+    nb_node* e = entry_for(index, best, r);
     if (e == nullptr) continue;  // not reachable in a consistent list
     if (ctx.statistic_update == 0) make_neutral(ctx, r);
+    nb_node* const forwarding = r->nb_pointers[0];
+    nb_node* const spliced_first = forwarding->next;
+    nb_node* const spliced_last = spliced_first != nullptr ? r->nb_pointers[1] : nullptr;
     if constexpr (Display) {
       ctx.cur_color = frame_colour_at(ctx, best);
       unite_disp(ctx, best, r, e);
     } else {
       unite(ctx, best, r, e);
     }
+    index.after_union(best, e, spliced_first, spliced_last);
   }
 }
 

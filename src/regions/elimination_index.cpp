@@ -1,0 +1,159 @@
+#include "regions/elimination_index.hpp"
+
+#include <bit>
+
+#include "driver/run_context.hpp"
+
+namespace splitmerge {
+
+namespace {
+
+// Order keys of a list are spread evenly over [0, order_end), so that many
+// splices fit between two entries before the list must be renumbered.
+constexpr std::uint64_t order_end = std::uint64_t{1} << 62;
+
+// Gives the entries of a list evenly spread order keys.
+void spread(nb_node* first) noexcept {
+  std::uint64_t n = 0;
+  for (const nb_node* e = first; e != nullptr; e = e->next) ++n;
+  const std::uint64_t step = order_end / (n + 1);
+  std::uint64_t order = 0;
+  for (nb_node* e = first; e != nullptr; e = e->next) {
+    order += step;
+    e->order = order;
+  }
+}
+
+// Record addresses share their low bits; mix every bit into the low ones.
+std::size_t hash_of(const block* owner, const block* named) noexcept {
+  std::uint64_t h = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(owner)) ^
+                    (static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(named)) << 21 |
+                     static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(named)) >> 43);
+  h ^= h >> 33;
+  h *= 0xFF51AFD7ED558CCDull;
+  h ^= h >> 33;
+  h *= 0xC4CEB9FE1A85EC53ull;
+  h ^= h >> 33;
+  return static_cast<std::size_t>(h);
+}
+
+}  // namespace
+
+void elimination_index::release() noexcept {
+  ctx_.allocator.release(slots_);
+  slots_ = nullptr;
+  capacity_ = 0;
+  used_ = 0;
+}
+
+bool elimination_index::allocate(std::size_t capacity) noexcept {
+  slots_ = create_array<slot>(ctx_, capacity, alloc_site::elimination_index);
+  capacity_ = slots_ != nullptr ? capacity : 0;
+  used_ = 0;
+  return slots_ != nullptr;
+}
+
+std::size_t elimination_index::find(const block* owner, const block* named) const noexcept {
+  const std::size_t mask = capacity_ - 1;
+  std::size_t i = hash_of(owner, named) & mask;
+  while (slots_[i].first != nullptr && (slots_[i].owner != owner || slots_[i].named != named))
+    i = (i + 1) & mask;
+  return i;
+}
+
+void elimination_index::note(const block* owner, nb_node* e) noexcept {
+  slot& s = slots_[find(owner, e->region)];
+  if (s.first == nullptr) {
+    s = slot{owner, e->region, e};
+    ++used_;
+  } else if (e->order < s.first->order) {
+    s.first = e;
+  }
+}
+
+// The key (owner, null) marks an indexed list.
+bool elimination_index::indexed(const block* owner) const noexcept {
+  return capacity_ != 0 && slots_[find(owner, nullptr)].first != nullptr;
+}
+
+bool elimination_index::index_list(block* owner) noexcept {
+  std::size_t n = 1;
+  for (const nb_node* e = owner->nb_pointers[0]; e != nullptr; e = e->next) ++n;
+  if (!grow(n)) return false;
+  spread(owner->nb_pointers[0]);
+  for (nb_node* e = owner->nb_pointers[0]; e != nullptr; e = e->next) note(owner, e);
+  slot& mark = slots_[find(owner, nullptr)];
+  mark = slot{owner, nullptr, owner->nb_pointers[0]};
+  ++used_;
+  return true;
+}
+
+nb_node* elimination_index::first_entry_for(block* owner, const block* r) noexcept {
+  if (!usable_ || owner->nb_pointers[0] == nullptr) return nullptr;
+  if (!indexed(owner) && !index_list(owner)) return nullptr;
+  nb_node* best = nullptr;
+  for (const block* b = r; b != nullptr; b = b->next_block) {
+    nb_node* e = slots_[find(owner, b)].first;
+    if (e != nullptr && (best == nullptr || e->order < best->order)) best = e;
+  }
+  return best;
+}
+
+bool elimination_index::grow(std::size_t extra) noexcept {
+  if (!usable_) return false;
+  if (2 * (used_ + extra) <= capacity_) return true;
+  // Rebuild without the keys of absorbed lists, which are never asked again.
+  slot* old = slots_;
+  const std::size_t old_capacity = capacity_;
+  std::size_t live = extra;
+  for (std::size_t i = 0; i < old_capacity; ++i)
+    if (old[i].first != nullptr && old[i].owner->region_pointer != nullptr) ++live;
+  slots_ = nullptr;
+  if (!allocate(std::bit_ceil(4 * live + 1024))) {
+    ctx_.allocator.release(old);
+    usable_ = false;
+    return false;
+  }
+  for (std::size_t i = 0; i < old_capacity; ++i) {
+    if (old[i].first == nullptr || old[i].owner->region_pointer == nullptr) continue;
+    slots_[find(old[i].owner, old[i].named)] = old[i];
+    ++used_;
+  }
+  ctx_.allocator.release(old);
+  return true;
+}
+
+void elimination_index::after_union(block* owner, nb_node* e, nb_node* spliced_first,
+                                    nb_node* spliced_last) noexcept {
+  if (!usable_ || !indexed(owner)) return;
+  std::size_t count = 1;
+  for (nb_node* s = spliced_first; spliced_first != nullptr; s = s->next) {
+    ++count;
+    if (s == spliced_last) break;
+  }
+  if (!grow(count)) return;
+  if (spliced_first != nullptr) {
+    // Order keys between e and the entry that now follows the spliced ones.
+    const nb_node* after = spliced_last->next;
+    const std::uint64_t lo = e->order;
+    const std::uint64_t hi = after != nullptr ? after->order : order_end;
+    if (hi - lo > count) {
+      const std::uint64_t step = (hi - lo) / count;
+      std::uint64_t order = lo;
+      for (nb_node* s = spliced_first;; s = s->next) {
+        order += step;
+        s->order = order;
+        if (s == spliced_last) break;
+      }
+    } else {
+      spread(owner->nb_pointers[0]);
+    }
+  }
+  note(owner, e);
+  for (nb_node* s = spliced_first; s != nullptr; s = s->next) {
+    note(owner, s);
+    if (s == spliced_last) break;
+  }
+}
+
+}  // namespace splitmerge

@@ -1,0 +1,60 @@
+// Finds, in a long neighbour list, the first entry that stands for a given
+// region without walking the list: a table maps (list owner, named block) to
+// the first entry of that list naming the block, and entries carry order keys
+// that compare their positions within one list. Only an accelerator: when it
+// cannot get memory, the elimination walks the lists instead, with the same
+// results.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "records/records.hpp"
+
+namespace splitmerge {
+
+class run_context;
+
+class elimination_index {
+ public:
+  explicit elimination_index(run_context& ctx) : ctx_(ctx) {}
+  elimination_index(const elimination_index&) = delete;
+  elimination_index& operator=(const elimination_index&) = delete;
+  ~elimination_index() { release(); }
+
+  [[nodiscard]] bool usable() const noexcept { return usable_; }
+
+  // The first entry of owner's list that names a block of r's chain (and so
+  // stands for r), or null when there is none. A list is indexed the first
+  // time it is asked about; most lists never are.
+  [[nodiscard]] nb_node* first_entry_for(block* owner, const block* r) noexcept;
+
+  // Records a union of r into owner at entry e: e now names another block and
+  // r's entries from `spliced_first` to `spliced_last` follow e. Only indexed
+  // lists need it.
+  void after_union(block* owner, nb_node* e, nb_node* spliced_first,
+                   nb_node* spliced_last) noexcept;
+
+ private:
+  struct slot {
+    const block* owner;
+    const block* named;
+    nb_node* first;
+  };
+
+  void release() noexcept;
+  bool allocate(std::size_t capacity) noexcept;
+  void note(const block* owner, nb_node* e) noexcept;
+  [[nodiscard]] std::size_t find(const block* owner, const block* named) const noexcept;
+  bool grow(std::size_t extra) noexcept;
+  bool indexed(const block* owner) const noexcept;
+  bool index_list(block* owner) noexcept;
+
+  run_context& ctx_;
+  slot* slots_ = nullptr;
+  std::size_t capacity_ = 0;  // a power of two
+  std::size_t used_ = 0;
+  bool usable_ = true;  // false once memory ran short: callers walk the lists
+};
+
+}  // namespace splitmerge
