@@ -8,12 +8,13 @@ scripts/setup.sh test
 jobs="$(nproc)"
 
 echo "== release build and tests"
-cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DSPLITMERGE_BUILD_TESTS=ON >/dev/null
 cmake --build build/release -j "$jobs"
 ctest --test-dir build/release --output-on-failure -j "$jobs"
 
 echo "== sanitizer build and tests (address, undefined, leak)"
 cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=Debug -DSPLITMERGE_SANITIZE=address,undefined \
+  -DSPLITMERGE_BUILD_TESTS=ON \
   >/dev/null
 cmake --build build/sanitize -j "$jobs"
 ASAN_OPTIONS=detect_leaks=1 ctest --test-dir build/sanitize --output-on-failure -j "$jobs"

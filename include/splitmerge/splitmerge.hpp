@@ -71,6 +71,8 @@ struct options {
   bool capture_lines = false;
   // Also write the progress lines to standard output.
   bool echo_lines = false;
+  // Receives each progress line (newline included) as the run prints it.
+  std::function<void(std::string_view)> line_sink;
   // Where warnings and parameter errors go; standard error when empty.
   std::function<void(std::string_view)> error_sink;
   // Collect the final region list (statistics, block codes, neighbours).
@@ -87,11 +89,16 @@ struct region_record {
   std::vector<std::int32_t> neighbours;   // labels of adjacent regions
 };
 
+// Statuses of a run.
+inline constexpr std::int32_t status_ok = 0;
+inline constexpr std::int32_t status_failed = -1;       // invalid parameters or no memory
+inline constexpr std::int32_t status_file_failed = -2;  // the region list file cannot be opened
+
 struct segmentation {
-  // 0 success, -1 failure (invalid parameters or no memory), -2 the region
-  // list file could not be written.
-  std::int32_t status = 0;
-  // One label per pixel, 0 for the largest region; empty when the run failed
+  // status_ok, status_failed or status_file_failed. After status_failed,
+  // `error` holds the parameter problem, or is empty when memory ran out.
+  std::int32_t status = status_ok;
+  // One label per pixel, 0 for the largest region; all 0 when the run failed
   // before labelling.
   std::vector<std::int32_t> labels;
   // The display frames, frame_count images of the input's size, in order.

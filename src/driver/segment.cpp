@@ -95,6 +95,7 @@ segmentation segment(const image_view& image, parameters p, const options& opts)
   std::string pending;
   ctx.out = [&](std::string_view text) {
     if (opts.echo_lines) std::fwrite(text.data(), 1, text.size(), stdout);
+    if (opts.line_sink) opts.line_sink(text);
     if (!opts.capture_lines) return;
     pending.append(text);
     for (std::size_t nl; (nl = pending.find('\n')) != std::string::npos;) {

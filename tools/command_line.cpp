@@ -1,0 +1,240 @@
+#include "command_line.hpp"
+
+#include <CLI/CLI.hpp>
+
+#include <iostream>
+#include <map>
+
+namespace splitmerge::tool {
+
+namespace {
+
+constexpr const char* description =
+    "Segments a grey image or volume into homogeneous regions by split and merge over a\n"
+    "quadtree (2-D) or octree (3-D): the image is covered with square blocks, homogeneous\n"
+    "neighbouring blocks are merged, inhomogeneous ones split, adjacent blocks grouped into\n"
+    "regions, and regions below --small-size pixels absorbed. Labels number the regions\n"
+    "0, 1, ... by decreasing size.\n\n"
+    "The image must have square slices of 2, 4, ..., 256 pixels, a power-of-two slice count\n"
+    "no larger than the edge and integer pixels 0..255; --fit, --slice and --rescale adapt\n"
+    "other images. Progress lines go to standard output, problems to standard error.\n"
+    "Exit status: 0 done, 1 the segmentation or writing its results failed, 2 bad usage or\n"
+    "an unusable input.\n";
+
+constexpr const char* footer =
+    "Formats (chosen by the file name's extension):\n"
+    "  IMAGE          .npy (integers; (Y, X) or (Z, Y, X)), .png and .pgm (8/16-bit grey;\n"
+    "                 colour PNG is read as its luma), .tif/.tiff (grey, 8/16/32-bit or\n"
+    "                 float; each page a slice), .nii/.nii.gz (NIfTI-1, x fastest)\n"
+    "  --labels       .npy (int32, the image's shape), .tif (32-bit, a page per slice),\n"
+    "                 .png (a colour picture, one colour per label; a volume's middle slice)\n"
+    "  --frames       .npy (int32, shape (frames,) + image shape), .gif (an animation; a\n"
+    "                 volume's middle slice)\n"
+    "  --save-input   .png, .pgm (grey; a volume's middle slice), .npy, .tif\n\n"
+    "Examples:\n"
+    "  splitmerge scan.nii.gz --slice 90 --fit pad --labels labels.png --frames run.gif\n"
+    "  splitmerge scan.nii.gz --fit crop --labels labels.npy --regions regions.txt\n"
+    "  splitmerge photo.png --fit crop --pred-choice range --interval-length 20 --labels l.png";
+
+// CLI11 does not wrap option descriptions; keep them within 100 columns.
+std::string wrapped(const std::string& text) {
+  constexpr std::size_t width = 72;
+  std::string out;
+  std::size_t line_start = 0;
+  std::size_t pos = 0;
+  while (pos < text.size()) {
+    std::size_t end = text.find(' ', pos);
+    if (end == std::string::npos) end = text.size();
+    if (end - line_start > width && pos > line_start) {
+      out.back() = '\n';
+      line_start = pos;
+    }
+    out.append(text, pos, end - pos);
+    if (end < text.size()) out += ' ';
+    pos = end + 1;
+  }
+  return out;
+}
+
+// Predicate names, as the user may spell them.
+const std::map<std::string, std::int32_t>& predicate_names() {
+  static const std::map<std::string, std::int32_t> names = {
+      {"range", 1}, {"mean", 2}, {"median", 3}, {"chi2", 4}, {"pseudo", 5}};
+  return names;
+}
+
+std::int32_t predicate_number(const std::string& text) {
+  if (const auto it = predicate_names().find(text); it != predicate_names().end())
+    return it->second;
+  std::size_t used = 0;
+  int value = 0;
+  try {
+    value = std::stoi(text, &used);
+  } catch (const std::logic_error&) {
+    used = 0;
+  }
+  if (used == 0 || used != text.size())
+    throw CLI::ValidationError("--pred-choice",
+                               "expected 1 to 5 or range, mean, median, chi2, "
+                               "pseudo, got '" +
+                                   text + "'");
+  return value;
+}
+
+void add_parameter_options(CLI::App& app, parameters& p, std::string& predicate) {
+  const parameters d = default_parameters();
+  const auto add = [&](const char* name, auto& value, const std::string& text) {
+    return app.add_option(name, value, wrapped(text))->group("Segmentation parameters");
+  };
+  add("--max-level", p.max_level,
+      "the image edge is 2^N pixels, 1..8 (default: from the image width)")
+      ->type_name("N");
+  add("--lim-oct-level", p.lim_oct_level,
+      "blocks of level N and below are one slice thick, so a volume has "
+      "2^(max-level - N) slices; 0..max-level (default: from the slice count)")
+      ->type_name("N");
+  add("--init-level", p.init_level,
+      "level of the first blocks, 2^N pixels wide; 0..max-level - 1 (default: 3, or "
+      "max-level - 1 for smaller images)")
+      ->type_name("N");
+  add("--group-mode", p.group_mode,
+      "0 grows regions one after another; 1 grows several seeded regions side by side "
+      "(default " +
+          std::to_string(d.group_mode) + ")")
+      ->type_name("N");
+  add("--max-seed", p.max_seed,
+      "with --group-mode 1, the number of seed regions, at least 1 (default " +
+          std::to_string(d.max_seed) + ")")
+      ->type_name("N");
+  add("--use-all-seeds", p.use_all_seeds,
+      "with --group-mode 1, 1 takes seeds among blocks of any size, 0 only among the "
+      "largest (default " +
+          std::to_string(d.use_all_seeds) + ")")
+      ->type_name("N");
+  add("--pred-choice", predicate,
+      "homogeneity test: 1 or range (grey range at most --interval-length), 2 or mean (range, "
+      "then region means closer than --interval-length), 3 or median (at most --rejection of "
+      "the pixels outside the median +- --interval-length/2), 4 or chi2 (variance against "
+      "--sigma^2 by a chi-square quantile), 5 or pseudo (variance against --sigma^2 (1 + "
+      "--pseudo-factor/sqrt(pixels))) (default " +
+          std::to_string(d.pred_choice) + ")")
+      ->type_name("TEST");
+  add("--interval-length", p.interval_length,
+      "largest grey range (tests 1-3) or difference of region means (tests 2, 4, 5) "
+      "(default " +
+          std::to_string(d.interval_length) + ")")
+      ->type_name("N");
+  add("--rejection", p.rejection,
+      "test 3, largest share of outlying pixels, a fraction (0.1 = 10 %) (default " +
+          CLI::detail::to_string(d.rejection) + ")")
+      ->type_name("X");
+  add("--sigma", p.sigma,
+      "tests 4 and 5, standard deviation of the noise in grey values (default " +
+          CLI::detail::to_string(d.sigma) + ")")
+      ->type_name("X");
+  add("--threshold-row", p.threshold_row,
+      "test 4, 1, 2 or 3 for the 50, 75 or 90 % chi-square quantile (default " +
+          std::to_string(d.threshold_row) + ")")
+      ->type_name("N");
+  add("--pseudo-factor", p.pseudo_factor,
+      "test 5, how much more variance small blocks may have (default " +
+          CLI::detail::to_string(d.pseudo_factor) + ")")
+      ->type_name("X");
+  add("--small-size", p.small_size,
+      "regions of fewer pixels are absorbed by their most similar neighbour; 0 keeps "
+      "them (default " +
+          std::to_string(d.small_size) + ")")
+      ->type_name("N");
+  add("--statistic-update", p.statistic_update,
+      "1, a region absorbing a small one takes in its statistics; 0, it keeps its own "
+      "(default " +
+          std::to_string(d.statistic_update) + ")")
+      ->type_name("N");
+}
+
+}  // namespace
+
+parameters default_parameters() {
+  parameters p;
+  // The chi-square test with a small noise level keeps grey and white matter
+  // apart (their means differ by about 25 grey values in T1 scans), and the
+  // mean difference of 12 lets each grow across the whole slice; regions below
+  // 50 pixels are mostly partial-volume rims between the two.
+  p.pred_choice = 4;
+  p.threshold_row = 3;
+  p.sigma = 3.0;
+  p.interval_length = 12;
+  p.small_size = 50;
+  return p;
+}
+
+parse_result parse_command_line(int argc, const char* const* argv) {
+  tool_settings s;
+  s.params = default_parameters();
+  std::string predicate = std::to_string(s.params.pred_choice);
+  std::string fit = "none";
+
+  CLI::App app(description, "splitmerge");
+  app.footer(footer);
+  app.get_formatter()->column_width(26);
+  app.add_option("IMAGE", s.image, "the image or volume to segment")->required();
+
+  const std::string outputs = "Outputs (written only when the whole run succeeds)";
+  app.add_option("--labels", s.labels, "write the label image (0 = the largest region)")
+      ->type_name("PATH")
+      ->group(outputs);
+  app.add_option("--frames", s.frames, "write the segmentation as it progresses")
+      ->type_name("PATH")
+      ->group(outputs);
+  app.add_option("--regions", s.regions,
+                 wrapped("write the region list file: per region its statistics, block codes and "
+                         "neighbours"))
+      ->type_name("PATH")
+      ->group(outputs);
+  app.add_option("--save-input", s.input_copy,
+                 "write the image as segmented, after --slice, --fit and --rescale")
+      ->type_name("PATH")
+      ->group(outputs);
+  app.add_flag("--no-display", s.no_display,
+               "record no frames (the default unless --frames is given)")
+      ->group(outputs);
+  app.add_flag("--quiet", s.quiet, "print no progress lines")->group(outputs);
+  app.add_option(
+         "--frame-budget", s.frame_budget,
+         wrapped("the recorded frames may take at most this many bytes of memory; later ones "
+                 "are dropped (default 2 GiB)"))
+      ->type_name("BYTES")
+      ->group(outputs);
+
+  const std::string fitting = "Fitting the input";
+  app.add_option(
+         "--fit", fit,
+         wrapped("pad (with 0, centred) up to, or crop (centred) down to, the nearest size the "
+                 "segmentation accepts"))
+      ->type_name("pad|crop")
+      ->group(fitting);
+  app.add_option("--slice", s.fit.slice, "segment slice K (0-based, along z) of a volume")
+      ->type_name("K")
+      ->group(fitting);
+  app.add_flag("--rescale", s.fit.rescale, "map the values' range linearly onto 0..255")
+      ->group(fitting);
+
+  add_parameter_options(app, s.params, predicate);
+
+  try {
+    app.parse(argc, argv);
+    s.params.pred_choice = predicate_number(predicate);
+    if (fit != "none" && fit != "pad" && fit != "crop")
+      throw CLI::ValidationError("--fit", "expected pad or crop, got '" + fit + "'");
+  } catch (const CLI::CallForHelp&) {
+    std::cout << app.help();
+    return 0;
+  } catch (const CLI::ParseError& e) {
+    std::cerr << "splitmerge: " << e.what() << " (see splitmerge --help)\n";
+    return 2;
+  }
+  s.fit.mode = fit == "pad" ? fit_mode::pad : fit == "crop" ? fit_mode::crop : fit_mode::none;
+  return s;
+}
+
+}  // namespace splitmerge::tool

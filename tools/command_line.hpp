@@ -1,0 +1,37 @@
+// The program's options, as the user gives them.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "fit.hpp"
+#include "splitmerge/splitmerge.hpp"
+
+namespace splitmerge::tool {
+
+struct tool_settings {
+  std::string image;
+  std::optional<std::string> labels;
+  std::optional<std::string> frames;
+  std::optional<std::string> regions;
+  std::optional<std::string> input_copy;
+  bool no_display = false;
+  bool quiet = false;
+  fit_request fit;
+  parameters params;  // with the program's defaults, -1 where derived from the image
+  std::uint64_t frame_budget = std::uint64_t{2} << 30;
+};
+
+// The program's defaults: the library's, with the homogeneity test tuned on
+// T1-weighted brain MRI slices.
+parameters default_parameters();
+
+// What the command line asks for: settings to run with, or an exit right away
+// (after --help, or on a usage error whose message is already printed).
+using parse_result = std::variant<tool_settings, int>;
+
+parse_result parse_command_line(int argc, const char* const* argv);
+
+}  // namespace splitmerge::tool

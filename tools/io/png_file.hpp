@@ -1,0 +1,22 @@
+// PNG pictures through libpng's simplified interface.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "grey_image.hpp"
+
+namespace splitmerge::io {
+
+// Grey PNGs keep their values (8 or 16 bits); colour ones become their luma
+// (0.299 R + 0.587 G + 0.114 B, rounded) and say so in the note. Transparent
+// pixels are laid over black.
+grey_image read_png(const std::string& path);
+
+void write_png_grey(const std::string& path, std::int64_t width, std::int64_t height,
+                    const std::uint8_t* pixels);
+// rgb holds three bytes per pixel.
+void write_png_rgb(const std::string& path, std::int64_t width, std::int64_t height,
+                   const std::uint8_t* rgb);
+
+}  // namespace splitmerge::io

@@ -1,0 +1,158 @@
+#include "outputs.hpp"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include "gif_file.hpp"
+#include "npy.hpp"
+#include "palette.hpp"
+#include "pgm_file.hpp"
+#include "png_file.hpp"
+#include "tiff_file.hpp"
+
+namespace splitmerge::tool {
+
+namespace {
+
+std::int64_t slice_pixels(const fitted_image& image) {
+  return std::int64_t{image.size_x} * image.size_y;
+}
+
+const std::int32_t* slice_start(const fitted_image& image, const std::int32_t* volume) {
+  return volume + shown_slice(image) * slice_pixels(image);
+}
+
+void note_shown_slice(const std::string& what, const fitted_image& image,
+                      std::vector<std::string>& notes) {
+  if (image.size_z > 1)
+    notes.push_back(what + " shows slice " + std::to_string(shown_slice(image)) + " of " +
+                    std::to_string(image.size_z) + " (z)");
+}
+
+// Frames of one slice as palette indices, dropping frames that repeat the one
+// before on that slice (in a volume most steps change other slices).
+std::vector<std::vector<std::uint8_t>> indexed_frames(const fitted_image& image,
+                                                      const std::vector<std::int32_t>& frames,
+                                                      std::int32_t frame_count) {
+  const std::int64_t frame_size = slice_pixels(image) * image.size_z;
+  std::vector<std::vector<std::uint8_t>> out;
+  for (std::int32_t f = 0; f < frame_count; ++f) {
+    const std::int32_t* slice = slice_start(image, frames.data() + f * frame_size);
+    std::vector<std::uint8_t> indices(static_cast<std::size_t>(slice_pixels(image)));
+    std::transform(slice, slice + slice_pixels(image), indices.begin(), palette_index);
+    if (out.empty() || out.back() != indices) out.push_back(std::move(indices));
+  }
+  return out;
+}
+
+}  // namespace
+
+staged_file::staged_file(std::string final_path) : final_path_(std::move(final_path)) {
+  const std::filesystem::path target(final_path_);
+  const std::filesystem::path folder = target.parent_path();
+  // The suffix keeps the final name's extension for libraries that look at it.
+  std::string suffix = "-";
+  suffix.append(target.filename().string());
+  std::string name = folder.empty() ? std::string() : folder.string() + '/';
+  name.append(".splitmerge-XXXXXX").append(suffix);
+  const int fd = mkstemps(name.data(), static_cast<int>(suffix.size()));
+  if (fd < 0) throw usage_error("cannot write " + final_path_ + " (" + std::strerror(errno) + ")");
+  // mkstemps makes the file private; give it the mode a new file would get.
+  const mode_t mask = ::umask(0);
+  ::umask(mask);
+  ::fchmod(fd, 0666 & ~mask);
+  ::close(fd);
+  temporary_path_ = std::move(name);
+}
+
+staged_file::~staged_file() {
+  if (!committed_) std::remove(temporary_path_.c_str());
+}
+
+void staged_file::commit() {
+  if (std::rename(temporary_path_.c_str(), final_path_.c_str()) != 0)
+    throw io::io_error("cannot write " + final_path_ + " (" + std::strerror(errno) + ")");
+  committed_ = true;
+}
+
+bool is_label_extension(const std::string& ext) {
+  return ext == ".npy" || ext == ".tif" || ext == ".tiff" || ext == ".png";
+}
+
+bool is_frame_extension(const std::string& ext) { return ext == ".npy" || ext == ".gif"; }
+
+bool is_input_copy_extension(const std::string& ext) {
+  return ext == ".npy" || ext == ".tif" || ext == ".tiff" || ext == ".png" || ext == ".pgm";
+}
+
+std::vector<std::int64_t> image_shape(const fitted_image& image) {
+  if (image.dimensions == 3) return {image.size_z, image.size_y, image.size_x};
+  return {image.size_y, image.size_x};
+}
+
+std::int32_t shown_slice(const fitted_image& image) { return image.size_z / 2; }
+
+void write_labels(const std::string& file, const std::string& ext, const fitted_image& image,
+                  const std::vector<std::int32_t>& labels, std::vector<std::string>& notes) {
+  if (ext == ".npy") {
+    io::write_npy_int32(file, image_shape(image), labels.data());
+  } else if (ext == ".png") {
+    note_shown_slice("the label picture", image, notes);
+    const std::int32_t* slice = slice_start(image, labels.data());
+    std::vector<std::uint8_t> rgb;
+    rgb.reserve(static_cast<std::size_t>(slice_pixels(image)) * 3);
+    for (std::int64_t i = 0; i < slice_pixels(image); ++i) {
+      const io::rgb c = palette_colour(slice[i]);
+      rgb.insert(rgb.end(), {c.r, c.g, c.b});
+    }
+    io::write_png_rgb(file, image.size_x, image.size_y, rgb.data());
+  } else {
+    io::write_tiff(file, image.size_x, image.size_y, image.size_z, labels.data(),
+                   io::tiff_pixel::int32);
+  }
+}
+
+void write_frames(const std::string& file, const std::string& ext, const fitted_image& image,
+                  const std::vector<std::int32_t>& frames, std::int32_t frame_count,
+                  std::vector<std::string>& notes) {
+  if (ext == ".npy") {
+    std::vector<std::int64_t> shape = image_shape(image);
+    shape.insert(shape.begin(), frame_count);
+    io::write_npy_int32(file, shape, frames.data());
+    return;
+  }
+  note_shown_slice("the frame animation", image, notes);
+  const auto indexed = indexed_frames(image, frames, frame_count);
+  if (indexed.empty()) throw io::io_error("the run recorded no frames for " + file);
+  // About ten seconds in all, within what GIF viewers honour (at least 2/100 s).
+  const int delay = std::clamp(1000 / static_cast<int>(indexed.size()), 2, 25);
+  io::write_gif_animation(file, image.size_x, image.size_y, indexed, indexed_palette(), delay, 300);
+}
+
+void write_input_copy(const std::string& file, const std::string& ext, const fitted_image& image,
+                      std::vector<std::string>& notes) {
+  if (ext == ".npy") {
+    io::write_npy_int32(file, image_shape(image), image.pixels.data());
+  } else if (ext == ".tif" || ext == ".tiff") {
+    io::write_tiff(file, image.size_x, image.size_y, image.size_z, image.pixels.data(),
+                   io::tiff_pixel::grey8);
+  } else {
+    note_shown_slice("the input picture", image, notes);
+    const std::int32_t* slice = slice_start(image, image.pixels.data());
+    const std::vector<std::uint8_t> grey(slice, slice + slice_pixels(image));
+    if (ext == ".png") {
+      io::write_png_grey(file, image.size_x, image.size_y, grey.data());
+    } else {
+      io::write_pgm(file, image.size_x, image.size_y, grey.data());
+    }
+  }
+}
+
+}  // namespace splitmerge::tool

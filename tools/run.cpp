@@ -1,0 +1,177 @@
+#include "run.hpp"
+
+#include <cstdio>
+#include <iostream>
+#include <memory>
+
+#include "npy.hpp"
+#include "outputs.hpp"
+
+namespace splitmerge::tool {
+
+namespace {
+
+void print_notes(const std::vector<std::string>& notes) {
+  for (const auto& note : notes) std::cerr << "splitmerge: " << note << '\n';
+}
+
+// The library names its parameters as in the code; say which option sets one.
+std::string with_option_hint(const std::string& problem) {
+  static const char* const names[] = {
+      "max_level",     "lim_oct_level", "init_level",      "group_mode",      "max_seed",
+      "use_all_seeds", "pred_choice",   "interval_length", "rejection",       "sigma",
+      "threshold_row", "pseudo_factor", "small_size",      "statistic_update"};
+  for (const char* name : names) {
+    if (problem.rfind(std::string("invalid parameter ") + name + " ", 0) != 0) continue;
+    std::string option = name;
+    for (char& c : option)
+      if (c == '_') c = '-';
+    return problem + " (--" + option + ")";
+  }
+  if (problem.rfind("invalid parameter size_", 0) == 0)
+    return problem + " (leave out --max-level and --lim-oct-level to take them from the image)";
+  return problem;
+}
+
+void check_output_extensions(const tool_settings& s) {
+  const auto check = [](const std::optional<std::string>& path, const char* option,
+                        bool (*accepts)(const std::string&), const char* allowed) {
+    if (path && !accepts(io::extension_of(*path)))
+      throw usage_error(std::string(option) + " " + *path + ": unsupported format (use " + allowed +
+                        ")");
+  };
+  check(s.labels, "--labels", is_label_extension, ".npy, .tif, .tiff or .png");
+  check(s.frames, "--frames", is_frame_extension, ".npy or .gif");
+  check(s.input_copy, "--save-input", is_input_copy_extension, ".npy, .tif, .tiff, .png or .pgm");
+  if (s.frames && s.no_display)
+    throw usage_error("--frames needs the display frames, which --no-display switches off");
+}
+
+
+// Writes one result; a failure names the file the user asked for.
+template <class Writer>
+void write_staged(const staged_file& file, Writer&& writer) {
+  try {
+    writer(file.temporary_path());
+  } catch (const io::io_error& e) {
+    std::string message = e.what();
+    const std::string& temporary = file.temporary_path();
+    for (auto at = message.find(temporary); at != std::string::npos;
+         at = message.find(temporary, at + file.path().size()))
+      message.replace(at, temporary.size(), file.path());
+    throw io::io_error(message);
+  }
+}
+
+std::unique_ptr<staged_file> stage(const std::optional<std::string>& path) {
+  return path ? std::make_unique<staged_file>(*path) : nullptr;
+}
+
+// The outputs asked for, each staged before the run so that an unwritable
+// path is reported before any time is spent.
+struct staged_outputs {
+  explicit staged_outputs(const tool_settings& s)
+      : labels(stage(s.labels)),
+        frames(stage(s.frames)),
+        regions(stage(s.regions)),
+        input_copy(stage(s.input_copy)) {}
+
+  void commit_all() const {
+    for (auto* file : {labels.get(), frames.get(), regions.get(), input_copy.get()})
+      if (file != nullptr) file->commit();
+  }
+
+  std::unique_ptr<staged_file> labels, frames, regions, input_copy;
+};
+
+parameters checked_parameters(const image_view& view, const parameters& given) {
+  parameters params = given;
+  std::string problem = resolve_parameters(view, params);
+  if (problem.empty()) problem = check_parameters(view, params);
+  if (!problem.empty()) throw usage_error(with_option_hint(problem));
+  return params;
+}
+
+segmentation segment_with_progress(const image_view& view, const parameters& params,
+                                   const tool_settings& s, const staged_outputs& files) {
+  options opts;
+  opts.display = s.frames.has_value();  // frames cost time and memory: only when asked for
+  opts.frame_budget = s.frame_budget;
+  if (files.regions) opts.region_file = files.regions->temporary_path();
+  if (!s.quiet) {
+    // Progress lines name the region list file as the user gave it, not the
+    // temporary file the library writes.
+    const std::string written =
+        files.regions ? "file = " + files.regions->temporary_path() + " \n" : std::string();
+    const std::string shown = files.regions ? "file = " + files.regions->path() + " \n" : "";
+    opts.line_sink = [written, shown](std::string_view text) {
+      const std::string_view out = !written.empty() && text == written ? shown : text;
+      std::fwrite(out.data(), 1, out.size(), stdout);
+    };
+  }
+  std::fflush(stdout);
+  segmentation result = segment(view, params, opts);
+  std::fflush(stdout);
+  return result;
+}
+
+int report_failed_run(const segmentation& result, const tool_settings& s) {
+  if (result.status == -2) {  // the library could not write the region list file
+    std::cerr << "splitmerge: cannot write the region list file " << *s.regions << '\n';
+  } else {
+    std::cerr << "splitmerge: the segmentation failed"
+              << (result.error.empty() ? std::string(" (out of memory)") : ": " + result.error)
+              << '\n';
+  }
+  return exit_run_failed;
+}
+
+int write_results(const tool_settings& s, const fitted_image& image, const segmentation& result,
+                  const staged_outputs& files) {
+  try {
+    std::vector<std::string> notes;
+    if (files.labels)
+      write_staged(*files.labels, [&](const std::string& path) {
+        write_labels(path, io::extension_of(*s.labels), image, result.labels, notes);
+      });
+    if (files.frames)
+      write_staged(*files.frames, [&](const std::string& path) {
+        write_frames(path, io::extension_of(*s.frames), image, result.frames, result.frame_count,
+                     notes);
+      });
+    if (files.input_copy)
+      write_staged(*files.input_copy, [&](const std::string& path) {
+        write_input_copy(path, io::extension_of(*s.input_copy), image, notes);
+      });
+    files.commit_all();
+    print_notes(notes);
+    return exit_success;
+  } catch (const io::io_error& e) {
+    std::cerr << "splitmerge: " << e.what() << '\n';
+    return exit_run_failed;
+  }
+}
+
+}  // namespace
+
+int run(const tool_settings& s) {
+  try {
+    check_output_extensions(s);
+    const fitted_image image = fit_image(io::read_grey_image(s.image), s.fit);
+    print_notes(image.notes);
+    const image_view view{image.pixels.data(), image.size_x, image.size_y, image.size_z};
+    const parameters params = checked_parameters(view, s.params);
+    const staged_outputs files(s);
+    const segmentation result = segment_with_progress(view, params, s, files);
+    if (result.status != 0) return report_failed_run(result, s);
+    return write_results(s, image, result, files);
+  } catch (const usage_error& e) {
+    std::cerr << "splitmerge: " << e.what() << '\n';
+    return exit_bad_input;
+  } catch (const io::io_error& e) {  // reading the image
+    std::cerr << "splitmerge: " << e.what() << '\n';
+    return exit_bad_input;
+  }
+}
+
+}  // namespace splitmerge::tool

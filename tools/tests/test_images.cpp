@@ -1,0 +1,146 @@
+#include "test_images.hpp"
+
+#include <gif_lib.h>
+#include <nifti1_io.h>
+#include <png.h>
+#include <tiffio.h>
+
+#include <fstream>
+#include <stdexcept>
+
+namespace splitmerge::tool::testing {
+
+void write_npy_raw(const std::filesystem::path& path, const std::string& dtype,
+                   const std::vector<std::int64_t>& shape, bool fortran_order,
+                   const std::string& element_bytes) {
+  std::string dims;
+  for (const auto d : shape) dims += std::to_string(d) + ",";
+  std::string header = "{'descr': '" + dtype +
+                       "', 'fortran_order': " + (fortran_order ? "True" : "False") +
+                       ", 'shape': (" + dims + "), }";
+  header.append(63 - (10 + header.size()) % 64, ' ');
+  header += '\n';
+  std::ofstream out(path, std::ios::binary);
+  out.write("\x93NUMPY\x01\x00", 8);
+  out.put(static_cast<char>(header.size() & 0xFF));
+  out.put(static_cast<char>(header.size() >> 8));
+  out << header << element_bytes;
+}
+
+namespace {
+
+void write_png_format(const std::filesystem::path& path, int width, int height,
+                      std::uint32_t format, const void* pixels) {
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  image.width = static_cast<png_uint_32>(width);
+  image.height = static_cast<png_uint_32>(height);
+  image.format = format;
+  if (png_image_write_to_file(&image, path.c_str(), 0, pixels, 0, nullptr) == 0)
+    throw std::runtime_error("cannot write " + path.string() + ": " + image.message);
+}
+
+}  // namespace
+
+void write_png_grey16(const std::filesystem::path& path, int width, int height,
+                      const std::vector<std::uint16_t>& values) {
+  write_png_format(path, width, height, PNG_FORMAT_LINEAR_Y, values.data());
+}
+
+void write_png_rgba(const std::filesystem::path& path, int width, int height,
+                    const std::vector<std::uint8_t>& rgba) {
+  write_png_format(path, width, height, PNG_FORMAT_RGBA, rgba.data());
+}
+
+std::vector<std::uint8_t> read_png_rgb(const std::filesystem::path& path, int& width, int& height) {
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  if (png_image_begin_read_from_file(&image, path.c_str()) == 0)
+    throw std::runtime_error("cannot read " + path.string() + ": " + image.message);
+  image.format = PNG_FORMAT_RGB;
+  std::vector<std::uint8_t> rgb(PNG_IMAGE_SIZE(image));
+  if (png_image_finish_read(&image, nullptr, rgb.data(), 0, nullptr) == 0)
+    throw std::runtime_error("cannot read " + path.string() + ": " + image.message);
+  width = static_cast<int>(image.width);
+  height = static_cast<int>(image.height);
+  return rgb;
+}
+
+void write_tiff_pages(const std::filesystem::path& path, int width, int height, int pages, int bits,
+                      int sample_format, const std::string& sample_bytes) {
+  TIFF* tif = TIFFOpen(path.c_str(), "w");
+  if (tif == nullptr) throw std::runtime_error("cannot write " + path.string());
+  const std::size_t row_bytes = static_cast<std::size_t>(width) * (bits / 8);
+  for (int page = 0; page < pages; ++page) {
+    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, width);
+    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, height);
+    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, bits);
+    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 1);
+    TIFFSetField(tif, TIFFTAG_SAMPLEFORMAT, sample_format);
+    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
+    TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+    TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_LZW);
+    TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, 2);
+    for (int y = 0; y < height; ++y) {
+      std::string row =
+          sample_bytes.substr((static_cast<std::size_t>(page) * height + y) * row_bytes, row_bytes);
+      TIFFWriteScanline(tif, row.data(), static_cast<std::uint32_t>(y), 0);
+    }
+    TIFFWriteDirectory(tif);
+  }
+  TIFFClose(tif);
+}
+
+void write_nifti(const std::filesystem::path& path, int nx, int ny, int nz, int datatype,
+                 const std::string& voxel_bytes, float scl_slope, float scl_inter) {
+  const int dims[8] = {3, nx, ny, nz, 1, 1, 1, 1};
+  nifti_image* nim = nifti_make_new_nim(dims, datatype, 1);  // 1: allocate the data
+  if (nim == nullptr) throw std::runtime_error("cannot make a NIfTI image");
+  std::memcpy(nim->data, voxel_bytes.data(), voxel_bytes.size());
+  nim->scl_slope = scl_slope;
+  nim->scl_inter = scl_inter;
+  if (nifti_set_filenames(nim, path.c_str(), 0, 1) != 0)
+    throw std::runtime_error("bad NIfTI file name " + path.string());
+  nifti_image_write(nim);
+  nifti_image_free(nim);
+  if (!std::filesystem::exists(path)) throw std::runtime_error("no " + path.string());
+}
+
+decoded_gif read_gif(const std::filesystem::path& path) {
+  int error = 0;
+  GifFileType* gif = DGifOpenFileName(path.c_str(), &error);
+  if (gif == nullptr) throw std::runtime_error("cannot open " + path.string());
+  if (DGifSlurp(gif) != GIF_OK) {
+    DGifCloseFile(gif, &error);
+    throw std::runtime_error("cannot decode " + path.string());
+  }
+  decoded_gif out;
+  out.width = gif->SWidth;
+  out.height = gif->SHeight;
+  if (gif->SColorMap != nullptr)
+    for (int i = 0; i < gif->SColorMap->ColorCount && i < 256; ++i) {
+      const GifColorType c = gif->SColorMap->Colors[i];
+      out.palette[static_cast<std::size_t>(i)] = {c.Red, c.Green, c.Blue};
+    }
+  for (int i = 0; i < gif->ImageCount; ++i) {
+    const SavedImage& image = gif->SavedImages[i];
+    const std::size_t n = static_cast<std::size_t>(image.ImageDesc.Width) * image.ImageDesc.Height;
+    out.frames.emplace_back(image.RasterBits, image.RasterBits + n);
+    GraphicsControlBlock control{};
+    DGifSavedExtensionToGCB(gif, i, &control);
+    out.delays_cs.push_back(control.DelayTime);
+    for (int e = 0; e + 1 < image.ExtensionBlockCount; ++e) {
+      const ExtensionBlock& block = image.ExtensionBlocks[e];
+      if (block.Function == APPLICATION_EXT_FUNC_CODE && block.ByteCount == 11 &&
+          std::memcmp(block.Bytes, "NETSCAPE2.0", 11) == 0) {
+        const ExtensionBlock& next = image.ExtensionBlocks[e + 1];
+        out.loops_forever =
+            next.ByteCount == 3 && next.Bytes[0] == 1 && next.Bytes[1] == 0 && next.Bytes[2] == 0;
+      }
+    }
+  }
+  DGifCloseFile(gif, &error);
+  return out;
+}
+
+}  // namespace splitmerge::tool::testing

@@ -1,0 +1,51 @@
+// Writing inputs in the ways other programs write them, and reading outputs
+// back, straight through the format libraries (not through splitmerge_io).
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace splitmerge::tool::testing {
+
+// A .npy file of the given dtype (e.g. "<u1", ">i2", "<f8") from raw element bytes.
+void write_npy_raw(const std::filesystem::path& path, const std::string& dtype,
+                   const std::vector<std::int64_t>& shape, bool fortran_order,
+                   const std::string& element_bytes);
+
+template <class T>
+std::string bytes_of(const std::vector<T>& values) {
+  std::string out(values.size() * sizeof(T), '\0');
+  std::memcpy(out.data(), values.data(), out.size());
+  return out;
+}
+
+void write_png_grey16(const std::filesystem::path& path, int width, int height,
+                      const std::vector<std::uint16_t>& values);
+void write_png_rgba(const std::filesystem::path& path, int width, int height,
+                    const std::vector<std::uint8_t>& rgba);
+// Three bytes per pixel.
+std::vector<std::uint8_t> read_png_rgb(const std::filesystem::path& path, int& width, int& height);
+
+// Pages of grey samples; sample_format is a TIFF SAMPLEFORMAT_* value.
+void write_tiff_pages(const std::filesystem::path& path, int width, int height, int pages, int bits,
+                      int sample_format, const std::string& sample_bytes);
+
+// A NIfTI-1 volume of the given NIFTI datatype (DT_*), x fastest.
+void write_nifti(const std::filesystem::path& path, int nx, int ny, int nz, int datatype,
+                 const std::string& voxel_bytes, float scl_slope = 0.0f, float scl_inter = 0.0f);
+inline constexpr int nifti_uint8 = 2, nifti_int16 = 4, nifti_float32 = 16;
+
+struct decoded_gif {
+  int width = 0, height = 0;
+  std::array<std::array<std::uint8_t, 3>, 256> palette{};
+  std::vector<std::vector<std::uint8_t>> frames;
+  std::vector<int> delays_cs;
+  bool loops_forever = false;
+};
+decoded_gif read_gif(const std::filesystem::path& path);
+
+}  // namespace splitmerge::tool::testing

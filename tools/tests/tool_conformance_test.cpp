@@ -1,0 +1,73 @@
+// The program on the reference cases: its .npy outputs, region list file and
+// progress lines must equal the library's expected results byte for byte.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+
+#include "npy.hpp"
+#include "support/conformance_case.hpp"
+#include "tool_runner.hpp"
+
+namespace splitmerge::tool {
+namespace {
+
+std::string number(double v) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.17g", v);
+  return text;
+}
+
+std::string arguments_for(const splitmerge::testing::reference_case& c) {
+  std::string args = "input.npy --labels labels.npy";
+  for (const char* name : {"max_level", "lim_oct_level", "init_level", "group_mode", "max_seed",
+                           "use_all_seeds", "pred_choice", "interval_length", "rejection", "sigma",
+                           "threshold_row", "pseudo_factor", "small_size", "statistic_update"}) {
+    std::string option = name;
+    std::replace(option.begin(), option.end(), '_', '-');
+    args += " --" + option + " " + number(c.params.at(name));
+  }
+  if (c.display) args += " --frames frames.npy";
+  if (c.save) args += " --regions regions.txt";
+  return args;
+}
+
+std::vector<std::int32_t> npy_values(const std::filesystem::path& path) {
+  const auto a = io::read_npy(path.string());
+  return {a.values.begin(), a.values.end()};
+}
+
+TEST(Conformance, ProgramOutputsEqualTheReferenceResults) {
+  const auto cases = splitmerge::testing::conformance_cases();
+  if (cases.empty()) GTEST_SKIP() << "no reference cases";
+  int checked = 0;
+  for (const auto& dir : cases) {
+    const auto c = splitmerge::testing::load_case(dir);
+    // The largest cases add seconds without covering more of the program.
+    if (c.image.size() > 64 * 64 * 4) continue;
+    SCOPED_TRACE(c.name);
+    testing::scratch_folder work;
+    std::filesystem::copy_file(dir / "input.npy", work / "input.npy");
+    const auto run = testing::run_tool(work, arguments_for(c));
+    ASSERT_EQ(run.status, c.status == 0 ? 0 : 1) << run.err;
+    EXPECT_EQ(run.out, c.stdout_text);
+    EXPECT_EQ(run.err, "");
+    EXPECT_EQ(io::read_npy((work / "labels.npy").string()).shape, c.shape);
+    EXPECT_EQ(npy_values(work / "labels.npy"), c.labels);
+    if (c.display) {
+      const auto frames = io::read_npy((work / "frames.npy").string());
+      EXPECT_EQ(frames.shape.front(), c.frame_count);
+      EXPECT_EQ(npy_values(work / "frames.npy"), *c.frames);
+    }
+    if (c.save) {
+      EXPECT_EQ(testing::read_file(work / "regions.txt"), *c.regions_text);
+    }
+    ++checked;
+  }
+  EXPECT_GE(checked, 10);
+}
+
+}  // namespace
+}  // namespace splitmerge::tool

@@ -1,0 +1,260 @@
+// What the program writes: every output format against the .npy results, and
+// how --fit, --slice and --rescale change the image that is segmented.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "grey_image.hpp"
+#include "npy.hpp"
+#include "palette.hpp"
+#include "pgm_file.hpp"
+#include "png_file.hpp"
+#include "test_images.hpp"
+#include "tool_runner.hpp"
+
+namespace splitmerge::tool {
+namespace {
+
+using testing::bytes_of;
+using testing::run_tool;
+using testing::scratch_folder;
+
+// Blobs of different grey on a noisy background: a few regions of every size.
+std::vector<std::int32_t> blobs(int size, int slices) {
+  std::vector<std::int32_t> v(static_cast<std::size_t>(size) * size * slices);
+  std::uint32_t state = 7;
+  for (int z = 0; z < slices; ++z)
+    for (int y = 0; y < size; ++y)
+      for (int x = 0; x < size; ++x) {
+        state = state * 1664525u + 1013904223u;
+        const int noise = static_cast<int>(state >> 29);  // 0..7
+        int grey = 60;
+        if (x < size / 2 && y < size / 2) grey = 150;
+        if ((x - 3 * size / 4) * (x - 3 * size / 4) + (y - size / 4) * (y - size / 4) < size)
+          grey = 230;
+        if (z > slices / 2 && y > size / 2) grey = 20;
+        v[static_cast<std::size_t>((z * size + y) * size + x)] = grey + noise;
+      }
+  return v;
+}
+
+std::vector<std::int32_t> as_int32(const std::vector<std::int64_t>& v) {
+  return {v.begin(), v.end()};
+}
+
+std::vector<double> as_doubles(const std::vector<std::int32_t>& v) { return {v.begin(), v.end()}; }
+
+io::npy_array read_npy(const scratch_folder& dir, const std::string& name) {
+  return io::read_npy((dir / name).string());
+}
+
+TEST(Outputs, LabelsAreTheSameInEveryFormat) {
+  scratch_folder dir;
+  const auto image = blobs(32, 1);
+  io::write_npy_int32((dir / "in.npy").string(), {32, 32}, image.data());
+  for (const char* labels : {"l.npy", "l.tif", "l.png"})
+    ASSERT_EQ(run_tool(dir, std::string("in.npy --quiet --labels ") + labels).status, 0);
+  const auto npy = read_npy(dir, "l.npy");
+  ASSERT_EQ(npy.shape, (std::vector<std::int64_t>{32, 32}));
+  ASSERT_GE(*std::max_element(npy.values.begin(), npy.values.end()), 2);
+
+  const auto tif = io::read_grey_image((dir / "l.tif").string());
+  EXPECT_EQ(tif.values, std::vector<double>(npy.values.begin(), npy.values.end()));
+
+  int width = 0, height = 0;
+  const auto rgb = testing::read_png_rgb(dir / "l.png", width, height);
+  EXPECT_EQ(width, 32);
+  EXPECT_EQ(height, 32);
+  std::vector<std::uint8_t> expected;
+  for (const auto label : npy.values) {
+    const io::rgb c = palette_colour(label);
+    expected.push_back(c.r);
+    expected.push_back(c.g);
+    expected.push_back(c.b);
+  }
+  EXPECT_EQ(rgb, expected);
+}
+
+TEST(Outputs, GifAnimatesTheFramesThroughThePalette) {
+  scratch_folder dir;
+  const auto image = blobs(16, 1);
+  io::write_npy_int32((dir / "in.npy").string(), {16, 16}, image.data());
+  ASSERT_EQ(run_tool(dir, "in.npy --quiet --frames f.npy").status, 0);
+  ASSERT_EQ(run_tool(dir, "in.npy --quiet --frames f.gif").status, 0);
+  const auto frames = read_npy(dir, "f.npy");
+  ASSERT_EQ(frames.shape.size(), 3u);
+  std::vector<std::vector<std::uint8_t>> expected;
+  for (std::int64_t f = 0; f < frames.shape[0]; ++f) {
+    std::vector<std::uint8_t> frame(256);
+    for (std::size_t i = 0; i < 256; ++i)
+      frame[i] = palette_index(frames.values[static_cast<std::size_t>(f) * 256 + i]);
+    if (expected.empty() || expected.back() != frame) expected.push_back(frame);
+  }
+  const auto gif = testing::read_gif(dir / "f.gif");
+  EXPECT_EQ(gif.width, 16);
+  EXPECT_EQ(gif.frames, expected);
+  EXPECT_TRUE(gif.loops_forever);
+  ASSERT_FALSE(gif.delays_cs.empty());
+  EXPECT_EQ(gif.delays_cs.back(), 300);
+}
+
+TEST(Outputs, PicturesOfAVolumeShowItsMiddleSlice) {
+  scratch_folder dir;
+  const auto image = blobs(8, 4);
+  io::write_npy_int32((dir / "in.npy").string(), {4, 8, 8}, image.data());
+  const auto run = run_tool(dir, "in.npy --quiet --labels l.png --frames f.gif --save-input s.png");
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.err,
+            "splitmerge: the label picture shows slice 2 of 4 (z)\n"
+            "splitmerge: the frame animation shows slice 2 of 4 (z)\n"
+            "splitmerge: the input picture shows slice 2 of 4 (z)\n");
+  ASSERT_EQ(run_tool(dir, "in.npy --quiet --labels l.npy").status, 0);
+  const auto labels = read_npy(dir, "l.npy");
+  ASSERT_EQ(labels.shape, (std::vector<std::int64_t>{4, 8, 8}));
+  int width = 0, height = 0;
+  const auto rgb = testing::read_png_rgb(dir / "l.png", width, height);
+  ASSERT_EQ(rgb.size(), 8u * 8u * 3u);
+  for (std::size_t i = 0; i < 64; ++i) {
+    const io::rgb c = palette_colour(labels.values[2 * 64 + i]);
+    EXPECT_EQ((std::vector<std::uint8_t>{rgb[3 * i], rgb[3 * i + 1], rgb[3 * i + 2]}),
+              (std::vector<std::uint8_t>{c.r, c.g, c.b}))
+        << "pixel " << i;
+  }
+  const auto input = io::read_grey_image((dir / "s.png").string());
+  EXPECT_EQ(input.values, as_doubles({image.begin() + 128, image.begin() + 192}));
+}
+
+TEST(Outputs, SavedInputInEveryFormat) {
+  scratch_folder dir;
+  const auto image = blobs(8, 2);
+  io::write_npy_int32((dir / "in.npy").string(), {2, 8, 8}, image.data());
+  for (const char* copy : {"s.npy", "s.tif"}) {
+    ASSERT_EQ(run_tool(dir, std::string("in.npy --quiet --save-input ") + copy).status, 0);
+    const auto saved = io::read_grey_image((dir / copy).string());
+    EXPECT_EQ(saved.values, as_doubles(image)) << copy;
+    EXPECT_EQ(saved.size_z, 2) << copy;
+  }
+  const std::vector<std::int32_t> middle(image.begin() + 64, image.end());
+  for (const char* copy : {"s.png", "s.pgm"}) {
+    ASSERT_EQ(run_tool(dir, std::string("in.npy --quiet --save-input ") + copy).status, 0);
+    EXPECT_EQ(io::read_grey_image((dir / copy).string()).values, as_doubles(middle)) << copy;
+  }
+}
+
+TEST(Outputs, ProgressLinesAndTheRegionFileName) {
+  scratch_folder dir;
+  const auto image = blobs(16, 1);
+  io::write_npy_int32((dir / "in.npy").string(), {16, 16}, image.data());
+  std::filesystem::create_directory(dir / "sub");
+  const auto loud = run_tool(dir, "in.npy --regions sub/r.txt");
+  ASSERT_EQ(loud.status, 0) << loud.err;
+  EXPECT_NE(loud.out.find("finished make_output \nfile = sub/r.txt \nfinished save_regionlist \n"),
+            std::string::npos)
+      << loud.out;
+  EXPECT_EQ(loud.err, "");
+  EXPECT_FALSE(testing::read_file(dir / "sub/r.txt").empty());
+  EXPECT_EQ(dir.file_names(), (std::vector<std::string>{"in.npy", "sub"}));
+
+  const auto quiet = run_tool(dir, "in.npy --quiet --labels l.npy");
+  EXPECT_EQ(quiet.status, 0);
+  EXPECT_EQ(quiet.out, "");
+  EXPECT_EQ(quiet.err, "");
+  EXPECT_EQ(dir.file_names(), (std::vector<std::string>{"in.npy", "l.npy", "sub"}));
+}
+
+TEST(Fitting, PadCentresTheImageInZeros) {
+  scratch_folder dir;
+  std::vector<std::int32_t> image(3 * 5);  // X = 3, Y = 5
+  for (std::size_t i = 0; i < image.size(); ++i) image[i] = static_cast<std::int32_t>(i + 1);
+  io::write_npy_int32((dir / "in.npy").string(), {5, 3}, image.data());
+  const auto run = run_tool(dir, "in.npy --quiet --fit pad --save-input s.npy --labels l.npy");
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.err, "splitmerge: padded 3 x 5 to 8 x 8 (centred); labels and frames are 8 x 8\n");
+  const auto saved = read_npy(dir, "s.npy");
+  ASSERT_EQ(saved.shape, (std::vector<std::int64_t>{8, 8}));
+  std::vector<std::int32_t> expected(64, 0);
+  for (int y = 0; y < 5; ++y)
+    for (int x = 0; x < 3; ++x)
+      expected[static_cast<std::size_t>((y + 1) * 8 + x + 2)] =
+          image[static_cast<std::size_t>(y * 3 + x)];
+  EXPECT_EQ(as_int32(saved.values), expected);
+  EXPECT_EQ(read_npy(dir, "l.npy").shape, (std::vector<std::int64_t>{8, 8}));
+}
+
+TEST(Fitting, PadRaisesTheSlicesToAPowerOfTwo) {
+  scratch_folder dir;
+  const std::vector<std::int32_t> image(4 * 4 * 3, 9);
+  io::write_npy_int32((dir / "in.npy").string(), {3, 4, 4}, image.data());
+  ASSERT_EQ(run_tool(dir, "in.npy --quiet --fit pad --save-input s.npy").status, 0);
+  const auto saved = read_npy(dir, "s.npy");
+  ASSERT_EQ(saved.shape, (std::vector<std::int64_t>{4, 4, 4}));
+  std::vector<std::int32_t> expected(64, 9);
+  std::fill(expected.begin() + 48, expected.end(), 0);  // offset (4 - 3) / 2 = 0
+  EXPECT_EQ(as_int32(saved.values), expected);
+}
+
+TEST(Fitting, CropKeepsTheCentre) {
+  scratch_folder dir;
+  std::vector<std::int32_t> image(7 * 6 * 3);  // X = 7, Y = 6, Z = 3
+  for (std::size_t i = 0; i < image.size(); ++i) image[i] = static_cast<std::int32_t>(i % 251);
+  io::write_npy_int32((dir / "in.npy").string(), {3, 6, 7}, image.data());
+  const auto run = run_tool(dir, "in.npy --quiet --fit crop --save-input s.npy");
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(
+      run.err,
+      "splitmerge: cropped 7 x 6 x 3 to 4 x 4 x 2 (centred); labels and frames are 4 x 4 x 2\n");
+  std::vector<std::int32_t> expected;
+  for (int z = 0; z < 2; ++z)
+    for (int y = 1; y < 5; ++y)
+      for (int x = 1; x < 5; ++x)
+        expected.push_back(image[static_cast<std::size_t>((z * 6 + y) * 7 + x)]);
+  EXPECT_EQ(as_int32(read_npy(dir, "s.npy").values), expected);
+}
+
+TEST(Fitting, SliceOfAVolume) {
+  scratch_folder dir;
+  std::vector<std::uint8_t> volume(4 * 4 * 3);
+  for (std::size_t i = 0; i < volume.size(); ++i) volume[i] = static_cast<std::uint8_t>(i);
+  testing::write_nifti(dir / "in.nii.gz", 4, 4, 3, testing::nifti_uint8, bytes_of(volume));
+  ASSERT_EQ(run_tool(dir, "in.nii.gz --quiet --slice 1 --save-input s.npy --labels l.npy").status,
+            0);
+  const auto saved = read_npy(dir, "s.npy");
+  EXPECT_EQ(saved.shape, (std::vector<std::int64_t>{4, 4}));
+  EXPECT_EQ(as_int32(saved.values),
+            std::vector<std::int32_t>(volume.begin() + 16, volume.begin() + 32));
+  EXPECT_EQ(read_npy(dir, "l.npy").shape, (std::vector<std::int64_t>{4, 4}));
+}
+
+TEST(Fitting, RescaleMapsTheRangeOntoGreyValues) {
+  scratch_folder dir;
+  testing::write_nifti(dir / "in.nii", 2, 2, 1, testing::nifti_float32,
+                       bytes_of(std::vector<float>{-1.0f, 0.0f, 0.5f, 3.0f}));
+  const auto run = run_tool(dir, "in.nii --quiet --rescale --save-input s.npy");
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.err, "splitmerge: rescaled the values -1..3 to 0..255\n");
+  // (v + 1) * 255 / 4, rounded: 0, 63.75, 95.625, 255.
+  EXPECT_EQ(as_int32(read_npy(dir, "s.npy").values), (std::vector<std::int32_t>{0, 64, 96, 255}));
+
+  // Whole numbers in 0..255 need no rescaling, whatever their type.
+  testing::write_nifti(dir / "whole.nii", 2, 2, 1, testing::nifti_float32,
+                       bytes_of(std::vector<float>{0.0f, 17.0f, 200.0f, 255.0f}));
+  ASSERT_EQ(run_tool(dir, "whole.nii --quiet --save-input w.npy").status, 0);
+  EXPECT_EQ(as_int32(read_npy(dir, "w.npy").values), (std::vector<std::int32_t>{0, 17, 200, 255}));
+}
+
+TEST(Fitting, ColourPngIsSegmentedAsItsLuma) {
+  scratch_folder dir;
+  std::vector<std::uint8_t> rgba(16, 0);
+  for (std::size_t i = 0; i < 16; i += 4) rgba[i] = rgba[i + 3] = 255;
+  testing::write_png_rgba(dir / "in.png", 2, 2, rgba);
+  const auto run = run_tool(dir, "in.png --quiet --save-input s.npy");
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.err,
+            "splitmerge: in.png is a colour PNG: segmenting its luma (0.299 R + 0.587 G + "
+            "0.114 B)\n");
+  EXPECT_EQ(as_int32(read_npy(dir, "s.npy").values), std::vector<std::int32_t>(4, 76));
+}
+
+}  // namespace
+}  // namespace splitmerge::tool

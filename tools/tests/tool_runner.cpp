@@ -1,0 +1,67 @@
+#include "tool_runner.hpp"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace splitmerge::tool::testing {
+
+scratch_folder::scratch_folder() {
+  static std::atomic<int> counter{0};
+  path_ = std::filesystem::temp_directory_path() /
+          ("splitmerge_tool_test_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
+  std::filesystem::remove_all(path_);
+  std::filesystem::create_directories(path_);
+}
+
+scratch_folder::~scratch_folder() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+std::vector<std::string> scratch_folder::file_names() const {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(path_))
+    names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::string quoted(const std::string& text) {
+  std::string out = "'";
+  for (const char c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return out + "'";
+}
+
+std::string read_file(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw std::runtime_error("cannot read " + path.string());
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+tool_result run_tool(const scratch_folder& folder, const std::string& arguments,
+                     const std::string& shell_prefix) {
+  const auto out_path = folder.path().parent_path() / (folder.path().filename().string() + ".out");
+  const auto err_path = folder.path().parent_path() / (folder.path().filename().string() + ".err");
+  const std::string command = "cd " + quoted(folder.path().string()) + " && " + shell_prefix +
+                              " exec " + quoted(SPLITMERGE_TOOL_PATH) + " " + arguments + " > " +
+                              quoted(out_path.string()) + " 2> " + quoted(err_path.string());
+  const int raw = std::system(command.c_str());
+  tool_result result;
+  result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+  result.out = read_file(out_path);
+  result.err = read_file(err_path);
+  std::filesystem::remove(out_path);
+  std::filesystem::remove(err_path);
+  return result;
+}
+
+}  // namespace splitmerge::tool::testing
