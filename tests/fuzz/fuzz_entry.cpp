@@ -1,0 +1,162 @@
+// libFuzzer target: bytes become a parameter set and a small 2-D or 3-D image
+// for the library, a command line for the program's parser, and an .npy file
+// for its reader. Invalid input must be rejected with a message and never
+// run; valid input must run and give a gap-free label image.
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "command_line.hpp"
+#include "npy.hpp"
+#include "splitmerge/splitmerge.hpp"
+
+namespace {
+
+// Reads the input front to back; past its end everything reads as zero.
+struct byte_reader {
+  const std::uint8_t* data;
+  std::size_t size;
+  std::size_t at = 0;
+
+  std::uint8_t byte() { return at < size ? data[at++] : 0; }
+  std::int32_t small(int lo, int count) { return lo + static_cast<int>(byte() % count); }
+  double real() {
+    const std::uint8_t b = byte();
+    switch (b) {
+      case 250: return std::numeric_limits<double>::quiet_NaN();
+      case 251: return std::numeric_limits<double>::infinity();
+      case 252: return -std::numeric_limits<double>::infinity();
+      case 253: return 1e300;
+      default: return static_cast<double>(static_cast<std::int8_t>(b)) / 8.0;
+    }
+  }
+};
+
+void check(bool condition, const char* what) {
+  if (!condition) {
+    std::fprintf(stderr, "fuzz check failed: %s\n", what);
+    std::abort();
+  }
+}
+
+void fuzz_library(byte_reader& in) {
+  using namespace splitmerge;
+  parameters p;
+  p.max_level = in.small(-1, 11);
+  p.lim_oct_level = in.small(-2, 12);
+  p.init_level = in.small(-2, 12);
+  p.group_mode = in.small(0, 3);
+  p.max_seed = in.small(-1, 12);
+  p.use_all_seeds = in.small(0, 2);
+  p.pred_choice = in.small(-1, 8);
+  p.interval_length = static_cast<std::int8_t>(in.byte());
+  p.threshold_row = in.small(0, 5);
+  p.small_size = static_cast<std::int8_t>(in.byte());
+  p.statistic_update = in.small(0, 2);
+  p.rejection = in.real();
+  p.sigma = in.real();
+  p.pseudo_factor = in.real();
+  const std::uint8_t shape = in.byte();
+  const std::uint8_t pixel_mode = in.byte();
+
+  // Mostly consistent extents, sometimes not.
+  const int level = std::clamp(p.max_level, 0, 6);
+  const int lim = std::clamp(p.lim_oct_level, 0, level);
+  std::int32_t size_x = 1 << level;
+  std::int32_t size_y = size_x;
+  std::int32_t size_z = 1 << (level - lim);
+  if (shape % 7 == 1) size_x += 1;
+  if (shape % 7 == 2) size_y = std::max(1, size_y / 2);
+  if (shape % 7 == 3) size_z *= 2;
+  if (size_x * size_y * size_z > (1 << 14)) return;  // keep each run fast
+
+  std::vector<std::int32_t> pixels(static_cast<std::size_t>(size_x) * size_y * size_z);
+  const std::size_t available = in.size - std::min(in.size, in.at);
+  for (std::size_t i = 0; i < pixels.size(); ++i) {
+    const std::uint8_t b = available != 0 ? in.data[in.at + i % available] : 0;
+    pixels[i] = pixel_mode == 7 && i == 3 ? 256 : pixel_mode == 9 && i == 0 ? -1 : b;
+  }
+
+  const image_view view{pixels.data(), size_x, size_y, size_z};
+  parameters resolved = p;
+  std::string problem = resolve_parameters(view, resolved);
+  if (problem.empty()) problem = check_parameters(view, resolved);
+
+  options o;
+  o.display = (pixel_mode & 1) != 0;
+  o.frame_budget = 1 << 20;
+  o.collect_regions = (pixel_mode & 2) != 0;
+  std::string errors;
+  o.error_sink = [&](std::string_view s) { errors.append(s); };
+  const segmentation out = segment(view, p, o);
+  if (!problem.empty()) {
+    check(out.status == status_failed, "invalid input was not rejected");
+    check(out.error == problem, "the rejection does not name the problem");
+    check(out.frames.empty(), "an invalid input was run");
+    check(!errors.empty(), "no message for an invalid input");
+    return;
+  }
+  check(out.status == status_ok, "a valid run failed");
+  check(out.labels.size() == pixels.size(), "label image of the wrong size");
+  const std::int32_t regions = *std::max_element(out.labels.begin(), out.labels.end()) + 1;
+  std::vector<char> used(static_cast<std::size_t>(regions), 0);
+  for (const std::int32_t l : out.labels) {
+    check(l >= 0, "negative label");
+    used[static_cast<std::size_t>(l)] = 1;
+  }
+  check(std::all_of(used.begin(), used.end(), [](char u) { return u != 0; }), "label gap");
+  if (o.collect_regions && regions > 1)
+    check(static_cast<std::int32_t>(out.regions.size()) == regions, "region list size");
+}
+
+void fuzz_command_line(byte_reader& in) {
+  // Tokens separated by zero bytes, at most 16 of them.
+  std::vector<std::string> tokens{"splitmerge"};
+  std::string token;
+  const std::size_t end = std::min(in.size, in.at + 256);
+  for (; in.at < end && tokens.size() < 16; ++in.at) {
+    if (in.data[in.at] == 0) {
+      tokens.push_back(token);
+      token.clear();
+    } else {
+      token.push_back(static_cast<char>(in.data[in.at]));
+    }
+  }
+  if (!token.empty()) tokens.push_back(token);
+  std::vector<const char*> argv;
+  for (const auto& t : tokens) argv.push_back(t.c_str());
+  const auto parsed = splitmerge::tool::parse_command_line(static_cast<int>(argv.size()),
+                                                           argv.data());
+  if (const auto* settings = std::get_if<splitmerge::tool::tool_settings>(&parsed))
+    check(!settings->image.empty(), "settings without an image");
+}
+
+void fuzz_npy(byte_reader& in) {
+  const std::string bytes(reinterpret_cast<const char*>(in.data) + std::min(in.at, in.size),
+                          in.size - std::min(in.at, in.size));
+  try {
+    const auto a = splitmerge::io::parse_npy(bytes, "fuzz.npy");
+    std::int64_t count = 1;
+    for (const auto d : a.shape) count *= d;
+    check(static_cast<std::int64_t>(a.values.size()) == count, "npy values and shape disagree");
+  } catch (const splitmerge::io::io_error&) {
+    // Rejected with a message: fine.
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  byte_reader in{data, size};
+  switch (in.byte() % 3) {
+    case 0: fuzz_library(in); break;
+    case 1: fuzz_command_line(in); break;
+    default: fuzz_npy(in); break;
+  }
+  return 0;
+}

@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Builds the fuzz target with clang (address, undefined and leak checks) and
+# runs it for a bounded time on a copy of the seed corpus.
+#   tests/fuzz/run_bounded.sh            # about one minute, as in the test command
+#   tests/fuzz/run_bounded.sh 3600       # a longer run: one hour
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+seconds="${1:-60}"
+scripts/setup.sh test
+cmake -S . -B build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++-14 \
+  -DSPLITMERGE_BUILD_FUZZ=ON -DSPLITMERGE_BUILD_TESTS=OFF -DSPLITMERGE_BUILD_MEX=OFF \
+  -DSPLITMERGE_SANITIZE=address,undefined >/dev/null
+cmake --build build/fuzz --target splitmerge_fuzz -j "$(nproc)"
+work="build/fuzz/corpus-run"
+rm -rf "$work"
+mkdir -p "$work"
+cp tests/fuzz/corpus/* "$work"/
+ASAN_OPTIONS=detect_leaks=1 build/fuzz/tests/fuzz/splitmerge_fuzz "$work" \
+  -max_total_time="$seconds" -max_len=4096 -rss_limit_mb=2048 -timeout=20 \
+  -close_fd_mask=3 -print_final_stats=1 2>&1 | tail -n 25
