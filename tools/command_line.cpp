@@ -226,6 +226,7 @@ parse_result parse_command_line(int argc, const char* const* argv) {
     s.params.pred_choice = predicate_number(predicate);
     if (fit != "none" && fit != "pad" && fit != "crop")
       throw CLI::ValidationError("--fit", "expected pad or crop, got '" + fit + "'");
+    if (s.image.empty()) throw CLI::ValidationError("IMAGE", "the image path is empty");
   } catch (const CLI::CallForHelp&) {
     std::cout << app.help();
     return 0;

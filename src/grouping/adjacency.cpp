@@ -117,6 +117,9 @@ struct leaf_index {
   block** leaves = nullptr;
   std::uint32_t* codes = nullptr;
   std::uint32_t* cell_start = nullptr;
+  // For every cell, the nearest slot at or below it that holds a block: the
+  // cell's own slot, or that of the larger block covering it.
+  std::uint32_t* covering_slot = nullptr;
   std::size_t count = 0;
 
   // The first leaf from `from` on whose code is not below a, before `limit`.
@@ -144,11 +147,10 @@ list_result<nb_node*> pair_along(run_context& ctx, blocklist list, const leaf_in
   block* cur = index.leaves[position];
   const std::uint32_t a = find_adjacent(ctx, cur->code, lvl, axis);
   if (a == 0) return front_result{front, 0};
-  std::uint32_t e = entry(ctx, a);
+  const std::uint32_t e = entry(ctx, a);
   if (list[e] == nullptr) {
     // Inside a larger block that begins in an earlier cell.
-    while (list[e] == nullptr) --e;
-    return add_neighbour(ctx, front, list[e], cur);
+    return add_neighbour(ctx, front, list[index.covering_slot[e]], cur);
   }
   // The lower neighbour lies in cell e and precedes cur in chain order.
   const std::size_t from = index.cell_start[e];
@@ -200,11 +202,12 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   for (const block* b = first; b != nullptr; b = b->next_block) ++index.count;
   const auto cells = static_cast<std::size_t>(ctx.voxels_image / ctx.pixels_perblock[ctx.init_level]);
   index.leaves = static_cast<block**>(ctx.allocator.allocate_uninitialised(
-      index.count * (sizeof(block*) + sizeof(std::uint32_t)) + cells * sizeof(std::uint32_t),
+      index.count * (sizeof(block*) + sizeof(std::uint32_t)) + 2 * cells * sizeof(std::uint32_t),
       alloc_site::leaf_index));
   if (index.leaves == nullptr) return fail(table);
   index.codes = reinterpret_cast<std::uint32_t*>(index.leaves + index.count);
   index.cell_start = index.codes + index.count;
+  index.covering_slot = index.cell_start + cells;
   {
     std::size_t i = 0;
     for (block* b = first; b != nullptr; b = b->next_block, ++i) {
@@ -213,7 +216,10 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
     }
     // Empty slots lie inside a block that starts earlier; they are never searched.
     i = 0;
+    std::uint32_t covering = 0;
     for (std::size_t slot = 0; slot < cells; ++slot) {
+      if (list[slot] != nullptr) covering = static_cast<std::uint32_t>(slot);
+      index.covering_slot[slot] = covering;
       if (list[slot] == nullptr) continue;
       while (index.leaves[i] != list[slot]) ++i;
       index.cell_start[slot] = static_cast<std::uint32_t>(i);

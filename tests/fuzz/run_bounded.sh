@@ -17,4 +17,4 @@ mkdir -p "$work"
 cp tests/fuzz/corpus/* "$work"/
 ASAN_OPTIONS=detect_leaks=1 build/fuzz/tests/fuzz/splitmerge_fuzz "$work" \
   -max_total_time="$seconds" -max_len=4096 -rss_limit_mb=2048 -timeout=20 \
-  -close_fd_mask=3 -print_final_stats=1 2>&1 | tail -n 25
+  -close_fd_mask=3 -print_final_stats=1 -artifact_prefix=build/fuzz/ 2>&1 | tail -n 25

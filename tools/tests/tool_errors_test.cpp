@@ -48,6 +48,7 @@ const std::vector<error_case>& error_cases() {
   static const std::vector<error_case> cases = {
       // Usage.
       {"NoImage", write_halves, "", 2, {"IMAGE is required"}},
+      {"EmptyImagePath", write_halves, "''", 2, {"the image path is empty"}},
       {"UnknownOption", write_halves, "in.npy --colour", 2, {"--colour", "--help"}},
       {"ParameterNotANumber", write_halves, "in.npy --sigma abc", 2, {"--sigma", "abc"}},
       {"UnknownFitMode", write_halves, "in.npy --fit stretch", 2, {"expected pad or crop"}},
