@@ -35,11 +35,16 @@ block* most_similar_neighbour(const run_context& ctx, block* r) {
   return best;
 }
 
-// The first entry of best's list that stands for r.
+// The first entry of best's list that stands for r. Short walks are cheaper
+// than the index; long ones go through it.
 nb_node* entry_for(elimination_index& index, block* best, block* r) {
-  if (nb_node* e = index.first_entry_for(best, r)) return e;
+  constexpr int short_walk = 32;
   nb_node* e = best->nb_pointers[0];
-  while (e != nullptr && resolve(e) != r) e = e->next;
+  for (int steps = 0; e != nullptr && steps < short_walk; ++steps, e = e->next)
+    if (resolve(e) == r) return e;
+  if (e == nullptr) return nullptr;
+  if (nb_node* found = index.first_entry_for(best, r)) return found;
+  for (e = best->nb_pointers[0]; e != nullptr && resolve(e) != r;) e = e->next;
   return e;
 }
 
