@@ -222,22 +222,22 @@ TEST(Display, InitialCheckerboardInAPlane) {
 
 TEST(Display, InitialCheckerboardInVolumes) {
   struct shape {
-    image_spec spec;
+    image_spec image;
     int dz;
   };
   const shape shapes[] = {{{4, 4, 2, 0, 1, 1, 10}, 2}, {{8, 2, 3, 2, 1, 1, 10}, 1},
                           {{8, 4, 3, 1, 2, 1, 10}, 2}};
   for (const auto& s : shapes) {
-    const int n = s.spec.size_x * s.spec.size_x * s.spec.size_z;
-    prepared_run run(std::vector<std::int32_t>(static_cast<std::size_t>(n), 0), s.spec);
+    const int n = s.image.size_x * s.image.size_x * s.image.size_z;
+    prepared_run run(std::vector<std::int32_t>(static_cast<std::size_t>(n), 0), s.image);
     init_smg_display(run.ctx);
     const auto f = frame(run.ctx, 0);
-    const int w = 1 << s.spec.init_level;
-    for (int z = 0; z < s.spec.size_z; ++z)
-      for (int y = 0; y < s.spec.size_x; ++y)
-        for (int x = 0; x < s.spec.size_x; ++x) {
+    const int w = 1 << s.image.init_level;
+    for (int z = 0; z < s.image.size_z; ++z)
+      for (int y = 0; y < s.image.size_x; ++y)
+        for (int x = 0; x < s.image.size_x; ++x) {
           const int v = 1 + (x / w) % 2 + 2 * ((y / w) % 2) + 4 * ((z / s.dz) % 2);
-          ASSERT_EQ(f[static_cast<std::size_t>((z * s.spec.size_x + y) * s.spec.size_x + x)], v);
+          ASSERT_EQ(f[static_cast<std::size_t>((z * s.image.size_x + y) * s.image.size_x + x)], v);
         }
   }
 }
