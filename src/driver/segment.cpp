@@ -121,9 +121,16 @@ segmentation segment(const image_view& image, parameters p, const options& opts)
   result.frame_count = 0;
   for (const disp_frame* f = ctx.smg_disp; f != nullptr; f = f->next) ++result.frame_count;
   result.frames.reserve(static_cast<std::size_t>(result.frame_count) * pixels);
-  for (const disp_frame* f = ctx.smg_disp; f != nullptr; f = f->next)
+  // Release each frame as soon as it is copied, so that the peak stays near
+  // one copy of the frames.
+  for (disp_frame* f = ctx.smg_disp; f != nullptr;) {
     result.frames.insert(result.frames.end(), f->pixels, f->pixels + pixels);
-  ctx.release_frames();
+    disp_frame* next = f->next;
+    ctx.allocator.release(f->pixels);
+    ctx.allocator.release(f);
+    f = next;
+  }
+  ctx.smg_disp = ctx.smg_disp_cur = nullptr;
   return result;
 }
 
