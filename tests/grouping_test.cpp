@@ -10,6 +10,7 @@
 
 #include "geometry/geometry.hpp"
 #include "grouping/grouping.hpp"
+#include "support/random_images.hpp"
 #include "support/run_setup.hpp"
 #include "tree/tree.hpp"
 
@@ -17,6 +18,8 @@ namespace splitmerge {
 namespace {
 
 using testing::image_spec;
+using testing::chain;
+using testing::plane_example;
 using testing::prepared_run;
 
 // Runs the tree phases and the adjacency build.
@@ -53,26 +56,10 @@ std::vector<std::uint32_t> resolved_neighbours(const block* b) {
   return codes;
 }
 
-std::vector<std::uint32_t> chain(const block* b) {
-  std::vector<std::uint32_t> codes;
-  for (; b != nullptr; b = b->next_block) codes.push_back(b->code);
-  return codes;
-}
-
 block* find(block* head, std::uint32_t code) {
   for (; head != nullptr; head = head->next_region)
     if (head->code == code) return head;
   return nullptr;
-}
-
-// 4x4 plane: the top-left 2x2 cell is rough and splits into single pixels.
-prepared_run plane_example() {
-  std::vector<std::int32_t> img(16, 200);
-  img[0] = 0;
-  img[1] = 50;
-  img[4] = 100;
-  img[5] = 150;
-  return prepared_run(img, {4, 1, 2, 2, 1, 1, 10});
 }
 
 TEST(Adjacency, FourByFourPlane) {
@@ -153,30 +140,6 @@ bool share_face(const box& a, const box& b) {
   return false;
 }
 
-// Piecewise-constant blobs with some noise, so that the tree has leaves of
-// many sizes.
-std::vector<std::int32_t> random_image(std::mt19937& rng, int size_x, int size_z) {
-  const int n = size_x * size_x * size_z;
-  std::vector<std::int32_t> img(static_cast<std::size_t>(n), 100);
-  const int blobs = 1 + static_cast<int>(rng() % 6);
-  for (int k = 0; k < blobs; ++k) {
-    const int x0 = static_cast<int>(rng() % static_cast<unsigned>(size_x));
-    const int y0 = static_cast<int>(rng() % static_cast<unsigned>(size_x));
-    const int z0 = static_cast<int>(rng() % static_cast<unsigned>(size_z));
-    const int w = 1 + static_cast<int>(rng() % static_cast<unsigned>(size_x));
-    const int d = 1 + static_cast<int>(rng() % static_cast<unsigned>(size_z));
-    const int v = static_cast<int>(rng() % 256);
-    for (int z = z0; z < std::min(size_z, z0 + d); ++z)
-      for (int y = y0; y < std::min(size_x, y0 + w); ++y)
-        for (int x = x0; x < std::min(size_x, x0 + w); ++x)
-          img[static_cast<std::size_t>((z * size_x + y) * size_x + x)] = v;
-  }
-  const int noisy = static_cast<int>(rng() % 3);
-  for (auto& v : img)
-    if (noisy != 0 && rng() % 8 == 0) v = static_cast<std::int32_t>(rng() % 256);
-  return img;
-}
-
 TEST(Adjacency, MatchesBruteForceOnRandomTilings) {
   std::mt19937 rng(2024);
   struct shape {
@@ -188,7 +151,7 @@ TEST(Adjacency, MatchesBruteForceOnRandomTilings) {
   for (const auto& s : shapes) {
     for (int init = 0; init < s.max_level; ++init) {
       for (int round = 0; round < 12; ++round, ++trials) {
-        prepared_run run(random_image(rng, s.size_x, s.size_z),
+        prepared_run run(testing::blob_image(rng, s.size_x, s.size_z, static_cast<int>(rng() % 3) * 6),
                          {s.size_x, s.size_z, s.max_level, s.lim_oct_level, init, 1,
                           static_cast<std::int32_t>(rng() % 40)});
         ASSERT_TRUE(run.ok);

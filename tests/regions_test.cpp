@@ -20,22 +20,9 @@
 namespace splitmerge {
 namespace {
 
+using testing::chain;
+using testing::plane_example;
 using testing::prepared_run;
-
-std::vector<std::uint32_t> chain(const block* b) {
-  std::vector<std::uint32_t> codes;
-  for (; b != nullptr; b = b->next_block) codes.push_back(b->code);
-  return codes;
-}
-
-prepared_run plane_example() {
-  std::vector<std::int32_t> img(16, 200);
-  img[0] = 0;
-  img[1] = 50;
-  img[4] = 100;
-  img[5] = 150;
-  return prepared_run(img, {4, 1, 2, 2, 1, 1, 10});
-}
 
 // The plane example grouped into two classes: 0x20 (0x20, 0x40, 0x30) and
 // 0x11 (the four single pixels).

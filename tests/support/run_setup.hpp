@@ -54,4 +54,22 @@ struct prepared_run {
   bool ok = false;
 };
 
+// The 4x4 plane of the worked examples: the top-left 2x2 cell is rough and
+// splits into the single pixels 0x11..0x14; the other cells stay 2x2 blocks.
+inline prepared_run plane_example() {
+  std::vector<std::int32_t> img(16, 200);
+  img[0] = 0;
+  img[1] = 50;
+  img[4] = 100;
+  img[5] = 150;
+  return prepared_run(img, {4, 1, 2, 2, 1, 1, 10});
+}
+
+// The codes of a block chain, from b along next_block.
+inline std::vector<std::uint32_t> chain(const block* b) {
+  std::vector<std::uint32_t> codes;
+  for (; b != nullptr; b = b->next_block) codes.push_back(b->code);
+  return codes;
+}
+
 }  // namespace splitmerge::testing
