@@ -21,10 +21,12 @@ namespace splitmerge {
 namespace {
 
 // Every piece starts with a header: its size class, or `large` for memory
-// from the general allocator.
-struct alignas(16) header {
+// from the general allocator. Records hold at most 8-byte fields, so pieces
+// need only 8-byte alignment; large arrays keep the general allocator's.
+struct header {
   std::size_t size_class;
 };
+static_assert(sizeof(header) == 8);
 constexpr std::size_t large = ~std::size_t{0};
 
 }  // namespace

@@ -61,7 +61,7 @@ class run_allocator {
   // slabs with one free list per size class: far cheaper than the general
   // allocator, and records made together lie together in memory. Each piece
   // carries a header naming its class, so release needs no size.
-  static constexpr std::size_t granule = 16;
+  static constexpr std::size_t granule = 8;
   static constexpr std::size_t small_limit = 128;
   static constexpr std::size_t class_count = small_limit / granule;
   struct free_piece {

@@ -258,7 +258,8 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
     close_list(ctx, cur, front);
   }
   close_list(ctx, first, first_front);
-  for (block* h = head; h != nullptr; h = h->next_region) h->next_block = nullptr;
+  // Every block is now a head of its own; chain order is memory order.
+  for (std::size_t i = 0; i < index.count; ++i) index.leaves[i]->next_block = nullptr;
   ctx.allocator.release(list);
   ctx.allocator.release(table);
   ctx.allocator.release(index.leaves);

@@ -77,11 +77,16 @@ bool elimination_index::indexed(const block* owner) const noexcept {
 }
 
 bool elimination_index::index_list(block* owner) noexcept {
-  std::size_t n = 1;
+  std::size_t n = 0;
   for (const nb_node* e = owner->nb_pointers[0]; e != nullptr; e = e->next) ++n;
-  if (!grow(n)) return false;
-  spread(owner->nb_pointers[0]);
-  for (nb_node* e = owner->nb_pointers[0]; e != nullptr; e = e->next) note(owner, e);
+  if (!grow(n + 1)) return false;
+  const std::uint64_t step = order_end / (n + 1);
+  std::uint64_t order = 0;
+  for (nb_node* e = owner->nb_pointers[0]; e != nullptr; e = e->next) {
+    order += step;
+    e->order = order;
+    note(owner, e);
+  }
   slot& mark = slots_[find(owner, nullptr)];
   mark = slot{owner, nullptr, owner->nb_pointers[0]};
   ++used_;
@@ -133,17 +138,25 @@ void elimination_index::after_union(block* owner, nb_node* e, nb_node* spliced_f
   }
   if (!grow(count)) return;
   if (spliced_first != nullptr) {
-    // Order keys between e and the entry that now follows the spliced ones.
-    const nb_node* after = spliced_last->next;
+    // Order keys between e and the entry after the spliced ones; where the
+    // keys there are too dense, widen the renumbered stretch forward until
+    // every entry in it gets room, rather than renumbering the whole list.
+    constexpr std::uint64_t room = std::uint64_t{1} << 24;
     const std::uint64_t lo = e->order;
-    const std::uint64_t hi = after != nullptr ? after->order : order_end;
-    if (hi - lo > count) {
-      const std::uint64_t step = (hi - lo) / count;
+    nb_node* end = spliced_last->next;
+    std::uint64_t n = count - 1;
+    std::uint64_t hi = end != nullptr ? end->order : order_end;
+    while (end != nullptr && (hi - lo) / (n + 1) < room) {
+      end = end->next;
+      ++n;
+      hi = end != nullptr ? end->order : order_end;
+    }
+    if (hi - lo > n) {
+      const std::uint64_t step = (hi - lo) / (n + 1);
       std::uint64_t order = lo;
-      for (nb_node* s = spliced_first;; s = s->next) {
+      for (nb_node* s = spliced_first; s != end; s = s->next) {
         order += step;
         s->order = order;
-        if (s == spliced_last) break;
       }
     } else {
       spread(owner->nb_pointers[0]);
