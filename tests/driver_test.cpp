@@ -428,3 +428,54 @@ TEST(Determinism, RepeatedRunsAreBitIdentical) {
 
 }  // namespace
 }  // namespace splitmerge
+
+namespace splitmerge {
+namespace {
+
+// The region list collected through the C++ interface is the region list file.
+TEST(Interface, CollectedRegionsMatchTheRegionListFile) {
+  std::mt19937 rng(8);
+  const std::vector<std::int32_t> img = testing::blob_image(rng, 16, 2, 20);
+  parameters p;
+  p.pred_choice = 2;
+  p.small_size = 4;
+  options o;
+  o.display = false;
+  o.collect_regions = true;
+  const auto path = std::filesystem::temp_directory_path() / "splitmerge_collect.txt";
+  o.region_file = path.string();
+  const segmentation out = segment(image_view{img.data(), 16, 16, 2}, p, o);
+  ASSERT_EQ(out.status, status_ok) << out.error;
+  std::ifstream in(path);
+  std::string line;
+  for (int i = 0; i < 4; ++i) std::getline(in, line);  // format, slices, 2, 4.0000
+  std::getline(in, line);
+  ASSERT_EQ(std::stoul(line), out.regions.size());
+  std::getline(in, line);
+  EXPECT_EQ(std::stoi(line), 2);
+  for (const region_record& r : out.regions) {
+    std::getline(in, line);
+    EXPECT_EQ(line, std::to_string(r.statistics[0]) + " " + std::to_string(r.statistics[1]));
+    for (const std::uint32_t code : r.codes) {
+      std::getline(in, line);
+      EXPECT_EQ(std::stoul(line, nullptr, 16), code);
+    }
+    std::getline(in, line);
+    EXPECT_EQ(line, "0");
+    for (const std::int32_t n : r.neighbours) {
+      std::getline(in, line);
+      EXPECT_EQ(std::stoi(line), n);
+    }
+    std::getline(in, line);
+    EXPECT_EQ(line, "-1");
+  }
+  EXPECT_FALSE(std::getline(in, line));
+  std::filesystem::remove(path);
+  // Labels name regions in the same order: region 0 is the largest.
+  std::vector<std::int64_t> sizes(out.regions.size(), 0);
+  for (const std::int32_t l : out.labels) ++sizes[static_cast<std::size_t>(l)];
+  EXPECT_TRUE(std::is_sorted(sizes.rbegin(), sizes.rend()));
+}
+
+}  // namespace
+}  // namespace splitmerge

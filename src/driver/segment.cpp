@@ -24,7 +24,7 @@ run_arguments arguments_of(const image_view& image, const parameters& p) {
                        p.rejection,       p.sigma,            p.pseudo_factor};
 }
 
-std::vector<region_record> collect(const run_context& ctx, regionlist head) {
+std::vector<region_record> collect(regionlist head) {
   std::vector<region_record> out;
   std::vector<std::int64_t> kept;
   for (block* h = head; h != nullptr; h = h->next_region) {
@@ -44,7 +44,6 @@ std::vector<region_record> collect(const run_context& ctx, regionlist head) {
       out[k].neighbours.push_back(static_cast<std::int32_t>(e->region->variables[0]));
   k = 0;
   for (block* h = head; h != nullptr; h = h->next_region) h->variables[0] = kept[k++];
-  (void)ctx;
   return out;
 }
 
@@ -104,7 +103,7 @@ segmentation segment(const image_view& image, parameters p, const options& opts)
     }
   };
   if (opts.collect_regions)
-    ctx.inspect_regions = [&](regionlist head) { result.regions = collect(ctx, head); };
+    ctx.inspect_regions = [&](regionlist head) { result.regions = collect(head); };
 
   const auto pixels = static_cast<std::size_t>(image.size_x) *
                       static_cast<std::size_t>(image.size_y) *
