@@ -3,24 +3,8 @@ function test_splitmerge_help()
 %   Run with matlab/ on the path and the module not: prints 'N passed,
 %   N failed' and exits with status 1 when a test failed.
 
-passed = 0;
-failed = 0;
 tests = {@help_describes_every_input_and_output, @call_without_module_says_how_to_build};
-for k = 1:numel(tests)
-  name = func2str(tests{k});
-  try
-    tests{k}();
-    passed = passed + 1;
-    fprintf('ok    %s\n', name);
-  catch err
-    failed = failed + 1;
-    fprintf('FAIL  %s: %s\n', name, err.message);
-  end
-end
-fprintf('%d passed, %d failed\n', passed, failed);
-if failed > 0
-  exit(1);
-end
+run_test_list(tests);
 end
 
 function help_describes_every_input_and_output()

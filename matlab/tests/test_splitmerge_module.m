@@ -11,23 +11,7 @@ tests = {@two_dimensional_shapes, @three_dimensional_shapes, ...
          @wrong_counts_are_refused, @wrong_images_are_refused, ...
          @parameters_that_are_not_scalars_are_refused, ...
          @parameters_the_library_rejects_are_refused, @module_still_works_after_errors};
-passed = 0;
-failed = 0;
-for k = 1:numel(tests)
-  name = func2str(tests{k});
-  try
-    tests{k}(conformance_root);
-    passed = passed + 1;
-    fprintf('ok    %s\n', name);
-  catch err
-    failed = failed + 1;
-    fprintf('FAIL  %s: %s\n', name, err.message);
-  end
-end
-fprintf('%d passed, %d failed\n', passed, failed);
-if failed > 0
-  exit(1);
-end
+run_test_list(tests, conformance_root);
 end
 
 % --- helpers ----------------------------------------------------------------

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <bit>
+#include <cstdio>
 #include <string>
 
 #include "driver/driver.hpp"
@@ -73,18 +74,18 @@ std::string check_parameters(const image_view& image, const parameters& p) {
 
 segmentation segment(const image_view& image, parameters p, const options& opts) {
   segmentation result;
-  if (std::string problem = resolve_parameters(image, p); !problem.empty()) {
-    result.status = status_no_memory;
+  std::string problem = resolve_parameters(image, p);
+  if (problem.empty()) problem = check_parameters(image, p);
+  if (!problem.empty()) {
+    // Rejected before anything is built, with the one message the entry gives.
+    result.status = status_failed;
     result.error = std::move(problem);
+    const std::string line = "splitmerge: " + result.error + "\n";
     if (opts.error_sink) {
-      opts.error_sink("splitmerge: " + result.error + "\n");
+      opts.error_sink(line);
+    } else {
+      std::fwrite(line.data(), 1, line.size(), stderr);
     }
-    return result;
-  }
-  if (std::string problem = check_parameters(image, p); !problem.empty()) {
-    result.status = status_no_memory;
-    result.error = std::move(problem);
-    if (opts.error_sink) opts.error_sink("splitmerge: " + result.error + "\n");
     return result;
   }
 
