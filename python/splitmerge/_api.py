@@ -18,8 +18,10 @@ __all__ = ["Region", "Segmentation", "segment"]
 
 DEFAULT_FRAME_BUDGET = 2 << 30
 
-# Library messages about the image's shape, which fit= can remedy.
-_SHAPE_PROBLEMS = ("the image width ", "the slice count ", "invalid parameter size_")
+# Library messages about the image's shape (when the levels are derived from
+# it), which fit= can remedy.
+_SHAPE_PROBLEMS = ("the image width ", "the slice count ", "invalid parameter size_",
+                   "invalid parameter max_level ", "invalid parameter lim_oct_level ")
 
 
 @dataclass(frozen=True)
@@ -75,6 +77,8 @@ def _raise_for_status(run: dict, region_file: Optional[str], shape_hint: bool) -
     status = run["status"]
     if status == _core.status_ok:
         return
+    if status == _core.status_interrupted:
+        raise KeyboardInterrupt("the segmentation was interrupted")
     if status == _core.status_file_failed:
         raise OSError(f"cannot write the region list file {region_file}")
     message = run["error"]

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,8 +32,8 @@ py::array_t<T> adopt(std::vector<T>&& values, const std::vector<py::ssize_t>& sh
 
 // Progress lines are ASCII except a file name, which may hold any bytes.
 py::str decoded(std::string_view text) {
-  PyObject* s = PyUnicode_DecodeUTF8(text.data(), static_cast<py::ssize_t>(text.size()),
-                                     "surrogateescape");
+  PyObject* s =
+      PyUnicode_DecodeUTF8(text.data(), static_cast<py::ssize_t>(text.size()), "surrogateescape");
   if (s == nullptr) throw py::error_already_set();
   return py::reinterpret_steal<py::str>(s);
 }
@@ -40,9 +41,10 @@ py::str decoded(std::string_view text) {
 // What the run's callbacks share with the binding. The callbacks run without
 // the GIL and take it only to call into Python.
 struct run_state {
-  py::object progress;      // None or a callable taking one line
-  std::string pending;      // the part of a progress line not yet complete
-  std::optional<py::error_already_set> failure;  // raised by the progress callable
+  py::object progress;  // None or a callable taking one line
+  std::string pending;  // the part of a progress line not yet complete
+  // Raised by the progress callable or by a signal handler (Ctrl-C).
+  std::optional<py::error_already_set> failure;
   std::vector<std::string> warnings;
 };
 
@@ -61,6 +63,19 @@ void deliver_lines(run_state& state, std::string_view text) noexcept {
       }
     }
   } catch (...) {  // a lost progress line must not break the run
+  }
+}
+
+// Polled by the run between its phases: a failed progress call or a pending
+// signal (KeyboardInterrupt from Ctrl-C; signal handlers run only in the main
+// thread) ends the run.
+bool should_stop(run_state& state) noexcept {
+  try {
+    py::gil_scoped_acquire gil;
+    if (!state.failure && PyErr_CheckSignals() != 0) state.failure.emplace();
+    return state.failure.has_value();
+  } catch (...) {
+    return false;
   }
 }
 
@@ -118,8 +133,8 @@ py::list regions_of(std::vector<splitmerge::region_record>&& records) {
   return out;
 }
 
-py::dict run(const py::array& image, const py::dict& params, bool frames, bool lines,
-             bool regions, std::optional<py::bytes> region_file, std::uint64_t frame_budget,
+py::dict run(const py::array& image, const py::dict& params, bool frames, bool lines, bool regions,
+             std::optional<py::bytes> region_file, std::uint64_t frame_budget,
              py::object progress) {
   const splitmerge::image_view view = view_of(image);
   const splitmerge::parameters p = parameters_from(params);
@@ -134,6 +149,7 @@ py::dict run(const py::array& image, const py::dict& params, bool frames, bool l
   if (region_file) opts.region_file = std::string(*region_file);
   if (!state.progress.is_none())
     opts.line_sink = [&state](std::string_view text) { deliver_lines(state, text); };
+  opts.interrupt = [&state] { return should_stop(state); };
   opts.error_sink = [&state](std::string_view text) { state.warnings.emplace_back(text); };
 
   splitmerge::segmentation result;
@@ -164,15 +180,30 @@ py::dict run(const py::array& image, const py::dict& params, bool frames, bool l
   return out;
 }
 
+// One message for memory exhaustion, whether the library reported it or a
+// result could not be allocated.
+py::dict run_or_memory_error(const py::array& image, const py::dict& params, bool frames,
+                             bool lines, bool regions, std::optional<py::bytes> region_file,
+                             std::uint64_t frame_budget, py::object progress) {
+  try {
+    return run(image, params, frames, lines, regions, std::move(region_file), frame_budget,
+               std::move(progress));
+  } catch (const std::bad_alloc&) {
+    PyErr_SetString(PyExc_MemoryError, "the segmentation ran out of memory");
+    throw py::error_already_set();
+  }
+}
+
 }  // namespace
 
 PYBIND11_MODULE(_core, m) {
   m.doc() = "Binding of the splitmerge C++ library; use splitmerge.segment instead.";
-  m.def("run", &run, py::arg("image"), py::arg("params"), py::arg("frames"), py::arg("lines"),
-        py::arg("regions"), py::arg("region_file"), py::arg("frame_budget"),
+  m.def("run", &run_or_memory_error, py::arg("image"), py::arg("params"), py::arg("frames"),
+        py::arg("lines"), py::arg("regions"), py::arg("region_file"), py::arg("frame_budget"),
         py::arg("progress"),
         "Runs one segmentation; the image must be int32, C-contiguous, 2-D or 3-D.");
   m.attr("status_ok") = splitmerge::status_ok;
   m.attr("status_failed") = splitmerge::status_failed;
   m.attr("status_file_failed") = splitmerge::status_file_failed;
+  m.attr("status_interrupted") = splitmerge::status_interrupted;
 }
