@@ -245,3 +245,19 @@ def test_fitting_matches_the_command_line_program(tmp_path: Path, shape, dtype,
     np.testing.assert_array_equal(fitted.pixels, np.load(tmp_path / "fitted.npy"))
     labels = splitmerge.segment(given, fit=fit, rescale="--rescale" in options)
     np.testing.assert_array_equal(labels, np.load(tmp_path / "labels.npy"))
+
+
+SCAN = Path("/usr/share/mricron/templates/ch2.nii.gz")
+
+
+@pytest.mark.skipif(not CLI or not SCAN.exists(), reason="needs the program and Colin27")
+def test_colin27_slice_matches_the_command_line_program(tmp_path: Path) -> None:
+    nibabel = pytest.importorskip("nibabel")
+    volume = np.asarray(nibabel.load(SCAN).dataobj).T  # (Z, Y, X), x fastest
+    subprocess.run([CLI, str(SCAN), "--slice", "90", "--fit", "pad", "--quiet", "--labels",
+                    str(tmp_path / "labels.npy")], check=True, timeout=120)
+    # The program's defaults for the brain scans.
+    labels = splitmerge.segment(volume[90], fit="pad", sigma=3.0, interval_length=12,
+                                small_size=50)
+    np.testing.assert_array_equal(labels, np.load(tmp_path / "labels.npy"))
+    assert labels.max() > 10
