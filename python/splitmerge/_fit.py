@@ -21,10 +21,15 @@ FIT_MODES = ("pad", "crop")
 
 @dataclass
 class FittedImage:
-    """An int32 C-contiguous image of a segmentable shape and what changed."""
+    """An int32 C-contiguous image of a segmentable shape and what changed.
+
+    `origin` is the input's (z, y, x) index of the first pixel: where the
+    slice, the crop or the padding put it (negative after padding).
+    """
 
     pixels: np.ndarray
     notes: list[str] = field(default_factory=list)
+    origin: tuple[int, int, int] = (0, 0, 0)
 
 
 def _power_of_two_at_least(v: int) -> int:
@@ -85,23 +90,24 @@ def _as_volume(a: np.ndarray) -> np.ndarray:
     return a if a.ndim == 3 else a[np.newaxis]
 
 
-def _crop(a: np.ndarray, edge: int, slices: int) -> np.ndarray:
+def _centred_offsets(outer: tuple[int, ...], inner: tuple[int, ...]) -> tuple[int, int, int]:
+    z0, y0, x0 = ((o - i) // 2 for o, i in zip(outer, inner))
+    return z0, y0, x0
+
+
+def _crop(a: np.ndarray, edge: int, slices: int) -> tuple[np.ndarray, tuple[int, int, int]]:
     v = _as_volume(a)
-    z0 = (v.shape[0] - slices) // 2
-    y0 = (v.shape[1] - edge) // 2
-    x0 = (v.shape[2] - edge) // 2
+    z0, y0, x0 = _centred_offsets(v.shape, (slices, edge, edge))
     v = v[z0:z0 + slices, y0:y0 + edge, x0:x0 + edge]
-    return v if a.ndim == 3 else v[0]
+    return (v if a.ndim == 3 else v[0]), (z0, y0, x0)
 
 
-def _pad(a: np.ndarray, edge: int, slices: int) -> np.ndarray:
+def _pad(a: np.ndarray, edge: int, slices: int) -> tuple[np.ndarray, tuple[int, int, int]]:
     v = _as_volume(a)
     out = np.zeros((slices, edge, edge), dtype=v.dtype)
-    z0 = (slices - v.shape[0]) // 2
-    y0 = (edge - v.shape[1]) // 2
-    x0 = (edge - v.shape[2]) // 2
+    z0, y0, x0 = _centred_offsets((slices, edge, edge), v.shape)
     out[z0:z0 + v.shape[0], y0:y0 + v.shape[1], x0:x0 + v.shape[2]] = v
-    return out if a.ndim == 3 else out[0]
+    return (out if a.ndim == 3 else out[0]), (-z0, -y0, -x0)
 
 
 def _round_half_away(t: np.ndarray) -> np.ndarray:
@@ -173,8 +179,9 @@ def fit_image(image: npt.ArrayLike, fit: Optional[str] = None, rescale: bool = F
     -------
     FittedImage
         ``pixels``, int32 and C-contiguous (the input itself when it already
-        was such an array and nothing had to change), and ``notes``, what was
-        changed.
+        was such an array and nothing had to change), ``notes``, what was
+        changed, and ``origin``, the input's (z, y, x) index of the first
+        pixel.
 
     Raises
     ------
@@ -188,6 +195,7 @@ def fit_image(image: npt.ArrayLike, fit: Optional[str] = None, rescale: bool = F
         raise ValueError(f"fit must be None, 'pad' or 'crop', not {fit!r}")
     a = _checked_array(image)
     notes: list[str] = []
+    origin = [0, 0, 0]
     if slice is not None:
         if a.ndim != 3:
             raise ValueError("slice needs a volume, but the image is 2-D")
@@ -196,6 +204,7 @@ def fit_image(image: npt.ArrayLike, fit: Optional[str] = None, rescale: bool = F
             raise ValueError(
                 f"slice {k} is outside the volume's slices 0..{a.shape[0] - 1}")
         a = a[k]
+        origin[0] = k
     if a.size and a.dtype.kind == "f" and not np.isfinite(a).all():
         raise ValueError("the image holds NaN or infinite values")
 
@@ -206,16 +215,19 @@ def fit_image(image: npt.ArrayLike, fit: Optional[str] = None, rescale: bool = F
     before = _size_text(a.shape)
     target = None if fits else _fitted_size(a.shape, fit)
     if target is not None and fit == "crop":
-        a = _crop(a, *target)
+        a, shift = _crop(a, *target)
+        origin = [o + d for o, d in zip(origin, shift)]
     if a.size:
         if rescale:
             a = _rescaled(a, notes)
         else:
             _check_values(a)
     if target is not None and fit == "pad":
-        a = _pad(a, *target)
+        a, shift = _pad(a, *target)
+        origin = [o + d for o, d in zip(origin, shift)]
     if target is not None:
         after = _size_text(a.shape)
         notes.append(f"{'padded' if fit == 'pad' else 'cropped'} {before} to {after} "
                      f"(centred); labels and frames are {after}")
-    return FittedImage(np.ascontiguousarray(a, dtype=np.int32), notes)
+    return FittedImage(np.ascontiguousarray(a, dtype=np.int32), notes,
+                       (origin[0], origin[1], origin[2]))

@@ -153,3 +153,12 @@ def test_help_shows_every_parameter_with_its_range_and_default() -> None:
     for name in ("fit", "rescale", "frames", "regions", "lines", "progress", "region_file",
                  "frame_budget"):
         assert name in entries, name
+
+
+def test_docstring_examples_run() -> None:
+    import doctest
+
+    import splitmerge._api
+
+    failures, tried = doctest.testmod(splitmerge._api, raise_on_error=False)
+    assert tried >= 3 and failures == 0
