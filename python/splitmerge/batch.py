@@ -324,6 +324,18 @@ def _number_or_name(text: str) -> Any:
         return text
 
 
+_PARAMETER_HINTS = {
+    "max_level": "1..8; ",
+    "lim_oct_level": "0..max-level; ",
+    "init_level": "0..max-level - 1; ",
+    "group_mode": "sequential (0) or parallel (1); ",
+    "use_all_seeds": "0 or 1; ",
+    "pred_choice": "range, mean, median, chi2, pseudo or 1..5; ",
+    "threshold_row": "1, 2 or 3; ",
+    "statistic_update": "0 or 1; ",
+}
+
+
 def build_parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(
         prog="python3 -m splitmerge.batch",
@@ -359,8 +371,9 @@ def build_parser() -> argparse.ArgumentParser:
     for name in PARAMETER_NAMES:
         default = DEFAULTS[name]
         kind = float if isinstance(default, float) else _number_or_name
+        hint = _PARAMETER_HINTS.get(name, "")
         seg.add_argument("--" + name.replace("_", "-"), dest=name, type=kind, metavar="V",
-                         help=f"default {'from the image' if default is None else default}")
+                         help=f"{hint}default {'from the image' if default is None else default}")
     return parser
 
 
