@@ -16,6 +16,7 @@ from __future__ import annotations
 
 import argparse
 import os
+import resource
 import subprocess
 import sys
 import tempfile
@@ -27,6 +28,12 @@ import numpy as np
 
 SCAN = "/usr/share/mricron/templates/ch2.nii.gz"
 PARAMS = ["--pred-choice", "4", "--sigma", "3", "--interval-length", "12", "--small-size", "50"]
+
+
+def _children_cpu() -> float:
+    """CPU seconds of the finished child processes (and of theirs)."""
+    usage = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return usage.ru_utime + usage.ru_stime
 
 
 def write_volumes(folder: Path, count: int) -> list[Path]:
@@ -60,18 +67,23 @@ def main() -> int:
 
         cli_out = folder / "cli"
         cli_out.mkdir()
+        load_before = os.getloadavg()[0]
+        cpu = _children_cpu()
         started = time.perf_counter()
         for path in inputs:
             subprocess.run([args.cli, str(path), "--fit", "crop", "--quiet", "--labels",
                             str(cli_out / (path.name[:-7] + ".npy")), *PARAMS], check=True)
         sequential = time.perf_counter() - started
+        sequential_cpu = _children_cpu() - cpu
 
         batch_out = folder / "batch"
+        cpu = _children_cpu()
         started = time.perf_counter()
         subprocess.run([sys.executable, "-m", "splitmerge.batch", *map(str, inputs), "--out",
                         str(batch_out), "--workers", str(args.workers), "--no-progress",
                         "--fit", "crop", *PARAMS], check=True)
         batch = time.perf_counter() - started
+        batch_cpu = _children_cpu() - cpu
 
         for path in inputs:
             name = path.name[:-7]
@@ -80,11 +92,11 @@ def main() -> int:
                 print(f"labels differ for {path.name}", file=sys.stderr)
                 return 1
 
-    cores = os.cpu_count()
-    print(f"| batch of {args.count} Colin27 windows (cropped to 128³) | "
-          f"{args.count} sequential runs of the command-line program: {sequential:.1f} s | "
-          f"python3 -m splitmerge.batch --workers {args.workers}: {batch:.1f} s "
-          f"(cluster start included) | {sequential / batch:.2f}× | {cores} cores |")
+    print(f"| {args.count} Colin27 windows, cropped to 128³ | {args.count} sequential runs of "
+          f"the command-line program: {sequential:.1f} s ({sequential_cpu:.1f} s CPU) | "
+          f"splitmerge.batch --workers {args.workers}: {batch:.1f} s ({batch_cpu:.1f} s CPU, "
+          f"cluster start included) | {sequential / batch:.2f}× | {os.cpu_count()} cores, "
+          f"load {load_before:.1f} before |")
     return 0
 
 

@@ -29,10 +29,12 @@ PARAMS = dict(sigma=3.0, interval_length=12, small_size=20)
 
 
 @pytest.fixture(scope="module")
-def client() -> Iterator:
+def client(tmp_path_factory: pytest.TempPathFactory) -> Iterator:
     with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
                                   host="127.0.0.1", dashboard_address="127.0.0.1:0",
-                                  silence_logs=logging.ERROR) as cluster:
+                                  silence_logs=logging.ERROR,
+                                  local_directory=str(tmp_path_factory.mktemp("dask"))
+                                  ) as cluster:
         with distributed.Client(cluster, timeout="30s") as c:
             yield c
 
@@ -151,9 +153,11 @@ def test_bad_inputs_fail_their_own_rows(scans: list[Path], tmp_path: Path, clien
         scans[1].name.replace(".npy", ".labels.npy")]
 
 
-def run_command_line(*args: str) -> subprocess.CompletedProcess:
+def run_command_line(workspace: Path, *args: str) -> subprocess.CompletedProcess:
+    # Dask's worker folders go to the test's own folder, not to /tmp.
+    env = dict(os.environ, DASK_TEMPORARY_DIRECTORY=str(workspace))
     return subprocess.run([sys.executable, "-m", "splitmerge.batch", *args],
-                          capture_output=True, text=True, timeout=300)
+                          capture_output=True, text=True, timeout=300, env=env)
 
 
 def test_command_line_run_then_restart_skips_finished_work(scans: list[Path],
@@ -162,7 +166,9 @@ def test_command_line_run_then_restart_skips_finished_work(scans: list[Path],
     pattern = str(scans[0].parent / "synthetic*.npy")
     options = ["--out", str(out), "--workers", "1", "--fit", "crop", "--sigma", "3",
                "--interval-length", "12", "--small-size", "20", "--pred-choice", "chi2"]
-    first = run_command_line(pattern, *options)
+    workspace = tmp_path / "dask"
+    workspace.mkdir()
+    first = run_command_line(workspace, pattern, *options)
     assert first.returncode == 0, first.stderr
     assert "dashboard: http://127.0.0.1:" in first.stderr
     assert "3 done, 0 skipped, 0 failed" in first.stderr
@@ -175,7 +181,7 @@ def test_command_line_run_then_restart_skips_finished_work(scans: list[Path],
 
     # A crash mid-batch leaves an input without output: only that one is redone.
     Path(rows[1]["output"]).unlink()
-    second = run_command_line(pattern, *options)
+    second = run_command_line(workspace, pattern, *options)
     assert second.returncode == 0, second.stderr
     assert "1 done, 2 skipped, 0 failed" in second.stderr
     again = manifest_rows(out)
@@ -187,7 +193,7 @@ def test_command_line_run_then_restart_skips_finished_work(scans: list[Path],
     np.testing.assert_array_equal(np.load(rows[1]["output"]),
                                   direct_labels(Path(rows[1]["input"]), fit="crop"))
 
-    forced = run_command_line(pattern, *options, "--force")
+    forced = run_command_line(workspace, pattern, *options, "--force")
     assert forced.returncode == 0 and "3 done, 0 skipped" in forced.stderr
 
 
@@ -255,7 +261,8 @@ def test_a_worker_killed_mid_batch_loses_nothing(tmp_path: Path,
     for name in ("worker1", "worker2"):
         dask_processes.start(name, "distributed.cli.dask_worker", address, "--name", name,
                              "--nthreads", "1", "--no-nanny", "--no-dashboard", "--host",
-                             "127.0.0.1", "--death-timeout", "60")
+                             "127.0.0.1", "--death-timeout", "60", "--local-directory",
+                             str(tmp_path / name))
     with distributed.Client(address, timeout="30s") as c:
         c.wait_for_workers(2, timeout=60)
 
