@@ -196,8 +196,8 @@ def segment(
         Keep the progress lines.
     progress : callable, optional
         Called with each progress line (a str without its newline) as the
-        run prints it, in the calling thread's place but with the GIL held.
-        An exception it raises ends the run and is raised by `segment`.
+        run prints it, in the calling thread, with the GIL held. An exception
+        it raises ends the run at the next phase and is raised by `segment`.
     region_file : str or os.PathLike, optional
         Also write the region list file to this path.
     frame_budget : int, optional

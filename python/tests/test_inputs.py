@@ -261,3 +261,19 @@ def test_colin27_slice_matches_the_command_line_program(tmp_path: Path) -> None:
                                 small_size=50)
     np.testing.assert_array_equal(labels, np.load(tmp_path / "labels.npy"))
     assert labels.max() > 10
+
+
+@pytest.mark.skipif(not CLI, reason="SPLITMERGE_CLI (the command-line program) not given")
+@pytest.mark.parametrize("shape", [(48, 40), (6, 30, 32)])
+def test_frames_equal_those_of_the_command_line_program(tmp_path: Path, shape) -> None:
+    image = noise_image(shape, seed=sum(shape), levels=6)
+    np.save(tmp_path / "in.npy", image)
+    subprocess.run([CLI, str(tmp_path / "in.npy"), "--fit", "pad", "--quiet", "--frames",
+                    str(tmp_path / "frames.npy"), "--labels", str(tmp_path / "labels.npy"),
+                    "--sigma", "5", "--interval-length", "10", "--small-size", "30"],
+                   check=True, timeout=120, capture_output=True)
+    result = splitmerge.segment(image, fit="pad", frames=True)
+    expected = np.load(tmp_path / "frames.npy")
+    assert result.frames.shape == expected.shape and expected.shape[0] >= 2
+    np.testing.assert_array_equal(result.frames, expected)
+    np.testing.assert_array_equal(result.labels, np.load(tmp_path / "labels.npy"))
