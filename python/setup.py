@@ -15,6 +15,18 @@ from setuptools.command.build_ext import build_ext
 PROJECT_ROOT = Path(__file__).resolve().parent.parent
 
 
+def _forget_other_source(build_dir: Path) -> None:
+    """Drop a CMake cache left by a checkout at another path (CMake refuses it)."""
+    cache = build_dir / "CMakeCache.txt"
+    if not cache.exists():
+        return
+    for line in cache.read_text(errors="replace").splitlines():
+        if line.startswith("CMAKE_HOME_DIRECTORY:INTERNAL="):
+            if Path(line.split("=", 1)[1]).resolve() != PROJECT_ROOT:
+                cache.unlink()
+            return
+
+
 class CMakeExtension(Extension):
     def __init__(self, name: str) -> None:
         super().__init__(name, sources=[])
@@ -24,6 +36,7 @@ class CMakeBuild(build_ext):
     def build_extension(self, ext: Extension) -> None:
         target = Path(self.get_ext_fullpath(ext.name)).resolve()
         build_dir = Path(self.build_temp).resolve() / "cmake"
+        _forget_other_source(build_dir)
         jobs = os.environ.get("CMAKE_BUILD_PARALLEL_LEVEL", str(os.cpu_count() or 1))
         subprocess.run(
             ["cmake", "-S", str(PROJECT_ROOT), "-B", str(build_dir),

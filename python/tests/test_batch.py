@@ -114,7 +114,17 @@ def test_nifti_labels_overlay_the_scan(scans: list[Path], tmp_path: Path, client
     voxel_of_labels = np.array([2, 0, 1, 1.0])
     np.testing.assert_allclose(labels.affine @ voxel_of_labels, source.affine @ voxel_of_scan)
     np.testing.assert_allclose(labels.header.get_qform(), labels.affine)
-    # The crop of the same scan lines up without shifting.
+    # One slice, padded 60 x 64 to 64 x 64: a one-slice volume at z = 5.
+    rows = segment_batch([str(colin)], tmp_path / "slice", fit="pad", slice=5, client=client,
+                         progress=False, **PARAMS)
+    one_slice = nibabel.load(rows[0]["output"])
+    assert one_slice.shape == (64, 64, 1)
+    np.testing.assert_allclose(one_slice.affine @ np.array([2, 0, 0, 1.0]),
+                               source.affine @ np.array([0, 0, 5, 1.0]))
+    volume = np.asarray(source.dataobj).T
+    np.testing.assert_array_equal(np.asarray(one_slice.dataobj).T[0],
+                                  splitmerge.segment(volume[5], fit="pad", **PARAMS))
+    # The crop of the same scan lines up too.
     rows = segment_batch([str(colin)], tmp_path / "cropped", fit="crop", client=client,
                          progress=False, **PARAMS)
     cropped = nibabel.load(rows[0]["output"])
