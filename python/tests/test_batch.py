@@ -310,3 +310,11 @@ def test_a_worker_killed_mid_batch_loses_nothing(tmp_path: Path,
     for path, row in zip(inputs, rows):
         np.testing.assert_array_equal(np.load(row["output"]), direct_labels(path))
     assert not list(out.glob(".part-*"))
+
+
+def test_progress_bar_shows_count_rate_and_eta(scans: list[Path], tmp_path: Path, client,
+                                               capsys: pytest.CaptureFixture) -> None:
+    segment_batch([str(p) for p in scans[:3]], tmp_path / "out", client=client,
+                  progress=True, **PARAMS)
+    bar = capsys.readouterr().err.split("\r")[-1]
+    assert "3/3" in bar and "scan/s" in bar and "100%" in bar and "<00:00" in bar
