@@ -17,7 +17,9 @@ end
 src = fullfile(root, 'src');
 sources = [library_sources(src), ...
            {fullfile(src, 'gateway', 'read_call.cpp'), ...
-            fullfile(src, 'gateway', 'mex_gateway.cpp')}];
+            fullfile(src, 'gateway', 'mex_gateway.cpp'), ...
+            fullfile(src, 'gateway', 'frame_store.cpp'), ...
+            fullfile(src, 'gateway', 'host.cpp')}];
 includes = {['-I' src], ['-I' fullfile(root, 'include')]};
 
 if exist('OCTAVE_VERSION', 'builtin')
@@ -38,8 +40,9 @@ else
     flags = {'CXXFLAGS=$CXXFLAGS -std=c++20 -ffp-contract=off'};
   end
   module = fullfile(output_dir, ['splitmerge.' mexext]);
+  % libut holds MATLAB's Ctrl-C flag, which the module polls during a run.
   mex('-R2018a', '-output', fullfile(output_dir, 'splitmerge'), flags{:}, includes{:}, ...
-      sources{:});
+      sources{:}, '-lut');
 end
 fprintf('built %s\n', module);
 end

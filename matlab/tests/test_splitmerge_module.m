@@ -10,6 +10,8 @@ tests = {@two_dimensional_shapes, @three_dimensional_shapes, ...
          @any_numeric_class_is_read_by_value, @one_output_or_none, ...
          @wrong_counts_are_refused, @wrong_images_are_refused, ...
          @parameters_that_are_not_scalars_are_refused, ...
+         @values_that_are_not_finite_or_do_not_fit_name_the_input, @logical_flags_are_accepted, ...
+         @bad_pixel_is_named_one_based, ...
          @parameters_the_library_rejects_are_refused, @module_still_works_after_errors};
 run_test_list(tests, conformance_root);
 end
@@ -48,7 +50,7 @@ if ~condition
 end
 end
 
-function expect_error(id, f)
+function err = expect_error(id, f)
 try
   f();
 catch err
@@ -178,11 +180,11 @@ end
 function parameters_that_are_not_scalars_are_refused(~)
 img = patchy_image([32 32 4]);
 p = volume_parameters();
-integer_slots = [1:8, 11, 13, 14];
+flags = [4, 6, 14];  % group_mode, use_all_seeds, statistic_update take logicals
 for slot = 1:14
-  wrong = {[5 5], [], 'a', true, 1 + 2i, {5}, struct('v', 5)};
-  if any(slot == integer_slots)
-    wrong = [wrong, {NaN, Inf, -Inf, 2^31, -2^31 - 1}];
+  wrong = {[5 5], [], 'a', 1 + 2i, {5}, struct('v', 5)};
+  if ~any(slot == flags)
+    wrong{end + 1} = true;
   end
   for w = wrong
     q = p;
@@ -192,11 +194,57 @@ for slot = 1:14
 end
 end
 
+function values_that_are_not_finite_or_do_not_fit_name_the_input(~)
+img = patchy_image([32 32 4]);
+p = volume_parameters();
+names = {'max_level', 'lim_oct_level', 'init_level', 'group_mode', 'max_seed', ...
+         'use_all_seeds', 'pred_choice', 'interval_length', 'rejection', 'sigma', ...
+         'threshold_row', 'pseudo_factor', 'small_size', 'statistic_update'};
+real_slots = [9, 10, 12];
+for slot = 1:14
+  wrong = {NaN, Inf, -Inf};
+  if ~any(slot == real_slots)
+    wrong = [wrong, {2^31, -2^31 - 1}];
+  end
+  for w = wrong
+    q = p;
+    q{slot} = w{1};
+    err = expect_error('splitmerge:badParameter', @() splitmerge(img, q{:}));
+    named = sprintf('%s (input %d)', names{slot}, slot + 1);
+    check(~isempty(strfind(err.message, named)), 'message does not name %s: %s', named, ...
+          err.message);
+  end
+end
+end
+
+function logical_flags_are_accepted(~)
+img = patchy_image([32 32 4]);
+p = volume_parameters();
+q = p;
+q{4} = true;
+q{6} = false;
+q{14} = true;
+[l1, f1] = run_quietly(img, p);
+[l2, f2] = run_quietly(img, q);
+check(isequal(l1, l2) && isequal(f1, f2), 'logical flags give other results');
+end
+
+function bad_pixel_is_named_one_based(~)
+img = patchy_image([32 32 4]);
+p = volume_parameters();
+bad = img;
+bad(1000) = 300;
+[r, c, s] = ind2sub(size(bad), 1000);
+err = expect_error('splitmerge:badParameter', @() splitmerge(bad, p{:}));
+where = sprintf('(%d, %d, %d) (linear index 1000) is 300', r, c, s);
+check(~isempty(strfind(err.message, where)), 'message does not say %s: %s', where, err.message);
+end
+
 function parameters_the_library_rejects_are_refused(~)
 img = patchy_image([32 32 4]);
 p = volume_parameters();
 changes = {{1, 9}, {1, 4}, {2, 2}, {3, 5}, {7, 6}, {5, 0}, {10, NaN}, {9, Inf}, ...
-           {12, -Inf}, {1, 2147483647.9}, {1, -2147483648.9}};
+           {12, -Inf}, {1, 2147483647.9}, {1, -2147483648.9}, {9, 3e7}};
 for c = changes
   q = p;
   q{c{1}{1}} = c{1}{2};

@@ -23,6 +23,8 @@ struct host_state {
   std::int64_t live = 0;
   std::int64_t created = 0;
   int creates_until_failure = 0;
+  std::int64_t polls_until_interrupt = 0;
+  std::int64_t polls = 0;
 };
 
 host_state& state() {
@@ -161,6 +163,7 @@ const char* mxGetClassName(const mxArray* a) {
 }
 
 bool mxIsInt32(const mxArray* a) { return a->class_id == mxINT32_CLASS; }
+bool mxIsLogical(const mxArray* a) { return a->class_id == mxLOGICAL_CLASS; }
 bool mxIsNumeric(const mxArray* a) {
   return a->class_id >= mxDOUBLE_CLASS && a->class_id <= mxUINT64_CLASS;
 }
@@ -213,6 +216,12 @@ void mxDestroyArray(mxArray* a) {
   delete a;
 }
 
+bool fakeIsInterruptPending(void) {
+  ++state().polls;
+  std::int64_t& countdown = state().polls_until_interrupt;
+  return countdown > 0 && --countdown == 0;
+}
+
 }  // extern "C"
 
 namespace fake_mex {
@@ -221,6 +230,7 @@ void reset() {
   state().printed.clear();
   state().warnings.clear();
   state().created = 0;
+  state().polls = 0;
 }
 
 const std::string& printed() { return state().printed; }
@@ -228,6 +238,8 @@ const std::vector<host_warning>& warnings() { return state().warnings; }
 std::int64_t live_arrays() { return state().live; }
 std::int64_t arrays_created() { return state().created; }
 void fail_create_at(int k) { state().creates_until_failure = k; }
+void interrupt_at_poll(std::int64_t k) { state().polls_until_interrupt = k; }
+std::int64_t interrupt_polls() { return state().polls; }
 
 mxArray* int32_array(const std::vector<mwSize>& dims, const std::vector<std::int32_t>& values) {
   mxArray* a = new_array(dims, mxINT32_CLASS, false);

@@ -3,6 +3,9 @@
 // frame copying run under ctest without MATLAB or Octave.
 #pragma once
 
+// Lets the gateway pick the fake host's interrupt flag.
+#define FAKE_MEX_HOST 1
+
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
@@ -54,6 +57,7 @@ std::size_t mxGetNumberOfElements(const mxArray* a);
 mxClassID mxGetClassID(const mxArray* a);
 const char* mxGetClassName(const mxArray* a);
 bool mxIsInt32(const mxArray* a);
+bool mxIsLogical(const mxArray* a);
 bool mxIsNumeric(const mxArray* a);
 bool mxIsComplex(const mxArray* a);
 double mxGetScalar(const mxArray* a);
@@ -62,6 +66,10 @@ mxArray* mxCreateNumericArray(mwSize ndim, const mwSize* dims, mxClassID class_i
                               mxComplexity complexity);
 mxArray* mxCreateDoubleScalar(double value);
 void mxDestroyArray(mxArray* a);
+
+// The fake host's Ctrl-C: true on the poll that fake_mex::interrupt_at_poll
+// chose.
+bool fakeIsInterruptPending(void);
 }
 
 // What the tests use to build inputs, read outputs and watch the host.
@@ -91,6 +99,10 @@ std::int64_t arrays_created();
 // Makes the k-th mxCreateNumericArray from now on fail once, the way Octave's
 // does (std::bad_alloc); 0 disarms the hook.
 void fail_create_at(int k);
+// Makes the k-th interrupt poll from now on report Ctrl-C once; 0 disarms.
+void interrupt_at_poll(std::int64_t k);
+// Interrupt polls since the last reset.
+std::int64_t interrupt_polls();
 
 mxArray* int32_array(const std::vector<mwSize>& dims, const std::vector<std::int32_t>& values);
 mxArray* scalar(double value, mxClassID class_id = mxDOUBLE_CLASS);
