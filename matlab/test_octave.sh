@@ -1,9 +1,14 @@
 #!/usr/bin/env bash
 # Builds the Octave module and runs its tests in octave-cli: the module on
-# real arrays (shapes, reference cases, every error identifier), once as the
-# CMake build makes it and once as build_splitmerge.m does, then the help
-# file without the module. Judged by Octave's exit status.
-set -euo pipefail
+# real arrays (shapes, reference cases, every error identifier, memory over
+# repeated calls), once as the CMake build makes it and once as
+# build_splitmerge.m does; smsegment; Ctrl-C during a long call; then the help
+# files without the module. Every stage runs; the script fails when any did.
+#
+# The reference cases are read from SPLITMERGE_CONFORMANCE (default
+# ../shared/conformance next to the clone); without them those cases are
+# skipped and the script says so.
+set -uo pipefail
 cd "$(dirname "$0")/.."
 root="$(pwd)"
 build="${SPLITMERGE_OCTAVE_BUILD:-build/release}"
@@ -13,33 +18,85 @@ if ! command -v mkoctfile >/dev/null || ! command -v octave-cli >/dev/null; then
   echo "test_octave: octave-cli and mkoctfile are needed (scripts/setup.sh test)" >&2
   exit 1
 fi
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build "$build" --target splitmerge_mex -j "${JOBS:-2}"
+if [ ! -d "$conformance" ]; then
+  echo "test_octave: no reference cases at $conformance: skipping those cases" \
+    "(set SPLITMERGE_CONFORMANCE)"
+  conformance=""
+fi
 
 scratch="$(mktemp -d)"
 trap 'rm -rf "$scratch"' EXIT
+failed=()
 
 # Octave 7 prints this on every exit of octave-cli; it is harmless.
 harmless='^error: ignoring const execution_exception& while preparing to exit$'
 run_octave() {
   local status
-  set +e
   octave-cli --norc --no-history --quiet --eval "$1" >"$scratch/log" 2>&1
   status=$?
-  set -e
-  grep -v -e "$harmless" "$scratch/log" || true
+  grep -v -e "$harmless" "$scratch/log"
   return "$status"
 }
+stage() {
+  local name="$1"
+  shift
+  echo "== Octave: $name"
+  if ! "$@"; then
+    failed+=("$name")
+  fi
+}
 
-echo "== Octave: the module built by CMake"
-run_octave "addpath('$root/matlab/tests'); addpath('$root/$build/src/gateway'); \
-  test_splitmerge_module('$conformance');"
+cmake_module() {
+  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null &&
+    cmake --build "$build" --target splitmerge_mex -j "${JOBS:-2}" >/dev/null
+}
+module_tests() {
+  run_octave "addpath('$root/matlab/tests'); addpath('$1'); \
+    test_splitmerge_module('$conformance');"
+}
+user_build() {
+  mkdir -p "$scratch/module" &&
+    run_octave "addpath('$root/matlab'); build_splitmerge('$scratch/module');"
+}
+smsegment_tests() {
+  run_octave "addpath('$root/matlab/tests'); addpath('$root/matlab'); addpath('$1'); \
+    test_smsegment();"
+}
+# Ctrl-C during a long 3-D call: the call ends with splitmerge:interrupted
+# well before it would have finished, and the module works afterwards.
+interrupt_test() {
+  local log="$scratch/interrupt.log" pid waited=0
+  octave-cli --norc --no-history --quiet --eval "addpath('$root/matlab/tests'); \
+    addpath('$1'); interrupt_run(60);" >"$log" 2>&1 &
+  pid=$!
+  until grep -q '^started' "$log" 2>/dev/null || [ "$waited" -ge 60 ]; do
+    sleep 1
+    waited=$((waited + 1))
+  done
+  sleep 2
+  kill -INT "$pid" 2>/dev/null
+  wait "$pid"
+  grep -v -e "$harmless" "$log"
+  grep -q '^interrupted after' "$log" && grep -q '^next call gives 16 labels' "$log"
+}
+# The help files alone, as in a clone where the module is not built (a
+# module built next to them would answer instead).
+help_tests() {
+  mkdir -p "$scratch/help" && cp "$root"/matlab/*.m "$scratch/help/" &&
+    run_octave "addpath('$root/matlab/tests'); addpath('$scratch/help'); test_splitmerge_help();"
+}
 
-echo "== Octave: the module built by build_splitmerge.m"
-mkdir "$scratch/module"
-run_octave "addpath('$root/matlab'); build_splitmerge('$scratch/module');"
-run_octave "addpath('$root/matlab/tests'); addpath('$scratch/module'); \
-  test_splitmerge_module('$conformance');"
+stage "the module built by CMake" cmake_module
+module="$root/$build/src/gateway"
+stage "module tests (CMake build)" module_tests "$module"
+stage "the module built by build_splitmerge.m" user_build
+stage "module tests (build_splitmerge build)" module_tests "$scratch/module"
+stage "smsegment" smsegment_tests "$module"
+stage "Ctrl-C during a long call" interrupt_test "$module"
+stage "the help files" help_tests
 
-echo "== Octave: the help file"
-run_octave "addpath('$root/matlab/tests'); addpath('$root/matlab'); test_splitmerge_help();"
+if [ "${#failed[@]}" -ne 0 ]; then
+  printf 'test_octave: failed: %s\n' "${failed[@]}" >&2
+  exit 1
+fi
+echo "test_octave: all stages passed"

@@ -11,7 +11,9 @@ tests = {@two_dimensional_shapes, @three_dimensional_shapes, ...
          @wrong_counts_are_refused, @wrong_images_are_refused, ...
          @parameters_that_are_not_scalars_are_refused, ...
          @values_that_are_not_finite_or_do_not_fit_name_the_input, @logical_flags_are_accepted, ...
-         @bad_pixel_is_named_one_based, ...
+         @bad_pixel_is_named_one_based, @largest_seed_count_runs_in_little_memory, ...
+         @input_is_left_unchanged, @real_image_of_256_squared, ...
+         @memory_stays_flat_over_repeated_calls, ...
          @parameters_the_library_rejects_are_refused, @module_still_works_after_errors};
 run_test_list(tests, conformance_root);
 end
@@ -88,6 +90,10 @@ check(~isequal(frames(:, :, :, 1), frames(:, :, :, end)), 'first and last frame 
 end
 
 function reference_cases_match_exactly(conformance_root)
+if isempty(conformance_root) || ~exist(conformance_root, 'dir')
+  fprintf('      skipped: no reference cases at ''%s''\n', conformance_root);
+  return;
+end
 cases = dir(conformance_root);
 checked = 0;
 for k = 1:numel(cases)
@@ -266,4 +272,72 @@ function module_still_works_after_errors(~)
 img = patchy_image([32 32 4]);
 [labels, frames] = run_quietly(img, volume_parameters());
 check(isequal(size(labels), [32 32 4]) && size(frames, 4) >= 3, 'a valid call failed');
+end
+
+function largest_seed_count_runs_in_little_memory(~)
+% A seed table of 2^31 - 1 slots would take 8 GB; the run has at most as
+% many seeds as regions.
+img = patchy_image([256 256]);
+p = {8, 8, 3, 1, 2^31 - 1, 0, 4, 10, 0.1, 5, 3, 2, 30, 1};
+before = resident_kb('VmHWM');
+[labels, ~, ~] = run_quietly(img, p);
+grown = resident_kb('VmHWM') - before;
+check(grown < 200 * 1024, 'peak memory grew by %d MB', round(grown / 1024));
+p{5} = 1e6;
+[expected, ~, ~] = run_quietly(img, p);
+check(isequal(labels, expected), 'labels differ from a run with 10^6 seeds');
+end
+
+function input_is_left_unchanged(~)
+img = patchy_image([32 32 4]);
+kept = img;
+run_quietly(img, volume_parameters());
+p = volume_parameters();
+printed = evalc('labels = splitmerge(img, p{:});'); %#ok<NASGU>
+check(isequal(img, kept), 'the input changed');
+end
+
+% The sombrero picture that ships with Octave: a real 256 x 256 grey image.
+function real_image_of_256_squared(~)
+file = fullfile(OCTAVE_HOME, 'share', 'octave', OCTAVE_VERSION, 'imagelib', ...
+                'octave-sombrero.png');
+rgb = double(imread(file));
+grey = int32(round(0.299 * rgb(:, :, 1) + 0.587 * rgb(:, :, 2) + 0.114 * rgb(:, :, 3)));
+img = grey(16:271, 117:372);
+p = {8, 8, 3, 0, 8, 0, 4, 10, 0.1, 5, 3, 2, 30, 1};
+[labels, frames, text] = run_quietly(img, p);
+n = double(max(labels(:))) + 1;
+check(n > 10 && isequal(unique(labels(:))', int32(0:n - 1)), 'labels are not 0..n-1');
+check(size(frames, 3) >= 2 && isequal(frames(:, :, 1) > 0, true(256)), 'first frame');
+check(~isempty(strfind(text, 'regions')) || numel(text) > 100, 'no progress lines');
+one = evalc('single_output = splitmerge(img, p{:});'); %#ok<NASGU>
+check(isequal(single_output, labels) && strcmp(one, text), 'one output differs from two');
+end
+
+% The previous gateway leaked every frame's pixels (12 MB per call here): the
+% resident size after many calls must stay near that after the first few.
+function memory_stays_flat_over_repeated_calls(~)
+img = patchy_image([64 64 64]);
+p = {6, 0, 3, 0, 8, 0, 4, 10, 0.1, 5, 3, 2, 30, 1};
+for k = 1:3
+  [labels, frames] = run_quietly(img, p); %#ok<ASGLU>
+end
+frame_mb = numel(frames) * 4 / 2^20;
+clear labels frames;
+settled = resident_kb('VmRSS');
+for k = 1:25
+  [labels, frames] = run_quietly(img, p); %#ok<ASGLU>
+  clear labels frames;
+  printed = evalc('labels = splitmerge(img, p{:});'); %#ok<NASGU>
+  clear labels;
+end
+grown = (resident_kb('VmRSS') - settled) / 1024;
+check(grown < max(8, frame_mb), 'resident size grew by %.1f MB over 25 calls (frames %.1f MB)', ...
+      grown, frame_mb);
+end
+
+function kb = resident_kb(field)
+text = fileread('/proc/self/status');
+value = regexp(text, [field ':\s*(\d+)'], 'tokens', 'once');
+kb = str2double(value{1});
 end
