@@ -12,8 +12,8 @@ function [L, n, info] = smsegment(I, varargin)
 %   used (MaxLevel, LimOctLevel, InitLevel); INFO.Parameters, the 14 values
 %   passed to the SPLITMERGE module; INFO.Origin and INFO.Size, the part of
 %   I that L covers (its first pixel, 1-based, and its size: all of I
-%   unless 'Fit' is 'crop'); and, with 'Frames', true, INFO.Frames (see
-%   below).
+%   unless 'Fit' is 'crop'); with 'Frames', true, INFO.Frames, and with
+%   'Regions', true, INFO.Regions (see below).
 %
 %   The run covers the image with square blocks of 2^InitLevel pixels,
 %   merges homogeneous sibling blocks into larger ones, splits
@@ -87,6 +87,15 @@ function [L, n, info] = smsegment(I, varargin)
 %                     labels. Frames take memory: 4 bytes per pixel per
 %                     frame, at most 2 GiB (warning splitmerge:frameBudget).
 %                     Default false.
+%   'Regions'         true: INFO.Regions holds the run's region list, one
+%                     struct per label of L, in label order: Statistics (the
+%                     region's two statistics, int64, whose meaning depends
+%                     on the predicate), Codes (the locational codes of its
+%                     blocks, uint32) and Neighbours (the labels of the
+%                     regions next to it, in L's numbering; the run's list
+%                     may name the region itself). The run then records
+%                     frames too, which costs their time and memory.
+%                     Default false.
 %   'Verbose'         true: the progress lines are printed as the run goes.
 %                     Default false.
 %
@@ -132,7 +141,9 @@ p = {max_level, lim_oct_level, init_level, group_mode, opts.MaxSeed, ...
      opts.Sigma, opts.ThresholdRow, opts.PseudoFactor, opts.SmallSize, ...
      double(opts.StatisticUpdate)};
 
-if opts.Frames
+if opts.Regions
+  text = evalc('[labels, frames, regions] = splitmerge(pixels, p{:});');
+elseif opts.Frames
   text = evalc('[labels, frames] = splitmerge(pixels, p{:});');
 else
   text = evalc('labels = splitmerge(pixels, p{:});');
@@ -142,10 +153,12 @@ if opts.Verbose
 end
 
 labels = labels(origin.inner{:});
+kept = 0:double(max(labels(:)));  % the run's label of each label in L
 if strcmp(opts.Fit, 'pad')
   % The padding may have held regions of its own: number what is left
   % consecutively, in the run's order (by decreasing size).
-  [~, ~, renumbered] = unique(labels(:));
+  [kept, ~, renumbered] = unique(double(labels(:)));
+  kept = kept';
   labels = reshape(renumbered - 1, size(labels));
 end
 n = double(max(labels(:))) + 1;
@@ -162,6 +175,26 @@ if nargout > 2
   if opts.Frames
     info.Frames = frames;
   end
+  if opts.Regions
+    info.Regions = region_list(regions, kept, ~opts.ZeroBased);
+  end
+end
+end
+
+% The module's region list for the regions in L, with neighbours in L's
+% numbering.
+function list = region_list(regions, kept, first)
+to_label = zeros(1, numel(regions));
+to_label(kept + 1) = (0:numel(kept) - 1) + first;
+list = struct('Statistics', {}, 'Codes', {}, 'Neighbours', {});
+for k = 1:numel(kept)
+  region = regions(kept(k) + 1);
+  neighbours = double(region.neighbours);
+  neighbours = to_label(neighbours + 1);
+  kept_neighbours = neighbours(neighbours >= first);
+  list(k).Statistics = region.statistics;
+  list(k).Codes = region.codes;
+  list(k).Neighbours = kept_neighbours;
 end
 end
 
@@ -172,7 +205,7 @@ opts = struct('Predicate', 4, 'IntervalLength', 10, 'Rejection', 0.1, 'Sigma', 5
               'ThresholdRow', 3, 'PseudoFactor', 2, 'SmallSize', 30, ...
               'StatisticUpdate', true, 'Grouping', 'sequential', 'MaxSeed', 8, ...
               'UseAllSeeds', false, 'InitLevel', [], 'Fit', 'none', 'Rescale', false, ...
-              'ZeroBased', false, 'Frames', false, 'Verbose', false);
+              'ZeroBased', false, 'Frames', false, 'Regions', false, 'Verbose', false);
 names = fieldnames(opts);
 if mod(numel(args), 2) ~= 0
   error('smsegment:badOption', 'options come in name-value pairs');
@@ -212,7 +245,8 @@ switch name
       error('smsegment:badOption', '%s must be ''%s''', name, strjoin(allowed, ''', '''));
     end
     value = lower(value);
-  case {'StatisticUpdate', 'UseAllSeeds', 'Rescale', 'ZeroBased', 'Frames', 'Verbose'}
+  case {'StatisticUpdate', 'UseAllSeeds', 'Rescale', 'ZeroBased', 'Frames', 'Regions', ...
+        'Verbose'}
     if ~(is_real_scalar(value) || (islogical(value) && isscalar(value)))
       error('smsegment:badOption', '%s must be true or false', name);
     end

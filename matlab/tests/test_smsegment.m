@@ -9,7 +9,7 @@ tests = {@real_image_gives_labels_from_one, @labels_are_the_module_labels_plus_o
          @sizes_that_do_not_fit_need_fit, @pad_keeps_the_size_of_the_image, ...
          @crop_takes_the_centred_box, @quiet_unless_verbose, @frames_only_when_asked, ...
          @meaningless_values_warn_but_run, @bad_options_are_refused, ...
-         @input_is_left_unchanged};
+         @input_is_left_unchanged, @region_list_in_label_order};
 run_test_list(tests);
 end
 
@@ -226,4 +226,36 @@ smsegment(img, 'Frames', true);
 p = {5, 3, 3, 0, 8, 0, 4, 10, 0.1, 5, 3, 2, 30, 1};
 evalc('[~, ~] = splitmerge(img, p{:});');
 check(isequal(img, kept), 'the input changed');
+end
+
+function region_list_in_label_order()
+img = patchy_image([32 32 4]);
+p = {5, 3, 3, 0, 8, 0, 4, 10, 0.1, 5, 3, 2, 30, 1};
+evalc('[raw, ~, regions] = splitmerge(img, p{:});');
+check(numel(regions) == double(max(raw(:))) + 1, '%d regions for %d labels', numel(regions), ...
+      max(raw(:)) + 1);
+[L, n, info] = smsegment(img, 'Regions', true);
+check(numel(info.Regions) == n && ~isfield(info, 'Frames'), 'info.Regions has %d entries', ...
+      numel(info.Regions));
+for k = 1:n
+  r = info.Regions(k);
+  check(isequal(r.Statistics, regions(k).statistics) && isequal(r.Codes, regions(k).codes), ...
+        'region %d differs from the module''s', k);
+  check(isequal(r.Neighbours, double(regions(k).neighbours) + 1), 'neighbours of %d', k);
+  check(isa(r.Statistics, 'int64') && isa(r.Codes, 'uint32') && ~isempty(r.Codes), ...
+        'region %d: classes or codes', k);
+end
+% Regions that touch in L (along any axis) are neighbours in the list.
+pairs = zeros(0, 2);
+for axis = 1:3
+  moved = permute(L, circshift(1:3, [0, 1 - axis]));
+  a = moved(1:end - 1, :, :);
+  b = moved(2:end, :, :);
+  pairs = [pairs; a(a ~= b), b(a ~= b)]; %#ok<AGROW>
+end
+touching = unique(sort(pairs, 2), 'rows');
+for t = 1:size(touching, 1)
+  check(any(info.Regions(touching(t, 1)).Neighbours == touching(t, 2)), ...
+        'regions %d and %d touch but are not neighbours', touching(t, 1), touching(t, 2));
+end
 end

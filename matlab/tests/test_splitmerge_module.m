@@ -62,8 +62,8 @@ end
 error('test:failed', 'expected %s, the call succeeded', id);
 end
 
-function [a, b, c] = three_outputs(img, p) %#ok<STOUT>
-[a, b, c] = splitmerge(img, p{:});
+function [a, b, c, d] = four_outputs(img, p) %#ok<STOUT>
+[a, b, c, d] = splitmerge(img, p{:});
 end
 
 % --- tests ------------------------------------------------------------------
@@ -170,7 +170,7 @@ expect_error('splitmerge:nargin', @() splitmerge());
 expect_error('splitmerge:nargin', @() splitmerge(img));
 expect_error('splitmerge:nargin', @() splitmerge(img, p{1:13}));
 expect_error('splitmerge:nargin', @() splitmerge(img, p{:}, 1));
-expect_error('splitmerge:nargout', @() three_outputs(img, p));
+expect_error('splitmerge:nargout', @() four_outputs(img, p));
 end
 
 function wrong_images_are_refused(~)

@@ -14,7 +14,7 @@
 namespace splitmerge::gateway {
 
 inline constexpr int input_count = 15;  // the image and 14 parameters
-inline constexpr int max_outputs = 2;   // labels, frames
+inline constexpr int max_outputs = 3;   // labels, frames, regions
 
 // The largest stack of frames handed back, in bytes; later frames replace
 // the last one, so it still shows the final state.

@@ -1,10 +1,11 @@
-// [labels, frames] = splitmerge(image, max_level, lim_oct_level, init_level,
+// [labels, frames, regions] = splitmerge(image, max_level, lim_oct_level, init_level,
 //     group_mode, max_seed, use_all_seeds, pred_choice, interval_length,
 //     rejection, sigma, threshold_row, pseudo_factor, small_size,
 //     statistic_update)
 //
 // Runs one segmentation without a region list file; frames are recorded only
-// when the caller asks for the second output. The progress lines go to the
+// when the caller asks for the second output, the region list is collected
+// only for the third. The progress lines go to the
 // command window as the library prints them.
 #include <algorithm>
 #include <array>
@@ -13,6 +14,7 @@
 #include <new>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "gateway/frame_store.hpp"
 #include "gateway/gateway.hpp"
@@ -68,6 +70,29 @@ mxArray* frames_output(const frame_store& store, const call& c, report& r) {
   return frames;
 }
 
+template <class T>
+mxArray* row_of(mxClassID class_id, const T* values, std::size_t count) {
+  mxArray* a = mxCreateNumericMatrix(1, static_cast<mwSize>(count), class_id, mxREAL);
+  if (count != 0) std::copy_n(values, count, static_cast<T*>(mxGetData(a)));
+  return a;
+}
+
+// Output 2: one struct per region, in label order.
+mxArray* regions_output(const std::vector<region_record>& regions) {
+  const char* fields[] = {"statistics", "codes", "neighbours"};
+  owned_array out(mxCreateStructMatrix(1, static_cast<mwSize>(regions.size()), 3, fields));
+  for (std::size_t k = 0; k < regions.size(); ++k) {
+    const region_record& region = regions[k];
+    const auto index = static_cast<mwIndex>(k);
+    mxSetField(out.get(), index, "statistics", row_of(mxINT64_CLASS, region.statistics, 2));
+    mxSetField(out.get(), index, "codes",
+               row_of(mxUINT32_CLASS, region.codes.data(), region.codes.size()));
+    mxSetField(out.get(), index, "neighbours",
+               row_of(mxINT32_CLASS, region.neighbours.data(), region.neighbours.size()));
+  }
+  return out.release();
+}
+
 void segment_call(int nlhs, mxArray* plhs[], const call& c, call_settings& settings, report& r) {
   const bool want_frames = nlhs >= 2;
   const std::size_t pixels = pixel_count(c.image);
@@ -77,6 +102,7 @@ void segment_call(int nlhs, mxArray* plhs[], const call& c, call_settings& setti
 
   options opts;
   opts.display = want_frames;
+  opts.collect_regions = nlhs >= 3;
   opts.line_sink = print_to_host;
   opts.error_sink = [](std::string_view) {};  // the status says what went wrong
   opts.interrupt = [&store_failed] { return store_failed || host_interrupt_pending(); };
@@ -109,6 +135,7 @@ void segment_call(int nlhs, mxArray* plhs[], const call& c, call_settings& setti
   std::copy(result.labels.begin(), result.labels.end(),
             static_cast<std::int32_t*>(mxGetData(labels.get())));
   // Only the slots the host provides: max(nlhs, 1).
+  owned_array regions(nlhs >= 3 ? regions_output(result.regions) : nullptr);
   if (want_frames) {
     owned_array frames(frames_output(store, c, r));
     if (r.failed()) return;
@@ -119,6 +146,7 @@ void segment_call(int nlhs, mxArray* plhs[], const call& c, call_settings& setti
           store.frame_count(), static_cast<unsigned long long>(settings.frame_budget));
     plhs[1] = frames.release();
   }
+  if (nlhs >= 3) plhs[2] = regions.release();
   plhs[0] = labels.release();
 }
 

@@ -163,8 +163,8 @@ bool read_call(int nlhs, int nrhs, const mxArray* prhs[], call& c, report& r) no
     return false;
   }
   if (nlhs > max_outputs) {
-    r.fail("splitmerge:nargout", "returns at most %d outputs (labels, frames), not %d", max_outputs,
-           nlhs);
+    r.fail("splitmerge:nargout", "returns at most %d outputs (labels, frames, regions), not %d",
+           max_outputs, nlhs);
     return false;
   }
   if (!read_image(prhs[0], c, r)) return false;

@@ -49,9 +49,9 @@ TEST(GatewayErrors, WrongNumberOfInputs) {
   }
 }
 
-TEST(GatewayErrors, MoreThanTwoOutputs) {
+TEST(GatewayErrors, MoreThanThreeOutputs) {
   host_inputs in(valid_arrays());
-  expect_refused(in, 3, "splitmerge:nargout");
+  expect_refused(in, 4, "splitmerge:nargout");
 }
 
 TEST(GatewayErrors, ImageThatIsNotRealInt32) {

@@ -94,6 +94,22 @@ gateway_result call_with(int nlhs, const std::function<void(mxArray**)>& call) {
     r.frame_dims = fake_mex::dimensions(plhs[1]);
     r.frames = fake_mex::int32_values(plhs[1]);
   }
+  if (plhs[2] != nullptr) {
+    r.regions_written = true;
+    const std::size_t count = mxGetNumberOfElements(plhs[2]);
+    for (std::size_t k = 0; k < count; ++k) {
+      const auto index = static_cast<mwIndex>(k);
+      splitmerge::region_record region;
+      const auto stats = fake_mex::integer_values(mxGetField(plhs[2], index, "statistics"));
+      region.statistics[0] = stats.at(0);
+      region.statistics[1] = stats.at(1);
+      for (std::int64_t c : fake_mex::integer_values(mxGetField(plhs[2], index, "codes")))
+        region.codes.push_back(static_cast<std::uint32_t>(c));
+      for (std::int64_t n : fake_mex::integer_values(mxGetField(plhs[2], index, "neighbours")))
+        region.neighbours.push_back(static_cast<std::int32_t>(n));
+      r.regions.push_back(std::move(region));
+    }
+  }
   // The host provides max(nlhs, 1) slots; the others must stay untouched.
   for (std::size_t k = static_cast<std::size_t>(std::max(nlhs, 1)); k < plhs.size(); ++k)
     if (plhs[k] != nullptr) r.wrote_extra_slot = true;
@@ -125,7 +141,9 @@ library_result run_library(const image& img, const splitmerge::parameters& p, bo
   options opts;
   opts.display = display;
   opts.line_sink = [&r](std::string_view s) { r.printed.append(s); };
+  opts.collect_regions = true;
   segmentation s = segment(view, p, opts);
+  r.regions = std::move(s.regions);
   r.status = s.status;
   r.labels = std::move(s.labels);
   r.frames = std::move(s.frames);

@@ -69,11 +69,13 @@ struct gateway_result {
   std::string error_text;
   bool labels_written = false;
   bool frames_written = false;
+  bool regions_written = false;
   bool wrote_extra_slot = false;  // beyond the max(nlhs, 1) slots the host provides
   std::vector<mwSize> label_dims;
   std::vector<mwSize> frame_dims;
   std::vector<std::int32_t> labels;
   std::vector<std::int32_t> frames;
+  std::vector<splitmerge::region_record> regions;
   std::string printed;
   std::vector<fake_mex::host_warning> warnings;
   std::int64_t host_arrays_left = 0;  // created by the call and owned by no one
@@ -95,6 +97,7 @@ struct library_result {
   std::vector<std::int32_t> frames;  // every frame, in list order
   std::int32_t frame_count = 0;
   std::string printed;
+  std::vector<splitmerge::region_record> regions;
 };
 
 // What the gateway should do: no region list file, frames when display is on.

@@ -2,6 +2,7 @@
 // order and the printed lines, all equal to the library's own results.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "gateway/gateway.hpp"
@@ -101,6 +102,42 @@ TEST(GatewayOutput, OneOutputOrNoneRunsWithoutRecordingFrames) {
     EXPECT_EQ(r.frame_requests, 0u);  // nothing was recorded
     EXPECT_EQ(r.host_arrays_left, 0);
   }
+}
+
+bool same_regions(const std::vector<region_record>& a, const std::vector<region_record>& b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t k = 0; k < a.size(); ++k)
+    if (a[k].statistics[0] != b[k].statistics[0] || a[k].statistics[1] != b[k].statistics[1] ||
+        a[k].codes != b[k].codes || a[k].neighbours != b[k].neighbours)
+      return false;
+  return true;
+}
+
+TEST(GatewayOutput, ThirdOutputIsTheRegionListInLabelOrder) {
+  const image img = patchy_image({32, 32, 4});
+  host_parameters p;
+  p.small_size = 20;
+  const library_result expected = run_library(img, p.as_library_parameters());
+  ASSERT_GE(expected.regions.size(), 3u);
+  host_inputs in(img, p);
+  const gateway_result r = call_gateway(in, 3);
+  ASSERT_EQ(r.error_id, "") << r.error_text;
+  ASSERT_TRUE(r.regions_written);
+  EXPECT_TRUE(same_regions(r.regions, expected.regions));
+  EXPECT_EQ(r.labels, expected.labels);
+  EXPECT_EQ(r.frames, expected.frames);
+  // One region per label; neighbours are labels and mutual (the list may name
+  // a region itself, as the region list file does).
+  const auto regions = static_cast<std::int32_t>(r.regions.size());
+  EXPECT_EQ(*std::max_element(r.labels.begin(), r.labels.end()) + 1, regions);
+  for (std::int32_t k = 0; k < regions; ++k)
+    for (std::int32_t n : r.regions[static_cast<std::size_t>(k)].neighbours) {
+      ASSERT_TRUE(n >= 0 && n < regions) << k << " lists " << n << " of " << regions;
+      if (n == k) continue;
+      const auto& back = r.regions[static_cast<std::size_t>(n)].neighbours;
+      EXPECT_NE(std::find(back.begin(), back.end(), k), back.end()) << k << " " << n;
+    }
+  EXPECT_EQ(r.host_arrays_left, 0);
 }
 
 TEST(GatewayOutput, SingleFrameBudgetKeepsTheFinalState) {

@@ -15,8 +15,10 @@
 // Octave's mwSize is signed, MATLAB's unsigned; the tests build both ways.
 #if defined(FAKE_MEX_UNSIGNED_MWSIZE)
 using mwSize = std::size_t;
+using mwIndex = std::size_t;
 #else
 using mwSize = std::int64_t;
+using mwIndex = std::int64_t;
 #endif
 
 struct mxArray;
@@ -65,6 +67,11 @@ void* mxGetData(const mxArray* a);
 mxArray* mxCreateNumericArray(mwSize ndim, const mwSize* dims, mxClassID class_id,
                               mxComplexity complexity);
 mxArray* mxCreateDoubleScalar(double value);
+mxArray* mxCreateNumericMatrix(mwSize m, mwSize n, mxClassID class_id, mxComplexity complexity);
+mxArray* mxCreateStructMatrix(mwSize m, mwSize n, int nfields, const char** fieldnames);
+// Takes ownership of value; a struct destroys its fields with it.
+void mxSetField(mxArray* a, mwIndex index, const char* name, mxArray* value);
+mxArray* mxGetField(const mxArray* a, mwIndex index, const char* name);
 void mxDestroyArray(mxArray* a);
 
 // The fake host's Ctrl-C: true on the poll that fake_mex::interrupt_at_poll
@@ -113,5 +120,7 @@ mxArray* double_array(const std::vector<mwSize>& dims, const std::vector<double>
 
 std::vector<mwSize> dimensions(const mxArray* a);
 std::vector<std::int32_t> int32_values(const mxArray* a);
+// Elements of a numeric array of any class, as 64-bit integers.
+std::vector<std::int64_t> integer_values(const mxArray* a);
 
 }  // namespace fake_mex

@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# The MEX module in Octave on the centre 128^3 crop of the Colin27 brain:
+# one output against the library's run without display, and two outputs
+# against the frames once plus the one-output peak. Each measurement is its
+# own process (its peak resident size is the call's), and the three kinds
+# take turns so that load on the machine touches them alike. Prints a
+# Markdown table; never part of scripts/test.sh.
+#
+# Usage: bench/octave/run_mex_bench.sh [ROUNDS]   (default 3; about 30 s each)
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+rounds="${1:-3}"
+build=build/bench-mex
+data="$build/data"
+
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DSPLITMERGE_BUILD_BENCH=ON \
+  -DSPLITMERGE_BUILD_TESTS=OFF -DSPLITMERGE_BUILD_MEX=ON >/dev/null
+cmake --build "$build" -j 2 --target bench_make_data bench_whole_run splitmerge_mex >/dev/null
+mkdir -p "$data"
+[ -f "$data/brain_crop.npy" ] ||
+  "$build/bench/bench_make_data" /usr/share/mricron/templates/ch2.nii.gz "$data" >/dev/null
+
+results="$(mktemp)"
+trap 'rm -f "$results"' EXIT
+harmless='^error: ignoring const execution_exception& while preparing to exit$'
+octave_run() {
+  octave-cli --norc --no-history --quiet --eval "addpath('$PWD/bench/octave'); \
+    mex_run('$PWD/$build/src/gateway', '$PWD/$data/brain_crop.npy', $1, 1)" 2>&1 |
+    grep -v -e "$harmless"
+}
+for ((r = 1; r <= rounds; r++)); do
+  echo "round $r of $rounds" >&2
+  "$build/bench/bench_whole_run" --image "$data/brain_crop.npy" --reps 1 |
+    /usr/bin/python3 -c 'import json, sys; j = json.loads(sys.stdin.read());
+print("library off %.3f %.1f" % (j["median_s"], j["peak_rss_bytes"] / 2**20))' >>"$results"
+  octave_run 1 | awk '/^outputs/ {print "mex 1", $4, $8, $12}' >>"$results"
+  octave_run 2 | awk '/^outputs/ {print "mex 2", $4, $8, $12}' >>"$results"
+done
+
+/usr/bin/python3 - "$results" <<'PY'
+import statistics, sys
+rows = [line.split() for line in open(sys.argv[1])]
+def pick(kind, column):
+    return [float(r[column]) for r in rows if " ".join(r[:2]) == kind]
+off_s = statistics.median(pick("library off", 2))
+one_s, one_mb = statistics.median(pick("mex 1", 2)), max(pick("mex 1", 3))
+two_s, two_mb = statistics.median(pick("mex 2", 2)), max(pick("mex 2", 3))
+frames_mb = max(pick("mex 2", 4))
+bound = 1.2 * (frames_mb + one_mb)
+print("| call | median s | peak MB | target | met |")
+print("|---|--:|--:|---|---|")
+print(f"| library, display off | {off_s:.2f} | {max(pick('library off', 3)):.0f} | – | |")
+ok = abs(one_s / off_s - 1) <= 0.10
+print(f"| MEX, one output | {one_s:.2f} ({one_s / off_s:.2f} × off) | {one_mb:.0f} | "
+      f"time within ±10 % of display off | {'yes' if ok else '**no**'} |")
+ok = two_mb <= bound
+print(f"| MEX, two outputs ({frames_mb:.0f} MB of frames) | {two_s:.2f} | {two_mb:.0f} "
+      f"({two_mb / (frames_mb + one_mb):.2f} × (frames + one-output peak)) | "
+      f"peak ≤ {bound:.0f} MB | {'yes' if ok else '**no**'} |")
+PY
