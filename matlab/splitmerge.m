@@ -1,9 +1,9 @@
 function varargout = splitmerge(varargin)
 %SPLITMERGE Split-and-merge segmentation of a 2-D or 3-D grey image.
-%   [LABELS, FRAMES] = SPLITMERGE(IMAGE, MAX_LEVEL, LIM_OCT_LEVEL, INIT_LEVEL,
-%       GROUP_MODE, MAX_SEED, USE_ALL_SEEDS, PRED_CHOICE, INTERVAL_LENGTH,
-%       REJECTION, SIGMA, THRESHOLD_ROW, PSEUDO_FACTOR, SMALL_SIZE,
-%       STATISTIC_UPDATE)
+%   [LABELS, FRAMES, REGIONS] = SPLITMERGE(IMAGE, MAX_LEVEL, LIM_OCT_LEVEL,
+%       INIT_LEVEL, GROUP_MODE, MAX_SEED, USE_ALL_SEEDS, PRED_CHOICE,
+%       INTERVAL_LENGTH, REJECTION, SIGMA, THRESHOLD_ROW, PSEUDO_FACTOR,
+%       SMALL_SIZE, STATISTIC_UPDATE)
 %
 %   Covers the image with blocks of level INIT_LEVEL, merges homogeneous
 %   sibling blocks upward, splits inhomogeneous ones downward, grows regions
@@ -66,6 +66,13 @@ function varargout = splitmerge(varargin)
 %           the final partition in those colour numbers, which are not the
 %           LABELS. A frame is taken every 1001 paint operations.
 %
+%   REGIONS struct array, one element per label in label order: statistics
+%           (int64 1-by-2, the region's two statistics, whose meaning
+%           depends on PRED_CHOICE), codes (uint32, the locational codes of
+%           its blocks) and neighbours (int32, the labels of the regions next
+%           to it; the list may name the region itself). Asking for it
+%           records the frames too.
+%
 %   With one output (or none) no frames are recorded: the run is as fast
 %   and as small as one without display, and LABELS and the printed lines
 %   are the same as with two outputs. Every call prints its progress lines
@@ -75,7 +82,7 @@ function varargout = splitmerge(varargin)
 %
 %   Errors:
 %     splitmerge:nargin        not 15 inputs
-%     splitmerge:nargout       more than 2 outputs
+%     splitmerge:nargout       more than 3 outputs
 %     splitmerge:imageClass    IMAGE is not a real int32 array
 %     splitmerge:imageDims     IMAGE is not 2-D or 3-D
 %     splitmerge:notScalar     a parameter is not a real numeric scalar (or
