@@ -26,8 +26,9 @@ function [L, n, info] = smsegment(I, varargin)
 %   unless 'Rescale' is true; a logical image is read as 0 and 255. X-by-Y
 %   images and X-by-Y-by-Z volumes are segmented as they are when X = Y is a
 %   power of two from 2 to 256 and Z a power of two no larger than X;
-%   otherwise set 'Fit'. An RGB image is a 3-slice volume: convert it with
-%   RGB2GRAY first.
+%   otherwise set 'Fit'. An X-by-Y-by-3 array is taken for an RGB image and
+%   segmented as its grey levels, round(0.299 R + 0.587 G + 0.114 B), unless
+%   'Volume' is true.
 %
 %   Options, as name-value pairs (names are not case sensitive):
 %
@@ -98,6 +99,8 @@ function [L, n, info] = smsegment(I, varargin)
 %                     Default false.
 %   'Verbose'         true: the progress lines are printed as the run goes.
 %                     Default false.
+%   'Volume'          true: an X-by-Y-by-3 array is a volume of 3 slices,
+%                     not an RGB image. Default false.
 %
 %   Values outside the ranges above are passed on (the run defines a
 %   result for them) with the warning smsegment:outOfRange.
@@ -118,7 +121,7 @@ function [L, n, info] = smsegment(I, varargin)
 %       else
 %         file = 'ngc6543a.jpg';
 %       end
-%       I = rgb2gray(imread(file));
+%       I = imread(file);                         % RGB: segmented as grey
 %       [L, n] = smsegment(I, 'Fit', 'crop', 'Sigma', 8);
 %       imshow(label2rgb(L))
 %       title(sprintf('%d regions', n))
@@ -126,6 +129,10 @@ function [L, n, info] = smsegment(I, varargin)
 %   See also SPLITMERGE, BUILD_SPLITMERGE, LABEL2RGB, REGIONPROPS.
 
 opts = parse_options(varargin);
+if ndims(I) == 3 && size(I, 3) == 3 && ~opts.Volume && (isnumeric(I) || islogical(I)) ...
+    && isreal(I)
+  I = luma(I);
+end
 pixels = grey_values(I, opts.Rescale);
 [pixels, origin, box] = fit_image(pixels, opts.Fit);
 
@@ -205,7 +212,8 @@ opts = struct('Predicate', 4, 'IntervalLength', 10, 'Rejection', 0.1, 'Sigma', 5
               'ThresholdRow', 3, 'PseudoFactor', 2, 'SmallSize', 30, ...
               'StatisticUpdate', true, 'Grouping', 'sequential', 'MaxSeed', 8, ...
               'UseAllSeeds', false, 'InitLevel', [], 'Fit', 'none', 'Rescale', false, ...
-              'ZeroBased', false, 'Frames', false, 'Regions', false, 'Verbose', false);
+              'ZeroBased', false, 'Frames', false, 'Regions', false, 'Verbose', false, ...
+              'Volume', false);
 names = fieldnames(opts);
 if mod(numel(args), 2) ~= 0
   error('smsegment:badOption', 'options come in name-value pairs');
@@ -246,7 +254,7 @@ switch name
     end
     value = lower(value);
   case {'StatisticUpdate', 'UseAllSeeds', 'Rescale', 'ZeroBased', 'Frames', 'Regions', ...
-        'Verbose'}
+        'Verbose', 'Volume'}
     if ~(is_real_scalar(value) || (islogical(value) && isscalar(value)))
       error('smsegment:badOption', '%s must be true or false', name);
     end
@@ -297,6 +305,11 @@ end
 end
 
 % --- the image -----------------------------------------------------------------
+
+function grey = luma(rgb)
+values = double(rgb);
+grey = round(0.299 * values(:, :, 1) + 0.587 * values(:, :, 2) + 0.114 * values(:, :, 3));
+end
 
 function pixels = grey_values(I, rescale)
 if ~(isnumeric(I) || islogical(I)) || ~isreal(I) || isempty(I) || ndims(I) > 3

@@ -9,7 +9,8 @@ tests = {@real_image_gives_labels_from_one, @labels_are_the_module_labels_plus_o
          @sizes_that_do_not_fit_need_fit, @pad_keeps_the_size_of_the_image, ...
          @crop_takes_the_centred_box, @quiet_unless_verbose, @frames_only_when_asked, ...
          @meaningless_values_warn_but_run, @bad_options_are_refused, ...
-         @input_is_left_unchanged, @region_list_in_label_order};
+         @input_is_left_unchanged, @region_list_in_label_order, ...
+         @rgb_images_are_segmented_as_grey};
 run_test_list(tests);
 end
 
@@ -141,7 +142,7 @@ function sizes_that_do_not_fit_need_fit()
 expect_error('smsegment:imageSize', @() smsegment(patchy_image([32 16])));
 expect_error('smsegment:imageSize', @() smsegment(patchy_image([24 24])));
 expect_error('smsegment:imageSize', @() smsegment(patchy_image([512 512])));
-expect_error('smsegment:imageSize', @() smsegment(patchy_image([16 16 3])));
+expect_error('smsegment:imageSize', @() smsegment(patchy_image([16 16 5])));
 expect_error('smsegment:imageSize', @() smsegment(patchy_image([300 20]), 'Fit', 'pad'));
 end
 
@@ -258,4 +259,16 @@ for t = 1:size(touching, 1)
   check(any(info.Regions(touching(t, 1)).Neighbours == touching(t, 2)), ...
         'regions %d and %d touch but are not neighbours', touching(t, 1), touching(t, 2));
 end
+end
+
+function rgb_images_are_segmented_as_grey()
+file = fullfile(OCTAVE_HOME, 'share', 'octave', OCTAVE_VERSION, 'imagelib', ...
+                'octave-sombrero.png');
+rgb = imread(file);
+[L, n] = smsegment(rgb, 'Fit', 'crop');
+check(isequal(L, smsegment(shipped_image(), 'Fit', 'crop')), 'RGB differs from its grey levels');
+check(ismatrix(L) && n > 1, 'L is %s', mat2str(size(L)));
+expect_error('smsegment:imageSize', @() smsegment(patchy_image([32 32 3]), 'Volume', true));
+L3 = smsegment(patchy_image([32 32 3]), 'Volume', true, 'Fit', 'crop');
+check(isequal(size(L3), [32 32 2]), 'a 3-slice volume gives %s', mat2str(size(L3)));
 end
