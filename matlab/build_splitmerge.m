@@ -44,6 +44,10 @@ else
   mex('-R2018a', '-output', fullfile(output_dir, 'splitmerge'), flags{:}, includes{:}, ...
       sources{:}, '-lut');
 end
+% The new module must answer from now on, not the help file that the
+% interpreter may have found before it existed.
+clear('splitmerge');
+rehash();
 fprintf('built %s\n', module);
 end
 

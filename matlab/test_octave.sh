@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds the Octave module and runs its tests in octave-cli: the module on
 # real arrays (shapes, reference cases, every error identifier, memory over
-# repeated calls), once as the CMake build makes it and once as
-# build_splitmerge.m does; smsegment; Ctrl-C during a long call; then the help
+# repeated calls), once as the CMake build makes it and once as a user's
+# `cd matlab; build_splitmerge` does (with the README's example); smsegment; Ctrl-C during a long call; then the help
 # files without the module. Every stage runs; the script fails when any did.
 #
 # The reference cases are read from SPLITMERGE_CONFORMANCE (default
@@ -54,9 +54,19 @@ module_tests() {
   run_octave "addpath('$root/matlab/tests'); addpath('$1'); \
     test_splitmerge_module('$conformance');"
 }
+# As a user does it: cd matlab; build_splitmerge (in a copy of the sources),
+# which puts the module next to the help files, then the README's example.
 user_build() {
-  mkdir -p "$scratch/module" &&
-    run_octave "addpath('$root/matlab'); build_splitmerge('$scratch/module');"
+  mkdir -p "$scratch/clone" && cp -r "$root/src" "$root/include" "$root/matlab" "$scratch/clone/" &&
+    rm -f "$scratch"/clone/matlab/*.mex &&
+    run_octave "cd('$scratch/clone/matlab'); build_splitmerge; \
+      I = imread(fullfile(OCTAVE_HOME, 'share', 'octave', OCTAVE_VERSION, 'imagelib', \
+                          'octave-sombrero.png')); \
+      [L, n] = smsegment(I, 'Fit', 'crop'); \
+      if ~isempty(pkg('list', 'image')), pkg load image; rgb = label2rgb(L); \
+      else, rgb = zeros([size(L), 3]); end; \
+      if ~isequal(size(rgb), [256 256 3]) || n < 2 || min(L(:)) ~= 1, exit(1); end; \
+      printf('example: %d regions\n', n);"
 }
 smsegment_tests() {
   run_octave "addpath('$root/matlab/tests'); addpath('$root/matlab'); addpath('$1'); \
@@ -90,7 +100,7 @@ stage "the module built by CMake" cmake_module
 module="$root/$build/src/gateway"
 stage "module tests (CMake build)" module_tests "$module"
 stage "the module built by build_splitmerge.m" user_build
-stage "module tests (build_splitmerge build)" module_tests "$scratch/module"
+stage "module tests (build_splitmerge build)" module_tests "$scratch/clone/matlab"
 stage "smsegment" smsegment_tests "$module"
 stage "Ctrl-C during a long call" interrupt_test "$module"
 stage "the help files" help_tests
