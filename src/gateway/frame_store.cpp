@@ -78,8 +78,26 @@ bool frame_store::append(const std::int32_t* frame) noexcept {
   ++seen_;
   kept_ = std::min(seen_, max_frames_);
   // The frame before the last slot stays the base of whatever fills it.
-  if (index < max_frames_ - 1) std::memcpy(base_, frame, pixels_ * sizeof(std::int32_t));
+  if (index < max_frames_ - 1) apply(words_ + last_start_, base_);
   return true;
+}
+
+const std::uint32_t* frame_store::apply(const std::uint32_t* in,
+                                        std::int32_t* dest) const noexcept {
+  const std::size_t n = pixels_;
+  if (*in++ == raw_frame) {
+    std::memcpy(dest, in, n * sizeof(std::int32_t));
+    return in + n;
+  }
+  for (std::size_t pos = 0;;) {
+    pos += *in++;
+    if (pos >= n) break;
+    const std::size_t count = *in++;
+    std::memcpy(dest + pos, in, count * sizeof(std::int32_t));
+    in += count;
+    pos += count;
+  }
+  return in;
 }
 
 void frame_store::encode(const std::int32_t* frame) noexcept {
@@ -115,21 +133,9 @@ void frame_store::write_to(std::int32_t* out) const noexcept {
   const std::uint32_t* in = words_;
   for (std::int32_t k = 0; k < kept_; ++k) {
     std::int32_t* dest = out + static_cast<std::size_t>(k) * n;
-    if (*in++ == raw_frame) {
-      std::memcpy(dest, in, n * sizeof(std::int32_t));
-      in += n;
-      continue;
-    }
-    // A difference from the previous frame (from zeros for the first).
-    if (k > 0) std::memcpy(dest, dest - n, n * sizeof(std::int32_t));
-    for (std::size_t pos = 0;;) {
-      pos += *in++;
-      if (pos >= n) break;
-      const std::size_t count = *in++;
-      std::memcpy(dest + pos, in, count * sizeof(std::int32_t));
-      in += count;
-      pos += count;
-    }
+    // A difference applies to the previous frame (to zeros for the first).
+    if (k > 0 && *in == difference_frame) std::memcpy(dest, dest - n, n * sizeof(std::int32_t));
+    in = apply(in, dest);
   }
 }
 

@@ -41,6 +41,8 @@ class frame_store {
   void* reallocate(void* p, std::size_t bytes) noexcept;
   bool reserve_words(std::size_t extra) noexcept;
   void encode(const std::int32_t* frame) noexcept;
+  // Writes the encoded frame at in over dest (its base); returns its end.
+  const std::uint32_t* apply(const std::uint32_t* in, std::int32_t* dest) const noexcept;
 
   std::size_t pixels_;
   std::int32_t max_frames_;
