@@ -34,15 +34,15 @@ if exist('OCTAVE_VERSION', 'builtin')
     error('splitmerge:buildFailed', 'mkoctfile failed:\n%s', output);
   end
 else
+  % libut holds MATLAB's Ctrl-C flag, which the module polls during a run.
   if ispc
-    flags = {'COMPFLAGS=$COMPFLAGS /std:c++20 /fp:precise'};
+    flags = {'COMPFLAGS=$COMPFLAGS /std:c++20 /fp:precise', '-llibut'};
   else
-    flags = {'CXXFLAGS=$CXXFLAGS -std=c++20 -ffp-contract=off'};
+    flags = {'CXXFLAGS=$CXXFLAGS -std=c++20 -ffp-contract=off', '-lut'};
   end
   module = fullfile(output_dir, ['splitmerge.' mexext]);
-  % libut holds MATLAB's Ctrl-C flag, which the module polls during a run.
   mex('-R2018a', '-output', fullfile(output_dir, 'splitmerge'), flags{:}, includes{:}, ...
-      sources{:}, '-lut');
+      sources{:});
 end
 % The new module must answer from now on, not the help file that the
 % interpreter may have found before it existed.
