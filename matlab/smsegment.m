@@ -173,7 +173,7 @@ L = double(labels) + double(~opts.ZeroBased);
 
 if nargout > 2
   info = struct();
-  info.Lines = regexp(text, '[^\n]*', 'match');
+  info.Lines = regexp(text, '[^\n]+', 'match');
   info.Levels = struct('MaxLevel', max_level, 'LimOctLevel', lim_oct_level, ...
                        'InitLevel', init_level);
   info.Parameters = cell2mat(p);
