@@ -37,7 +37,9 @@ class Region:
     codes : numpy.ndarray
         uint32 locational codes of the region's blocks, in chain order.
     neighbours : numpy.ndarray
-        int32 labels of the regions that share a face with this one.
+        int32 labels of the region's neighbour list, in list order: every
+        region that shares a face with it, and possibly regions (itself
+        included) that touched it before small regions were absorbed.
     """
 
     statistics: tuple[int, int]
