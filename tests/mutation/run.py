@@ -123,15 +123,16 @@ def run_tests(build: Path, timeout: float) -> tuple[bool, str]:
     """Run the unit tests; return whether they all passed and the failed test names."""
     binary = build / "tests" / TEST_TARGET
     try:
-        done = run([str(binary), f"--gtest_filter={TEST_FILTER}", "--gtest_brief=1"],
-                   cwd=build, timeout=timeout)
+        done = run([str(binary), f"--gtest_filter={TEST_FILTER}"], cwd=build, timeout=timeout)
     except subprocess.TimeoutExpired:
         return False, f"timed out after {timeout:.0f} s"
     failed = sorted(set(re.findall(r"^\[  FAILED  \] (\S+?)(?:,| \(|$)", done.stdout, re.M)))
     if done.returncode == 0:
         return True, ""
     if not failed:
-        return False, f"exit status {done.returncode} (crash)"
+        started = re.findall(r"^\[ RUN      \] (\S+)", done.stdout, re.M)
+        where = f" in {started[-1]}" if started else ""
+        return False, f"exit status {done.returncode} (crash{where})"
     return False, ", ".join(failed)
 
 
