@@ -144,8 +144,8 @@ def try_fault(fault: Fault, tree: Path, build: Path, jobs: int, timeout: float) 
     source = path.read_text()
     count = source.count(fault.original)
     if count != 1:
-        return Outcome(fault, "not applicable",
-                       "original text not found" if count == 0 else f"original text occurs {count} times")
+        why = "original text not found" if count == 0 else f"original text occurs {count} times"
+        return Outcome(fault, "not applicable", why)
     start = time.monotonic()
     path.write_text(source.replace(fault.original, fault.replacement))
     try:
@@ -168,7 +168,9 @@ def report(outcomes: list[Outcome]) -> int:
         print(f"{o.fault.name:<{width}}  {o.verdict:<14}  {o.fault.what}{mark}")
         if o.detail:
             print(f"{'':<{width}}  {'':<14}  -> {o.detail}")
-    counted = [o for o in outcomes if o.verdict in ("caught", "survived") and not o.fault.equivalent]
+    counted = [
+        o for o in outcomes if o.verdict in ("caught", "survived") and not o.fault.equivalent
+    ]
     caught = sum(o.verdict == "caught" for o in counted)
     survivors = [o for o in counted if o.verdict == "survived"]
     skipped = [o for o in outcomes if o.verdict in ("not applicable", "not built")]
