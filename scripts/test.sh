@@ -6,10 +6,14 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh test
 jobs="$(nproc)"
+# Two runs at once share the build folders: one builds at a time. The tests
+# themselves each use a folder of their own and may run together.
+mkdir -p build
+locked() { flock build/.build.lock "$@"; }
 
 echo "== release build and tests"
-cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DSPLITMERGE_BUILD_TESTS=ON >/dev/null
-cmake --build build/release -j "$jobs"
+locked cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DSPLITMERGE_BUILD_TESTS=ON >/dev/null
+locked cmake --build build/release -j "$jobs"
 ctest --test-dir build/release --output-on-failure -j "$jobs"
 
 echo "== Python package: installed into a throwaway venv, then its tests"
@@ -21,15 +25,15 @@ SPLITMERGE_CLI="$PWD/build/release/tools/splitmerge" \
   build/python-venv/bin/python -m pytest -q -p no:cacheprovider python/tests
 
 echo "== sanitizer build and tests (address, undefined, leak)"
-cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=Debug -DSPLITMERGE_SANITIZE=address,undefined \
+locked cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=Debug -DSPLITMERGE_SANITIZE=address,undefined \
   -DSPLITMERGE_BUILD_TESTS=ON \
   >/dev/null
-cmake --build build/sanitize -j "$jobs"
+locked cmake --build build/sanitize -j "$jobs"
 ASAN_OPTIONS=detect_leaks=1 ctest --test-dir build/sanitize --output-on-failure -j "$jobs"
 
 if [ -x matlab/test_octave.sh ]; then
   echo "== Octave tests of the MEX module"
-  matlab/test_octave.sh
+  locked matlab/test_octave.sh
 fi
 if [ -x tests/fuzz/run_bounded.sh ]; then
   echo "== bounded fuzz run"

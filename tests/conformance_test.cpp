@@ -7,6 +7,7 @@
 
 #include "driver/driver.hpp"
 #include "support/conformance_case.hpp"
+#include "support/temp_folder.hpp"
 
 namespace splitmerge {
 namespace {
@@ -71,7 +72,8 @@ std::int64_t first_line_difference(const std::string& a, const std::string& b) {
 TEST(Conformance, EveryReferenceCaseMatchesExactly) {
   const auto cases = testing::conformance_cases();
   if (cases.empty()) GTEST_SKIP() << "no reference cases at " << testing::conformance_root();
-  const auto workdir = std::filesystem::temp_directory_path() / "splitmerge_conformance";
+  const testing::temp_folder folder;
+  const auto workdir = folder.path();
   int checked = 0;
   for (const auto& dir : cases) {
     const auto c = testing::load_case(dir);

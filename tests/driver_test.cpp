@@ -16,6 +16,7 @@
 #include "driver/driver.hpp"
 #include "splitmerge/splitmerge.hpp"
 #include "support/random_images.hpp"
+#include "support/temp_folder.hpp"
 
 namespace splitmerge {
 namespace {
@@ -127,10 +128,11 @@ TEST(Parameters, MessagesNameTheValueAndWhatIsAllowed) {
 }
 
 TEST(Runs, AUniformImageIsOneRegion) {
+  const testing::temp_folder folder;
   for (const int save : {0, 1}) {
     run_setup s = plane(std::vector<std::int32_t>(64, 42), 8, 3);
     s.save_flag = save;
-    s.filename = (std::filesystem::temp_directory_path() / "splitmerge_uniform.txt").string();
+    s.filename = folder.file("uniform.txt");
     const run_result r = run(s);
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.labels, std::vector<std::int32_t>(64, 0));
@@ -292,7 +294,7 @@ struct sweep_config {
   run_setup setup;
 };
 
-std::vector<sweep_config> sweep_configs() {
+std::vector<sweep_config> sweep_configs(const testing::temp_folder& folder) {
   std::mt19937 rng(77);
   std::vector<sweep_config> configs;
   const auto add = [&](const char* name, int size_x, int size_z, int max_level, int lim,
@@ -311,7 +313,7 @@ std::vector<sweep_config> sweep_configs() {
     s.small_size = small;
     s.save_flag = save;
     s.display = display;
-    s.filename = (std::filesystem::temp_directory_path() / "splitmerge_sweep.txt").string();
+    s.filename = folder.file("sweep.txt");
     configs.push_back({name, s});
   };
   add("plane range sequential", 16, 1, 4, 4, 2, 1, 0, 0, 0, 1, 20);
@@ -326,7 +328,8 @@ std::vector<sweep_config> sweep_configs() {
 TEST(FailureSweep, EveryAllocationFailureEndsCleanly) {
   bool site_reached[alloc_site_count] = {};
   std::uint64_t total_runs = 0;
-  for (const auto& config : sweep_configs()) {
+  const testing::temp_folder folder;
+  for (const auto& config : sweep_configs(folder)) {
     SCOPED_TRACE(config.name);
     const run_result reference = run(config.setup);
     ASSERT_EQ(reference.status, 0);
@@ -360,7 +363,7 @@ TEST(FailureSweep, EveryAllocationFailureEndsCleanly) {
   EXPECT_GT(total_runs, 1000u);
 }
 
-TEST(Concurrency, RunsInSeveralThreadsMatchTheirSingleThreadedResults) {
+TEST(Concurrency, PromiseOneContextPerRunThreadedRunsMatchSingleThreadedOnes) {
   std::mt19937 rng(123);
   std::vector<run_setup> setups;
   for (int i = 0; i < 8; ++i) {
@@ -390,7 +393,7 @@ TEST(Concurrency, RunsInSeveralThreadsMatchTheirSingleThreadedResults) {
   }
 }
 
-TEST(Determinism, RepeatedRunsAreBitIdentical) {
+TEST(Determinism, PromiseRepeatedRunsAreBitIdentical) {
   std::mt19937 rng(321);
   run_setup s;
   s.image = testing::blob_image(rng, 16, 4, 30);
@@ -402,11 +405,11 @@ TEST(Determinism, RepeatedRunsAreBitIdentical) {
   s.pred_choice = 4;
   s.small_size = 5;
   s.save_flag = 1;
-  const auto dir = std::filesystem::temp_directory_path();
+  const testing::temp_folder folder;
   std::string first_file;
   run_result first;
   for (int i = 0; i < 4; ++i) {
-    s.filename = (dir / ("splitmerge_determinism_" + std::to_string(i) + ".txt")).string();
+    s.filename = folder.file("determinism_" + std::to_string(i) + ".txt");
     run_result r = run(s);
     std::ifstream in(s.filename);
     std::string file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -433,7 +436,7 @@ namespace splitmerge {
 namespace {
 
 // The region list collected through the C++ interface is the region list file.
-TEST(Interface, CollectedRegionsMatchTheRegionListFile) {
+TEST(Interface, PromiseCollectedRegionsEqualTheRegionListFile) {
   std::mt19937 rng(8);
   const std::vector<std::int32_t> img = testing::blob_image(rng, 16, 2, 20);
   parameters p;
@@ -442,8 +445,9 @@ TEST(Interface, CollectedRegionsMatchTheRegionListFile) {
   options o;
   o.display = false;
   o.collect_regions = true;
-  const auto path = std::filesystem::temp_directory_path() / "splitmerge_collect.txt";
-  o.region_file = path.string();
+  const testing::temp_folder folder;
+  const auto path = folder.file("collect.txt");
+  o.region_file = path;
   const segmentation out = segment(image_view{img.data(), 16, 16, 2}, p, o);
   ASSERT_EQ(out.status, status_ok) << out.error;
   std::ifstream in(path);

@@ -15,6 +15,7 @@
 #include "output/output.hpp"
 #include "regions/regions.hpp"
 #include "support/run_setup.hpp"
+#include "support/temp_folder.hpp"
 #include "tree/tree.hpp"
 
 namespace splitmerge {
@@ -184,7 +185,7 @@ TEST(Sorting, WorkedOrders) {
   }
 }
 
-TEST(Sorting, TheFastPathGivesTheSameOrderAsThePlainQuicksort) {
+TEST(Sorting, OptimisationSuffixMaximaFastPathKeepsThePlainQuicksortOrder) {
   std::mt19937 rng(99);
   for (int trial = 0; trial < 500; ++trial) {
     const std::size_t n = 1 + rng() % 60;
@@ -262,7 +263,8 @@ TEST(RegionFile, TwoNeighbouringRegions) {
   nb_node ab{&b, nullptr}, ba{&a, nullptr};
   a.nb_pointers[0] = a.nb_pointers[1] = &ab;
   b.nb_pointers[0] = b.nb_pointers[1] = &ba;
-  const auto path = (std::filesystem::temp_directory_path() / "splitmerge_two_regions.txt").string();
+  const testing::temp_folder folder;
+  const auto path = folder.file("two_regions.txt");
   ASSERT_EQ(save_regionlist(ctx, &a, path.c_str()), 0);
   EXPECT_EQ(read_file(path),
             "4\n1\n2\n4.0000\n2\n4\n"
@@ -283,7 +285,8 @@ TEST(RegionFile, TheWholeImageAndAnUnwritablePath) {
   whole.variables[0] = 3;
   whole.variables[1] = 9;
   whole.region_pointer = &whole;
-  const auto path = (std::filesystem::temp_directory_path() / "splitmerge_whole.txt").string();
+  const testing::temp_folder folder;
+  const auto path = folder.file("whole.txt");
   ASSERT_EQ(save_regionlist(ctx, &whole, path.c_str()), 0);
   EXPECT_EQ(read_file(path), "8\n2\n2\n4.0000\n1\n1\n3 9\n0\n0\n-1\n");
   std::filesystem::remove(path);
