@@ -7,7 +7,7 @@
 #include <cstdint>
 
 #include "driver/driver.hpp"
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 #include "splitmerge/splitmerge.hpp"
 
 namespace splitmerge::bench {

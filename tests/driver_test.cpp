@@ -44,6 +44,9 @@ struct run_result {
 run_result run(const run_setup& s, std::uint64_t fail_at = 0) {
   run_result r;
   run_context ctx;
+  // Small arena chunks: every few records is a request that can fail.
+  ctx.blocks.set_chunk(3);
+  ctx.entries.set_chunk(5);
   ctx.out = [&](std::string_view t) { r.printed.append(t); };
   ctx.err = [&](std::string_view t) { r.errors.append(t); };
   ctx.allocator.fail_at(fail_at);

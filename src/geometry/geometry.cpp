@@ -2,7 +2,7 @@
 
 #include <bit>
 
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 
 namespace splitmerge {
 

@@ -1,4 +1,4 @@
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 #include "evaluation/evaluation.hpp"
 #include "geometry/geometry.hpp"
 #include "grouping/grouping.hpp"
@@ -24,7 +24,7 @@ block_result scan_children(run_context& ctx, block* p, blocklist list, std::int3
         p = e == 0 ? nullptr : list[e];
       } else if (nibble(p->code, lvl) == static_cast<std::uint32_t>(k)) {
         while (p != nullptr && nibble(p->code, lvl) == static_cast<std::uint32_t>(k))
-          p = p->next_block;
+          p = ctx.block_at(p->next_block);
       }
     } else if ((p->code & mask[lvl]) != 0) {
       const block_result r = recurse(p, lvl - 1);
@@ -34,7 +34,7 @@ block_result scan_children(run_context& ctx, block* p, blocklist list, std::int3
       const auto f = add_neighbour(ctx, front, p, cur);
       if (check_pointer(f) != 0) return block_result::failure(f.status);
       front = f.value;
-      p = p->next_block;
+      p = ctx.block_at(p->next_block);
     }
   }
   return block_result{p, 0};
@@ -58,15 +58,16 @@ std::uint32_t find_adjacent(const run_context& ctx, std::uint32_t code, std::int
 
 list_result<nb_node*> add_neighbour(run_context& ctx, nb_node* front, block* b,
                                     block* cur) noexcept {
-  front->region = b;
+  front->region = ctx.id(b);
   nb_node* back = new_nb_node(ctx, cur, nullptr);
   if (back == nullptr) return list_result<nb_node*>::failure(free_cur_np(ctx, front));
-  if (b->nb_pointers[1] != nullptr) {
-    b->nb_pointers[1]->next = back;
+  const entry_id back_id = ctx.id(back);
+  if (b->nb_pointers[1] != 0) {
+    ctx.entry_at(b->nb_pointers[1])->next = back_id;
   } else {
-    b->nb_pointers[0] = back;
+    b->nb_pointers[0] = back_id;
   }
-  b->nb_pointers[1] = back;
+  b->nb_pointers[1] = back_id;
   nb_node* fresh = new_nb_node(ctx, nullptr, front);
   if (fresh == nullptr) return list_result<nb_node*>::failure(free_cur_np(ctx, front));
   return list_result<nb_node*>{fresh, 0};
@@ -93,17 +94,18 @@ list_result<block*> find_smaller_nbz(run_context& ctx, block* p, blocklist list,
     const auto f = add_neighbour(ctx, front, p, cur);
     if (check_pointer(f) != 0) return block_result::failure(f.status);
     front = f.value;
-    p = p->next_block;
+    p = ctx.block_at(p->next_block);
   }
   return block_result{p, 0};
 }
 
 block* make_one_region(run_context& ctx, block* b) noexcept {
-  b->region_pointer = b;
-  b->nb_pointers[0] = nullptr;
-  b->nb_pointers[1] = nullptr;
+  b->region_pointer = ctx.id(b);
+  b->nb_pointers[0] = 0;
+  b->nb_pointers[1] = 0;
+  b->pixels = static_cast<std::uint32_t>(ctx.pixels_perblock[level(ctx, b->code)]);
   calc_eval_var_region(ctx, b);
-  b->next_region = nullptr;
+  b->next_region = 0;
   return b;
 }
 
@@ -173,8 +175,8 @@ list_result<nb_node*> pair_along(run_context& ctx, blocklist list, const leaf_in
 // Releases the front entry of a finished list.
 void close_list(run_context& ctx, block* b, nb_node* front) {
   b->nb_pointers[0] = front->next;
-  if (front->next == nullptr) b->nb_pointers[1] = nullptr;
-  ctx.allocator.release(front);
+  if (front->next == 0) b->nb_pointers[1] = 0;
+  release_entry(ctx, front);
 }
 
 }  // namespace
@@ -186,11 +188,12 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   };
   block* first = list[0];
   calc_eval_var_region(ctx, first);
-  first->region_pointer = first;
+  first->region_pointer = ctx.id(first);
+  first->pixels = static_cast<std::uint32_t>(ctx.pixels_perblock[level(ctx, first->code)]);
   nb_node* first_front = new_nb_node(ctx, nullptr, nullptr);
   if (first_front == nullptr) return fail(nullptr);
-  first->nb_pointers[0] = first->nb_pointers[1] = first_front;
-  first->next_region = nullptr;
+  first->nb_pointers[0] = first->nb_pointers[1] = ctx.id(first_front);
+  first->next_region = 0;
 
   auto table = create_array<block*>(ctx, static_cast<std::size_t>(ctx.max_level),
                                     alloc_site::level_table);
@@ -199,7 +202,7 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   block* head = first;
 
   leaf_index index;
-  for (const block* b = first; b != nullptr; b = b->next_block) ++index.count;
+  for (const block* b = first; b != nullptr; b = ctx.block_at(b->next_block)) ++index.count;
   const auto cells = static_cast<std::size_t>(ctx.voxels_image / ctx.pixels_perblock[ctx.init_level]);
   index.leaves = static_cast<block**>(ctx.allocator.allocate_uninitialised(
       index.count * (sizeof(block*) + sizeof(std::uint32_t)) + 2 * cells * sizeof(std::uint32_t),
@@ -210,7 +213,7 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   index.covering_slot = index.cell_start + cells;
   {
     std::size_t i = 0;
-    for (block* b = first; b != nullptr; b = b->next_block, ++i) {
+    for (block* b = first; b != nullptr; b = ctx.block_at(b->next_block), ++i) {
       index.leaves[i] = b;
       index.codes[i] = b->code;
     }
@@ -231,7 +234,8 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   };
 
   std::size_t position = 0;
-  for (block* cur = first->next_block; cur != nullptr; cur = cur->next_block) {
+  for (block* cur = ctx.block_at(first->next_block); cur != nullptr;
+       cur = ctx.block_at(cur->next_block)) {
     ++position;
     calc_eval_var_region(ctx, cur);
     const std::int32_t lvl = level(ctx, cur->code);
@@ -239,17 +243,18 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
     for (std::int32_t i = lvl + 1; after == nullptr && i < ctx.max_level; ++i) after = table[i];
     if (after != nullptr) {
       cur->next_region = after->next_region;
-      after->next_region = cur;
+      after->next_region = ctx.id(cur);
     } else {
-      cur->next_region = head;
+      cur->next_region = ctx.id(head);
       head = cur;
     }
     table[lvl] = cur;
 
-    cur->region_pointer = cur;
+    cur->region_pointer = ctx.id(cur);
+    cur->pixels = static_cast<std::uint32_t>(ctx.pixels_perblock[lvl]);
     nb_node* front = new_nb_node(ctx, nullptr, nullptr);
     if (front == nullptr) return fail_indexed();
-    cur->nb_pointers[1] = front;
+    cur->nb_pointers[1] = ctx.id(front);
     for (std::int32_t axis = 0; axis < 3; ++axis) {
       const auto f = pair_along(ctx, list, index, position, lvl, axis, front);
       if (check_pointer(f) != 0) return fail_indexed();
@@ -259,7 +264,7 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   }
   close_list(ctx, first, first_front);
   // Every block is now a head of its own; chain order is memory order.
-  for (std::size_t i = 0; i < index.count; ++i) index.leaves[i]->next_block = nullptr;
+  for (std::size_t i = 0; i < index.count; ++i) index.leaves[i]->next_block = 0;
   ctx.allocator.release(list);
   ctx.allocator.release(table);
   ctx.allocator.release(index.leaves);

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "context/run_context.hpp"
 #include "records/records.hpp"
 
 namespace splitmerge {
@@ -23,9 +24,13 @@ list_result<nb_node*> add_neighbour(run_context& ctx, nb_node* front, block* b,
 block* make_one_region(run_context& ctx, block* b) noexcept;
 
 // Follows forwarding entries until the entry names a live region.
-inline block* resolve(nb_node* e) noexcept {
-  while (e->region->region_pointer == nullptr) e->region = e->region->nb_pointers[0]->region;
-  return e->region;
+inline block* resolve(const run_context& ctx, nb_node* e) noexcept {
+  block* r = ctx.block_at(e->region);
+  while (r->region_pointer == 0) {
+    e->region = ctx.entry_at(r->nb_pointers[0])->region;
+    r = ctx.block_at(e->region);
+  }
+  return r;
 }
 
 void unite(run_context& ctx, block* a, block* b, nb_node* e) noexcept;

@@ -1,13 +1,13 @@
 #include <algorithm>
 
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 #include "geometry/geometry.hpp"
 #include "output/output.hpp"
 
 namespace splitmerge {
 
 void make_output(const run_context& ctx, regionlist head, std::int32_t* output) noexcept {
-  if (head->next_region == nullptr) {
+  if (head->next_region == 0) {
     const auto n = static_cast<std::size_t>(ctx.im_format_xy) *
                    static_cast<std::size_t>(ctx.im_format_xy) *
                    static_cast<std::size_t>(ctx.im_format_z);
@@ -15,8 +15,8 @@ void make_output(const run_context& ctx, regionlist head, std::int32_t* output) 
     return;
   }
   std::int32_t label = 0;
-  for (const block* h = head; h != nullptr; h = h->next_region, ++label) {
-    for (const block* b = h; b != nullptr; b = b->next_block) {
+  for (const block* h = head; h != nullptr; h = ctx.block_at(h->next_region), ++label) {
+    for (const block* b = h; b != nullptr; b = ctx.block_at(b->next_block)) {
       const std::int32_t lvl = level(ctx, b->code);
       const block_position p = coordinates(ctx, b->code, lvl);
       const std::int32_t side = 1 << lvl;

@@ -2,7 +2,7 @@
 
 #include <bit>
 
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 
 namespace splitmerge {
 
@@ -11,18 +11,6 @@ namespace {
 // Order keys of a list are spread evenly over [0, order_end), so that many
 // splices fit between two entries before the list must be renumbered.
 constexpr std::uint64_t order_end = std::uint64_t{1} << 62;
-
-// Gives the entries of a list evenly spread order keys.
-void spread(nb_node* first) noexcept {
-  std::uint64_t n = 0;
-  for (const nb_node* e = first; e != nullptr; e = e->next) ++n;
-  const std::uint64_t step = order_end / (n + 1);
-  std::uint64_t order = 0;
-  for (nb_node* e = first; e != nullptr; e = e->next) {
-    order += step;
-    e->order = order;
-  }
-}
 
 // Record addresses share their low bits; mix every bit into the low ones.
 std::size_t hash_of(const block* owner, const block* named) noexcept {
@@ -39,14 +27,35 @@ std::size_t hash_of(const block* owner, const block* named) noexcept {
 
 }  // namespace
 
+// Gives the entries of a list evenly spread order keys.
+void elimination_index::spread(nb_node* first) noexcept {
+  std::uint64_t n = 0;
+  for (const nb_node* e = first; e != nullptr; e = ctx_.entry_at(e->next)) ++n;
+  const std::uint64_t step = order_end / (n + 1);
+  std::uint64_t order = 0;
+  for (nb_node* e = first; e != nullptr; e = ctx_.entry_at(e->next)) {
+    order += step;
+    order_of(e) = order;
+  }
+}
+
 void elimination_index::release() noexcept {
   ctx_.allocator.release(slots_);
   slots_ = nullptr;
+  ctx_.allocator.release(orders_);
+  orders_ = nullptr;
   capacity_ = 0;
   used_ = 0;
 }
 
 bool elimination_index::allocate(std::size_t capacity) noexcept {
+  if (orders_ == nullptr) {
+    // One key per possible entry; only the keys of indexed lists are ever
+    // written, so untouched pages of the range cost nothing.
+    orders_ = static_cast<std::uint64_t*>(ctx_.allocator.allocate_uninitialised(
+        std::size_t{ctx_.entries.limit()} * sizeof(std::uint64_t), alloc_site::elimination_index));
+    if (orders_ == nullptr) return false;
+  }
   slots_ = create_array<slot>(ctx_, capacity, alloc_site::elimination_index);
   capacity_ = slots_ != nullptr ? capacity : 0;
   used_ = 0;
@@ -62,11 +71,12 @@ std::size_t elimination_index::find(const block* owner, const block* named) cons
 }
 
 void elimination_index::note(const block* owner, nb_node* e) noexcept {
-  slot& s = slots_[find(owner, e->region)];
+  const block* named = ctx_.block_at(e->region);
+  slot& s = slots_[find(owner, named)];
   if (s.first == nullptr) {
-    s = slot{owner, e->region, e};
+    s = slot{owner, named, e};
     ++used_;
-  } else if (e->order < s.first->order) {
+  } else if (order_of(e) < order_of(s.first)) {
     s.first = e;
   }
 }
@@ -78,28 +88,31 @@ bool elimination_index::indexed(const block* owner) const noexcept {
 
 bool elimination_index::index_list(block* owner) noexcept {
   std::size_t n = 0;
-  for (const nb_node* e = owner->nb_pointers[0]; e != nullptr; e = e->next) ++n;
+  for (const nb_node* e = ctx_.entry_at(owner->nb_pointers[0]); e != nullptr;
+       e = ctx_.entry_at(e->next))
+    ++n;
   if (!grow(n + 1)) return false;
   const std::uint64_t step = order_end / (n + 1);
   std::uint64_t order = 0;
-  for (nb_node* e = owner->nb_pointers[0]; e != nullptr; e = e->next) {
+  for (nb_node* e = ctx_.entry_at(owner->nb_pointers[0]); e != nullptr;
+       e = ctx_.entry_at(e->next)) {
     order += step;
-    e->order = order;
+    order_of(e) = order;
     note(owner, e);
   }
   slot& mark = slots_[find(owner, nullptr)];
-  mark = slot{owner, nullptr, owner->nb_pointers[0]};
+  mark = slot{owner, nullptr, ctx_.entry_at(owner->nb_pointers[0])};
   ++used_;
   return true;
 }
 
 nb_node* elimination_index::first_entry_for(block* owner, const block* r) noexcept {
-  if (!usable_ || owner->nb_pointers[0] == nullptr) return nullptr;
+  if (!usable_ || owner->nb_pointers[0] == 0) return nullptr;
   if (!indexed(owner) && !index_list(owner)) return nullptr;
   nb_node* best = nullptr;
-  for (const block* b = r; b != nullptr; b = b->next_block) {
+  for (const block* b = r; b != nullptr; b = ctx_.block_at(b->next_block)) {
     nb_node* e = slots_[find(owner, b)].first;
-    if (e != nullptr && (best == nullptr || e->order < best->order)) best = e;
+    if (e != nullptr && (best == nullptr || order_of(e) < order_of(best))) best = e;
   }
   return best;
 }
@@ -112,7 +125,7 @@ bool elimination_index::grow(std::size_t extra) noexcept {
   const std::size_t old_capacity = capacity_;
   std::size_t live = extra;
   for (std::size_t i = 0; i < old_capacity; ++i)
-    if (old[i].first != nullptr && old[i].owner->region_pointer != nullptr) ++live;
+    if (old[i].first != nullptr && old[i].owner->region_pointer != 0) ++live;
   slots_ = nullptr;
   if (!allocate(std::bit_ceil(4 * live + 1024))) {
     ctx_.allocator.release(old);
@@ -120,7 +133,7 @@ bool elimination_index::grow(std::size_t extra) noexcept {
     return false;
   }
   for (std::size_t i = 0; i < old_capacity; ++i) {
-    if (old[i].first == nullptr || old[i].owner->region_pointer == nullptr) continue;
+    if (old[i].first == nullptr || old[i].owner->region_pointer == 0) continue;
     slots_[find(old[i].owner, old[i].named)] = old[i];
     ++used_;
   }
@@ -132,7 +145,7 @@ void elimination_index::after_union(block* owner, nb_node* e, nb_node* spliced_f
                                     nb_node* spliced_last) noexcept {
   if (!usable_ || !indexed(owner)) return;
   std::size_t count = 1;
-  for (nb_node* s = spliced_first; spliced_first != nullptr; s = s->next) {
+  for (nb_node* s = spliced_first; spliced_first != nullptr; s = ctx_.entry_at(s->next)) {
     ++count;
     if (s == spliced_last) break;
   }
@@ -142,28 +155,28 @@ void elimination_index::after_union(block* owner, nb_node* e, nb_node* spliced_f
     // keys there are too dense, widen the renumbered stretch forward until
     // every entry in it gets room, rather than renumbering the whole list.
     constexpr std::uint64_t room = std::uint64_t{1} << 24;
-    const std::uint64_t lo = e->order;
-    nb_node* end = spliced_last->next;
+    const std::uint64_t lo = order_of(e);
+    nb_node* end = ctx_.entry_at(spliced_last->next);
     std::uint64_t n = count - 1;
-    std::uint64_t hi = end != nullptr ? end->order : order_end;
+    std::uint64_t hi = end != nullptr ? order_of(end) : order_end;
     while (end != nullptr && (hi - lo) / (n + 1) < room) {
-      end = end->next;
+      end = ctx_.entry_at(end->next);
       ++n;
-      hi = end != nullptr ? end->order : order_end;
+      hi = end != nullptr ? order_of(end) : order_end;
     }
     if (hi - lo > n) {
       const std::uint64_t step = (hi - lo) / (n + 1);
       std::uint64_t order = lo;
-      for (nb_node* s = spliced_first; s != end; s = s->next) {
+      for (nb_node* s = spliced_first; s != end; s = ctx_.entry_at(s->next)) {
         order += step;
-        s->order = order;
+        order_of(s) = order;
       }
     } else {
-      spread(owner->nb_pointers[0]);
+      spread(ctx_.entry_at(owner->nb_pointers[0]));
     }
   }
   note(owner, e);
-  for (nb_node* s = spliced_first; s != nullptr; s = s->next) {
+  for (nb_node* s = spliced_first; s != nullptr; s = ctx_.entry_at(s->next)) {
     note(owner, s);
     if (s == spliced_last) break;
   }

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "context/run_context.hpp"
 #include "records/records.hpp"
 
 namespace splitmerge {
@@ -43,6 +44,8 @@ class elimination_index {
   };
 
   void release() noexcept;
+  std::uint64_t& order_of(const nb_node* e) const noexcept { return orders_[ctx_.id(e)]; }
+  void spread(nb_node* first) noexcept;
   bool allocate(std::size_t capacity) noexcept;
   void note(const block* owner, nb_node* e) noexcept;
   [[nodiscard]] std::size_t find(const block* owner, const block* named) const noexcept;
@@ -52,6 +55,8 @@ class elimination_index {
 
   run_context& ctx_;
   slot* slots_ = nullptr;
+  // Order keys by entry index: they compare positions within one list.
+  std::uint64_t* orders_ = nullptr;
   std::size_t capacity_ = 0;  // a power of two
   std::size_t used_ = 0;
   bool usable_ = true;  // false once memory ran short: callers walk the lists

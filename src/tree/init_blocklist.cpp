@@ -1,4 +1,4 @@
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 #include "evaluation/evaluation.hpp"
 #include "geometry/geometry.hpp"
 #include "tree/tree.hpp"
@@ -30,7 +30,7 @@ list_result<blocklist> init_blocklist(run_context& ctx) noexcept {
       // The chain ends at the last block made; release all of it.
       return list_result<blocklist>::failure(free_blocklist(ctx, list));
     }
-    prev->next_block = b;
+    prev->next_block = ctx.id(b);
     const std::int32_t digit = i % n;
     b->code = digit != 0 ? changed_code(static_cast<std::uint32_t>(digit) + 1, ctx.init_level,
                                         prev->code)
@@ -39,7 +39,7 @@ list_result<blocklist> init_blocklist(run_context& ctx) noexcept {
     calc_evalvar(ctx, coordinates(ctx, b->code, ctx.init_level), extent, ctx.init_level, b);
     prev = b;
   }
-  prev->next_block = nullptr;
+  prev->next_block = 0;
   return list_result<blocklist>{list, 0};
 }
 

@@ -1,4 +1,4 @@
-#include "driver/allocator.hpp"
+#include "context/allocator.hpp"
 
 #include <cstdlib>
 #include <cstring>

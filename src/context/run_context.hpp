@@ -7,7 +7,8 @@
 #include <functional>
 #include <string_view>
 
-#include "driver/allocator.hpp"
+#include "context/allocator.hpp"
+#include "context/record_arena.hpp"
 #include "records/records.hpp"
 
 namespace splitmerge {
@@ -32,6 +33,19 @@ class run_context {
   void release_frames() noexcept;
 
   run_allocator allocator;
+  record_arena<block, &block::next_block> blocks{allocator, alloc_site::block_record};
+  record_arena<nb_node, &nb_node::next> entries{allocator, alloc_site::neighbour_entry};
+
+  // Links to records and back; the empty link is nullptr.
+  [[nodiscard]] block* block_at(block_id i) const noexcept { return blocks.at(i); }
+  [[nodiscard]] nb_node* entry_at(entry_id i) const noexcept { return entries.at(i); }
+  [[nodiscard]] block_id id(const block* b) const noexcept { return blocks.id(b); }
+  [[nodiscard]] entry_id id(const nb_node* e) const noexcept { return entries.id(e); }
+  // Gives back every block and entry of the run in one step.
+  void release_records() noexcept {
+    blocks.release_all();
+    entries.release_all();
+  }
   line_sink out;  // standard output when empty
   line_sink err;  // standard error when empty
   std::uint64_t frame_budget = default_frame_budget;

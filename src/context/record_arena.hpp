@@ -1,0 +1,110 @@
+// One kind of record of a run (blocks or neighbour entries) in one array,
+// named by 32-bit indices. Index 0 is never handed out: it is the empty link.
+//
+// The array's address range is reserved once, at the most records the run
+// can hold, so records never move and a pointer stays valid for the whole
+// run; pages become memory only when first written. Growth beyond the
+// records in use is granted chunk by chunk by the run allocator, so an
+// allocation failure can strike at every growth step exactly as a failed
+// chunk request would. Released records go on a free list; when the last
+// one is released the whole array goes back in one step.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "context/allocator.hpp"
+
+namespace splitmerge {
+
+template <class T, std::uint32_t T::*FreeLink>
+class record_arena {
+ public:
+  // Records granted per allocator request.
+  static constexpr std::uint32_t default_chunk = std::uint32_t{1} << 16;
+
+  record_arena(run_allocator& allocator, alloc_site site) : allocator_(allocator), site_(site) {}
+  record_arena(const record_arena&) = delete;
+  record_arena& operator=(const record_arena&) = delete;
+  ~record_arena() { release_all(); }
+
+  // The most records the run can hold at once; takes effect at the next
+  // reservation.
+  void set_capacity(std::size_t n) noexcept { capacity_ = n; }
+  // Records per growth step; failure sweeps make it small so that a failure
+  // can strike in the middle of every phase that makes records.
+  void set_chunk(std::uint32_t n) noexcept { chunk_ = n < 1 ? 1 : n; }
+
+  // A zero-filled record, or nullptr when memory (or the capacity) ran out.
+  T* obtain() noexcept {
+    if (base_ == nullptr && !reserve()) return nullptr;
+    std::uint32_t i = free_;
+    if (i != 0) {
+      free_ = base_[i].*FreeLink;
+    } else {
+      if (used_ == granted_) {
+        if (granted_ == limit_ || !allocator_.grant(site_)) {
+          if (live_ == 0) release_all();  // nothing holds the range
+          return nullptr;
+        }
+        granted_ = limit_ - granted_ > chunk_ ? granted_ + chunk_ : limit_;
+      }
+      i = used_++;
+    }
+    ++live_;
+    base_[i] = T{};
+    return base_ + i;
+  }
+
+  void release(T* p) noexcept {
+    if (p == nullptr) return;
+    p->*FreeLink = free_;
+    free_ = static_cast<std::uint32_t>(p - base_);
+    if (--live_ == 0) release_all();
+  }
+
+  // Gives back every record at once.
+  void release_all() noexcept {
+    allocator_.release(base_);
+    base_ = nullptr;
+    used_ = granted_ = limit_ = free_ = 0;
+    live_ = 0;
+  }
+
+  [[nodiscard]] T* at(std::uint32_t i) const noexcept { return i == 0 ? nullptr : base_ + i; }
+  [[nodiscard]] std::uint32_t id(const T* p) const noexcept {
+    return p == nullptr ? 0 : static_cast<std::uint32_t>(p - base_);
+  }
+  // Every index handed out so far lies below this bound.
+  [[nodiscard]] std::uint32_t end() const noexcept { return used_; }
+  [[nodiscard]] std::uint32_t limit() const noexcept { return limit_; }
+  [[nodiscard]] std::int64_t live() const noexcept { return live_; }
+
+ private:
+  bool reserve() noexcept {
+    const std::size_t n = (capacity_ < minimum_capacity ? minimum_capacity : capacity_) + 1;
+    if (n > std::size_t{0xFFFFFFFFu}) return false;
+    base_ = static_cast<T*>(allocator_.allocate_uninitialised(n * sizeof(T), site_));
+    if (base_ == nullptr) return false;
+    limit_ = static_cast<std::uint32_t>(n);
+    used_ = granted_ = 1;  // index 0 is the empty link
+    free_ = 0;
+    return true;
+  }
+
+  // Contexts built by hand (tests) hold a few records without a bound.
+  static constexpr std::size_t minimum_capacity = 4096;
+
+  run_allocator& allocator_;
+  alloc_site site_;
+  T* base_ = nullptr;
+  std::size_t capacity_ = 0;
+  std::uint32_t chunk_ = default_chunk;
+  std::uint32_t used_ = 0;     // next index never handed out
+  std::uint32_t granted_ = 0;  // indices below this may be handed out
+  std::uint32_t limit_ = 0;    // size of the reserved range
+  std::uint32_t free_ = 0;     // first released record, 0 when none
+  std::int64_t live_ = 0;
+};
+
+}  // namespace splitmerge
