@@ -56,6 +56,29 @@ class record_arena {
     return base_ + i;
   }
 
+  // n fresh records with consecutive indices, left uninitialised; the index
+  // of the first, or 0 when memory (or the capacity) ran out. Nothing is
+  // taken when it fails.
+  std::uint32_t obtain_range(std::uint32_t n) noexcept {
+    if (n == 0) return 0;
+    if (base_ == nullptr && !reserve()) return 0;
+    if (std::size_t{limit_} - used_ < n) {
+      if (live_ == 0) release_all();
+      return 0;
+    }
+    while (granted_ - used_ < n) {
+      if (!allocator_.grant(site_)) {
+        if (live_ == 0) release_all();
+        return 0;
+      }
+      granted_ = limit_ - granted_ > chunk_ ? granted_ + chunk_ : limit_;
+    }
+    const std::uint32_t first = used_;
+    used_ += n;
+    live_ += n;
+    return first;
+  }
+
   void release(T* p) noexcept {
     if (p == nullptr) return;
     p->*FreeLink = free_;

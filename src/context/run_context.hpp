@@ -49,6 +49,8 @@ class run_context {
   line_sink out;  // standard output when empty
   line_sink err;  // standard error when empty
   std::uint64_t frame_budget = default_frame_budget;
+  // Threads for the phases whose results cannot depend on them; 0: all cores.
+  std::int32_t threads = 1;
 
   // --- the run's image and parameters ---
   const std::int32_t* my_image = nullptr;
