@@ -21,9 +21,12 @@ struct run_output {
   std::int64_t live_after = 0;
 };
 
-run_output run_case(const testing::reference_case& c, const std::filesystem::path& workdir) {
+run_output run_case(const testing::reference_case& c, const std::filesystem::path& workdir,
+                    std::int32_t threads) {
   run_output out;
   run_context ctx;
+  ctx.threads = threads;
+  ctx.thread_grain = 1;  // split even the smallest images over the threads
   ctx.out = [&](std::string_view s) { out.printed.append(s); };
   out.labels.assign(c.image.size(), 0);
   const auto previous = std::filesystem::current_path();
@@ -75,8 +78,10 @@ TEST(Conformance, EveryReferenceCaseMatchesExactly) {
   int checked = 0;
   for (const auto& dir : cases) {
     const auto c = testing::load_case(dir);
-    SCOPED_TRACE("case " + c.name);
-    const run_output out = run_case(c, workdir);
+    // The steps that run on several threads give the same results for every count.
+    for (const std::int32_t threads : {1, 2, 7}) {
+    SCOPED_TRACE("case " + c.name + ", " + std::to_string(threads) + " threads");
+    const run_output out = run_case(c, workdir, threads);
     EXPECT_EQ(out.status, c.status) << c.name << ": status";
     EXPECT_EQ(first_line_difference(out.printed, c.stdout_text), -1)
         << c.name << ": printed lines differ at line "
@@ -98,6 +103,7 @@ TEST(Conformance, EveryReferenceCaseMatchesExactly) {
           << first_line_difference(out.regions_text, *c.regions_text);
     }
     EXPECT_EQ(out.live_after, 0) << c.name << ": allocations still live after the run";
+    }
     ++checked;
   }
   EXPECT_EQ(checked, static_cast<int>(cases.size()));

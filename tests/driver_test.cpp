@@ -28,6 +28,7 @@ struct run_setup {
   std::int32_t save_flag = 0, display = 1;
   std::string filename = "regions.txt";
   double rejection = 0.2, sigma = 4.0, pseudo_factor = 1.0;
+  std::int32_t threads = 1;
 };
 
 struct run_result {
@@ -47,6 +48,8 @@ run_result run(const run_setup& s, std::uint64_t fail_at = 0) {
   // Small arena chunks: every few records is a request that can fail.
   ctx.blocks.set_chunk(3);
   ctx.entries.set_chunk(5);
+  ctx.threads = s.threads;
+  ctx.thread_grain = 1;  // split even the smallest images over the threads
   ctx.out = [&](std::string_view t) { r.printed.append(t); };
   ctx.err = [&](std::string_view t) { r.errors.append(t); };
   ctx.allocator.fail_at(fail_at);
@@ -391,6 +394,55 @@ TEST(Concurrency, RunsInSeveralThreadsMatchTheirSingleThreadedResults) {
     EXPECT_EQ(got[i].frames, expected[i].frames);
     EXPECT_EQ(got[i].printed, expected[i].printed);
   }
+}
+
+TEST(Threads, EveryThreadCountGivesTheSameResults) {
+  std::mt19937 rng(2024);
+  const auto dir = std::filesystem::temp_directory_path();
+  const std::string tag = std::to_string(reinterpret_cast<std::uintptr_t>(&rng));
+  int runs = 0;
+  for (int trial = 0; trial < 40; ++trial) {
+    run_setup s;
+    const bool volume = trial % 2 == 1;
+    s.size_x = volume ? 16 : 32;
+    s.size_z = volume ? 8 : 1;
+    s.max_level = volume ? 4 : 5;
+    s.lim_oct_level = volume ? 1 : 5;
+    s.init_level = 1 + static_cast<std::int32_t>(rng() % 3);
+    s.image = testing::blob_image(rng, s.size_x, s.size_z, static_cast<int>(rng() % 40));
+    s.pred_choice = 1 + trial % 5;
+    s.interval_length = 5 + static_cast<std::int32_t>(rng() % 20);
+    s.group_mode = static_cast<std::int32_t>(rng() % 2);
+    s.use_all_seeds = static_cast<std::int32_t>(rng() % 2);
+    s.small_size = static_cast<std::int32_t>(rng() % 12);
+    s.display = trial % 3 == 0 ? 1 : 0;
+    s.save_flag = 1;
+    std::vector<std::string> files;
+    std::vector<run_result> results;
+    for (const std::int32_t threads : {1, 2, 7}) {
+      s.threads = threads;
+      s.filename = (dir / ("splitmerge_threads_" + tag + "_" + std::to_string(threads) + ".txt"))
+                       .string();
+      run_result r = run(s);
+      std::ifstream in(s.filename);
+      files.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+      std::filesystem::remove(s.filename);
+      r.printed.replace(r.printed.find(s.filename), s.filename.size(), "F");
+      results.push_back(std::move(r));
+      ++runs;
+    }
+    ASSERT_EQ(results[0].status, 0) << "trial " << trial;
+    for (std::size_t i = 1; i < results.size(); ++i) {
+      SCOPED_TRACE("trial " + std::to_string(trial) + ", run " + std::to_string(i));
+      EXPECT_EQ(results[i].status, results[0].status);
+      EXPECT_EQ(results[i].labels, results[0].labels);
+      EXPECT_EQ(results[i].frames, results[0].frames);
+      EXPECT_EQ(results[i].printed, results[0].printed);
+      EXPECT_EQ(files[i], files[0]);
+      EXPECT_EQ(results[i].live_after, 0);
+    }
+  }
+  EXPECT_EQ(runs, 120);
 }
 
 TEST(Determinism, RepeatedRunsAreBitIdentical) {

@@ -51,6 +51,9 @@ class run_context {
   std::uint64_t frame_budget = default_frame_budget;
   // Threads for the phases whose results cannot depend on them; 0: all cores.
   std::int32_t threads = 1;
+  // Fewest items per thread; below it a step stays on one thread (tests make
+  // it small so that tiny images are split too).
+  std::size_t thread_grain = 4096;
 
   // --- the run's image and parameters ---
   const std::int32_t* my_image = nullptr;
@@ -72,6 +75,14 @@ class run_context {
   std::int32_t rejection_ratio = 0;
 
   // --- per-run tables ---
+  // Pixel offset of each digit at each level: a block's first pixel is the
+  // sum over its code's digits, with no decoding of coordinates.
+  std::int32_t digit_offset[8][16] = {};
+  [[nodiscard]] std::int32_t first_pixel(std::uint32_t code) const noexcept {
+    std::int32_t at = 0;
+    for (std::int32_t l = 0; l < 8; ++l, code >>= 4) at += digit_offset[l][code & 0xFu];
+    return at;
+  }
   std::int32_t* blocks_perlevel = nullptr;
   std::int32_t* pixels_perblock = nullptr;
   float* var_thresh = nullptr;

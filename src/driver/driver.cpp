@@ -139,6 +139,7 @@ std::int32_t prepare_run(run_context& ctx, const run_arguments& a) {
   // one open entry of the block being paired, bound the entries.
   const auto voxels = static_cast<std::size_t>(ctx.voxels_image);
   ctx.blocks.set_capacity(voxels + 64);
+  fill_digit_offsets(ctx);
   ctx.entries.set_capacity(7 * voxels + 64);
 
   if (fill_blocks_per_level(ctx) != 0) return status_no_memory;

@@ -95,6 +95,7 @@ segmentation segment(const image_view& image, parameters p, const options& opts)
 
   run_context ctx;
   ctx.frame_budget = opts.frame_budget;
+  ctx.threads = opts.threads;
   ctx.err = opts.error_sink;
   std::string pending;
   ctx.out = [&](std::string_view text) {

@@ -162,7 +162,7 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   fill_leaf_index(ctx, list, first, cells, index);
 
   // Where each part writes its finds: three per pixel of the leaves before it.
-  const std::size_t parts = parts_for(index.count, thread_count(ctx.threads), 4096);
+  const std::size_t parts = parts_for(index.count, thread_count(ctx.threads), ctx.thread_grain);
   std::size_t part_start[max_parts + 1] = {};
   {
     std::size_t pixels = 0;
