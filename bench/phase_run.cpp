@@ -80,13 +80,15 @@ blocklist build_tree(run_context& ctx, const run_arguments& args) {
   return list;
 }
 
-phase_result time_phases(const run_arguments& args, std::int32_t* labels, bool count) {
+phase_result time_phases(const run_arguments& args, std::int32_t* labels, bool count,
+                         std::int32_t threads) {
   phase_result r;
   lap_timer timer(r);
   // On the heap so that its end (the record slabs and the first frame go
   // back) is timed with the release.
   auto owner = std::make_unique<run_context>();
   run_context& ctx = *owner;
+  ctx.threads = threads;
   silence(ctx);
   timer.resume();
   const auto fail = [&](std::int64_t status) {
