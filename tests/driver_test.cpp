@@ -445,6 +445,45 @@ TEST(Threads, EveryThreadCountGivesTheSameResults) {
   EXPECT_EQ(runs, 120);
 }
 
+TEST(Elimination, TheIndexOfLongListsChangesNothing) {
+  // Large regions of a noisy image collect long neighbour lists, which the
+  // elimination looks up through its index; without the index (its memory
+  // refused) it walks the lists, and every result must be the same.
+  std::mt19937 rng(77);
+  const auto dir = std::filesystem::temp_directory_path();
+  const std::string tag = std::to_string(reinterpret_cast<std::uintptr_t>(&rng));
+  for (int trial = 0; trial < 3; ++trial) {
+    run_setup s = plane(testing::blob_image(rng, 128, 1, 60), 128, 7);
+    s.init_level = 2;
+    s.interval_length = 12;
+    s.small_size = 40;
+    s.display = 0;
+    s.save_flag = 1;
+    s.filename = (dir / ("splitmerge_index_" + tag + ".txt")).string();
+    const auto read_run = [&](std::uint64_t fail_at) {
+      run_result r = run(s, fail_at);
+      std::ifstream in(s.filename);
+      std::string file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+      std::filesystem::remove(s.filename);
+      return std::make_pair(r, file);
+    };
+    const auto [reference, reference_file] = read_run(0);
+    ASSERT_EQ(reference.status, 0);
+    bool compared = false;
+    // The index is asked for late in the run: look for its request from the end.
+    for (std::uint64_t k = reference.requests; k > 0 && !compared; --k) {
+      const auto [r, file] = read_run(k);
+      if (!r.failed_site[static_cast<int>(alloc_site::elimination_index)]) continue;
+      compared = true;
+      EXPECT_EQ(r.status, 0);
+      EXPECT_EQ(r.labels, reference.labels);
+      EXPECT_EQ(file, reference_file);
+      EXPECT_EQ(r.live_after, 0);
+    }
+    EXPECT_TRUE(compared) << "trial " << trial << ": the index was never asked for";
+  }
+}
+
 TEST(Determinism, RepeatedRunsAreBitIdentical) {
   std::mt19937 rng(321);
   run_setup s;

@@ -13,10 +13,8 @@ namespace {
 constexpr std::uint64_t order_end = std::uint64_t{1} << 62;
 
 // Record addresses share their low bits; mix every bit into the low ones.
-std::size_t hash_of(const block* owner, const block* named) noexcept {
-  std::uint64_t h = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(owner)) ^
-                    (static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(named)) << 21 |
-                     static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(named)) >> 43);
+std::size_t hash_of(block_id owner, block_id named) noexcept {
+  std::uint64_t h = (std::uint64_t{owner} << 32 | named) * 0x9E3779B97F4A7C15ull;
   h ^= h >> 33;
   h *= 0xFF51AFD7ED558CCDull;
   h ^= h >> 33;
@@ -62,28 +60,30 @@ bool elimination_index::allocate(std::size_t capacity) noexcept {
   return slots_ != nullptr;
 }
 
-std::size_t elimination_index::find(const block* owner, const block* named) const noexcept {
+std::size_t elimination_index::find(const block* owner_record,
+                                     const block* named_record) const noexcept {
+  const block_id owner = ctx_.id(owner_record);
+  const block_id named = ctx_.id(named_record);
   const std::size_t mask = capacity_ - 1;
   std::size_t i = hash_of(owner, named) & mask;
-  while (slots_[i].first != nullptr && (slots_[i].owner != owner || slots_[i].named != named))
+  while (slots_[i].first != 0 && (slots_[i].owner != owner || slots_[i].named != named))
     i = (i + 1) & mask;
   return i;
 }
 
 void elimination_index::note(const block* owner, nb_node* e) noexcept {
-  const block* named = ctx_.block_at(e->region);
-  slot& s = slots_[find(owner, named)];
-  if (s.first == nullptr) {
-    s = slot{owner, named, e};
+  slot& s = slots_[find(owner, ctx_.block_at(e->region))];
+  if (s.first == 0) {
+    s = slot{ctx_.id(owner), e->region, ctx_.id(e)};
     ++used_;
-  } else if (order_of(e) < order_of(s.first)) {
-    s.first = e;
+  } else if (order_of(e) < order_of(ctx_.entry_at(s.first))) {
+    s.first = ctx_.id(e);
   }
 }
 
 // The key (owner, null) marks an indexed list.
 bool elimination_index::indexed(const block* owner) const noexcept {
-  return capacity_ != 0 && slots_[find(owner, nullptr)].first != nullptr;
+  return capacity_ != 0 && slots_[find(owner, nullptr)].first != 0;
 }
 
 bool elimination_index::index_list(block* owner) noexcept {
@@ -101,7 +101,7 @@ bool elimination_index::index_list(block* owner) noexcept {
     note(owner, e);
   }
   slot& mark = slots_[find(owner, nullptr)];
-  mark = slot{owner, nullptr, ctx_.entry_at(owner->nb_pointers[0])};
+  mark = slot{ctx_.id(owner), 0, owner->nb_pointers[0]};
   ++used_;
   return true;
 }
@@ -111,7 +111,7 @@ nb_node* elimination_index::first_entry_for(block* owner, const block* r) noexce
   if (!indexed(owner) && !index_list(owner)) return nullptr;
   nb_node* best = nullptr;
   for (const block* b = r; b != nullptr; b = ctx_.block_at(b->next_block)) {
-    nb_node* e = slots_[find(owner, b)].first;
+    nb_node* e = ctx_.entry_at(slots_[find(owner, b)].first);
     if (e != nullptr && (best == nullptr || order_of(e) < order_of(best))) best = e;
   }
   return best;
@@ -125,7 +125,7 @@ bool elimination_index::grow(std::size_t extra) noexcept {
   const std::size_t old_capacity = capacity_;
   std::size_t live = extra;
   for (std::size_t i = 0; i < old_capacity; ++i)
-    if (old[i].first != nullptr && old[i].owner->region_pointer != 0) ++live;
+    if (old[i].first != 0 && ctx_.block_at(old[i].owner)->region_pointer != 0) ++live;
   slots_ = nullptr;
   if (!allocate(std::bit_ceil(4 * live + 1024))) {
     ctx_.allocator.release(old);
@@ -133,8 +133,8 @@ bool elimination_index::grow(std::size_t extra) noexcept {
     return false;
   }
   for (std::size_t i = 0; i < old_capacity; ++i) {
-    if (old[i].first == nullptr || old[i].owner->region_pointer == 0) continue;
-    slots_[find(old[i].owner, old[i].named)] = old[i];
+    if (old[i].first == 0 || ctx_.block_at(old[i].owner)->region_pointer == 0) continue;
+    slots_[find(ctx_.block_at(old[i].owner), ctx_.block_at(old[i].named))] = old[i];
     ++used_;
   }
   ctx_.allocator.release(old);

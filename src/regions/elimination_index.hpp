@@ -37,10 +37,12 @@ class elimination_index {
                    nb_node* spliced_last) noexcept;
 
  private:
+  // Indices, not pointers: the table is touched at random, and small slots
+  // halve the memory it moves. An empty slot has no first entry.
   struct slot {
-    const block* owner;
-    const block* named;
-    nb_node* first;
+    block_id owner;
+    block_id named;
+    entry_id first;
   };
 
   void release() noexcept;
