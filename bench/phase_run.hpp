@@ -6,8 +6,8 @@
 #include <array>
 #include <cstdint>
 
-#include "driver/driver.hpp"
 #include "context/run_context.hpp"
+#include "driver/driver.hpp"
 #include "splitmerge/splitmerge.hpp"
 
 namespace splitmerge::bench {

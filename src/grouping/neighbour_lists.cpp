@@ -129,8 +129,8 @@ void place_lists(run_context& ctx, const leaf_index& index, pair_table& pairs, e
 
 list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   block* first = list[0];
-  auto table = create_array<block*>(ctx, static_cast<std::size_t>(ctx.max_level),
-                                    alloc_site::level_table);
+  auto table =
+      create_array<block*>(ctx, static_cast<std::size_t>(ctx.max_level), alloc_site::level_table);
   const auto fail = [&](void* scratch) {
     ctx.allocator.release(scratch);
     ctx.phase_status = free_initregion(ctx, list, table);

@@ -17,7 +17,8 @@ void fill_block(const run_context& ctx, const block& b, std::int32_t label,
   std::int32_t* slice = output + ctx.first_pixel(b.code);
   for (std::int32_t s = 0; s < slices; ++s, slice += ctx.voxels_slice) {
     std::int32_t* row = slice;
-    for (std::int32_t r = 0; r < side; ++r, row += ctx.im_format_xy) std::fill(row, row + side, label);
+    for (std::int32_t r = 0; r < side; ++r, row += ctx.im_format_xy)
+      std::fill(row, row + side, label);
   }
 }
 

@@ -18,7 +18,7 @@ struct block {
   std::uint32_t pixels = 0;
   // Statistics; signed 64-bit so sums of large bright blocks never wrap.
   std::int64_t variables[2] = {0, 0};
-  block_id region_pointer = 0;     // last block of the region's chain; empty: absorbed
+  block_id region_pointer = 0;       // last block of the region's chain; empty: absorbed
   entry_id nb_pointers[2] = {0, 0};  // first and last neighbour entry
   block_id next_block = 0;
   block_id next_region = 0;

@@ -1,7 +1,7 @@
 #include <limits>
 
-#include "display/display.hpp"
 #include "context/run_context.hpp"
+#include "display/display.hpp"
 #include "evaluation/evaluation.hpp"
 #include "geometry/geometry.hpp"
 #include "grouping/grouping.hpp"

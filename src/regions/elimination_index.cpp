@@ -61,7 +61,7 @@ bool elimination_index::allocate(std::size_t capacity) noexcept {
 }
 
 std::size_t elimination_index::find(const block* owner_record,
-                                     const block* named_record) const noexcept {
+                                    const block* named_record) const noexcept {
   const block_id owner = ctx_.id(owner_record);
   const block_id named = ctx_.id(named_record);
   const std::size_t mask = capacity_ - 1;

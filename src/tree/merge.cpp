@@ -1,5 +1,5 @@
-#include "display/display.hpp"
 #include "context/run_context.hpp"
+#include "display/display.hpp"
 #include "evaluation/evaluation.hpp"
 #include "geometry/geometry.hpp"
 #include "tree/tree.hpp"

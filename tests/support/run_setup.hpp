@@ -6,8 +6,8 @@
 #include <memory>
 #include <vector>
 
-#include "driver/driver.hpp"
 #include "context/run_context.hpp"
+#include "driver/driver.hpp"
 
 namespace splitmerge::testing {
 
