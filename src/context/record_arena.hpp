@@ -15,6 +15,24 @@
 
 #include "context/allocator.hpp"
 
+// Sanitizer builds mark released records (and the reserved range not yet
+// handed out) as unaddressable, so a use after release is still caught.
+#if defined(__SANITIZE_ADDRESS__)
+#define SPLITMERGE_ARENA_POISON 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define SPLITMERGE_ARENA_POISON 1
+#endif
+#endif
+#ifdef SPLITMERGE_ARENA_POISON
+#include <sanitizer/asan_interface.h>
+#define SPLITMERGE_POISON(p, n) ASAN_POISON_MEMORY_REGION((p), (n))
+#define SPLITMERGE_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION((p), (n))
+#else
+#define SPLITMERGE_POISON(p, n) ((void)(p), (void)(n))
+#define SPLITMERGE_UNPOISON(p, n) ((void)(p), (void)(n))
+#endif
+
 namespace splitmerge {
 
 template <class T, std::uint32_t T::*FreeLink>
@@ -40,6 +58,7 @@ class record_arena {
     if (base_ == nullptr && !reserve()) return nullptr;
     std::uint32_t i = free_;
     if (i != 0) {
+      SPLITMERGE_UNPOISON(base_ + i, sizeof(T));
       free_ = base_[i].*FreeLink;
     } else {
       if (used_ == granted_) {
@@ -50,6 +69,7 @@ class record_arena {
         granted_ = limit_ - granted_ > chunk_ ? granted_ + chunk_ : limit_;
       }
       i = used_++;
+      SPLITMERGE_UNPOISON(base_ + i, sizeof(T));
     }
     ++live_;
     base_[i] = T{};
@@ -74,6 +94,7 @@ class record_arena {
       granted_ = limit_ - granted_ > chunk_ ? granted_ + chunk_ : limit_;
     }
     const std::uint32_t first = used_;
+    SPLITMERGE_UNPOISON(base_ + first, std::size_t{n} * sizeof(T));
     used_ += n;
     live_ += n;
     return first;
@@ -83,11 +104,13 @@ class record_arena {
     if (p == nullptr) return;
     p->*FreeLink = free_;
     free_ = static_cast<std::uint32_t>(p - base_);
+    SPLITMERGE_POISON(p, sizeof(T));
     if (--live_ == 0) release_all();
   }
 
   // Gives back every record at once.
   void release_all() noexcept {
+    if (base_ != nullptr) SPLITMERGE_UNPOISON(base_, std::size_t{limit_} * sizeof(T));
     allocator_.release(base_);
     base_ = nullptr;
     used_ = granted_ = limit_ = free_ = 0;
@@ -111,6 +134,7 @@ class record_arena {
     if (base_ == nullptr) return false;
     limit_ = static_cast<std::uint32_t>(n);
     used_ = granted_ = 1;  // index 0 is the empty link
+    SPLITMERGE_POISON(base_, n * sizeof(T));
     free_ = 0;
     return true;
   }
