@@ -1,7 +1,8 @@
 // Finds, in a long neighbour list, the first entry that stands for a given
 // region without walking the list: a table maps (list owner, named block) to
-// the first entry of that list naming the block, and entries carry order keys
-// that compare their positions within one list. Only an accelerator: when it
+// the first entry of that list naming the block, and the entries of indexed
+// lists have order keys (kept beside the entries, by entry index) that compare
+// their positions within one list. Only an accelerator: when it
 // cannot get memory, the elimination walks the lists instead, with the same
 // results.
 #pragma once
