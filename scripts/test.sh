@@ -12,6 +12,14 @@ cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DSPLITMERGE_BUILD_TESTS=
 cmake --build build/release -j "$jobs"
 ctest --test-dir build/release --output-on-failure -j "$jobs"
 
+echo "== Python package: installed into a throwaway venv, then its tests"
+rm -rf build/python-venv
+/usr/bin/python3 -m venv --system-site-packages build/python-venv
+build/python-venv/bin/pip install --quiet --no-build-isolation --no-index ./python
+# pytest's non-zero exit (failures, or no tests collected) ends the script.
+SPLITMERGE_CLI="$PWD/build/release/tools/splitmerge" \
+  build/python-venv/bin/python -m pytest -q -p no:cacheprovider python/tests
+
 echo "== sanitizer build and tests (address, undefined, leak)"
 cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=Debug -DSPLITMERGE_SANITIZE=address,undefined \
   -DSPLITMERGE_BUILD_TESTS=ON \

@@ -1,0 +1,233 @@
+"""Turning an array into the image the segmentation accepts.
+
+The rules are those of the command-line program's ``--slice``, ``--fit`` and
+``--rescale``: take the slice, check the values are finite, crop, rescale or
+check the values, pad; so the same input gives the same pixels here and there.
+"""
+
+from __future__ import annotations
+
+from dataclasses import dataclass, field
+from typing import Optional
+
+import numpy as np
+import numpy.typing as npt
+
+__all__ = ["FittedImage", "fit_image", "is_segmentable_shape"]
+
+LARGEST_EDGE = 256
+FIT_MODES = ("pad", "crop")
+
+
+@dataclass
+class FittedImage:
+    """An int32 C-contiguous image of a segmentable shape and what changed.
+
+    `origin` is the input's (z, y, x) index of the first pixel: where the
+    slice, the crop or the padding put it (negative after padding).
+    """
+
+    pixels: np.ndarray
+    notes: list[str] = field(default_factory=list)
+    origin: tuple[int, int, int] = (0, 0, 0)
+
+
+def _power_of_two_at_least(v: int) -> int:
+    v = max(v, 1)
+    return 1 << (v - 1).bit_length()
+
+
+def _power_of_two_at_most(v: int) -> int:
+    return 1 << (max(v, 1).bit_length() - 1)
+
+
+def _is_power_of_two(v: int) -> bool:
+    return v > 0 and v & (v - 1) == 0
+
+
+def is_segmentable_shape(shape: tuple[int, ...]) -> bool:
+    """True for a (Y, X) or (Z, Y, X) shape the segmentation accepts as it is."""
+    if len(shape) not in (2, 3):
+        return False
+    z = shape[0] if len(shape) == 3 else 1
+    y, x = shape[-2], shape[-1]
+    return (x == y and 2 <= x <= LARGEST_EDGE and _is_power_of_two(x)
+            and 1 <= z <= x and _is_power_of_two(z))
+
+
+def _size_text(shape: tuple[int, ...]) -> str:
+    if len(shape) == 3:
+        return f"{shape[2]} x {shape[1]} x {shape[0]}"
+    return f"{shape[1]} x {shape[0]}"
+
+
+def _number_text(v: float) -> str:
+    # The command-line program prints numbers with six significant digits.
+    return f"{float(v):g}"
+
+
+def _fitted_size(shape: tuple[int, ...], mode: str) -> tuple[int, int]:
+    """The edge and slice count that pad or crop gives for a shape."""
+    z = shape[0] if len(shape) == 3 else 1
+    y, x = shape[-2], shape[-1]
+    if mode == "pad":
+        slices = _power_of_two_at_least(z)
+        edge = max(_power_of_two_at_least(max(x, y)), slices, 2)
+        if edge > LARGEST_EDGE:
+            raise ValueError(
+                f"fit='pad' would need an edge of {edge} pixels for a "
+                f"{_size_text(shape)} image, above the largest, 256: use fit='crop'")
+        return edge, slices
+    edge = min(_power_of_two_at_most(min(x, y)), LARGEST_EDGE)
+    if edge < 2:
+        raise ValueError(
+            f"fit='crop' needs at least 2 x 2 pixels; the image is "
+            f"{_size_text(shape)}: use fit='pad'")
+    return edge, min(_power_of_two_at_most(z), edge)
+
+
+def _as_volume(a: np.ndarray) -> np.ndarray:
+    return a if a.ndim == 3 else a[np.newaxis]
+
+
+def _centred_offsets(outer: tuple[int, ...], inner: tuple[int, ...]) -> tuple[int, int, int]:
+    z0, y0, x0 = ((o - i) // 2 for o, i in zip(outer, inner))
+    return z0, y0, x0
+
+
+def _crop(a: np.ndarray, edge: int, slices: int) -> tuple[np.ndarray, tuple[int, int, int]]:
+    v = _as_volume(a)
+    z0, y0, x0 = _centred_offsets(v.shape, (slices, edge, edge))
+    v = v[z0:z0 + slices, y0:y0 + edge, x0:x0 + edge]
+    return (v if a.ndim == 3 else v[0]), (z0, y0, x0)
+
+
+def _pad(a: np.ndarray, edge: int, slices: int) -> tuple[np.ndarray, tuple[int, int, int]]:
+    v = _as_volume(a)
+    out = np.zeros((slices, edge, edge), dtype=v.dtype)
+    z0, y0, x0 = _centred_offsets((slices, edge, edge), v.shape)
+    out[z0:z0 + v.shape[0], y0:y0 + v.shape[1], x0:x0 + v.shape[2]] = v
+    return (out if a.ndim == 3 else out[0]), (-z0, -y0, -x0)
+
+
+def _round_half_away(t: np.ndarray) -> np.ndarray:
+    # C's round() for t >= 0; numpy's rounds half to even, and floor(t + 0.5)
+    # is off for the double just below 0.5.
+    low = np.floor(t)
+    return low + (t - low >= 0.5)
+
+
+def _rescaled(a: np.ndarray, notes: list[str]) -> np.ndarray:
+    values = a.astype(np.float64)
+    low, high = float(values.min()), float(values.max())
+    scale = 255.0 / (high - low) if high > low else 0.0
+    out = _round_half_away((values - low) * scale)
+    notes.append(f"rescaled the values {_number_text(low)}..{_number_text(high)} to 0..255")
+    return out
+
+
+def _check_values(a: np.ndarray) -> None:
+    low, high = a.min(), a.max()
+    if low < 0 or high > 255:
+        raise ValueError(
+            f"the pixel values range from {_number_text(low)} to {_number_text(high)}, "
+            "but the segmentation needs 0..255: use rescale=True")
+    if a.dtype.kind == "f":
+        fractional = np.flatnonzero(a != np.floor(a))
+        if fractional.size:
+            v = a.reshape(-1)[fractional[0]]
+            raise ValueError(
+                f"the image holds non-integer values such as {_number_text(v)}: "
+                "use rescale=True to map them onto 0..255")
+
+
+def _checked_array(image: npt.ArrayLike) -> np.ndarray:
+    a = np.asarray(image)
+    if a.dtype.kind == "b":
+        a = a.astype(np.uint8)
+    if a.dtype.kind not in "iuf":
+        raise TypeError(
+            f"the image has dtype {a.dtype}, but the segmentation needs integer or "
+            "floating-point pixels")
+    if a.ndim not in (2, 3):
+        raise ValueError(
+            f"the image has shape {a.shape}, but the segmentation needs a 2-D (Y, X) "
+            "or 3-D (Z, Y, X) array")
+    return a
+
+
+def fit_image(image: npt.ArrayLike, fit: Optional[str] = None, rescale: bool = False,
+              slice: Optional[int] = None) -> FittedImage:
+    """Prepare an array for the segmentation as the command-line program does.
+
+    Parameters
+    ----------
+    image : array_like
+        2-D (Y, X) or 3-D (Z, Y, X) array of integers or floats, x fastest.
+    fit : {None, "pad", "crop"}, optional
+        None leaves the shape as it is (the segmentation then rejects a shape
+        it cannot take); "pad" centres the image in a zero-filled one of the
+        next segmentable size, "crop" cuts out the centred largest
+        segmentable part.
+    rescale : bool, optional
+        Map the value range linearly onto 0..255 (rounded; a constant image
+        becomes 0). Without it, values must be whole numbers in 0..255.
+    slice : int, optional
+        Take this z slice of a volume as a 2-D image.
+
+    Returns
+    -------
+    FittedImage
+        ``pixels``, int32 and C-contiguous (the input itself when it already
+        was such an array and nothing had to change), ``notes``, what was
+        changed, and ``origin``, the input's (z, y, x) index of the first
+        pixel.
+
+    Raises
+    ------
+    TypeError
+        The dtype is not integer, boolean or floating point.
+    ValueError
+        The shape, the values or the request cannot be used; the message says
+        what would help.
+    """
+    if fit not in (None, "none") + FIT_MODES:
+        raise ValueError(f"fit must be None, 'pad' or 'crop', not {fit!r}")
+    a = _checked_array(image)
+    notes: list[str] = []
+    origin = [0, 0, 0]
+    if slice is not None:
+        if a.ndim != 3:
+            raise ValueError("slice needs a volume, but the image is 2-D")
+        k = int(slice)
+        if not 0 <= k < a.shape[0]:
+            raise ValueError(
+                f"slice {k} is outside the volume's slices 0..{a.shape[0] - 1}")
+        a = a[k]
+        origin[0] = k
+    if a.size and a.dtype.kind == "f" and not np.isfinite(a).all():
+        raise ValueError("the image holds NaN or infinite values")
+
+    if fit == "none":
+        fit = None
+    # Without a fit, an unsegmentable shape is left for the library to name.
+    fits = fit is None or is_segmentable_shape(a.shape)
+    before = _size_text(a.shape)
+    target = None if fits else _fitted_size(a.shape, fit)
+    if target is not None and fit == "crop":
+        a, shift = _crop(a, *target)
+        origin = [o + d for o, d in zip(origin, shift)]
+    if a.size:
+        if rescale:
+            a = _rescaled(a, notes)
+        else:
+            _check_values(a)
+    if target is not None and fit == "pad":
+        a, shift = _pad(a, *target)
+        origin = [o + d for o, d in zip(origin, shift)]
+    if target is not None:
+        after = _size_text(a.shape)
+        notes.append(f"{'padded' if fit == 'pad' else 'cropped'} {before} to {after} "
+                     f"(centred); labels and frames are {after}")
+    return FittedImage(np.ascontiguousarray(a, dtype=np.int32), notes,
+                       (origin[0], origin[1], origin[2]))

@@ -1,0 +1,320 @@
+"""Batch segmentation: a local cluster, a real scheduler with a worker killed
+mid-batch, failing inputs, restarts, and the command line."""
+
+from __future__ import annotations
+
+import csv
+import logging
+import os
+import signal
+import subprocess
+import sys
+import threading
+import time
+from pathlib import Path
+from typing import Iterator
+
+import numpy as np
+import pytest
+
+import splitmerge
+from conftest import noise_image
+
+distributed = pytest.importorskip("distributed")
+nibabel = pytest.importorskip("nibabel")
+from splitmerge.batch import main, segment_batch  # noqa: E402
+
+SCAN = Path("/usr/share/mricron/templates/ch2.nii.gz")
+PARAMS = dict(sigma=3.0, interval_length=12, small_size=20)
+
+
+@pytest.fixture(scope="module")
+def client(tmp_path_factory: pytest.TempPathFactory) -> Iterator:
+    with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
+                                  host="127.0.0.1", dashboard_address="127.0.0.1:0",
+                                  silence_logs=logging.ERROR,
+                                  local_directory=str(tmp_path_factory.mktemp("dask"))
+                                  ) as cluster:
+        with distributed.Client(cluster, timeout="30s") as c:
+            yield c
+
+
+def manifest_rows(out: Path) -> list[dict[str, str]]:
+    with open(out / "manifest.csv", newline="") as f:
+        return list(csv.DictReader(f))
+
+
+def direct_labels(path: Path, **fitting) -> np.ndarray:
+    """The labels of one segment() call on a file, as (Z, Y, X) / (Y, X)."""
+    if path.name.endswith(".nii.gz"):
+        pixels = np.asarray(nibabel.load(path).dataobj).T
+    else:
+        pixels = np.load(path)
+    return splitmerge.segment(pixels, **fitting, **PARAMS)
+
+
+def saved_labels(path: Path) -> np.ndarray:
+    if path.name.endswith(".nii.gz"):
+        return np.asarray(nibabel.load(path).dataobj).T
+    return np.load(path)
+
+
+@pytest.fixture
+def scans(tmp_path: Path) -> list[Path]:
+    """Three small synthetic volumes and a Colin27 crop (not of a segmentable size)."""
+    folder = tmp_path / "scans"
+    folder.mkdir()
+    paths = []
+    for k, shape in enumerate([(8, 32, 32), (4, 16, 16), (16, 16, 16)]):
+        paths.append(folder / f"synthetic{k}.npy")
+        np.save(paths[-1], noise_image(shape, seed=30 + k))
+    if SCAN.exists():
+        scan = nibabel.load(SCAN)
+        crop = np.asarray(scan.dataobj)[50:110, 60:124, 70:100]  # x, y, z: 60 x 64 x 30
+        paths.append(folder / "colin27.nii.gz")
+        nibabel.save(nibabel.Nifti1Image(crop, scan.affine, scan.header), paths[-1])
+    return paths
+
+
+def test_batch_on_a_local_cluster_equals_single_calls(scans: list[Path], tmp_path: Path,
+                                                      client) -> None:
+    out = tmp_path / "out"
+    rows = segment_batch([str(p) for p in scans], out, fit="pad", regions=True, client=client,
+                         progress=False, **PARAMS)
+    assert [r["input"] for r in rows] == [str(p) for p in scans]
+    assert all(r["status"] == "ok" for r in rows), rows
+    assert manifest_rows(out) == rows
+    for scan, row in zip(scans, rows):
+        expected = direct_labels(scan, fit="pad")
+        labels_file = Path(row["output"])
+        assert labels_file.name == scan.name.replace(".npy", ".labels.npy").replace(
+            ".nii.gz", ".labels.nii.gz")
+        np.testing.assert_array_equal(saved_labels(labels_file), expected)
+        assert int(row["regions"]) == expected.max() + 1
+        direct_regions = tmp_path / f"{scan.name}.regions"
+        splitmerge.segment(np.load(scan) if scan.suffix == ".npy"
+                           else np.asarray(nibabel.load(scan).dataobj).T,
+                           fit="pad", region_file=direct_regions, **PARAMS)
+        region_file = out / labels_file.name.replace(".labels.npy", ".regions.txt").replace(
+            ".labels.nii.gz", ".regions.txt")
+        assert region_file.read_text() == direct_regions.read_text()
+    assert not list(out.glob(".part-*"))
+
+
+@pytest.mark.skipif(not SCAN.exists(), reason="needs the Colin27 scan (mricron-data)")
+def test_nifti_labels_overlay_the_scan(scans: list[Path], tmp_path: Path, client) -> None:
+    colin = scans[-1]
+    rows = segment_batch([str(colin)], tmp_path / "out", fit="pad", client=client,
+                         progress=False, **PARAMS)
+    source, labels = nibabel.load(colin), nibabel.load(rows[0]["output"])
+    assert labels.get_data_dtype() == np.int32 and labels.shape == (64, 64, 32)
+    # Padding 60 x 64 x 30 to 64 x 64 x 32 put the scan's voxel (0, 0, 0) at
+    # (2, 0, 1): both name the same point in space.
+    voxel_of_scan = np.array([0, 0, 0, 1.0])
+    voxel_of_labels = np.array([2, 0, 1, 1.0])
+    np.testing.assert_allclose(labels.affine @ voxel_of_labels, source.affine @ voxel_of_scan)
+    np.testing.assert_allclose(labels.header.get_qform(), labels.affine)
+    # One slice, padded 60 x 64 to 64 x 64: a one-slice volume at z = 5.
+    rows = segment_batch([str(colin)], tmp_path / "slice", fit="pad", slice=5, client=client,
+                         progress=False, **PARAMS)
+    one_slice = nibabel.load(rows[0]["output"])
+    assert one_slice.shape == (64, 64, 1)
+    np.testing.assert_allclose(one_slice.affine @ np.array([2, 0, 0, 1.0]),
+                               source.affine @ np.array([0, 0, 5, 1.0]))
+    volume = np.asarray(source.dataobj).T
+    np.testing.assert_array_equal(np.asarray(one_slice.dataobj).T[0],
+                                  splitmerge.segment(volume[5], fit="pad", **PARAMS))
+    # The crop of the same scan lines up too.
+    rows = segment_batch([str(colin)], tmp_path / "cropped", fit="crop", client=client,
+                         progress=False, **PARAMS)
+    cropped = nibabel.load(rows[0]["output"])
+    assert cropped.shape == (32, 32, 16)
+    np.testing.assert_allclose(cropped.affine @ np.array([0, 0, 0, 1.0]),
+                               source.affine @ np.array([14, 16, 7, 1.0]))
+
+
+def test_bad_inputs_fail_their_own_rows(scans: list[Path], tmp_path: Path, client) -> None:
+    folder = scans[0].parent
+    (folder / "corrupt.nii.gz").write_bytes(b"this is not a NIfTI file")
+    (folder / "corrupt.npy").write_bytes(b"\x93NUMPY garbage")
+    np.save(folder / "oblong.npy", np.zeros((8, 16), np.int32))
+    (folder / "notes.txt").write_text("hello")
+    inputs = [str(scans[0]), str(folder / "corrupt.nii.gz"), str(folder / "corrupt.npy"),
+              str(folder / "oblong.npy"), str(folder / "notes.txt"),
+              str(folder / "missing.npy"), str(scans[1])]
+    out = tmp_path / "out"
+    rows = segment_batch(inputs, out, client=client, progress=False, **PARAMS)
+    status = {Path(r["input"]).name: (r["status"], r["error"]) for r in rows}
+    assert status[scans[0].name][0] == status[scans[1].name][0] == "ok"
+    assert status["corrupt.nii.gz"][0] == "failed"
+    assert status["corrupt.npy"] == ("failed", status["corrupt.npy"][1])
+    assert status["corrupt.npy"][1].startswith("ValueError:")
+    assert status["oblong.npy"] == (
+        "failed", "ValueError: invalid parameter size_y = 8: must equal size_x = 16 (square "
+                  "slices); fit='pad' or fit='crop' makes any shape fit")
+    assert status["notes.txt"] == (
+        "failed", f"ReadError: {folder / 'notes.txt'}: unsupported format '.txt' (readable: "
+                  ".npy, .nii, .nii.gz, .tif, .tiff, .png, .pgm)")
+    assert status["missing.npy"][0] == "failed"
+    assert "FileNotFoundError" in status["missing.npy"][1]
+    assert len(manifest_rows(out)) == len(inputs)
+    assert sorted(p.name for p in out.iterdir()) == [
+        "manifest.csv", scans[0].name.replace(".npy", ".labels.npy"),
+        scans[1].name.replace(".npy", ".labels.npy")]
+
+
+def run_command_line(workspace: Path, *args: str) -> subprocess.CompletedProcess:
+    # Dask's worker folders go to the test's own folder, not to /tmp.
+    env = dict(os.environ, DASK_TEMPORARY_DIRECTORY=str(workspace))
+    return subprocess.run([sys.executable, "-m", "splitmerge.batch", *args],
+                          capture_output=True, text=True, timeout=300, env=env)
+
+
+def test_command_line_run_then_restart_skips_finished_work(scans: list[Path],
+                                                           tmp_path: Path) -> None:
+    out = tmp_path / "out"
+    pattern = str(scans[0].parent / "synthetic*.npy")
+    options = ["--out", str(out), "--workers", "1", "--fit", "crop", "--sigma", "3",
+               "--interval-length", "12", "--small-size", "20", "--pred-choice", "chi2"]
+    workspace = tmp_path / "dask"
+    workspace.mkdir()
+    first = run_command_line(workspace, pattern, *options)
+    assert first.returncode == 0, first.stderr
+    assert "dashboard: http://127.0.0.1:" in first.stderr
+    assert "3 done, 0 skipped, 0 failed" in first.stderr
+    rows = manifest_rows(out)
+    assert [r["status"] for r in rows] == ["ok"] * 3
+    for row in rows:
+        np.testing.assert_array_equal(np.load(row["output"]),
+                                      direct_labels(Path(row["input"]), fit="crop"))
+    written = {p: p.stat().st_mtime_ns for p in out.glob("*.labels.npy")}
+
+    # A crash mid-batch leaves an input without output: only that one is redone.
+    Path(rows[1]["output"]).unlink()
+    second = run_command_line(workspace, pattern, *options)
+    assert second.returncode == 0, second.stderr
+    assert "1 done, 2 skipped, 0 failed" in second.stderr
+    again = manifest_rows(out)
+    assert [r["status"] for r in again] == ["skipped", "ok", "skipped"]
+    assert again[0]["seconds"] == rows[0]["seconds"] and again[0]["regions"] == rows[0]["regions"]
+    for path, mtime in written.items():
+        if path.name != Path(rows[1]["output"]).name:
+            assert path.stat().st_mtime_ns == mtime
+    np.testing.assert_array_equal(np.load(rows[1]["output"]),
+                                  direct_labels(Path(rows[1]["input"]), fit="crop"))
+
+    forced = run_command_line(workspace, pattern, *options, "--force")
+    assert forced.returncode == 0 and "3 done, 0 skipped" in forced.stderr
+
+
+def test_command_line_usage_errors_exit_2(tmp_path: Path) -> None:
+    assert main(["x.npy", "--out", str(tmp_path), "--pred-choice", "chi-square"]) == 2
+    assert main(["x.npy", "--out", str(tmp_path), "--workers", "0"]) == 2
+    with pytest.raises(SystemExit) as raised:
+        main(["x.npy"])  # no --out
+    assert raised.value.code == 2
+
+
+class DaskProcesses:
+    """A dask-scheduler and dask-worker processes on the loopback address."""
+
+    def __init__(self, folder: Path) -> None:
+        self.folder = folder
+        self.processes: dict[str, subprocess.Popen] = {}
+
+    def start(self, name: str, *args: str) -> None:
+        log = open(self.folder / f"{name}.log", "w")
+        self.processes[name] = subprocess.Popen(
+            [sys.executable, "-m", *args], stdout=log, stderr=subprocess.STDOUT,
+            start_new_session=True)
+        log.close()
+
+    def kill(self, name: str) -> None:
+        process = self.processes[name]
+        if process.poll() is None:
+            os.killpg(process.pid, signal.SIGKILL)
+        process.wait(timeout=30)
+
+    def close(self) -> None:
+        for name, process in self.processes.items():
+            if process.poll() is None:
+                os.killpg(process.pid, signal.SIGTERM)
+        for name, process in self.processes.items():
+            try:
+                process.wait(timeout=15)
+            except subprocess.TimeoutExpired:
+                self.kill(name)
+
+
+@pytest.fixture
+def dask_processes(tmp_path: Path) -> Iterator[DaskProcesses]:
+    processes = DaskProcesses(tmp_path)
+    try:
+        yield processes
+    finally:
+        processes.close()
+
+
+def test_a_worker_killed_mid_batch_loses_nothing(tmp_path: Path,
+                                                 dask_processes: DaskProcesses) -> None:
+    scheduler_file = tmp_path / "scheduler.json"
+    dask_processes.start("scheduler", "distributed.cli.dask_scheduler", "--host", "127.0.0.1",
+                         "--port", "0", "--no-dashboard", "--scheduler-file",
+                         str(scheduler_file))
+    deadline = time.monotonic() + 60
+    while not scheduler_file.exists() and time.monotonic() < deadline:
+        time.sleep(0.1)
+    import json
+
+    address = json.loads(scheduler_file.read_text())["address"]
+    assert address.startswith("tcp://127.0.0.1:")
+    for name in ("worker1", "worker2"):
+        dask_processes.start(name, "distributed.cli.dask_worker", address, "--name", name,
+                             "--nthreads", "1", "--no-nanny", "--no-dashboard", "--host",
+                             "127.0.0.1", "--death-timeout", "60", "--local-directory",
+                             str(tmp_path / name))
+    with distributed.Client(address, timeout="30s") as c:
+        c.wait_for_workers(2, timeout=60)
+
+    folder = tmp_path / "scans"
+    folder.mkdir()
+    inputs = []
+    for k in range(8):  # about a second each
+        inputs.append(folder / f"volume{k}.npy")
+        np.save(inputs[-1], noise_image((64, 128, 128), seed=50 + k, levels=6))
+    out = tmp_path / "out"
+    result: dict = {}
+
+    def run() -> None:
+        result["rows"] = segment_batch([str(p) for p in inputs], out, scheduler=address,
+                                       progress=False, announce=lambda text: None, **PARAMS)
+
+    batch = threading.Thread(target=run)
+    batch.start()
+    deadline = time.monotonic() + 240
+    done = 0
+    while time.monotonic() < deadline and batch.is_alive():
+        if (out / "manifest.csv").exists():
+            done = sum(r["status"] == "ok" for r in manifest_rows(out))
+            if done >= 1:
+                break
+        time.sleep(0.05)
+    assert 1 <= done < len(inputs), "the kill must come mid-batch"
+    dask_processes.kill("worker1")
+    batch.join(timeout=300)
+    assert not batch.is_alive()
+
+    rows = result["rows"]
+    assert [r["status"] for r in rows] == ["ok"] * len(inputs), rows
+    assert manifest_rows(out) == rows
+    for path, row in zip(inputs, rows):
+        np.testing.assert_array_equal(np.load(row["output"]), direct_labels(path))
+    assert not list(out.glob(".part-*"))
+
+
+def test_progress_bar_shows_count_rate_and_eta(scans: list[Path], tmp_path: Path, client,
+                                               capsys: pytest.CaptureFixture) -> None:
+    segment_batch([str(p) for p in scans[:3]], tmp_path / "out", client=client,
+                  progress=True, **PARAMS)
+    bar = capsys.readouterr().err.split("\r")[-1]
+    assert "3/3" in bar and "scan/s" in bar and "100%" in bar and "<00:00" in bar

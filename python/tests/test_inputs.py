@@ -1,0 +1,279 @@
+"""Dtype, shape and memory-order handling, fitting and value checks."""
+
+from __future__ import annotations
+
+import os
+import subprocess
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+import splitmerge
+from conftest import noise_image
+
+ARGS = dict(pred_choice="range", interval_length=12, small_size=4)
+
+
+def test_int32_c_contiguous_is_used_without_a_copy(blocks_64: np.ndarray) -> None:
+    assert splitmerge.fit_image(blocks_64).pixels is blocks_64
+
+
+@pytest.mark.parametrize("dtype", [np.uint8, np.int8, np.uint16, np.int16, np.uint32,
+                                   np.int64, np.uint64, np.float16, np.float32, np.float64,
+                                   ">i4", "<f8", ">f4"])
+def test_every_numeric_dtype_gives_the_int32_labels(blocks_64: np.ndarray, dtype) -> None:
+    image = blocks_64.clip(0, 127)  # fits int8 too
+    expected = splitmerge.segment(image, **ARGS)
+    labels = splitmerge.segment(image.astype(dtype), **ARGS)
+    assert labels.dtype == np.int32 and labels.shape == image.shape
+    np.testing.assert_array_equal(labels, expected)
+
+
+def test_boolean_images_are_zero_and_one() -> None:
+    mask = np.zeros((16, 16), bool)
+    mask[4:12, 4:12] = True
+    np.testing.assert_array_equal(splitmerge.segment(mask, **ARGS),
+                                  splitmerge.segment(mask.astype(np.int32), **ARGS))
+
+
+def test_nested_lists_are_accepted() -> None:
+    image = [[0, 0, 9, 9], [0, 0, 9, 9], [50, 50, 9, 9], [50, 50, 9, 9]]
+    labels = splitmerge.segment(image, pred_choice="range", interval_length=0, small_size=0)
+    # Label 0 is the largest region, the 9s.
+    assert labels.tolist() == [[1, 1, 0, 0], [1, 1, 0, 0], [2, 2, 0, 0], [2, 2, 0, 0]]
+
+
+@pytest.mark.parametrize("layout", ["fortran", "strided", "reversed", "transposed_volume"])
+def test_memory_order_does_not_change_the_result(layout: str) -> None:
+    volume = noise_image((8, 32, 32), seed=3)
+    if layout == "fortran":
+        given = np.asfortranarray(volume)
+    elif layout == "strided":
+        big = np.zeros((16, 64, 64), np.int32)
+        big[::2, ::2, ::2] = volume
+        given = big[::2, ::2, ::2]
+    elif layout == "reversed":
+        given = volume[::-1, ::-1].copy()[::-1, ::-1]
+    else:
+        given = np.ascontiguousarray(volume.transpose(2, 1, 0)).transpose(2, 1, 0)
+    assert not given.flags.c_contiguous
+    np.testing.assert_array_equal(given, volume)
+    np.testing.assert_array_equal(splitmerge.segment(given, **ARGS),
+                                  splitmerge.segment(volume, **ARGS))
+
+
+def test_x_is_the_fastest_axis() -> None:
+    # Two columns of different grey: the labels keep the (Y, X) layout.
+    image = np.zeros((8, 8), np.int32)
+    image[:, 4:] = 100
+    labels = splitmerge.segment(image, pred_choice="range", interval_length=0, small_size=0)
+    assert (labels[:, :4] == labels[0, 0]).all() and (labels[:, 4:] == labels[0, 7]).all()
+    assert labels[0, 0] != labels[0, 7]
+
+
+def test_volume_keeps_its_z_y_x_shape() -> None:
+    volume = noise_image((4, 16, 16), seed=4)
+    labels = splitmerge.segment(volume, **ARGS)
+    assert labels.shape == (4, 16, 16)
+    one_slice = noise_image((1, 16, 16), seed=4)
+    assert splitmerge.segment(one_slice, **ARGS).shape == (1, 16, 16)
+
+
+@pytest.mark.parametrize("shape", [(16,), (2, 2, 2, 2), ()])
+def test_wrong_dimension_count_is_a_value_error(shape) -> None:
+    with pytest.raises(ValueError, match=r"needs a 2-D \(Y, X\) or 3-D \(Z, Y, X\) array"):
+        splitmerge.segment(np.zeros(shape, np.int32))
+
+
+@pytest.mark.parametrize("dtype", [np.complex64, object, "U3", "datetime64[s]"])
+def test_non_numeric_dtype_is_a_type_error(dtype) -> None:
+    with pytest.raises(TypeError, match="integer or floating-point pixels"):
+        splitmerge.segment(np.zeros((8, 8), dtype))
+
+
+@pytest.mark.parametrize("shape, message", [
+    ((5, 5), r"^the image width 5 is not a power of two \(allowed: 2, 4, \.\.\., 256\)"),
+    ((8, 16), r"^invalid parameter size_y = 8: must equal size_x = 16 \(square slices\)"),
+    ((3, 8, 8), r"^the slice count 3 is not a power of two"),
+    ((16, 8, 8), r"^invalid parameter lim_oct_level = -1: must be 0 to max_level \(3\)"),
+    ((512, 512), r"^invalid parameter max_level = 9: must be 1 to 8"),
+    ((0, 0), r"^the image width 0 is not a power of two"),
+    ((1, 1), r"^invalid parameter max_level = 0: must be 1 to 8"),
+])
+def test_unsegmentable_shape_gives_the_library_message(shape, message) -> None:
+    with pytest.raises(ValueError, match=message) as raised:
+        splitmerge.segment(np.zeros(shape, np.int32))
+    assert str(raised.value).endswith("fit='pad' or fit='crop' makes any shape fit")
+    assert "\n" not in str(raised.value)
+
+
+def test_explicit_levels_are_not_blamed_on_the_shape() -> None:
+    with pytest.raises(ValueError) as raised:
+        splitmerge.segment(np.zeros((8, 8), np.int32), max_level=4)
+    assert str(raised.value) == ("invalid parameter size_x = 8: must be 2^max_level = 16 "
+                                 "(the image edge)")
+
+
+@pytest.mark.parametrize("values, message", [
+    ([256], r"^the pixel values range from 0 to 256, but the segmentation needs 0\.\.255: "
+            r"use rescale=True$"),
+    ([-1], r"^the pixel values range from -1 to 0, but"),
+    ([2.5], r"^the image holds non-integer values such as 2\.5: use rescale=True"),
+    ([np.nan], r"^the image holds NaN or infinite values$"),
+    ([-np.inf], r"^the image holds NaN or infinite values$"),
+    ([1e9], r"^the pixel values range from 0 to 1e\+09,"),
+])
+def test_values_outside_0_to_255_need_rescale(values, message) -> None:
+    image = np.zeros((8, 8), np.float64)
+    image.flat[5:5 + len(values)] = values
+    with pytest.raises(ValueError, match=message):
+        splitmerge.segment(image)
+
+
+def test_int32_values_outside_0_to_255_are_caught_before_the_library() -> None:
+    image = np.zeros((8, 8), np.int32)
+    image[3, 3] = 1000
+    with pytest.raises(ValueError, match="range from 0 to 1000"):
+        splitmerge.segment(image)
+
+
+def test_rescale_maps_the_range_onto_0_to_255_rounding_half_away_from_zero() -> None:
+    # (v - 1) * 255 / 4 for v = 1..5: 0, 63.75, 127.5, 191.25, 255.
+    ramp = np.array([[1.0, 2.0, 3.0, 4.0], [5.0, 5.0, 5.0, 5.0]] * 2)
+    fitted = splitmerge.fit_image(ramp, rescale=True)
+    assert fitted.pixels.tolist() == [[0, 64, 128, 191], [255] * 4] * 2
+    assert fitted.notes == ["rescaled the values 1..5 to 0..255"]
+
+
+def test_rescale_of_a_constant_image_is_zero() -> None:
+    fitted = splitmerge.fit_image(np.full((4, 4), 7.5), rescale=True)
+    assert not fitted.pixels.any()
+
+
+def test_pad_centres_the_image_in_zeros() -> None:
+    image = np.arange(1, 16, dtype=np.int32).reshape(3, 5)
+    fitted = splitmerge.fit_image(image, fit="pad")
+    assert fitted.pixels.shape == (8, 8)
+    # Offsets (8 - 3) // 2 = 2 rows and (8 - 5) // 2 = 1 column.
+    np.testing.assert_array_equal(fitted.pixels[2:5, 1:6], image)
+    assert fitted.pixels.sum() == image.sum()
+    assert fitted.notes == ["padded 5 x 3 to 8 x 8 (centred); labels and frames are 8 x 8"]
+
+
+def test_pad_of_a_volume_gives_as_many_slices_as_the_next_power_of_two() -> None:
+    volume = np.ones((3, 5, 6), np.int32)
+    fitted = splitmerge.fit_image(volume, fit="pad")
+    assert fitted.pixels.shape == (4, 8, 8)
+    np.testing.assert_array_equal(fitted.pixels[0:3, 1:6, 1:7], volume)
+    many_slices = splitmerge.fit_image(np.ones((9, 4, 4), np.int32), fit="pad").pixels
+    assert many_slices.shape == (16, 16, 16)  # the edge grows to hold 16 slices
+
+
+def test_crop_cuts_out_the_centred_largest_part() -> None:
+    image = np.arange(10 * 12, dtype=np.int32).reshape(10, 12) % 256
+    fitted = splitmerge.fit_image(image, fit="crop")
+    np.testing.assert_array_equal(fitted.pixels, image[1:9, 2:10])
+    volume = np.arange(5 * 4 * 4, dtype=np.int32).reshape(5, 4, 4)
+    np.testing.assert_array_equal(splitmerge.fit_image(volume, fit="crop").pixels, volume[0:4])
+    big = np.zeros((300, 300), np.int32)
+    assert splitmerge.fit_image(big, fit="crop").pixels.shape == (256, 256)
+
+
+def test_fit_leaves_a_segmentable_image_alone(blocks_64: np.ndarray) -> None:
+    for mode in ("pad", "crop"):
+        fitted = splitmerge.fit_image(blocks_64, fit=mode)
+        assert fitted.pixels is blocks_64 and fitted.notes == []
+
+
+def test_fit_errors_say_what_helps() -> None:
+    with pytest.raises(ValueError, match=r"^fit='pad' would need an edge of 512 pixels for a "
+                                         r"300 x 2 image, above the largest, 256: "
+                                         r"use fit='crop'$"):
+        splitmerge.segment(np.zeros((2, 300), np.int32), fit="pad")
+    with pytest.raises(ValueError, match=r"^fit='crop' needs at least 2 x 2 pixels; the image "
+                                         r"is 7 x 1: use fit='pad'$"):
+        splitmerge.segment(np.zeros((1, 7), np.int32), fit="crop")
+    with pytest.raises(ValueError, match=r"^fit must be None, 'pad' or 'crop', not 'grow'$"):
+        splitmerge.segment(np.zeros((8, 8), np.int32), fit="grow")
+
+
+def test_slice_takes_one_z_slice_of_a_volume() -> None:
+    volume = noise_image((3, 8, 8), seed=9)
+    np.testing.assert_array_equal(splitmerge.fit_image(volume, slice=2).pixels, volume[2])
+    with pytest.raises(ValueError, match=r"^slice 3 is outside the volume's slices 0\.\.2$"):
+        splitmerge.fit_image(volume, slice=3)
+    with pytest.raises(ValueError, match="^slice needs a volume, but the image is 2-D$"):
+        splitmerge.fit_image(volume[0], slice=0)
+
+
+CLI = os.environ.get("SPLITMERGE_CLI")
+
+
+@pytest.mark.skipif(not CLI, reason="SPLITMERGE_CLI (the command-line program) not given")
+@pytest.mark.parametrize("shape, dtype, options", [
+    ((37, 50), np.float64, ["--fit", "pad", "--rescale"]),
+    ((37, 50), np.float32, ["--fit", "crop", "--rescale"]),
+    ((5, 40, 33), np.int16, ["--fit", "pad", "--rescale"]),
+    ((5, 40, 33), np.uint8, ["--fit", "crop"]),
+    ((6, 20, 20), np.int64, ["--fit", "pad"]),
+    ((3, 20, 24), np.float64, ["--slice", "1", "--fit", "crop", "--rescale"]),
+])
+def test_fitting_matches_the_command_line_program(tmp_path: Path, shape, dtype,
+                                                  options) -> None:
+    rng = np.random.default_rng(len(shape) * 100 + shape[-1])
+    if np.dtype(dtype).kind == "f":
+        image = (rng.normal(100, 40, size=shape) * 3.3).astype(dtype)
+    else:
+        image = rng.integers(0, 256 if "--rescale" not in options else 3000, size=shape)
+        image = image.astype(dtype)
+    if np.dtype(dtype).kind == "f":
+        # The program reads floating-point grey values from NIfTI (x fastest).
+        nibabel = pytest.importorskip("nibabel")
+        source = tmp_path / "in.nii"
+        nibabel.save(nibabel.Nifti1Image(image.T, np.eye(4)), source)
+    else:
+        source = tmp_path / "in.npy"
+        np.save(source, image)
+    subprocess.run([CLI, str(source), *options, "--quiet", "--labels",
+                    str(tmp_path / "labels.npy"), "--save-input", str(tmp_path / "fitted.npy"),
+                    "--sigma", "5", "--interval-length", "10", "--small-size", "30"],
+                   check=True, timeout=120, capture_output=True)
+    fit = options[options.index("--fit") + 1]
+    given = image[int(options[1])] if options[0] == "--slice" else image
+    fitted = splitmerge.fit_image(given, fit=fit, rescale="--rescale" in options)
+    np.testing.assert_array_equal(fitted.pixels, np.load(tmp_path / "fitted.npy"))
+    labels = splitmerge.segment(given, fit=fit, rescale="--rescale" in options)
+    np.testing.assert_array_equal(labels, np.load(tmp_path / "labels.npy"))
+
+
+SCAN = Path("/usr/share/mricron/templates/ch2.nii.gz")
+
+
+@pytest.mark.skipif(not CLI or not SCAN.exists(), reason="needs the program and Colin27")
+def test_colin27_slice_matches_the_command_line_program(tmp_path: Path) -> None:
+    nibabel = pytest.importorskip("nibabel")
+    volume = np.asarray(nibabel.load(SCAN).dataobj).T  # (Z, Y, X), x fastest
+    subprocess.run([CLI, str(SCAN), "--slice", "90", "--fit", "pad", "--quiet", "--labels",
+                    str(tmp_path / "labels.npy")], check=True, timeout=120)
+    # The program's defaults for the brain scans.
+    labels = splitmerge.segment(volume[90], fit="pad", sigma=3.0, interval_length=12,
+                                small_size=50)
+    np.testing.assert_array_equal(labels, np.load(tmp_path / "labels.npy"))
+    assert labels.max() > 10
+
+
+@pytest.mark.skipif(not CLI, reason="SPLITMERGE_CLI (the command-line program) not given")
+@pytest.mark.parametrize("shape", [(48, 40), (6, 30, 32)])
+def test_frames_equal_those_of_the_command_line_program(tmp_path: Path, shape) -> None:
+    image = noise_image(shape, seed=sum(shape), levels=6)
+    np.save(tmp_path / "in.npy", image)
+    subprocess.run([CLI, str(tmp_path / "in.npy"), "--fit", "pad", "--quiet", "--frames",
+                    str(tmp_path / "frames.npy"), "--labels", str(tmp_path / "labels.npy"),
+                    "--sigma", "5", "--interval-length", "10", "--small-size", "30"],
+                   check=True, timeout=120, capture_output=True)
+    result = splitmerge.segment(image, fit="pad", frames=True)
+    expected = np.load(tmp_path / "frames.npy")
+    assert result.frames.shape == expected.shape and expected.shape[0] >= 2
+    np.testing.assert_array_equal(result.frames, expected)
+    np.testing.assert_array_equal(result.labels, np.load(tmp_path / "labels.npy"))

@@ -1,0 +1,83 @@
+"""Reading images for the batch: the same pixels as the command-line program."""
+
+from __future__ import annotations
+
+import os
+import subprocess
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+from splitmerge import fit_image
+from splitmerge._io import extension_of, read_image, stem_of
+
+CLI = os.environ.get("SPLITMERGE_CLI")
+
+
+def test_names_and_extensions() -> None:
+    assert extension_of("a/b.NII.GZ") == ".nii.gz" and stem_of("a/scan.v2.nii.gz") == "scan.v2"
+    assert extension_of("x.tiff") == ".tiff" and stem_of("x.tiff") == "x"
+    assert extension_of("noext") == "" and stem_of("noext") == "noext"
+
+
+def write_inputs(folder: Path) -> dict[str, np.ndarray]:
+    """Files of every readable kind and the (Z, Y, X) / (Y, X) pixels they hold."""
+    from PIL import Image
+    import nibabel
+    import tifffile
+
+    rng = np.random.default_rng(7)
+    grey = rng.integers(0, 256, size=(20, 24)).astype(np.uint8)
+    rgb = rng.integers(0, 256, size=(20, 24, 3)).astype(np.uint8)
+    grey16 = rng.integers(0, 65536, size=(12, 16)).astype(np.uint16)
+    pages = rng.integers(0, 256, size=(3, 16, 16)).astype(np.uint8)
+    floats = rng.normal(0, 100, size=(5, 16, 20)).astype(np.float32)
+    files = {}
+    Image.fromarray(grey).save(folder / "grey.png")
+    files["grey.png"] = grey
+    Image.fromarray(rgb).save(folder / "colour.png")
+    r, g, b = (rgb[..., k].astype(np.int64) for k in range(3))
+    files["colour.png"] = (299 * r + 587 * g + 114 * b + 500) // 1000
+    Image.fromarray(grey).save(folder / "grey.pgm")
+    files["grey.pgm"] = grey
+    Image.fromarray(grey16).save(folder / "grey16.png")
+    files["grey16.png"] = grey16
+    tifffile.imwrite(folder / "pages.tif", pages, photometric="minisblack")
+    files["pages.tif"] = pages
+    tifffile.imwrite(folder / "white.tif", pages[0], photometric="miniswhite")
+    files["white.tif"] = 255 - pages[0].astype(np.int64)
+    tifffile.imwrite(folder / "floats.tiff", floats, photometric="minisblack")
+    files["floats.tiff"] = floats
+    nibabel.save(nibabel.Nifti1Image(pages.T.astype(np.int16), np.eye(4)), folder / "scaled.nii")
+    with open(folder / "scaled.nii", "r+b") as f:  # scl_slope, scl_inter at bytes 112, 116
+        f.seek(112)
+        f.write(np.array([0.5, 10.0], "<f4").tobytes())
+    files["scaled.nii"] = pages * 0.5 + 10.0
+    return files
+
+
+def test_readers_give_the_stored_pixels(tmp_path: Path) -> None:
+    for name, expected in write_inputs(tmp_path).items():
+        np.testing.assert_array_equal(read_image(tmp_path / name).pixels, expected,
+                                      err_msg=name)
+
+
+@pytest.mark.skipif(not CLI, reason="SPLITMERGE_CLI (the command-line program) not given")
+def test_readers_and_fitting_match_the_command_line_program(tmp_path: Path) -> None:
+    for name in write_inputs(tmp_path):
+        copy = tmp_path / f"{name}.input.npy"
+        subprocess.run([CLI, str(tmp_path / name), "--fit", "pad", "--rescale", "--quiet",
+                        "--save-input", str(copy)], check=True, timeout=120,
+                       capture_output=True)
+        fitted = fit_image(read_image(tmp_path / name).pixels, fit="pad", rescale=True)
+        np.testing.assert_array_equal(fitted.pixels, np.load(copy), err_msg=name)
+
+
+def test_unreadable_files_say_why(tmp_path: Path) -> None:
+    (tmp_path / "four.npy").write_bytes(b"")
+    np.save(tmp_path / "four.npy", np.zeros((2, 2, 2, 2)))
+    with pytest.raises(ValueError, match="the array has 4 dimensions; expected"):
+        read_image(tmp_path / "four.npy")
+    with pytest.raises(ValueError, match=r"unsupported format \(no extension\)"):
+        read_image(tmp_path / "noext")
