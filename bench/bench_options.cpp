@@ -26,7 +26,7 @@ bench_options parse_bench_options(int argc, char** argv) {
       "usage: " + std::string(argc > 0 ? argv[0] : "bench") +
       " --image FILE.npy [--name NAME] [--reps N] [--display] [--pred P] [--sigma S]"
       " [--threshold-row T] [--interval I] [--init-level L] [--small-size N]"
-      " [--statistic-update U] [--group-mode G] [--max-seed M]";
+      " [--statistic-update U] [--group-mode G] [--max-seed M] [--threads N]";
   for (int i = 1; i < argc; ++i) {
     const std::string_view key = argv[i];
     if (key == "--display") {
@@ -60,6 +60,8 @@ bench_options parse_bench_options(int argc, char** argv) {
       o.params.group_mode = number();
     } else if (key == "--max-seed") {
       o.params.max_seed = number();
+    } else if (key == "--threads") {
+      o.threads = number();
     } else {
       throw std::runtime_error(usage);
     }

@@ -15,6 +15,7 @@ struct bench_options {
   std::string name;   // the case, as the table names it
   std::int32_t repetitions = 5;
   bool display = false;
+  std::int32_t threads = 1;  // --threads: 1 single-threaded, 0 every core
   parameters params;
 };
 
@@ -23,7 +24,7 @@ parameters standard_parameters();
 
 // Parses --image, --name, --reps, --display and one option per parameter
 // (--pred, --sigma, --threshold-row, --interval, --init-level, --small-size,
-// --statistic-update, --group-mode, --max-seed). Throws std::runtime_error
+// --statistic-update, --group-mode, --max-seed) and --threads. Throws std::runtime_error
 // with a usage line on anything else.
 bench_options parse_bench_options(int argc, char** argv);
 

@@ -78,7 +78,7 @@ void adjacency(benchmark::State& state, const int32_image& image) {
       return;
     }
     leaves = 0;
-    for (const block* b = list[0]; b != nullptr; b = b->next_block) ++leaves;
+    for (const block* b = list[0]; b != nullptr; b = ctx->block_at(b->next_block)) ++leaves;
     state.ResumeTiming();
     const auto regions = group_init(*ctx, list);
     state.PauseTiming();

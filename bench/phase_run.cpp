@@ -16,16 +16,18 @@ namespace splitmerge::bench {
 namespace {
 
 void count_leaves(const run_context& ctx, blocklist list, phase_result& r) {
-  for (const block* b = list[0]; b != nullptr; b = b->next_block) {
+  for (const block* b = list[0]; b != nullptr; b = ctx.block_at(b->next_block)) {
     ++r.leaves;
     if (level(ctx, b->code) == 0) ++r.single_voxels;
   }
 }
 
-std::int64_t count_entries(regionlist head) {
+std::int64_t count_entries(const run_context& ctx, regionlist head) {
   std::int64_t n = 0;
-  for (const block* h = head; h != nullptr; h = h->next_region)
-    for (const nb_node* e = h->nb_pointers[0]; e != nullptr; e = e->next) ++n;
+  for (const block* h = head; h != nullptr; h = ctx.block_at(h->next_region))
+    for (const nb_node* e = ctx.entry_at(h->nb_pointers[0]); e != nullptr;
+         e = ctx.entry_at(e->next))
+      ++n;
   return n;
 }
 
@@ -70,7 +72,7 @@ blocklist build_tree(run_context& ctx, const run_arguments& args) {
   if (check_pointer(built) != 0) return nullptr;
   blocklist list = built.value;
   smg_merge(ctx, list);
-  if (list[0]->next_block == nullptr) {
+  if (list[0]->next_block == 0) {
     free_blocklist(ctx, list);
     return nullptr;
   }
@@ -78,13 +80,15 @@ blocklist build_tree(run_context& ctx, const run_arguments& args) {
   return list;
 }
 
-phase_result time_phases(const run_arguments& args, std::int32_t* labels, bool count) {
+phase_result time_phases(const run_arguments& args, std::int32_t* labels, bool count,
+                         std::int32_t threads) {
   phase_result r;
   lap_timer timer(r);
   // On the heap so that its end (the record slabs and the first frame go
   // back) is timed with the release.
   auto owner = std::make_unique<run_context>();
   run_context& ctx = *owner;
+  ctx.threads = threads;
   silence(ctx);
   timer.resume();
   const auto fail = [&](std::int64_t status) {
@@ -103,7 +107,7 @@ phase_result time_phases(const run_arguments& args, std::int32_t* labels, bool c
   timer.lap(phase::merge);
 
   regionlist head = nullptr;
-  if (list[0]->next_block == nullptr) {
+  if (list[0]->next_block == 0) {
     // The whole image is one homogeneous block.
     head = make_one_region(ctx, list[0]);
     ctx.allocator.release(list);
@@ -119,7 +123,7 @@ phase_result time_phases(const run_arguments& args, std::int32_t* labels, bool c
     head = regions.value;
     timer.lap(phase::adjacency);
     if (count) {
-      r.neighbour_entries = count_entries(head);
+      r.neighbour_entries = count_entries(ctx, head);
       timer.resume();
     }
     if (args.group_mode != 0) {
@@ -133,7 +137,7 @@ phase_result time_phases(const run_arguments& args, std::int32_t* labels, bool c
       head = sequential_grouping(ctx, head);
     }
     timer.lap(phase::grouping);
-    if (head->nb_pointers[0] == nullptr) {
+    if (head->nb_pointers[0] == 0) {
       r.regions = 1;
     } else {
       if (args.small_size != 0) region_elimination(ctx, head);
@@ -154,7 +158,7 @@ phase_result time_phases(const run_arguments& args, std::int32_t* labels, bool c
   make_output(ctx, head, labels);
   timer.lap(phase::label_image);
   free_variables(ctx);
-  free_regionlist(ctx, head);
+  ctx.release_records();
   owner.reset();
   timer.lap(phase::release);
   return r;

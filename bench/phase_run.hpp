@@ -6,8 +6,8 @@
 #include <array>
 #include <cstdint>
 
+#include "context/run_context.hpp"
 #include "driver/driver.hpp"
-#include "driver/run_context.hpp"
 #include "splitmerge/splitmerge.hpp"
 
 namespace splitmerge::bench {
@@ -49,7 +49,8 @@ void silence(run_context& ctx);
 
 // One complete run, display off, each phase timed. labels holds one value per
 // pixel. Counting the neighbour entries walks every list once, untimed.
-phase_result time_phases(const run_arguments& args, std::int32_t* labels, bool count_entries);
+phase_result time_phases(const run_arguments& args, std::int32_t* labels, bool count_entries,
+                         std::int32_t threads = 1);
 
 // Sets up the run and builds the block tree up to the split; null when the
 // image merged into one block or a phase failed. The caller frees the list

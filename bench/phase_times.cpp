@@ -43,7 +43,7 @@ int main(int argc, char** argv) {
     std::uint64_t labels_checksum = 0;
     for (std::int32_t rep = 0; rep < o.repetitions; ++rep) {
       // The neighbour entries are counted once, in the first run.
-      const phase_result r = time_phases(args, labels.data(), rep == 0);
+      const phase_result r = time_phases(args, labels.data(), rep == 0, o.threads);
       if (r.status != 0) {
         std::fprintf(stderr, "%s: a phase failed with status %d\n", o.name.c_str(), r.status);
         return 1;
@@ -66,6 +66,7 @@ int main(int argc, char** argv) {
         .add("voxels", static_cast<std::int64_t>(image.count()))
         .add("repetitions", o.repetitions)
         .add("group_mode", o.params.group_mode)
+        .add("threads", o.threads)
         .add("leaves", first.leaves)
         .add("single_voxel_leaves", first.single_voxels)
         .add("neighbour_entries", first.neighbour_entries)

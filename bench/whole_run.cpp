@@ -60,6 +60,7 @@ int main(int argc, char** argv) {
     const int32_image image = read_npy_int32(o.image);
     splitmerge::options run_options;
     run_options.display = o.display;
+    run_options.threads = o.threads;
 
     const std::uint64_t baseline = current_rss_bytes();
     std::vector<double> times;
@@ -88,6 +89,7 @@ int main(int argc, char** argv) {
         .add("repetitions", o.repetitions)
         .add("display", o.display ? "on" : "off")
         .add("group_mode", o.params.group_mode)
+        .add("threads", o.threads)
         .add("median_s", run_s)
         .add("min_s", *std::min_element(times.begin(), times.end()))
         .add("mvoxels_per_s", static_cast<double>(image.count()) / run_s / 1e6)

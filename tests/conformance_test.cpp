@@ -22,9 +22,12 @@ struct run_output {
   std::int64_t live_after = 0;
 };
 
-run_output run_case(const testing::reference_case& c, const std::filesystem::path& workdir) {
+run_output run_case(const testing::reference_case& c, const std::filesystem::path& workdir,
+                    std::int32_t threads) {
   run_output out;
   run_context ctx;
+  ctx.threads = threads;
+  ctx.thread_grain = 1;  // split even the smallest images over the threads
   ctx.out = [&](std::string_view s) { out.printed.append(s); };
   out.labels.assign(c.image.size(), 0);
   const auto previous = std::filesystem::current_path();
@@ -77,29 +80,35 @@ TEST(Conformance, EveryReferenceCaseMatchesExactly) {
   int checked = 0;
   for (const auto& dir : cases) {
     const auto c = testing::load_case(dir);
-    SCOPED_TRACE("case " + c.name);
-    const run_output out = run_case(c, workdir);
-    EXPECT_EQ(out.status, c.status) << c.name << ": status";
-    EXPECT_EQ(first_line_difference(out.printed, c.stdout_text), -1)
-        << c.name << ": printed lines differ at line "
-        << first_line_difference(out.printed, c.stdout_text) << "\n--- got\n"
-        << out.printed << "--- expected\n"
-        << c.stdout_text;
-    const auto label_diff = first_difference(out.labels, c.labels);
-    EXPECT_EQ(label_diff, -1) << c.name << ": labels differ at pixel index " << label_diff;
-    if (c.frames) {
-      EXPECT_EQ(out.frame_count, c.frame_count) << c.name << ": frame count";
-      const auto frame_diff = first_difference(out.frames, *c.frames);
-      EXPECT_EQ(frame_diff, -1) << c.name << ": frames differ at frame "
-                                << (frame_diff < 0 ? -1 : frame_diff / std::int64_t(c.image.size()))
-                                << ", pixel " << (frame_diff < 0 ? -1 : frame_diff % std::int64_t(c.image.size()));
+    // The steps that run on several threads give the same results for every count.
+    for (const std::int32_t threads : {1, 2, 7}) {
+      SCOPED_TRACE("case " + c.name + ", " + std::to_string(threads) + " threads");
+      const run_output out = run_case(c, workdir, threads);
+      EXPECT_EQ(out.status, c.status) << c.name << ": status";
+      EXPECT_EQ(first_line_difference(out.printed, c.stdout_text), -1)
+          << c.name << ": printed lines differ at line "
+          << first_line_difference(out.printed, c.stdout_text) << "\n--- got\n"
+          << out.printed << "--- expected\n"
+          << c.stdout_text;
+      const auto label_diff = first_difference(out.labels, c.labels);
+      EXPECT_EQ(label_diff, -1) << c.name << ": labels differ at pixel index " << label_diff;
+      if (c.frames) {
+        EXPECT_EQ(out.frame_count, c.frame_count) << c.name << ": frame count";
+        const auto frame_diff = first_difference(out.frames, *c.frames);
+        EXPECT_EQ(frame_diff, -1) << c.name << ": frames differ at frame "
+                                  << (frame_diff < 0 ? -1
+                                                     : frame_diff / std::int64_t(c.image.size()))
+                                  << ", pixel "
+                                  << (frame_diff < 0 ? -1
+                                                     : frame_diff % std::int64_t(c.image.size()));
+      }
+      if (c.regions_text) {
+        EXPECT_EQ(first_line_difference(out.regions_text, *c.regions_text), -1)
+            << c.name << ": region list file differs at line "
+            << first_line_difference(out.regions_text, *c.regions_text);
+      }
+      EXPECT_EQ(out.live_after, 0) << c.name << ": allocations still live after the run";
     }
-    if (c.regions_text) {
-      EXPECT_EQ(first_line_difference(out.regions_text, *c.regions_text), -1)
-          << c.name << ": region list file differs at line "
-          << first_line_difference(out.regions_text, *c.regions_text);
-    }
-    EXPECT_EQ(out.live_after, 0) << c.name << ": allocations still live after the run";
     ++checked;
   }
   EXPECT_EQ(checked, static_cast<int>(cases.size()));

@@ -29,6 +29,7 @@ struct run_setup {
   std::int32_t save_flag = 0, display = 1;
   std::string filename = "regions.txt";
   double rejection = 0.2, sigma = 4.0, pseudo_factor = 1.0;
+  std::int32_t threads = 1;
 };
 
 struct run_result {
@@ -45,6 +46,11 @@ struct run_result {
 run_result run(const run_setup& s, std::uint64_t fail_at = 0) {
   run_result r;
   run_context ctx;
+  // Small arena chunks: every few records is a request that can fail.
+  ctx.blocks.set_chunk(3);
+  ctx.entries.set_chunk(5);
+  ctx.threads = s.threads;
+  ctx.thread_grain = 1;  // split even the smallest images over the threads
   ctx.out = [&](std::string_view t) { r.printed.append(t); };
   ctx.err = [&](std::string_view t) { r.errors.append(t); };
   ctx.allocator.fail_at(fail_at);
@@ -390,6 +396,91 @@ TEST(Concurrency, PromiseOneContextPerRunThreadedRunsMatchSingleThreadedOnes) {
     EXPECT_EQ(got[i].labels, expected[i].labels);
     EXPECT_EQ(got[i].frames, expected[i].frames);
     EXPECT_EQ(got[i].printed, expected[i].printed);
+  }
+}
+
+TEST(Threads, PromiseEveryThreadCountGivesTheSameResults) {
+  std::mt19937 rng(2024);
+  const testing::temp_folder folder;
+  int runs = 0;
+  for (int trial = 0; trial < 40; ++trial) {
+    run_setup s;
+    const bool volume = trial % 2 == 1;
+    s.size_x = volume ? 16 : 32;
+    s.size_z = volume ? 8 : 1;
+    s.max_level = volume ? 4 : 5;
+    s.lim_oct_level = volume ? 1 : 5;
+    s.init_level = 1 + static_cast<std::int32_t>(rng() % 3);
+    s.image = testing::blob_image(rng, s.size_x, s.size_z, static_cast<int>(rng() % 40));
+    s.pred_choice = 1 + trial % 5;
+    s.interval_length = 5 + static_cast<std::int32_t>(rng() % 20);
+    s.group_mode = static_cast<std::int32_t>(rng() % 2);
+    s.use_all_seeds = static_cast<std::int32_t>(rng() % 2);
+    s.small_size = static_cast<std::int32_t>(rng() % 12);
+    s.display = trial % 3 == 0 ? 1 : 0;
+    s.save_flag = 1;
+    std::vector<std::string> files;
+    std::vector<run_result> results;
+    for (const std::int32_t threads : {1, 2, 7}) {
+      s.threads = threads;
+      s.filename = folder.file("threads_" + std::to_string(threads) + ".txt");
+      run_result r = run(s);
+      std::ifstream in(s.filename);
+      files.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+      std::filesystem::remove(s.filename);
+      r.printed.replace(r.printed.find(s.filename), s.filename.size(), "F");
+      results.push_back(std::move(r));
+      ++runs;
+    }
+    ASSERT_EQ(results[0].status, 0) << "trial " << trial;
+    for (std::size_t i = 1; i < results.size(); ++i) {
+      SCOPED_TRACE("trial " + std::to_string(trial) + ", run " + std::to_string(i));
+      EXPECT_EQ(results[i].status, results[0].status);
+      EXPECT_EQ(results[i].labels, results[0].labels);
+      EXPECT_EQ(results[i].frames, results[0].frames);
+      EXPECT_EQ(results[i].printed, results[0].printed);
+      EXPECT_EQ(files[i], files[0]);
+      EXPECT_EQ(results[i].live_after, 0);
+    }
+  }
+  EXPECT_EQ(runs, 120);
+}
+
+TEST(Elimination, OptimisationIndexOfLongListsChangesNothing) {
+  // Large regions of a noisy image collect long neighbour lists, which the
+  // elimination looks up through its index; without the index (its memory
+  // refused) it walks the lists, and every result must be the same.
+  std::mt19937 rng(77);
+  const testing::temp_folder folder;
+  for (int trial = 0; trial < 3; ++trial) {
+    run_setup s = plane(testing::blob_image(rng, 128, 1, 60), 128, 7);
+    s.init_level = 2;
+    s.interval_length = 12;
+    s.small_size = 40;
+    s.display = 0;
+    s.save_flag = 1;
+    s.filename = folder.file("index.txt");
+    const auto read_run = [&](std::uint64_t fail_at) {
+      run_result r = run(s, fail_at);
+      std::ifstream in(s.filename);
+      std::string file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+      std::filesystem::remove(s.filename);
+      return std::make_pair(r, file);
+    };
+    const auto [reference, reference_file] = read_run(0);
+    ASSERT_EQ(reference.status, 0);
+    bool compared = false;
+    // The index is asked for late in the run: look for its request from the end.
+    for (std::uint64_t k = reference.requests; k > 0 && !compared; --k) {
+      const auto [r, file] = read_run(k);
+      if (!r.failed_site[static_cast<int>(alloc_site::elimination_index)]) continue;
+      compared = true;
+      EXPECT_EQ(r.status, 0);
+      EXPECT_EQ(r.labels, reference.labels);
+      EXPECT_EQ(file, reference_file);
+      EXPECT_EQ(r.live_after, 0);
+    }
+    EXPECT_TRUE(compared) << "trial " << trial << ": the index was never asked for";
   }
 }
 

@@ -27,7 +27,7 @@ regionlist build_regions(prepared_run& run) {
   const auto built = init_blocklist(run.ctx);
   if (check_pointer(built) != 0) return nullptr;
   smg_merge(run.ctx, built.value);
-  if (built.value[0]->next_block == nullptr) {
+  if (built.value[0]->next_block == 0) {
     // One block is the whole image: the driver ends the run before adjacency.
     free_blocklist(run.ctx, built.value);
     return nullptr;
@@ -37,27 +37,27 @@ regionlist build_regions(prepared_run& run) {
   return check_pointer(regions) != 0 ? nullptr : regions.value;
 }
 
-std::vector<std::uint32_t> region_order(const block* head) {
+std::vector<std::uint32_t> region_order(const run_context& ctx, const block* head) {
   std::vector<std::uint32_t> codes;
-  for (; head != nullptr; head = head->next_region) codes.push_back(head->code);
+  for (; head != nullptr; head = ctx.block_at(head->next_region)) codes.push_back(head->code);
   return codes;
 }
 
-std::vector<std::uint32_t> neighbours(const block* b) {
+std::vector<std::uint32_t> neighbours(const run_context& ctx, const block* b) {
   std::vector<std::uint32_t> codes;
-  for (const nb_node* e = b->nb_pointers[0]; e != nullptr; e = e->next)
-    codes.push_back(e->region->code);
+  for (const nb_node* e = ctx.entry_at(b->nb_pointers[0]); e != nullptr; e = ctx.entry_at(e->next))
+    codes.push_back(ctx.block_at(e->region)->code);
   return codes;
 }
 
-std::vector<std::uint32_t> resolved_neighbours(const block* b) {
+std::vector<std::uint32_t> resolved_neighbours(const run_context& ctx, const block* b) {
   std::vector<std::uint32_t> codes;
-  for (nb_node* e = b->nb_pointers[0]; e != nullptr; e = e->next) codes.push_back(resolve(e)->code);
+  for (nb_node* e = ctx.entry_at(b->nb_pointers[0]); e != nullptr; e = ctx.entry_at(e->next)) codes.push_back(resolve(ctx, e)->code);
   return codes;
 }
 
-block* find(block* head, std::uint32_t code) {
-  for (; head != nullptr; head = head->next_region)
+block* find(const run_context& ctx, block* head, std::uint32_t code) {
+  for (; head != nullptr; head = ctx.block_at(head->next_region))
     if (head->code == code) return head;
   return nullptr;
 }
@@ -66,19 +66,20 @@ TEST(Adjacency, FourByFourPlane) {
   prepared_run run = plane_example();
   block* head = build_regions(run);
   ASSERT_NE(head, nullptr);
-  EXPECT_EQ(region_order(head),
+  EXPECT_EQ(region_order(run.ctx, head),
             (std::vector<std::uint32_t>{0x20, 0x30, 0x40, 0x11, 0x12, 0x13, 0x14}));
   const std::map<std::uint32_t, std::vector<std::uint32_t>> expected = {
       {0x11, {0x12, 0x13}},       {0x12, {0x11, 0x14, 0x20}}, {0x13, {0x11, 0x14, 0x30}},
       {0x14, {0x12, 0x13, 0x20, 0x30}}, {0x20, {0x14, 0x12, 0x40}}, {0x30, {0x14, 0x13, 0x40}},
       {0x40, {0x20, 0x30}}};
-  for (block* h = head; h != nullptr; h = h->next_region) {
-    EXPECT_EQ(neighbours(h), expected.at(h->code)) << std::hex << h->code;
-    EXPECT_EQ(h->region_pointer, h);
-    EXPECT_EQ(h->next_block, nullptr);
+  for (block* h = head; h != nullptr; h = run.ctx.block_at(h->next_region)) {
+    EXPECT_EQ(neighbours(run.ctx, h), expected.at(h->code)) << std::hex << h->code;
+    EXPECT_EQ(h->region_pointer, run.ctx.id(h));
+    EXPECT_EQ(h->next_block, 0u);
     EXPECT_EQ(h->status, 0);
-    EXPECT_EQ(h->nb_pointers[1]->next, nullptr);
-    EXPECT_EQ(h->nb_pointers[1]->region->code, expected.at(h->code).back());
+    EXPECT_EQ(run.ctx.entry_at(h->nb_pointers[1])->next, 0u);
+    EXPECT_EQ(run.ctx.block_at(run.ctx.entry_at(h->nb_pointers[1])->region)->code,
+              expected.at(h->code).back());
   }
   free_regionlist(run.ctx, head);
 }
@@ -92,11 +93,11 @@ TEST(Adjacency, FourByFourByTwoVolume) {
   prepared_run run(img, {4, 2, 2, 1, 1, 1, 10});
   block* head = build_regions(run);
   ASSERT_NE(head, nullptr);
-  EXPECT_EQ(region_order(head), (std::vector<std::uint32_t>{0x20, 0x30, 0x40, 0x50, 0x60, 0x70,
+  EXPECT_EQ(region_order(run.ctx, head), (std::vector<std::uint32_t>{0x20, 0x30, 0x40, 0x50, 0x60, 0x70,
                                                             0x80, 0x11, 0x12, 0x13, 0x14}));
-  EXPECT_EQ(neighbours(find(head, 0x50)),
+  EXPECT_EQ(neighbours(run.ctx, find(run.ctx, head, 0x50)),
             (std::vector<std::uint32_t>{0x14, 0x13, 0x12, 0x11, 0x60, 0x70}));
-  EXPECT_EQ(neighbours(find(head, 0x60)), (std::vector<std::uint32_t>{0x20, 0x50, 0x80}));
+  EXPECT_EQ(neighbours(run.ctx, find(run.ctx, head, 0x60)), (std::vector<std::uint32_t>{0x20, 0x50, 0x80}));
   free_regionlist(run.ctx, head);
 }
 
@@ -159,7 +160,7 @@ TEST(Adjacency, MatchesBruteForceOnRandomTilings) {
         if (head == nullptr) continue;  // uniform image
         std::vector<block*> blocks;
         int pixels = 0;
-        for (block* h = head; h != nullptr; h = h->next_region) {
+        for (block* h = head; h != nullptr; h = run.ctx.block_at(h->next_region)) {
           blocks.push_back(h);
           pixels += run.ctx.pixels_perblock[level(run.ctx, h->code)];
         }
@@ -174,8 +175,8 @@ TEST(Adjacency, MatchesBruteForceOnRandomTilings) {
         for (block* b : blocks) boxes.push_back(box_of(run.ctx, b->code));
         for (std::size_t i = 0; i < blocks.size(); ++i) {
           std::multiset<const block*> listed;
-          for (const nb_node* e = blocks[i]->nb_pointers[0]; e != nullptr; e = e->next)
-            listed.insert(e->region);
+          for (const nb_node* e = run.ctx.entry_at(blocks[i]->nb_pointers[0]); e != nullptr; e = run.ctx.entry_at(e->next))
+            listed.insert(run.ctx.block_at(e->region));
           std::multiset<const block*> truth;
           for (std::size_t j = 0; j < blocks.size(); ++j)
             if (j != i && share_face(boxes[i], boxes[j])) truth.insert(blocks[j]);
@@ -190,8 +191,8 @@ TEST(Adjacency, MatchesBruteForceOnRandomTilings) {
 
 // Gives every region of one class the same statistics, so that the range
 // predicate accepts a candidate exactly when it is of the growing region's class.
-void assign_classes(block* head, const std::set<std::uint32_t>& class_p) {
-  for (block* h = head; h != nullptr; h = h->next_region) {
+void assign_classes(const run_context& ctx, block* head, const std::set<std::uint32_t>& class_p) {
+  for (block* h = head; h != nullptr; h = ctx.block_at(h->next_region)) {
     const std::int64_t v = class_p.count(h->code) ? 0 : 100;
     h->variables[0] = v;
     h->variables[1] = v;
@@ -203,16 +204,16 @@ const std::set<std::uint32_t> pixels_class = {0x11, 0x12, 0x13, 0x14};
 TEST(SequentialGrouping, AcceptingEveryCandidateGrowsDepthFirst) {
   prepared_run run = plane_example();
   block* head = build_regions(run);
-  assign_classes(head, {0x11, 0x12, 0x13, 0x14, 0x20, 0x30, 0x40});
+  assign_classes(run.ctx, head, {0x11, 0x12, 0x13, 0x14, 0x20, 0x30, 0x40});
   std::string printed;
   run.ctx.out = [&](std::string_view s) { printed.append(s); };
   block* result = sequential_grouping(run.ctx, head);
   EXPECT_EQ(printed, "finished sequential grouping\n");
   EXPECT_EQ(result->code, 0x20u);
-  EXPECT_EQ(chain(result), (std::vector<std::uint32_t>{0x20, 0x14, 0x12, 0x11, 0x13, 0x30, 0x40}));
-  EXPECT_EQ(result->nb_pointers[0], nullptr);
-  EXPECT_EQ(result->nb_pointers[1], nullptr);
-  EXPECT_EQ(result->next_region, nullptr);
+  EXPECT_EQ(chain(run.ctx, result), (std::vector<std::uint32_t>{0x20, 0x14, 0x12, 0x11, 0x13, 0x30, 0x40}));
+  EXPECT_EQ(result->nb_pointers[0], 0u);
+  EXPECT_EQ(result->nb_pointers[1], 0u);
+  EXPECT_EQ(result->next_region, 0u);
   free_regionlist(run.ctx, result);
   EXPECT_EQ(run.ctx.allocator.live(), 4) << "only the frame and the tables remain";
 }
@@ -220,18 +221,18 @@ TEST(SequentialGrouping, AcceptingEveryCandidateGrowsDepthFirst) {
 TEST(SequentialGrouping, TwoClasses) {
   prepared_run run = plane_example();
   block* head = build_regions(run);
-  assign_classes(head, pixels_class);
+  assign_classes(run.ctx, head, pixels_class);
   block* result = sequential_grouping(run.ctx, head);
   EXPECT_EQ(result->code, 0x20u);
-  EXPECT_EQ(chain(result), (std::vector<std::uint32_t>{0x20, 0x40, 0x30}));
-  EXPECT_EQ(neighbours(result).size(), 3u);
-  EXPECT_EQ(resolved_neighbours(result), (std::vector<std::uint32_t>{0x11, 0x11, 0x11}));
-  block* second = result->next_region;
+  EXPECT_EQ(chain(run.ctx, result), (std::vector<std::uint32_t>{0x20, 0x40, 0x30}));
+  EXPECT_EQ(neighbours(run.ctx, result).size(), 3u);
+  EXPECT_EQ(resolved_neighbours(run.ctx, result), (std::vector<std::uint32_t>{0x11, 0x11, 0x11}));
+  block* second = run.ctx.block_at(result->next_region);
   ASSERT_NE(second, nullptr);
   EXPECT_EQ(second->code, 0x11u);
-  EXPECT_EQ(chain(second), (std::vector<std::uint32_t>{0x11, 0x12, 0x14, 0x13}));
-  EXPECT_EQ(resolved_neighbours(second), (std::vector<std::uint32_t>{0x20}));
-  EXPECT_EQ(second->next_region, nullptr);
+  EXPECT_EQ(chain(run.ctx, second), (std::vector<std::uint32_t>{0x11, 0x12, 0x14, 0x13}));
+  EXPECT_EQ(resolved_neighbours(run.ctx, second), (std::vector<std::uint32_t>{0x20}));
+  EXPECT_EQ(second->next_region, 0u);
   EXPECT_EQ(result->status, 2);
   EXPECT_EQ(second->status, 2);
   free_regionlist(run.ctx, result);
@@ -241,7 +242,7 @@ TEST(SequentialGrouping, TwoClasses) {
 TEST(SequentialGrouping, DisplayPaintsEachTurnInItsColour) {
   prepared_run run = plane_example();
   block* head = build_regions(run);
-  assign_classes(head, pixels_class);
+  assign_classes(run.ctx, head, pixels_class);
   block* result = sequential_grouping_disp(run.ctx, head);
   EXPECT_EQ(run.ctx.cur_color, 2) << "two turns: 0x20 and 0x11";
   const std::int32_t* f = run.ctx.smg_disp_cur->pixels;
@@ -253,7 +254,7 @@ TEST(SequentialGrouping, DisplayPaintsEachTurnInItsColour) {
 TEST(ParallelGrouping, TwoSeedsOfTheLargestLevel) {
   prepared_run run = plane_example();
   block* head = build_regions(run);
-  assign_classes(head, pixels_class);
+  assign_classes(run.ctx, head, pixels_class);
   run.ctx.max_seed = 2;
   run.ctx.use_all_seeds = 0;
   std::string printed;
@@ -263,10 +264,10 @@ TEST(ParallelGrouping, TwoSeedsOfTheLargestLevel) {
   EXPECT_EQ(printed, "finished parallell grouping\nfinished sequential grouping\n");
   block* first = result.value;
   EXPECT_EQ(first->code, 0x30u);
-  EXPECT_EQ(chain(first), (std::vector<std::uint32_t>{0x30, 0x20, 0x40}));
-  ASSERT_NE(first->next_region, nullptr);
-  EXPECT_EQ(chain(first->next_region), (std::vector<std::uint32_t>{0x11, 0x12, 0x14, 0x13}));
-  EXPECT_EQ(first->next_region->next_region, nullptr);
+  EXPECT_EQ(chain(run.ctx, first), (std::vector<std::uint32_t>{0x30, 0x20, 0x40}));
+  ASSERT_NE(first->next_region, 0u);
+  EXPECT_EQ(chain(run.ctx, run.ctx.block_at(first->next_region)), (std::vector<std::uint32_t>{0x11, 0x12, 0x14, 0x13}));
+  EXPECT_EQ(run.ctx.block_at(first->next_region)->next_region, 0u);
   free_regionlist(run.ctx, first);
   EXPECT_EQ(run.ctx.allocator.live(), 4);
 }
@@ -274,16 +275,16 @@ TEST(ParallelGrouping, TwoSeedsOfTheLargestLevel) {
 TEST(ParallelGrouping, FiveSeedsOfAnyLevel) {
   prepared_run run = plane_example();
   block* head = build_regions(run);
-  assign_classes(head, pixels_class);
+  assign_classes(run.ctx, head, pixels_class);
   run.ctx.max_seed = 5;
   run.ctx.use_all_seeds = 1;
   const auto result = parallel_grouping(run.ctx, head);
   ASSERT_EQ(check_pointer(result), 0);
   block* first = result.value;
-  EXPECT_EQ(chain(first), (std::vector<std::uint32_t>{0x30, 0x20, 0x40}));
-  ASSERT_NE(first->next_region, nullptr);
-  EXPECT_EQ(chain(first->next_region), (std::vector<std::uint32_t>{0x12, 0x11, 0x14, 0x13}));
-  EXPECT_EQ(first->next_region->status, 2);
+  EXPECT_EQ(chain(run.ctx, first), (std::vector<std::uint32_t>{0x30, 0x20, 0x40}));
+  ASSERT_NE(first->next_region, 0u);
+  EXPECT_EQ(chain(run.ctx, run.ctx.block_at(first->next_region)), (std::vector<std::uint32_t>{0x12, 0x11, 0x14, 0x13}));
+  EXPECT_EQ(run.ctx.block_at(first->next_region)->status, 2);
   free_regionlist(run.ctx, first);
 }
 
@@ -291,13 +292,13 @@ TEST(ParallelGrouping, OneSeedAndMoreSlotsThanRegions) {
   for (const int seeds : {1, 50}) {
     prepared_run run = plane_example();
     block* head = build_regions(run);
-    assign_classes(head, pixels_class);
+    assign_classes(run.ctx, head, pixels_class);
     run.ctx.max_seed = seeds;
     run.ctx.use_all_seeds = 1;
     const auto result = parallel_grouping(run.ctx, head);
     ASSERT_EQ(check_pointer(result), 0);
     int regions = 0;
-    for (block* h = result.value; h != nullptr; h = h->next_region) {
+    for (block* h = result.value; h != nullptr; h = run.ctx.block_at(h->next_region)) {
       ++regions;
       EXPECT_EQ(h->status, 2);
     }
@@ -310,12 +311,12 @@ TEST(ParallelGrouping, OneSeedAndMoreSlotsThanRegions) {
 TEST(ParallelGrouping, AFailedSeedTableChangesNothing) {
   prepared_run run = plane_example();
   block* head = build_regions(run);
-  assign_classes(head, pixels_class);
+  assign_classes(run.ctx, head, pixels_class);
   run.ctx.max_seed = 3;
   run.ctx.allocator.fail_at(run.ctx.allocator.requests() + 1);
   const auto result = parallel_grouping(run.ctx, head);
   EXPECT_EQ(check_pointer(result), -1);
-  for (block* h = head; h != nullptr; h = h->next_region) EXPECT_EQ(h->status, 0);
+  for (block* h = head; h != nullptr; h = run.ctx.block_at(h->next_region)) EXPECT_EQ(h->status, 0);
   free_regionlist(run.ctx, head);
   EXPECT_EQ(run.ctx.allocator.live(), 4);
 }

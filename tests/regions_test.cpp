@@ -24,6 +24,9 @@ namespace {
 using testing::chain;
 using testing::plane_example;
 using testing::prepared_run;
+using testing::make_head;
+using testing::link_regions;
+using testing::set_entries;
 
 // The plane example grouped into two classes: 0x20 (0x20, 0x40, 0x30) and
 // 0x11 (the four single pixels).
@@ -32,7 +35,7 @@ block* two_regions(prepared_run& run) {
   smg_merge(run.ctx, built.value);
   smg_split(run.ctx, built.value);
   block* head = group_init(run.ctx, built.value).value;
-  for (block* h = head; h != nullptr; h = h->next_region) {
+  for (block* h = head; h != nullptr; h = run.ctx.block_at(h->next_region)) {
     const std::int64_t v = (h->code & 0xF) != 0 ? 0 : 100;
     h->variables[0] = v;
     h->variables[1] = v;
@@ -51,16 +54,20 @@ TEST(Elimination, ASmallRegionJoinsItsOnlyNeighbour) {
   prepared_run run = plane_example();
   block* head = two_regions(run);
   run.ctx.small_size = 5;
-  block* small = head->next_region;
+  block* small = run.ctx.block_at(head->next_region);
+  EXPECT_EQ(head->pixels, 12u);
+  EXPECT_EQ(small->pixels, 4u);
   region_elimination(run.ctx, head);
-  EXPECT_EQ(chain(head),
+  EXPECT_EQ(chain(run.ctx, head),
             (std::vector<std::uint32_t>{0x20, 0x40, 0x30, 0x11, 0x12, 0x14, 0x13}));
-  EXPECT_EQ(small->region_pointer, nullptr);
-  EXPECT_EQ(head->next_region, small) << "the absorbed head stays linked until cleaning";
+  EXPECT_EQ(small->region_pointer, 0u);
+  EXPECT_EQ(head->next_region, run.ctx.id(small))
+      << "the absorbed head stays linked until cleaning";
   EXPECT_EQ(head->variables[0], 0) << "statistics updated by default";
+  EXPECT_EQ(head->pixels, 16u) << "the pixel count follows the union";
   head = clean_regionlist(run.ctx, head);
   EXPECT_EQ(run.ctx.number_regions, 0);
-  EXPECT_EQ(head->next_region, nullptr);
+  EXPECT_EQ(head->next_region, 0u);
   free_regionlist(run.ctx, head);
   EXPECT_EQ(run.ctx.allocator.live(), 4);
 }
@@ -82,7 +89,7 @@ TEST(Elimination, RegionsOfExactlyTheSizeAndNonPositiveSizesStay) {
     block* head = two_regions(run);
     run.ctx.small_size = size;
     region_elimination(run.ctx, head);
-    EXPECT_NE(head->next_region->region_pointer, nullptr) << "small_size " << size;
+    EXPECT_NE(run.ctx.block_at(head->next_region)->region_pointer, 0u) << "small_size " << size;
     free_regionlist(run.ctx, head);
   }
 }
@@ -91,74 +98,66 @@ TEST(Elimination, TheMostSimilarNeighbourWinsAndTiesGoToTheFirstEntry) {
   prepared_run run = plane_example();
   run.ctx.pred_choice = 2;  // sum statistics: compare integer means
   // Hand-made regions: r (small) with neighbours a, b, c.
-  block r, a, b, c;
-  for (block* x : {&r, &a, &b, &c}) x->region_pointer = x;
-  r.code = 0x11;
-  a.code = 0x20;
-  b.code = 0x30;
-  c.code = 0x40;
-  r.variables[0] = 100, r.variables[1] = 1;
-  a.variables[0] = 90 * 16, a.variables[1] = 16;   // distance 10
-  b.variables[0] = 104 * 16, b.variables[1] = 16;  // distance 4
-  c.variables[0] = 96 * 16, c.variables[1] = 16;   // distance 4, later entry
-  nb_node ra{&a, nullptr}, rb{&b, nullptr}, rc{&c, nullptr};
-  ra.next = &rb;
-  rb.next = &rc;
-  r.nb_pointers[0] = &ra;
-  r.nb_pointers[1] = &rc;
-  nb_node br{&r, nullptr};
-  b.nb_pointers[0] = b.nb_pointers[1] = &br;
-  r.next_region = &a;
-  a.next_region = &b;
-  b.next_region = &c;
+  run_context& ctx = run.ctx;
+  block& r = *make_head(ctx, 0x11);
+  block& a = *make_head(ctx, 0x20);
+  block& b = *make_head(ctx, 0x30);
+  block& c = *make_head(ctx, 0x40);
+  r.variables[0] = 100, r.variables[1] = 1, r.pixels = 1;
+  a.variables[0] = 90 * 16, a.variables[1] = 16, a.pixels = 16;   // distance 10
+  b.variables[0] = 104 * 16, b.variables[1] = 16, b.pixels = 16;  // distance 4
+  c.variables[0] = 96 * 16, c.variables[1] = 16, c.pixels = 16;   // distance 4, later entry
+  set_entries(ctx, &r, {&a, &b, &c});
+  set_entries(ctx, &b, {&r});
+  link_regions(ctx, {&r, &a, &b, &c});
   run.ctx.small_size = 2;
   region_elimination(run.ctx, &r);
-  EXPECT_EQ(r.region_pointer, nullptr);
-  EXPECT_EQ(b.next_block, &r) << "r joined b, the first of the two closest";
+  EXPECT_EQ(r.region_pointer, 0u);
+  EXPECT_EQ(b.next_block, ctx.id(&r)) << "r joined b, the first of the two closest";
   EXPECT_EQ(b.variables[0], 104 * 16 + 100);
+  EXPECT_EQ(b.pixels, 17u);
+  ctx.release_records();
 }
 
 TEST(Cleaning, RepeatsAreRemovedAndTheLastEntryIsKept) {
   run_context ctx;
-  block r, e, f, g;
-  for (block* x : {&r, &e, &f, &g}) x->region_pointer = x;
-  std::vector<nb_node*> entries;
-  for (block* x : {&e, &f, &e, &g, &f})
-    entries.push_back(new_nb_node(ctx, x, nullptr));
-  for (std::size_t i = 0; i + 1 < entries.size(); ++i) entries[i]->next = entries[i + 1];
-  r.nb_pointers[0] = entries.front();
-  r.nb_pointers[1] = entries.back();
+  block& r = *make_head(ctx, 0x10);
+  block& e = *make_head(ctx, 0x20);
+  block& f = *make_head(ctx, 0x30);
+  block& g = *make_head(ctx, 0x40);
+  set_entries(ctx, &r, {&e, &f, &e, &g, &f});
   EXPECT_EQ(clean_regionlist(ctx, &r), &r);
   std::vector<block*> left;
-  for (nb_node* x = r.nb_pointers[0]; x != nullptr; x = x->next) left.push_back(x->region);
+  for (nb_node* x = ctx.entry_at(r.nb_pointers[0]); x != nullptr; x = ctx.entry_at(x->next))
+    left.push_back(ctx.block_at(x->region));
   EXPECT_EQ(left, (std::vector<block*>{&e, &f, &g}));
-  EXPECT_EQ(r.nb_pointers[1]->region, &g);
-  EXPECT_EQ(r.nb_pointers[1]->next, nullptr);
+  EXPECT_EQ(ctx.entry_at(r.nb_pointers[1])->region, ctx.id(&g));
+  EXPECT_EQ(ctx.entry_at(r.nb_pointers[1])->next, 0u);
   for (block* x : {&e, &f, &g}) EXPECT_EQ(x->status, 0);
   EXPECT_EQ(ctx.number_regions, 0);
-  free_cur_np(ctx, r.nb_pointers[0]);
+  free_cur_np(ctx, ctx.entry_at(r.nb_pointers[0]));
+  EXPECT_EQ(ctx.entries.live(), 0) << "the repeats were released, the rest by the caller";
+  for (block* x : {&r, &e, &f, &g}) release_block(ctx, x);
   EXPECT_EQ(ctx.allocator.live(), 0);
 }
 
 TEST(Cleaning, AbsorbedHeadsAreDroppedAndEntriesResolved) {
   run_context ctx;
-  block x, a, b, c;  // list: x (absorbed into a), a, b, c
-  x.region_pointer = nullptr;
-  for (block* h : {&a, &b, &c}) h->region_pointer = h;
-  nb_node forward{&a, nullptr};
-  x.nb_pointers[0] = &forward;
-  x.next_region = &a;
-  a.next_region = &b;
-  b.next_region = &c;
-  nb_node to_x{&x, nullptr};  // b names the absorbed x
-  b.nb_pointers[0] = b.nb_pointers[1] = &to_x;
+  // list: x (absorbed into a), a, b, c
+  block& x = *make_head(ctx, 0x11);
+  block& a = *make_head(ctx, 0x20);
+  block& b = *make_head(ctx, 0x30);
+  block& c = *make_head(ctx, 0x40);
+  x.region_pointer = 0;
+  set_entries(ctx, &x, {&a});  // the forwarding entry
+  link_regions(ctx, {&x, &a, &b, &c});
+  nb_node& to_x = *set_entries(ctx, &b, {&x}).front();  // b names the absorbed x
   EXPECT_EQ(clean_regionlist(ctx, &x), &a);
   EXPECT_EQ(ctx.number_regions, 2) << "three live regions";
-  EXPECT_EQ(to_x.region, &a);
-  block empty;  // a live region without neighbours is left as it is
-  empty.region_pointer = &empty;
+  EXPECT_EQ(to_x.region, ctx.id(&a));
+  block& empty = *make_head(ctx, 0x50);  // a live region without neighbours is left as it is
   EXPECT_EQ(clean_regionlist(ctx, &empty), &empty);
-  EXPECT_EQ(empty.nb_pointers[0], nullptr);
+  EXPECT_EQ(empty.nb_pointers[0], 0u);
 }
 
 std::vector<char> sort_names(std::vector<std::pair<char, std::uint32_t>> items, bool fast) {
@@ -204,15 +203,15 @@ TEST(Sorting, LargerRegionsComeFirst) {
   block* head = two_regions(run);  // 12 pixels, then 4
   // Put the small region first and sort.
   block* big = head;
-  block* small = head->next_region;
-  small->next_region = big;
-  big->next_region = nullptr;
+  block* small = run.ctx.block_at(head->next_region);
+  small->next_region = run.ctx.id(big);
+  big->next_region = 0;
   run.ctx.number_regions = 1;
   const auto sorted = sort_regionlist(run.ctx, small);
   ASSERT_EQ(check_pointer(sorted), 0);
   EXPECT_EQ(sorted.value, big);
-  EXPECT_EQ(big->next_region, small);
-  EXPECT_EQ(small->next_region, nullptr);
+  EXPECT_EQ(big->next_region, run.ctx.id(small));
+  EXPECT_EQ(small->next_region, 0u);
   free_regionlist(run.ctx, big);
 }
 
@@ -231,14 +230,13 @@ TEST(LabelImage, AVolumeBlockCoversAllItsSlices) {
   // 8x8x2, lim_oct_level 2: a level-3 block spans both slices.
   std::vector<std::int32_t> img(128, 9);
   prepared_run run(img, {8, 2, 3, 2, 1, 1, 10});
-  block whole, other;
-  whole.code = 0x0;
-  whole.region_pointer = &whole;
-  whole.next_region = &other;
-  other.code = 0x100;  // level 2: 4x4, one slice (level 2 = lim_oct_level)
-  other.region_pointer = &other;
+  block& whole = *make_head(run.ctx, 0x0);
+  // level 2: 4x4, one slice (level 2 = lim_oct_level)
+  block& other = *make_head(run.ctx, 0x100);
+  link_regions(run.ctx, {&whole, &other});
   std::vector<std::int32_t> labels(128, -1);
   make_output(run.ctx, &whole, labels.data());
+  run.ctx.release_records();
   for (int i = 0; i < 128; ++i) {
     const int x = i % 8, y = (i / 8) % 8, z = i / 64;
     EXPECT_EQ(labels[static_cast<std::size_t>(i)], (z == 0 && x < 4 && y < 4) ? 1 : 0) << i;
@@ -250,19 +248,15 @@ TEST(RegionFile, TwoNeighbouringRegions) {
   ctx.im_format_xy = 4;
   ctx.im_format_z = 1;
   ctx.pred_choice = 4;
-  block a, b;
-  a.code = 0x20;
+  block& a = *make_head(ctx, 0x20);
   a.variables[0] = 800;
   a.variables[1] = 4;
-  a.region_pointer = &a;
-  b.code = 0x420;
+  block& b = *make_head(ctx, 0x420);
   b.variables[0] = 12;
   b.variables[1] = 1;
-  b.region_pointer = &b;
-  a.next_region = &b;
-  nb_node ab{&b, nullptr}, ba{&a, nullptr};
-  a.nb_pointers[0] = a.nb_pointers[1] = &ab;
-  b.nb_pointers[0] = b.nb_pointers[1] = &ba;
+  link_regions(ctx, {&a, &b});
+  set_entries(ctx, &a, {&b});
+  set_entries(ctx, &b, {&a});
   const testing::temp_folder folder;
   const auto path = folder.file("two_regions.txt");
   ASSERT_EQ(save_regionlist(ctx, &a, path.c_str()), 0);
@@ -272,6 +266,7 @@ TEST(RegionFile, TwoNeighbouringRegions) {
             "12 1\n420\n0\n0\n-1\n");
   EXPECT_EQ(a.variables[0], 0) << "heads keep their indices";
   EXPECT_EQ(b.variables[0], 1);
+  ctx.release_records();
   EXPECT_EQ(ctx.allocator.live(), 0);
   std::filesystem::remove(path);
 }
@@ -281,10 +276,9 @@ TEST(RegionFile, TheWholeImageAndAnUnwritablePath) {
   ctx.im_format_xy = 8;
   ctx.im_format_z = 2;
   ctx.pred_choice = 1;
-  block whole;
+  block& whole = *make_head(ctx, 0);
   whole.variables[0] = 3;
   whole.variables[1] = 9;
-  whole.region_pointer = &whole;
   const testing::temp_folder folder;
   const auto path = folder.file("whole.txt");
   ASSERT_EQ(save_regionlist(ctx, &whole, path.c_str()), 0);
@@ -292,7 +286,7 @@ TEST(RegionFile, TheWholeImageAndAnUnwritablePath) {
   std::filesystem::remove(path);
   whole.variables[0] = 3;
   EXPECT_EQ(save_regionlist(ctx, &whole, "/nonexistent-dir/regions.txt"), -2);
-  EXPECT_EQ(ctx.allocator.live(), 0);
+  EXPECT_EQ(ctx.allocator.live(), 1) << "only the block array";
   ctx.allocator.fail_at(ctx.allocator.requests() + 1);
   EXPECT_EQ(save_regionlist(ctx, &whole, path.c_str()), -1);
   EXPECT_FALSE(std::filesystem::exists(path));

@@ -29,7 +29,7 @@ TEST(InitialBlocks, EightByEightInZOrder) {
   const std::vector<std::uint32_t> expected = {0x110, 0x120, 0x130, 0x140, 0x210, 0x220,
                                                0x230, 0x240, 0x310, 0x320, 0x330, 0x340,
                                                0x410, 0x420, 0x430, 0x440};
-  EXPECT_EQ(chain(built.value[0]), expected);
+  EXPECT_EQ(chain(run.ctx, built.value[0]), expected);
   const int columns[] = {0, 2, 0, 2, 4, 6, 4, 6, 0};
   const int rows[] = {0, 0, 2, 2, 0, 0, 2, 2, 4};
   for (std::uint32_t i = 0; i < 16; ++i) {
@@ -47,12 +47,12 @@ TEST(InitialBlocks, EightByEightInZOrder) {
 TEST(InitialBlocks, OneGroupAndSinglePixels) {
   prepared_run top(std::vector<std::int32_t>(16, 0), {4, 1, 2, 2, 1, 1, 10});
   auto built = init_blocklist(top.ctx);
-  EXPECT_EQ(chain(built.value[0]), (std::vector<std::uint32_t>{0x10, 0x20, 0x30, 0x40}));
+  EXPECT_EQ(chain(top.ctx, built.value[0]), (std::vector<std::uint32_t>{0x10, 0x20, 0x30, 0x40}));
   free_blocklist(top.ctx, built.value);
 
   prepared_run pixels(std::vector<std::int32_t>(32, 0), {4, 2, 2, 1, 0, 1, 10});
   built = init_blocklist(pixels.ctx);
-  const auto codes = chain(built.value[0]);
+  const auto codes = chain(pixels.ctx, built.value[0]);
   ASSERT_EQ(codes.size(), 32u);
   EXPECT_EQ(codes.front(), 0x11u);
   EXPECT_EQ(codes[4], 0x21u);
@@ -74,7 +74,7 @@ TEST(Merge, UniformImagesOfEveryShapeEndAsTheWholeImage) {
     ASSERT_TRUE(run.ok);
     const auto built = init_blocklist(run.ctx);
     smg_merge(run.ctx, built.value);
-    EXPECT_EQ(chain(built.value[0]), (std::vector<std::uint32_t>{0u}))
+    EXPECT_EQ(chain(run.ctx, built.value[0]), (std::vector<std::uint32_t>{0u}))
         << "size " << s.size_x << "x" << s.size_z << " init " << s.init_level;
     const std::int32_t cells = run.ctx.voxels_image / run.ctx.pixels_perblock[s.init_level];
     for (std::int32_t i = 1; i < cells; ++i) EXPECT_EQ(built.value[i], nullptr);
@@ -91,7 +91,7 @@ TEST(Merge, CellsMergeOnlyWhenAllChildrenAreAccepted) {
   prepared_run run(img, {8, 1, 3, 3, 1, 1, 10});
   const auto built = init_blocklist(run.ctx);
   smg_merge(run.ctx, built.value);
-  const auto codes = chain(built.value[0]);
+  const auto codes = chain(run.ctx, built.value[0]);
   EXPECT_EQ(codes.front(), 0x100u);
   EXPECT_EQ(codes.size(), 13u);
   EXPECT_EQ(built.value[0]->code, 0x100u);
@@ -113,16 +113,16 @@ TEST(Split, ReplacesAFailedBlockByItsSonsInZOrder) {
   prepared_run run(one_rough_block(), {8, 1, 3, 3, 1, 1, 10});
   const auto built = init_blocklist(run.ctx);
   smg_merge(run.ctx, built.value);
-  EXPECT_EQ(chain(built.value[0]), (std::vector<std::uint32_t>{0x100, 0x210, 0x220, 0x230,
+  EXPECT_EQ(chain(run.ctx, built.value[0]), (std::vector<std::uint32_t>{0x100, 0x210, 0x220, 0x230,
                                                                      0x240, 0x300, 0x400}));
   EXPECT_EQ(smg_split(run.ctx, built.value), 0);
-  EXPECT_EQ(chain(built.value[0]),
+  EXPECT_EQ(chain(run.ctx, built.value[0]),
             (std::vector<std::uint32_t>{0x100, 0x210, 0x220, 0x231, 0x232, 0x233, 0x234, 0x240,
                                         0x300, 0x400}));
   const int expected_columns[] = {4, 5, 4, 5};
   const int expected_rows[] = {2, 2, 3, 3};
   const block* b = built.value[6];  // slot of 0x230 keeps its record, now son 1
-  for (int k = 0; k < 4; ++k, b = b->next_block) {
+  for (int k = 0; k < 4; ++k, b = run.ctx.block_at(b->next_block)) {
     const block_position p = coordinates(run.ctx, b->code, 0);
     EXPECT_EQ(p.column, expected_columns[k]);
     EXPECT_EQ(p.row, expected_rows[k] * 8);
@@ -155,7 +155,7 @@ TEST(Split, BlocksThatFailEverywhereEndAsSinglePixels) {
   const auto built = init_blocklist(run.ctx);
   smg_merge(run.ctx, built.value);
   ASSERT_EQ(smg_split(run.ctx, built.value), 0);
-  const auto codes = chain(built.value[0]);
+  const auto codes = chain(run.ctx, built.value[0]);
   ASSERT_EQ(codes.size(), 64u);
   for (std::size_t i = 0; i < codes.size(); ++i) {
     EXPECT_EQ(level(run.ctx, codes[i]), 0);
@@ -177,7 +177,7 @@ TEST(Split, OctreeSonsHalveTheDepthAndQuadtreeSonsKeepIt) {
   const auto built = init_blocklist(run.ctx);
   smg_merge(run.ctx, built.value);
   ASSERT_EQ(smg_split(run.ctx, built.value), 0);
-  const auto codes = chain(built.value[0]);
+  const auto codes = chain(run.ctx, built.value[0]);
   // The first 4x4x2 block splits into eight 2x2x1 sons; son 5 (slice 1,
   // columns 0-1, rows 0-1) fails again and splits into four one-slice pixels.
   ASSERT_GE(codes.size(), 12u);
@@ -195,9 +195,9 @@ TEST(Split, InitialLevelZeroSplitsNothing) {
   run.ctx.var_thresh[0] = -1.0f;  // make single pixels fail their test
   const auto built = init_blocklist(run.ctx);
   smg_merge(run.ctx, built.value);
-  const auto before = chain(built.value[0]);
+  const auto before = chain(run.ctx, built.value[0]);
   EXPECT_EQ(smg_split(run.ctx, built.value), 0);
-  EXPECT_EQ(chain(built.value[0]), before);
+  EXPECT_EQ(chain(run.ctx, built.value[0]), before);
   free_blocklist(run.ctx, built.value);
 }
 

@@ -91,6 +91,10 @@ struct options {
   // Polled between the phases of the run; returning true ends the run with
   // status_interrupted after releasing everything it built. Must not throw.
   std::function<bool()> interrupt;
+  // Threads for the steps whose results cannot depend on them (the search
+  // for adjacent blocks, the label image); 0 uses every core, 1 runs
+  // single-threaded. Results are identical for every count.
+  std::int32_t threads = 0;
 };
 
 struct region_record {

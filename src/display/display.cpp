@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string>
 
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 
 namespace splitmerge {
 
@@ -117,7 +117,7 @@ void smg_dfill_block(run_context& ctx, std::int32_t column, std::int32_t row, st
 }
 
 void smg_dfill_region(run_context& ctx, std::int32_t value, const block* head) noexcept {
-  for (const block* b = head; b != nullptr; b = b->next_block) {
+  for (const block* b = head; b != nullptr; b = ctx.block_at(b->next_block)) {
     const std::int32_t lvl = level(ctx, b->code);
     smg_dfill_block(ctx, coordinates(ctx, b->code, lvl), sizes_block(ctx, lvl),
                     static_cast<std::uint32_t>(value));

@@ -45,7 +45,7 @@ list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
   }
 
   block* first = list[0];
-  if (first->next_block == nullptr) {
+  if (first->next_block == 0) {
     // The whole image is one homogeneous block.
     make_one_region(ctx, first);
     ctx.allocator.release(list);
@@ -88,7 +88,7 @@ list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
   ctx.print("finished grouping\n");
   if (stop(head)) return result::failure(status_interrupted);
 
-  if (head->nb_pointers[0] == nullptr) return result{head, 0};
+  if (head->nb_pointers[0] == 0) return result{head, 0};
 
   if (ctx.small_size != 0) {
     if (display != 0) {
@@ -133,6 +133,14 @@ std::int32_t prepare_run(run_context& ctx, const run_arguments& a) {
   ctx.interval_length = a.interval_length;
   ctx.smg_dsp_count = 1;
   ctx.smg_dsp_count_l = frame_interval;
+  // The blocks always tile the image, so there are never more blocks than
+  // voxels (a split in progress holds one more per level). Every adjacent
+  // pair shares a voxel face, so a list entry per face and side, plus the
+  // one open entry of the block being paired, bound the entries.
+  const auto voxels = static_cast<std::size_t>(ctx.voxels_image);
+  ctx.blocks.set_capacity(voxels + 64);
+  fill_digit_offsets(ctx);
+  ctx.entries.set_capacity(7 * voxels + 64);
 
   if (fill_blocks_per_level(ctx) != 0) return status_no_memory;
   if (fill_pixels_per_block(ctx) != 0) {
@@ -213,7 +221,7 @@ std::int32_t split_merge_group(run_context& ctx, const std::int32_t* image, std:
     ctx.print("No save_regionlist specified\n");
   }
   free_variables(ctx);
-  free_regionlist(ctx, head);
+  ctx.release_records();  // every block and entry in one step
   return 0;
 }
 

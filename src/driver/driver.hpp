@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 #include "records/records.hpp"
 
 namespace splitmerge {

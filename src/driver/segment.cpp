@@ -26,26 +26,29 @@ run_arguments arguments_of(const image_view& image, const parameters& p) {
                        p.rejection,       p.sigma,            p.pseudo_factor};
 }
 
-std::vector<region_record> collect(regionlist head) {
+std::vector<region_record> collect(const run_context& ctx, regionlist head) {
   std::vector<region_record> out;
   std::vector<std::int64_t> kept;
-  for (block* h = head; h != nullptr; h = h->next_region) {
+  for (block* h = head; h != nullptr; h = ctx.block_at(h->next_region)) {
     region_record r;
     r.statistics[0] = h->variables[0];
     r.statistics[1] = h->variables[1];
-    for (const block* b = h; b != nullptr; b = b->next_block) r.codes.push_back(b->code);
+    for (const block* b = h; b != nullptr; b = ctx.block_at(b->next_block))
+      r.codes.push_back(b->code);
     out.push_back(std::move(r));
     kept.push_back(h->variables[0]);
   }
   // Number the heads in their first statistic, as the region list file does.
   std::int64_t i = 0;
-  for (block* h = head; h != nullptr; h = h->next_region) h->variables[0] = i++;
+  for (block* h = head; h != nullptr; h = ctx.block_at(h->next_region)) h->variables[0] = i++;
   std::size_t k = 0;
-  for (block* h = head; h != nullptr; h = h->next_region, ++k)
-    for (const nb_node* e = h->nb_pointers[0]; e != nullptr; e = e->next)
-      out[k].neighbours.push_back(static_cast<std::int32_t>(e->region->variables[0]));
+  for (block* h = head; h != nullptr; h = ctx.block_at(h->next_region), ++k)
+    for (const nb_node* e = ctx.entry_at(h->nb_pointers[0]); e != nullptr;
+         e = ctx.entry_at(e->next))
+      out[k].neighbours.push_back(
+          static_cast<std::int32_t>(ctx.block_at(e->region)->variables[0]));
   k = 0;
-  for (block* h = head; h != nullptr; h = h->next_region) h->variables[0] = kept[k++];
+  for (block* h = head; h != nullptr; h = ctx.block_at(h->next_region)) h->variables[0] = kept[k++];
   return out;
 }
 
@@ -92,6 +95,7 @@ segmentation segment(const image_view& image, parameters p, const options& opts)
 
   run_context ctx;
   ctx.frame_budget = opts.frame_budget;
+  ctx.threads = opts.threads;
   ctx.err = opts.error_sink;
   std::string pending;
   ctx.out = [&](std::string_view text) {
@@ -112,7 +116,7 @@ segmentation segment(const image_view& image, parameters p, const options& opts)
   }
   ctx.interrupt = opts.interrupt;
   if (opts.collect_regions)
-    ctx.inspect_regions = [&](regionlist head) { result.regions = collect(head); };
+    ctx.inspect_regions = [&](regionlist head) { result.regions = collect(ctx, head); };
 
   const auto pixels = static_cast<std::size_t>(image.size_x) *
                       static_cast<std::size_t>(image.size_y) *

@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 #include "evaluation/evaluation.hpp"
 
 namespace splitmerge {

@@ -1,6 +1,6 @@
 #include <utility>
 
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 #include "evaluation/evaluation.hpp"
 
 namespace splitmerge {

@@ -2,7 +2,7 @@
 
 #include <bit>
 
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 
 namespace splitmerge {
 
@@ -61,6 +61,20 @@ block_position coordinates(const run_context& ctx, std::uint32_t code, std::int3
   p.row = ctx.im_format_xy * y;
   p.slice = ctx.voxels_slice * z;
   return p;
+}
+
+void fill_digit_offsets(run_context& ctx) noexcept {
+  for (std::int32_t j = 0; j < 8; ++j)
+    for (std::uint32_t n = 0; n < 16; ++n) {
+      std::int32_t at = 0;
+      if (j < ctx.max_level && n != 0) {
+        const std::uint32_t d = n - 1;
+        if (d & 1u) at += 1 << j;
+        if (d & 2u) at += ctx.im_format_xy << j;
+        if ((d & 4u) && j >= ctx.lim_oct_level) at += ctx.voxels_slice << (j - ctx.lim_oct_level);
+      }
+      ctx.digit_offset[j][n] = at;
+    }
 }
 
 std::int32_t fill_blocks_per_level(run_context& ctx) noexcept {

@@ -52,6 +52,8 @@ block_extent sizes_block(const run_context& ctx, std::int32_t lvl) noexcept;
 block_position coordinates(const run_context& ctx, std::uint32_t code, std::int32_t lvl) noexcept;
 
 std::int32_t fill_blocks_per_level(run_context& ctx) noexcept;
+// Fills the context's table of pixel offsets by level and digit.
+void fill_digit_offsets(run_context& ctx) noexcept;
 std::int32_t fill_pixels_per_block(run_context& ctx) noexcept;
 
 }  // namespace splitmerge

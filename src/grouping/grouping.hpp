@@ -2,8 +2,10 @@
 // growing, and the union of two regions.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
+#include "context/run_context.hpp"
 #include "records/records.hpp"
 
 namespace splitmerge {
@@ -13,19 +15,52 @@ class run_context;
 list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept;
 std::uint32_t find_adjacent(const run_context& ctx, std::uint32_t code, std::int32_t lvl,
                             std::int32_t axis) noexcept;
-list_result<block*> find_smaller_nbxy(run_context& ctx, block* p, blocklist list,
-                                      std::int32_t lvl, std::int32_t axis, nb_node*& front,
-                                      block* cur) noexcept;
-list_result<block*> find_smaller_nbz(run_context& ctx, block* p, blocklist list,
-                                     std::int32_t lvl, nb_node*& front, block* cur) noexcept;
-list_result<nb_node*> add_neighbour(run_context& ctx, nb_node* front, block* b,
-                                    block* cur) noexcept;
+
+// Where the neighbours found for one block go: consecutive block indices.
+struct pair_sink {
+  block_id* out = nullptr;
+  std::uint32_t count = 0;
+  void add(const run_context& ctx, const block* b) noexcept { out[count++] = ctx.id(b); }
+};
+
+// The leaves in chain order with their codes side by side, and the position
+// of each initial-level cell's first leaf. Codes increase strictly along the
+// chain, so the leaf that holds or starts a code is found by a binary search
+// within its cell instead of a walk along the chain.
+struct leaf_index {
+  block** leaves = nullptr;
+  std::uint32_t* codes = nullptr;
+  std::uint32_t* cell_start = nullptr;
+  // For every cell, the nearest slot at or below it that holds a block: the
+  // cell's own slot, or that of the larger block covering it.
+  std::uint32_t* covering_slot = nullptr;
+  std::size_t count = 0;
+
+  // The first leaf from `from` on whose code is not below a, before `limit`.
+  [[nodiscard]] std::size_t lower_bound(std::uint32_t a, std::size_t from,
+                                        std::size_t limit) const noexcept;
+};
+
+// The neighbours of leaf number `position` (of level lvl) that precede it
+// along one axis, in the order they touch it. Reads only the tree, so
+// several threads may look for the neighbours of different leaves at once.
+void pair_along(const run_context& ctx, blocklist list, const leaf_index& index,
+                std::size_t position, std::int32_t lvl, std::int32_t axis,
+                pair_sink& sink) noexcept;
+block* find_smaller_nbxy(const run_context& ctx, block* p, blocklist list, std::int32_t lvl,
+                         std::int32_t axis, pair_sink& sink) noexcept;
+block* find_smaller_nbz(const run_context& ctx, block* p, blocklist list, std::int32_t lvl,
+                        pair_sink& sink) noexcept;
 block* make_one_region(run_context& ctx, block* b) noexcept;
 
 // Follows forwarding entries until the entry names a live region.
-inline block* resolve(nb_node* e) noexcept {
-  while (e->region->region_pointer == nullptr) e->region = e->region->nb_pointers[0]->region;
-  return e->region;
+inline block* resolve(const run_context& ctx, nb_node* e) noexcept {
+  block* r = ctx.block_at(e->region);
+  while (r->region_pointer == 0) {
+    e->region = ctx.entry_at(r->nb_pointers[0])->region;
+    r = ctx.block_at(e->region);
+  }
+  return r;
 }
 
 void unite(run_context& ctx, block* a, block* b, nb_node* e) noexcept;

@@ -1,5 +1,5 @@
 #include "display/display.hpp"
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 #include "evaluation/evaluation.hpp"
 #include "geometry/geometry.hpp"
 #include "grouping/grouping.hpp"
@@ -25,27 +25,27 @@ template <bool Display>
 bool seed_turn(run_context& ctx, seed_table& seeds, block* s) {
   bool unchanged = true;
   nb_node* prev = nullptr;
-  nb_node* e = s->nb_pointers[0];
+  nb_node* e = ctx.entry_at(s->nb_pointers[0]);
   while (e != nullptr) {
-    block* n = resolve(e);
+    block* n = resolve(ctx, e);
     if (n == s || (n->status & 1u) != 0) {
       e = remove_entry(ctx, s, prev, e);
     } else if ((n->status & 2u) != 0) {
       n->status = 0;  // re-opened, but not tried in this turn
       prev = e;
-      e = e->next;
+      e = ctx.entry_at(e->next);
     } else if (eval_grow(ctx, s, n) == 0) {
       prev = e;
-      e = e->next;
+      e = ctx.entry_at(e->next);
     } else {
       if ((n->status & 4u) != 0) {
         n->status = 0;
         seeds.remove(n);
       }
-      nb_node* const next = e->next;
-      nb_node* const new_prev =
-          n->nb_pointers[0] != nullptr && n->nb_pointers[0]->next != nullptr ? n->nb_pointers[1]
-                                                                             : e;
+      nb_node* const next = ctx.entry_at(e->next);
+      nb_node* const new_prev = n->nb_pointers[0] != 0 && ctx.entry_at(n->nb_pointers[0])->next != 0
+                                    ? ctx.entry_at(n->nb_pointers[1])
+                                    : e;
       if constexpr (Display) {
         unite_disp(ctx, s, n, e);
       } else {
@@ -57,7 +57,8 @@ bool seed_turn(run_context& ctx, seed_table& seeds, block* s) {
       prev = new_prev;
     }
   }
-  for (nb_node* f = s->nb_pointers[0]; f != nullptr; f = f->next) f->region->status &= ~1u;
+  for (nb_node* f = ctx.entry_at(s->nb_pointers[0]); f != nullptr; f = ctx.entry_at(f->next))
+    ctx.block_at(f->region)->status &= ~1u;
   return !unchanged;
 }
 
@@ -69,8 +70,8 @@ list_result<regionlist> parallel_phase(run_context& ctx, regionlist head) {
   };
   // A run never has more seeds than regions: size the table by what it takes.
   std::int32_t wanted = 1;
-  for (block* x = head->next_region; x != nullptr && wanted < ctx.max_seed && takes_seed(x);
-       x = x->next_region)
+  for (block* x = ctx.block_at(head->next_region);
+       x != nullptr && wanted < ctx.max_seed && takes_seed(x); x = ctx.block_at(x->next_region))
     ++wanted;
   auto slots =
       create_array<block*>(ctx, static_cast<std::size_t>(wanted), alloc_site::seed_table);
@@ -79,8 +80,8 @@ list_result<regionlist> parallel_phase(run_context& ctx, regionlist head) {
   slots[0] = head;
   head->status = 4;
   if constexpr (Display) ctx.cur_color = 0;
-  for (block* x = head->next_region; x != nullptr && seeds.count < wanted - 1;
-       x = x->next_region) {
+  for (block* x = ctx.block_at(head->next_region); x != nullptr && seeds.count < wanted - 1;
+       x = ctx.block_at(x->next_region)) {
     slots[++seeds.count] = x;
     x->status = 4;
     if constexpr (Display) {

@@ -1,7 +1,7 @@
 #include <cinttypes>
 #include <cstdio>
 
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 #include "output/output.hpp"
 
 namespace splitmerge {
@@ -17,11 +17,11 @@ struct saved_statistic {
 
 std::int32_t save_regionlist(run_context& ctx, regionlist head, const char* path) noexcept {
   std::size_t n = 0;
-  for (const block* h = head; h != nullptr; h = h->next_region) ++n;
+  for (const block* h = head; h != nullptr; h = ctx.block_at(h->next_region)) ++n;
   auto saved = create_array<saved_statistic>(ctx, n, alloc_site::save_array);
   if (saved == nullptr) return status_no_memory;
   std::size_t i = 0;
-  for (block* h = head; h != nullptr; h = h->next_region, ++i) {
+  for (block* h = head; h != nullptr; h = ctx.block_at(h->next_region), ++i) {
     saved[i] = {h, h->variables[0]};
     h->variables[0] = static_cast<std::int64_t>(i);  // neighbours are written as indices
   }
@@ -35,11 +35,12 @@ std::int32_t save_regionlist(run_context& ctx, regionlist head, const char* path
   for (i = 0; i < n; ++i) {
     const block* h = saved[i].head;
     std::fprintf(file, "%" PRId64 " %" PRId64 "\n", saved[i].value, h->variables[1]);
-    for (const block* b = h; b != nullptr; b = b->next_block)
+    for (const block* b = h; b != nullptr; b = ctx.block_at(b->next_block))
       std::fprintf(file, "%x\n", static_cast<unsigned>(b->code));
     std::fprintf(file, "%d\n", 0);
-    for (const nb_node* e = h->nb_pointers[0]; e != nullptr; e = e->next)
-      std::fprintf(file, "%" PRId64 "\n", e->region->variables[0]);
+    for (const nb_node* e = ctx.entry_at(h->nb_pointers[0]); e != nullptr;
+         e = ctx.entry_at(e->next))
+      std::fprintf(file, "%" PRId64 "\n", ctx.block_at(e->region)->variables[0]);
     std::fputs("-1\n", file);
   }
   ctx.allocator.release(saved);

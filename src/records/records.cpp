@@ -3,32 +3,33 @@
 #include <cinttypes>
 #include <cstdio>
 
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 
 namespace splitmerge {
 
 block* new_block(run_context& ctx) noexcept {
   // Zero-filled: region fields read as empty even before the regions exist.
-  return static_cast<block*>(ctx.allocator.allocate(sizeof(block), alloc_site::block_record));
+  return ctx.blocks.obtain();
 }
 
 nb_node* new_nb_node(run_context& ctx, block* region, nb_node* next) noexcept {
-  auto* e = static_cast<nb_node*>(
-      ctx.allocator.allocate_uninitialised(sizeof(nb_node), alloc_site::neighbour_entry));
+  nb_node* e = ctx.entries.obtain();
   if (e != nullptr) {
-    e->region = region;
-    e->next = next;
-    e->order = 0;
+    e->region = ctx.id(region);
+    e->next = ctx.id(next);
   }
   return e;
 }
+
+void release_block(run_context& ctx, block* b) noexcept { ctx.blocks.release(b); }
+void release_entry(run_context& ctx, nb_node* e) noexcept { ctx.entries.release(e); }
 
 namespace {
 
 void release_chain(run_context& ctx, block* b) noexcept {
   while (b != nullptr) {
-    block* next = b->next_block;
-    ctx.allocator.release(b);
+    block* next = ctx.block_at(b->next_block);
+    release_block(ctx, b);
     b = next;
   }
 }
@@ -36,8 +37,8 @@ void release_chain(run_context& ctx, block* b) noexcept {
 // An absorbed head keeps only its forwarding entry; the entries behind it
 // were handed to the absorbing region.
 void release_member(run_context& ctx, block* b) noexcept {
-  if (b->region_pointer == nullptr) ctx.allocator.release(b->nb_pointers[0]);
-  ctx.allocator.release(b);
+  if (b->region_pointer == 0) release_entry(ctx, ctx.entry_at(b->nb_pointers[0]));
+  release_block(ctx, b);
 }
 
 }  // namespace
@@ -53,9 +54,9 @@ std::int32_t free_blocklist(run_context& ctx, blocklist list) noexcept {
 std::int32_t free_initregion(run_context& ctx, blocklist list, void* further) noexcept {
   if (list != nullptr) {
     for (block* b = list[0]; b != nullptr;) {
-      block* next = b->next_block;
-      free_cur_np(ctx, b->nb_pointers[0]);
-      ctx.allocator.release(b);
+      block* next = ctx.block_at(b->next_block);
+      free_cur_np(ctx, ctx.entry_at(b->nb_pointers[0]));
+      release_block(ctx, b);
       b = next;
     }
     ctx.allocator.release(list);
@@ -66,8 +67,8 @@ std::int32_t free_initregion(run_context& ctx, blocklist list, void* further) no
 
 std::int32_t free_cur_np(run_context& ctx, nb_node* first) noexcept {
   while (first != nullptr) {
-    nb_node* next = first->next;
-    ctx.allocator.release(first);
+    nb_node* next = ctx.entry_at(first->next);
+    release_entry(ctx, first);
     first = next;
   }
   return -1;
@@ -76,22 +77,22 @@ std::int32_t free_cur_np(run_context& ctx, nb_node* first) noexcept {
 void free_regionlist(run_context& ctx, regionlist head) noexcept {
   if (head == nullptr) return;
   block* r = head;
-  if (r->next_region != nullptr) {
-    while (r != nullptr && r->region_pointer == nullptr) r = r->next_region;
+  if (r->next_region != 0) {
+    while (r != nullptr && r->region_pointer == 0) r = ctx.block_at(r->next_region);
     // Unlink absorbed heads: they are released as members of their absorbers.
-    for (block* h = r; h != nullptr; h = h->next_region) {
-      block* n = h->next_region;
-      while (n != nullptr && n->region_pointer == nullptr) n = n->next_region;
-      h->next_region = n;
+    for (block* h = r; h != nullptr; h = ctx.block_at(h->next_region)) {
+      block* n = ctx.block_at(h->next_region);
+      while (n != nullptr && n->region_pointer == 0) n = ctx.block_at(n->next_region);
+      h->next_region = ctx.id(n);
     }
   }
   while (r != nullptr) {
-    block* next_region = r->next_region;
-    free_cur_np(ctx, r->nb_pointers[0]);
-    block* b = r->next_block;
-    ctx.allocator.release(r);
+    block* next_region = ctx.block_at(r->next_region);
+    free_cur_np(ctx, ctx.entry_at(r->nb_pointers[0]));
+    block* b = ctx.block_at(r->next_block);
+    release_block(ctx, r);
     while (b != nullptr) {
-      block* next = b->next_block;
+      block* next = ctx.block_at(b->next_block);
       release_member(ctx, b);
       b = next;
     }
@@ -101,9 +102,8 @@ void free_regionlist(run_context& ctx, regionlist head) noexcept {
 
 void print_region(run_context& ctx, const block& b) {
   char line[128];
-  const auto low = [](const void* p) {
-    return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(p) & 0xFFFFFFFFu);
-  };
+  // Links are indices into the run's arenas; they are printed as such.
+  const auto low = [](std::uint32_t link) { return static_cast<unsigned>(link); };
   std::snprintf(line, sizeof line, "code = %x\n", static_cast<unsigned>(b.code));
   ctx.print(line);
   std::snprintf(line, sizeof line, "variables = %" PRId64 ", %" PRId64 "\n", b.variables[0],

@@ -6,26 +6,28 @@
 
 namespace splitmerge {
 
-struct nb_node;
+// Records live in the run's arenas and name each other by 32-bit indices
+// into them; 0 is the empty link.
+using block_id = std::uint32_t;
+using entry_id = std::uint32_t;
 
 // A block of the tree; once the regions exist, also a region head.
 struct block {
   std::uint32_t code = 0;
+  // Region heads: the region's pixel count, kept up to date by every union.
+  std::uint32_t pixels = 0;
   // Statistics; signed 64-bit so sums of large bright blocks never wrap.
   std::int64_t variables[2] = {0, 0};
-  block* region_pointer = nullptr;  // last block of the region's chain; empty: absorbed
-  nb_node* nb_pointers[2] = {nullptr, nullptr};  // first and last neighbour entry
+  block_id region_pointer = 0;       // last block of the region's chain; empty: absorbed
+  entry_id nb_pointers[2] = {0, 0};  // first and last neighbour entry
+  block_id next_block = 0;
+  block_id next_region = 0;
   std::uint8_t status = 0;
-  block* next_block = nullptr;
-  block* next_region = nullptr;
 };
 
 struct nb_node {
-  block* region = nullptr;
-  nb_node* next = nullptr;
-  // Position key within its list, kept only while small regions are
-  // eliminated (see the elimination index); meaningless elsewhere.
-  std::uint64_t order = 0;
+  block_id region = 0;
+  entry_id next = 0;
 };
 
 // Slot array of initial-level cells; slot 0 holds the head of the block chain.
@@ -65,6 +67,8 @@ constexpr std::int64_t check_pointer(const list_result<T>& r) noexcept {
 
 block* new_block(run_context& ctx) noexcept;
 nb_node* new_nb_node(run_context& ctx, block* region, nb_node* next) noexcept;
+void release_block(run_context& ctx, block* b) noexcept;
+void release_entry(run_context& ctx, nb_node* e) noexcept;
 
 std::int32_t free_blocklist(run_context& ctx, blocklist list) noexcept;
 std::int32_t free_initregion(run_context& ctx, blocklist list, void* further) noexcept;

@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 #include "geometry/geometry.hpp"
 #include "grouping/grouping.hpp"
 #include "regions/regions.hpp"
@@ -11,36 +11,37 @@ namespace splitmerge {
 regionlist clean_regionlist(run_context& ctx, regionlist head) noexcept {
   ctx.number_regions = 0;
   block* first = head;
-  while (first != nullptr && first->region_pointer == nullptr) first = first->next_region;
+  while (first != nullptr && first->region_pointer == 0) first = ctx.block_at(first->next_region);
   for (block* r = first; r != nullptr;) {
     ++ctx.number_regions;
     nb_node* prev = nullptr;
-    nb_node* e = r->nb_pointers[0];
+    nb_node* e = ctx.entry_at(r->nb_pointers[0]);
     while (e != nullptr) {
-      block* h = resolve(e);
+      block* h = resolve(ctx, e);
       if ((h->status & 1u) == 0) {
         h->status = 1;
         prev = e;
-        e = e->next;
+        e = ctx.entry_at(e->next);
         continue;
       }
       // A repeat: pull the successor into this entry, or cut off the tail.
-      if (nb_node* s = e->next; s != nullptr) {
+      if (nb_node* s = ctx.entry_at(e->next); s != nullptr) {
         e->region = s->region;
         e->next = s->next;
-        ctx.allocator.release(s);
-        if (e->next == nullptr) r->nb_pointers[1] = e;
+        release_entry(ctx, s);
+        if (e->next == 0) r->nb_pointers[1] = ctx.id(e);
       } else {
-        prev->next = nullptr;
-        r->nb_pointers[1] = prev;
-        ctx.allocator.release(e);
+        prev->next = 0;
+        r->nb_pointers[1] = ctx.id(prev);
+        release_entry(ctx, e);
         e = nullptr;
       }
     }
-    for (nb_node* f = r->nb_pointers[0]; f != nullptr; f = f->next) f->region->status = 0;
-    block* nx = r->next_region;
-    while (nx != nullptr && nx->region_pointer == nullptr) nx = nx->next_region;
-    r->next_region = nx;
+    for (nb_node* f = ctx.entry_at(r->nb_pointers[0]); f != nullptr; f = ctx.entry_at(f->next))
+      ctx.block_at(f->region)->status = 0;
+    block* nx = ctx.block_at(r->next_region);
+    while (nx != nullptr && nx->region_pointer == 0) nx = ctx.block_at(nx->next_region);
+    r->next_region = ctx.id(nx);
     r = nx;
   }
   --ctx.number_regions;
@@ -125,16 +126,13 @@ list_result<regionlist> sort_regionlist(run_context& ctx, regionlist head) noexc
     return list_result<regionlist>::failure(status_no_memory);
   }
   std::size_t i = 0;
-  for (block* h = head; h != nullptr && i < n; h = h->next_region, ++i) {
-    entries[i].head = h;
-    std::uint32_t size = 0;
-    for (const block* b = h; b != nullptr; b = b->next_block)
-      size += static_cast<std::uint32_t>(ctx.pixels_perblock[level(ctx, b->code)]);
-    entries[i].size = size;
-  }
+  // Every head keeps its region's pixel count: no chain walk.
+  for (block* h = head; h != nullptr && i < n; h = ctx.block_at(h->next_region), ++i)
+    entries[i] = sort_entry{h, h->pixels};
   qsort(entries, 0, ctx.number_regions, scratch);
-  for (std::size_t j = 0; j + 1 < n; ++j) entries[j].head->next_region = entries[j + 1].head;
-  entries[n - 1].head->next_region = nullptr;
+  for (std::size_t j = 0; j + 1 < n; ++j)
+    entries[j].head->next_region = ctx.id(entries[j + 1].head);
+  entries[n - 1].head->next_region = 0;
   regionlist first = entries[0].head;
   ctx.allocator.release(scratch);
   ctx.allocator.release(entries);

@@ -1,7 +1,7 @@
 #include <limits>
 
+#include "context/run_context.hpp"
 #include "display/display.hpp"
-#include "driver/run_context.hpp"
 #include "evaluation/evaluation.hpp"
 #include "geometry/geometry.hpp"
 #include "grouping/grouping.hpp"
@@ -10,21 +10,14 @@
 
 namespace splitmerge {
 
-std::int64_t region_size(const run_context& ctx, const block* head, std::int64_t limit) noexcept {
-  std::int64_t sum = 0;
-  for (const block* b = head; b != nullptr && sum < limit; b = b->next_block)
-    sum += ctx.pixels_perblock[level(ctx, b->code)];
-  return sum;
-}
-
 namespace {
 
 // The neighbour most like r (first in list order among equals), or null.
 block* most_similar_neighbour(const run_context& ctx, block* r) {
   block* best = nullptr;
   std::int64_t best_d = 0;
-  for (nb_node* e = r->nb_pointers[0]; e != nullptr; e = e->next) {
-    block* n = resolve(e);
+  for (nb_node* e = ctx.entry_at(r->nb_pointers[0]); e != nullptr; e = ctx.entry_at(e->next)) {
+    block* n = resolve(ctx, e);
     if (n == r) continue;
     const std::int64_t d = comp_evalvar(ctx, r, n);
     if (best == nullptr || d < best_d) {
@@ -37,35 +30,37 @@ block* most_similar_neighbour(const run_context& ctx, block* r) {
 
 // The first entry of best's list that stands for r. Short walks are cheaper
 // than the index; long ones go through it.
-nb_node* entry_for(elimination_index& index, block* best, block* r) {
+nb_node* entry_for(const run_context& ctx, elimination_index& index, block* best, block* r) {
   constexpr int short_walk = 32;
-  nb_node* e = best->nb_pointers[0];
-  for (int steps = 0; e != nullptr && steps < short_walk; ++steps, e = e->next)
-    if (resolve(e) == r) return e;
+  nb_node* e = ctx.entry_at(best->nb_pointers[0]);
+  for (int steps = 0; e != nullptr && steps < short_walk; ++steps, e = ctx.entry_at(e->next))
+    if (resolve(ctx, e) == r) return e;
   if (e == nullptr) return nullptr;
   if (nb_node* found = index.first_entry_for(best, r)) return found;
-  for (e = best->nb_pointers[0]; e != nullptr && resolve(e) != r;) e = e->next;
+  for (e = ctx.entry_at(best->nb_pointers[0]); e != nullptr && resolve(ctx, e) != r;)
+    e = ctx.entry_at(e->next);
   return e;
 }
 
 template <bool Display>
 void elimination_phase(run_context& ctx, regionlist head) noexcept {
   block* r = head;
-  while (r->region_pointer == nullptr) r = r->next_region;
+  while (r->region_pointer == 0) r = ctx.block_at(r->next_region);
   if (ctx.small_size < 1) return;  // no region is small
   // Large regions absorb many small ones; finding the entry to unite at by
   // walking their long lists would cost time quadratic in the image size.
   elimination_index index(ctx);
-  for (; r != nullptr; r = r->next_region) {
-    if (region_size(ctx, r, ctx.small_size) >= ctx.small_size) continue;
+  for (; r != nullptr; r = ctx.block_at(r->next_region)) {
+    if (r->pixels >= static_cast<std::uint32_t>(ctx.small_size)) continue;
     block* best = most_similar_neighbour(ctx, r);
     if (best == nullptr) continue;  // r is the only region left
-    nb_node* e = entry_for(index, best, r);
+    nb_node* e = entry_for(ctx, index, best, r);
     if (e == nullptr) continue;  // not reachable in a consistent list
     if (ctx.statistic_update == 0) make_neutral(ctx, r);
-    nb_node* const forwarding = r->nb_pointers[0];
-    nb_node* const spliced_first = forwarding->next;
-    nb_node* const spliced_last = spliced_first != nullptr ? r->nb_pointers[1] : nullptr;
+    nb_node* const forwarding = ctx.entry_at(r->nb_pointers[0]);
+    nb_node* const spliced_first = ctx.entry_at(forwarding->next);
+    nb_node* const spliced_last =
+        spliced_first != nullptr ? ctx.entry_at(r->nb_pointers[1]) : nullptr;
     if constexpr (Display) {
       ctx.cur_color = frame_colour_at(ctx, best);
       unite_disp(ctx, best, r, e);

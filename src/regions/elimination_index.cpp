@@ -2,7 +2,7 @@
 
 #include <bit>
 
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 
 namespace splitmerge {
 
@@ -12,23 +12,9 @@ namespace {
 // splices fit between two entries before the list must be renumbered.
 constexpr std::uint64_t order_end = std::uint64_t{1} << 62;
 
-// Gives the entries of a list evenly spread order keys.
-void spread(nb_node* first) noexcept {
-  std::uint64_t n = 0;
-  for (const nb_node* e = first; e != nullptr; e = e->next) ++n;
-  const std::uint64_t step = order_end / (n + 1);
-  std::uint64_t order = 0;
-  for (nb_node* e = first; e != nullptr; e = e->next) {
-    order += step;
-    e->order = order;
-  }
-}
-
 // Record addresses share their low bits; mix every bit into the low ones.
-std::size_t hash_of(const block* owner, const block* named) noexcept {
-  std::uint64_t h = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(owner)) ^
-                    (static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(named)) << 21 |
-                     static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(named)) >> 43);
+std::size_t hash_of(block_id owner, block_id named) noexcept {
+  std::uint64_t h = (std::uint64_t{owner} << 32 | named) * 0x9E3779B97F4A7C15ull;
   h ^= h >> 33;
   h *= 0xFF51AFD7ED558CCDull;
   h ^= h >> 33;
@@ -39,67 +25,94 @@ std::size_t hash_of(const block* owner, const block* named) noexcept {
 
 }  // namespace
 
+// Gives the entries of a list evenly spread order keys.
+void elimination_index::spread(nb_node* first) noexcept {
+  std::uint64_t n = 0;
+  for (const nb_node* e = first; e != nullptr; e = ctx_.entry_at(e->next)) ++n;
+  const std::uint64_t step = order_end / (n + 1);
+  std::uint64_t order = 0;
+  for (nb_node* e = first; e != nullptr; e = ctx_.entry_at(e->next)) {
+    order += step;
+    order_of(e) = order;
+  }
+}
+
 void elimination_index::release() noexcept {
   ctx_.allocator.release(slots_);
   slots_ = nullptr;
+  ctx_.allocator.release(orders_);
+  orders_ = nullptr;
   capacity_ = 0;
   used_ = 0;
 }
 
 bool elimination_index::allocate(std::size_t capacity) noexcept {
+  if (orders_ == nullptr) {
+    // One key per possible entry; only the keys of indexed lists are ever
+    // written, so untouched pages of the range cost nothing.
+    orders_ = static_cast<std::uint64_t*>(ctx_.allocator.allocate_uninitialised(
+        std::size_t{ctx_.entries.limit()} * sizeof(std::uint64_t), alloc_site::elimination_index));
+    if (orders_ == nullptr) return false;
+  }
   slots_ = create_array<slot>(ctx_, capacity, alloc_site::elimination_index);
   capacity_ = slots_ != nullptr ? capacity : 0;
   used_ = 0;
   return slots_ != nullptr;
 }
 
-std::size_t elimination_index::find(const block* owner, const block* named) const noexcept {
+std::size_t elimination_index::find(const block* owner_record,
+                                    const block* named_record) const noexcept {
+  const block_id owner = ctx_.id(owner_record);
+  const block_id named = ctx_.id(named_record);
   const std::size_t mask = capacity_ - 1;
   std::size_t i = hash_of(owner, named) & mask;
-  while (slots_[i].first != nullptr && (slots_[i].owner != owner || slots_[i].named != named))
+  while (slots_[i].first != 0 && (slots_[i].owner != owner || slots_[i].named != named))
     i = (i + 1) & mask;
   return i;
 }
 
 void elimination_index::note(const block* owner, nb_node* e) noexcept {
-  slot& s = slots_[find(owner, e->region)];
-  if (s.first == nullptr) {
-    s = slot{owner, e->region, e};
+  slot& s = slots_[find(owner, ctx_.block_at(e->region))];
+  if (s.first == 0) {
+    s = slot{ctx_.id(owner), e->region, ctx_.id(e)};
     ++used_;
-  } else if (e->order < s.first->order) {
-    s.first = e;
+  } else if (order_of(e) < order_of(ctx_.entry_at(s.first))) {
+    s.first = ctx_.id(e);
   }
 }
 
 // The key (owner, null) marks an indexed list.
 bool elimination_index::indexed(const block* owner) const noexcept {
-  return capacity_ != 0 && slots_[find(owner, nullptr)].first != nullptr;
+  return capacity_ != 0 && slots_[find(owner, nullptr)].first != 0;
 }
 
 bool elimination_index::index_list(block* owner) noexcept {
   std::size_t n = 0;
-  for (const nb_node* e = owner->nb_pointers[0]; e != nullptr; e = e->next) ++n;
+  for (const nb_node* e = ctx_.entry_at(owner->nb_pointers[0]); e != nullptr;
+       e = ctx_.entry_at(e->next))
+    ++n;
   if (!grow(n + 1)) return false;
   const std::uint64_t step = order_end / (n + 1);
   std::uint64_t order = 0;
-  for (nb_node* e = owner->nb_pointers[0]; e != nullptr; e = e->next) {
+  for (nb_node* e = ctx_.entry_at(owner->nb_pointers[0]); e != nullptr;
+       e = ctx_.entry_at(e->next)) {
     order += step;
-    e->order = order;
+    order_of(e) = order;
     note(owner, e);
   }
   slot& mark = slots_[find(owner, nullptr)];
-  mark = slot{owner, nullptr, owner->nb_pointers[0]};
+  mark = slot{ctx_.id(owner), 0, owner->nb_pointers[0]};
   ++used_;
   return true;
 }
 
 nb_node* elimination_index::first_entry_for(block* owner, const block* r) noexcept {
-  if (!usable_ || owner->nb_pointers[0] == nullptr) return nullptr;
+  if (!usable_ || owner->nb_pointers[0] == 0) return nullptr;
   if (!indexed(owner) && !index_list(owner)) return nullptr;
   nb_node* best = nullptr;
-  for (const block* b = r; b != nullptr; b = b->next_block) {
-    nb_node* e = slots_[find(owner, b)].first;
-    if (e != nullptr && (best == nullptr || e->order < best->order)) best = e;
+  for (const block* b = r; b != nullptr; b = ctx_.block_at(b->next_block)) {
+    nb_node* e = ctx_.entry_at(slots_[find(owner, b)].first);
+    if (e != nullptr && (best == nullptr || order_of(e) < order_of(best))) best = e;
   }
   return best;
 }
@@ -112,7 +125,7 @@ bool elimination_index::grow(std::size_t extra) noexcept {
   const std::size_t old_capacity = capacity_;
   std::size_t live = extra;
   for (std::size_t i = 0; i < old_capacity; ++i)
-    if (old[i].first != nullptr && old[i].owner->region_pointer != nullptr) ++live;
+    if (old[i].first != 0 && ctx_.block_at(old[i].owner)->region_pointer != 0) ++live;
   slots_ = nullptr;
   if (!allocate(std::bit_ceil(4 * live + 1024))) {
     ctx_.allocator.release(old);
@@ -120,8 +133,8 @@ bool elimination_index::grow(std::size_t extra) noexcept {
     return false;
   }
   for (std::size_t i = 0; i < old_capacity; ++i) {
-    if (old[i].first == nullptr || old[i].owner->region_pointer == nullptr) continue;
-    slots_[find(old[i].owner, old[i].named)] = old[i];
+    if (old[i].first == 0 || ctx_.block_at(old[i].owner)->region_pointer == 0) continue;
+    slots_[find(ctx_.block_at(old[i].owner), ctx_.block_at(old[i].named))] = old[i];
     ++used_;
   }
   ctx_.allocator.release(old);
@@ -132,7 +145,7 @@ void elimination_index::after_union(block* owner, nb_node* e, nb_node* spliced_f
                                     nb_node* spliced_last) noexcept {
   if (!usable_ || !indexed(owner)) return;
   std::size_t count = 1;
-  for (nb_node* s = spliced_first; spliced_first != nullptr; s = s->next) {
+  for (nb_node* s = spliced_first; spliced_first != nullptr; s = ctx_.entry_at(s->next)) {
     ++count;
     if (s == spliced_last) break;
   }
@@ -142,28 +155,28 @@ void elimination_index::after_union(block* owner, nb_node* e, nb_node* spliced_f
     // keys there are too dense, widen the renumbered stretch forward until
     // every entry in it gets room, rather than renumbering the whole list.
     constexpr std::uint64_t room = std::uint64_t{1} << 24;
-    const std::uint64_t lo = e->order;
-    nb_node* end = spliced_last->next;
+    const std::uint64_t lo = order_of(e);
+    nb_node* end = ctx_.entry_at(spliced_last->next);
     std::uint64_t n = count - 1;
-    std::uint64_t hi = end != nullptr ? end->order : order_end;
+    std::uint64_t hi = end != nullptr ? order_of(end) : order_end;
     while (end != nullptr && (hi - lo) / (n + 1) < room) {
-      end = end->next;
+      end = ctx_.entry_at(end->next);
       ++n;
-      hi = end != nullptr ? end->order : order_end;
+      hi = end != nullptr ? order_of(end) : order_end;
     }
     if (hi - lo > n) {
       const std::uint64_t step = (hi - lo) / (n + 1);
       std::uint64_t order = lo;
-      for (nb_node* s = spliced_first; s != end; s = s->next) {
+      for (nb_node* s = spliced_first; s != end; s = ctx_.entry_at(s->next)) {
         order += step;
-        s->order = order;
+        order_of(s) = order;
       }
     } else {
-      spread(owner->nb_pointers[0]);
+      spread(ctx_.entry_at(owner->nb_pointers[0]));
     }
   }
   note(owner, e);
-  for (nb_node* s = spliced_first; s != nullptr; s = s->next) {
+  for (nb_node* s = spliced_first; s != nullptr; s = ctx_.entry_at(s->next)) {
     note(owner, s);
     if (s == spliced_last) break;
   }

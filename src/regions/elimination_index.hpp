@@ -1,7 +1,8 @@
 // Finds, in a long neighbour list, the first entry that stands for a given
 // region without walking the list: a table maps (list owner, named block) to
-// the first entry of that list naming the block, and entries carry order keys
-// that compare their positions within one list. Only an accelerator: when it
+// the first entry of that list naming the block, and the entries of indexed
+// lists have order keys (kept beside the entries, by entry index) that compare
+// their positions within one list. Only an accelerator: when it
 // cannot get memory, the elimination walks the lists instead, with the same
 // results.
 #pragma once
@@ -9,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "context/run_context.hpp"
 #include "records/records.hpp"
 
 namespace splitmerge {
@@ -36,13 +38,17 @@ class elimination_index {
                    nb_node* spliced_last) noexcept;
 
  private:
+  // Indices, not pointers: the table is touched at random, and small slots
+  // halve the memory it moves. An empty slot has no first entry.
   struct slot {
-    const block* owner;
-    const block* named;
-    nb_node* first;
+    block_id owner;
+    block_id named;
+    entry_id first;
   };
 
   void release() noexcept;
+  std::uint64_t& order_of(const nb_node* e) const noexcept { return orders_[ctx_.id(e)]; }
+  void spread(nb_node* first) noexcept;
   bool allocate(std::size_t capacity) noexcept;
   void note(const block* owner, nb_node* e) noexcept;
   [[nodiscard]] std::size_t find(const block* owner, const block* named) const noexcept;
@@ -52,6 +58,8 @@ class elimination_index {
 
   run_context& ctx_;
   slot* slots_ = nullptr;
+  // Order keys by entry index: they compare positions within one list.
+  std::uint64_t* orders_ = nullptr;
   std::size_t capacity_ = 0;  // a power of two
   std::size_t used_ = 0;
   bool usable_ = true;  // false once memory ran short: callers walk the lists

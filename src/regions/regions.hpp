@@ -24,7 +24,4 @@ struct sort_entry {
 void qsort(sort_entry* entries, std::int32_t lo, std::int32_t hi,
            std::uint32_t* scratch = nullptr) noexcept;
 
-// Pixel count of a region: its blocks' sizes, summed until `limit` is reached.
-std::int64_t region_size(const run_context& ctx, const block* head, std::int64_t limit) noexcept;
-
 }  // namespace splitmerge

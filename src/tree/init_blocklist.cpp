@@ -1,4 +1,5 @@
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
+#include "context/workers.hpp"
 #include "evaluation/evaluation.hpp"
 #include "geometry/geometry.hpp"
 #include "tree/tree.hpp"
@@ -20,7 +21,6 @@ list_result<blocklist> init_blocklist(run_context& ctx) noexcept {
   }
   first->code = code;
   list[0] = first;
-  calc_evalvar(ctx, block_position{}, extent, ctx.init_level, first);
 
   const auto n = static_cast<std::int32_t>(ctx.blocks_perlevel[ctx.init_level]);
   block* prev = first;
@@ -30,16 +30,30 @@ list_result<blocklist> init_blocklist(run_context& ctx) noexcept {
       // The chain ends at the last block made; release all of it.
       return list_result<blocklist>::failure(free_blocklist(ctx, list));
     }
-    prev->next_block = b;
+    prev->next_block = ctx.id(b);
     const std::int32_t digit = i % n;
     b->code = digit != 0 ? changed_code(static_cast<std::uint32_t>(digit) + 1, ctx.init_level,
                                         prev->code)
                          : next_code(ctx, prev->code, ctx.init_level);
     list[i] = b;
-    calc_evalvar(ctx, coordinates(ctx, b->code, ctx.init_level), extent, ctx.init_level, b);
     prev = b;
   }
-  prev->next_block = nullptr;
+  prev->next_block = 0;
+
+  // Each block's statistics read only the image, so parts of the list can be
+  // evaluated at once; the median test shares one scratch array and stays on
+  // one thread.
+  const auto count = static_cast<std::size_t>(cells);
+  const std::size_t parts =
+      ctx.pred_choice == 3
+          ? 1
+          : parts_for(count * static_cast<std::size_t>(ctx.pixels_perblock[ctx.init_level]),
+                      thread_count(ctx.threads), 64 * ctx.thread_grain);
+  run_parts(parts, [&](std::size_t t) {
+    for (std::size_t i = part_begin(count, parts, t); i < part_begin(count, parts, t + 1); ++i)
+      calc_evalvar(ctx, coordinates(ctx, list[i]->code, ctx.init_level), extent, ctx.init_level,
+                   list[i]);
+  });
   return list_result<blocklist>{list, 0};
 }
 

@@ -1,5 +1,5 @@
+#include "context/run_context.hpp"
 #include "display/display.hpp"
-#include "driver/run_context.hpp"
 #include "evaluation/evaluation.hpp"
 #include "geometry/geometry.hpp"
 #include "tree/tree.hpp"
@@ -15,11 +15,11 @@ void merge_group(run_context& ctx, blocklist list, block* g, block* last, std::i
   g->code = changed_code(0, lvl, g->code);
   g->variables[0] = acc0;
   g->variables[1] = acc1;
-  block* child = g->next_block;
+  block* child = ctx.block_at(g->next_block);
   g->next_block = last->next_block;
   for (std::int32_t j = 1; j < n; ++j) {
-    block* next = child->next_block;
-    ctx.allocator.release(child);
+    block* next = ctx.block_at(child->next_block);
+    release_block(ctx, child);
     child = next;
   }
   const std::uint32_t e = entry(ctx, g->code);
@@ -42,7 +42,7 @@ void merge_phase(run_context& ctx, blocklist list) noexcept {
         ++k;
         if (update_evalvar(ctx, b, acc0, acc1, k, lvl) != 0) {
           if (k < n) {
-            b = b->next_block;
+            b = ctx.block_at(b->next_block);
             continue;
           }
           merge_group(ctx, list, g, b, lvl, n, stride, acc0, acc1);
@@ -52,7 +52,7 @@ void merge_phase(run_context& ctx, blocklist list) noexcept {
             smg_display_im(ctx);
           }
           merged = true;
-          g = g->next_block;
+          g = ctx.block_at(g->next_block);
           b = g;
           k = 0;
           acc0 = acc1 = 0;

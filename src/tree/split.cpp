@@ -1,5 +1,5 @@
+#include "context/run_context.hpp"
 #include "display/display.hpp"
-#include "driver/run_context.hpp"
 #include "evaluation/evaluation.hpp"
 #include "geometry/geometry.hpp"
 #include "tree/tree.hpp"
@@ -16,7 +16,7 @@ std::int32_t sons_of(run_context& ctx, block* b, std::int32_t lvl, block_positio
       lvl >= ctx.lim_oct_level ? extent.slice_span / 2 : extent.slice_span};
   const std::int32_t n = ctx.blocks_perlevel[lvl];
   const std::uint32_t parent_code = b->code;
-  block* const successor = b->next_block;
+  const block_id successor = b->next_block;
   b->code = changed_code(1, lvl, parent_code);
 
   const auto position_of = [&](std::int32_t k) {
@@ -44,7 +44,7 @@ std::int32_t sons_of(run_context& ctx, block* b, std::int32_t lvl, block_positio
       son->next_block = successor;
       return -1;
     }
-    son->next_block = next;
+    son->next_block = ctx.id(next);
     if (son->variables[0] < 0 && lvl > 0) {
       const std::int32_t r = sons_of<Display>(ctx, son, lvl - 1, p, son_extent);
       ctx.phase_status = r;
@@ -73,7 +73,7 @@ std::int32_t split_phase(run_context& ctx, blocklist list) noexcept {
   if (ctx.init_level == 0) return 0;  // single pixels have no sons
   const block_extent extent = sizes_block(ctx, ctx.init_level);
   for (block* b = list[0]; b != nullptr;) {
-    block* next = b->next_block;
+    block* next = ctx.block_at(b->next_block);
     if (b->variables[0] < 0) {
       const block_position at = coordinates(ctx, b->code, ctx.init_level);
       const std::int32_t r = sons_of<Display>(ctx, b, ctx.init_level - 1, at, extent);

@@ -2,11 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <vector>
 
+#include "context/run_context.hpp"
 #include "driver/driver.hpp"
-#include "driver/run_context.hpp"
 
 namespace splitmerge::testing {
 
@@ -66,10 +67,39 @@ inline prepared_run plane_example() {
 }
 
 // The codes of a block chain, from b along next_block.
-inline std::vector<std::uint32_t> chain(const block* b) {
+inline std::vector<std::uint32_t> chain(const run_context& ctx, const block* b) {
   std::vector<std::uint32_t> codes;
-  for (; b != nullptr; b = b->next_block) codes.push_back(b->code);
+  for (; b != nullptr; b = ctx.block_at(b->next_block)) codes.push_back(b->code);
   return codes;
+}
+
+// Hand-made records in a run's arenas: a head of its own region.
+inline block* make_head(run_context& ctx, std::uint32_t code) {
+  block* b = new_block(ctx);
+  b->code = code;
+  b->region_pointer = ctx.id(b);
+  return b;
+}
+
+// Links the heads into a region list, in the order given.
+inline void link_regions(run_context& ctx, std::initializer_list<block*> heads) {
+  block* prev = nullptr;
+  for (block* h : heads) {
+    if (prev != nullptr) prev->next_region = ctx.id(h);
+    prev = h;
+  }
+}
+
+// Gives owner a neighbour list naming the blocks given, in order; returns
+// its entries.
+inline std::vector<nb_node*> set_entries(run_context& ctx, block* owner,
+                                         std::initializer_list<block*> named) {
+  std::vector<nb_node*> made;
+  for (block* n : named) made.push_back(new_nb_node(ctx, n, nullptr));
+  for (std::size_t i = 0; i + 1 < made.size(); ++i) made[i]->next = ctx.id(made[i + 1]);
+  owner->nb_pointers[0] = made.empty() ? 0 : ctx.id(made.front());
+  owner->nb_pointers[1] = made.empty() ? 0 : ctx.id(made.back());
+  return made;
 }
 
 }  // namespace splitmerge::testing

@@ -1,4 +1,4 @@
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 
 #include <cstdio>
 

@@ -7,7 +7,8 @@
 #include <functional>
 #include <string_view>
 
-#include "driver/allocator.hpp"
+#include "context/allocator.hpp"
+#include "context/record_arena.hpp"
 #include "records/records.hpp"
 
 namespace splitmerge {
@@ -32,9 +33,27 @@ class run_context {
   void release_frames() noexcept;
 
   run_allocator allocator;
+  record_arena<block, &block::next_block> blocks{allocator, alloc_site::block_record};
+  record_arena<nb_node, &nb_node::next> entries{allocator, alloc_site::neighbour_entry};
+
+  // Links to records and back; the empty link is nullptr.
+  [[nodiscard]] block* block_at(block_id i) const noexcept { return blocks.at(i); }
+  [[nodiscard]] nb_node* entry_at(entry_id i) const noexcept { return entries.at(i); }
+  [[nodiscard]] block_id id(const block* b) const noexcept { return blocks.id(b); }
+  [[nodiscard]] entry_id id(const nb_node* e) const noexcept { return entries.id(e); }
+  // Gives back every block and entry of the run in one step.
+  void release_records() noexcept {
+    blocks.release_all();
+    entries.release_all();
+  }
   line_sink out;  // standard output when empty
   line_sink err;  // standard error when empty
   std::uint64_t frame_budget = default_frame_budget;
+  // Threads for the phases whose results cannot depend on them; 0: all cores.
+  std::int32_t threads = 1;
+  // Fewest items per thread; below it a step stays on one thread (tests make
+  // it small so that tiny images are split too).
+  std::size_t thread_grain = 4096;
 
   // --- the run's image and parameters ---
   const std::int32_t* my_image = nullptr;
@@ -56,6 +75,14 @@ class run_context {
   std::int32_t rejection_ratio = 0;
 
   // --- per-run tables ---
+  // Pixel offset of each digit at each level: a block's first pixel is the
+  // sum over its code's digits, with no decoding of coordinates.
+  std::int32_t digit_offset[8][16] = {};
+  [[nodiscard]] std::int32_t first_pixel(std::uint32_t code) const noexcept {
+    std::int32_t at = 0;
+    for (std::int32_t l = 0; l < 8; ++l, code >>= 4) at += digit_offset[l][code & 0xFu];
+    return at;
+  }
   std::int32_t* blocks_perlevel = nullptr;
   std::int32_t* pixels_perblock = nullptr;
   float* var_thresh = nullptr;

@@ -1,4 +1,4 @@
-#include "driver/allocator.hpp"
+#include "context/allocator.hpp"
 
 #include <cstdlib>
 #include <cstring>
@@ -83,6 +83,15 @@ void* run_allocator::obtain(std::size_t bytes) noexcept {
 
 void* run_allocator::allocate(std::size_t bytes, alloc_site site) noexcept {
   if (!admit(site)) return nullptr;
+  if (!SPLITMERGE_POOL || bytes > small_limit) {
+    // Large zero-filled memory straight from calloc: fresh pages are zero
+    // already, so the parts a run never writes never become memory.
+    auto* h = static_cast<header*>(std::calloc(1, sizeof(header) + bytes));
+    if (h == nullptr) return nullptr;
+    h->size_class = large;
+    ++live_;
+    return h + 1;
+  }
   void* p = obtain(bytes);
   if (p == nullptr) return nullptr;
   std::memset(p, 0, bytes);

@@ -44,6 +44,9 @@ class run_allocator {
   // Memory whose contents the caller overwrites at once.
   void* allocate_uninitialised(std::size_t bytes, alloc_site site) noexcept;
   void release(void* p) noexcept;
+  // Counts one request that obtains no memory of its own (an arena growing
+  // into its reserved range); false when that request is the one to fail.
+  bool grant(alloc_site site) noexcept { return admit(site); }
 
   // Makes request number k (counting from 1) fail; 0 disables the hook.
   void fail_at(std::uint64_t k) noexcept { fail_at_ = k; }
