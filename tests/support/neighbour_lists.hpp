@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 #include "records/records.hpp"
 #include "regions/elimination_index.hpp"
 
@@ -19,25 +19,33 @@ inline int indexed_first_entry(const std::vector<int>& names, const std::vector<
   int blocks = 0;
   for (const int n : names) blocks = std::max(blocks, n + 1);
   for (const int c : chain) blocks = std::max(blocks, c + 1);
-  std::vector<block> named(static_cast<std::size_t>(blocks));
-  for (block& b : named) b.region_pointer = &b;
-  for (std::size_t i = 0; i + 1 < chain.size(); ++i)
-    named[static_cast<std::size_t>(chain[i])].next_block =
-        &named[static_cast<std::size_t>(chain[i + 1])];
-  std::vector<nb_node> entries(names.size());
-  for (std::size_t i = 0; i < names.size(); ++i) {
-    entries[i].region = &named[static_cast<std::size_t>(names[i])];
-    entries[i].next = i + 1 < names.size() ? &entries[i + 1] : nullptr;
-  }
-  block owner;
-  owner.region_pointer = &owner;
-  owner.nb_pointers[0] = entries.empty() ? nullptr : &entries.front();
-  owner.nb_pointers[1] = entries.empty() ? nullptr : &entries.back();
   run_context ctx;
-  elimination_index index(ctx);
-  const nb_node* found =
-      index.first_entry_for(&owner, &named[static_cast<std::size_t>(chain.front())]);
-  return found == nullptr ? -1 : static_cast<int>(found - entries.data());
+  std::vector<block*> named(static_cast<std::size_t>(blocks));
+  for (block*& b : named) {
+    b = new_block(ctx);
+    b->region_pointer = ctx.id(b);
+  }
+  for (std::size_t i = 0; i + 1 < chain.size(); ++i)
+    named[static_cast<std::size_t>(chain[i])]->next_block =
+        ctx.id(named[static_cast<std::size_t>(chain[i + 1])]);
+  std::vector<nb_node*> entries;
+  for (const int n : names)
+    entries.push_back(new_nb_node(ctx, named[static_cast<std::size_t>(n)], nullptr));
+  for (std::size_t i = 0; i + 1 < entries.size(); ++i) entries[i]->next = ctx.id(entries[i + 1]);
+  block* owner = new_block(ctx);
+  owner->region_pointer = ctx.id(owner);
+  owner->nb_pointers[0] = entries.empty() ? 0 : ctx.id(entries.front());
+  owner->nb_pointers[1] = entries.empty() ? 0 : ctx.id(entries.back());
+  int position = -1;
+  {
+    elimination_index index(ctx);
+    const nb_node* found =
+        index.first_entry_for(owner, named[static_cast<std::size_t>(chain.front())]);
+    for (std::size_t i = 0; i < entries.size(); ++i)
+      if (entries[i] == found) position = static_cast<int>(i);
+  }
+  ctx.release_records();
+  return position;
 }
 
 }  // namespace splitmerge::testing

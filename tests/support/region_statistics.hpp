@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "driver/run_context.hpp"
+#include "context/run_context.hpp"
 #include "evaluation/evaluation.hpp"
 
 namespace splitmerge::testing {
