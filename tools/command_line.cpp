@@ -176,6 +176,7 @@ parse_result parse_command_line(int argc, const char* const* argv) {
 
   CLI::App app(description, "splitmerge");
   app.footer(footer);
+  app.set_version_flag("--version", std::string("splitmerge ") + SPLITMERGE_VERSION);
   app.get_formatter()->column_width(26);
   app.add_option("IMAGE", s.image, "the image or volume to segment")->required();
 
@@ -199,11 +200,18 @@ parse_result parse_command_line(int argc, const char* const* argv) {
                "record no frames (the default unless --frames is given)")
       ->group(outputs);
   app.add_flag("--quiet", s.quiet, "print no progress lines")->group(outputs);
+  std::int64_t frame_budget = static_cast<std::int64_t>(s.frame_budget);
   app.add_option(
-         "--frame-budget", s.frame_budget,
+         "--frame-budget", frame_budget,
          wrapped("the recorded frames may take at most this many bytes of memory; later ones "
                  "are dropped (default 2 GiB)"))
       ->type_name("BYTES")
+      ->check(CLI::Validator(
+          [](const std::string& text) {
+            return text.find('-') == std::string::npos ? std::string()
+                                                       : "expected 0 or more bytes, got " + text;
+          },
+          "", "non-negative"))
       ->group(outputs);
 
   const std::string fitting = "Fitting the input";
@@ -227,8 +235,12 @@ parse_result parse_command_line(int argc, const char* const* argv) {
     if (fit != "none" && fit != "pad" && fit != "crop")
       throw CLI::ValidationError("--fit", "expected pad or crop, got '" + fit + "'");
     if (s.image.empty()) throw CLI::ValidationError("IMAGE", "the image path is empty");
+    s.frame_budget = static_cast<std::uint64_t>(frame_budget);
   } catch (const CLI::CallForHelp&) {
     std::cout << app.help();
+    return 0;
+  } catch (const CLI::CallForVersion&) {
+    std::cout << app.version() << '\n';
     return 0;
   } catch (const CLI::ParseError& e) {
     std::cerr << "splitmerge: " << e.what() << " (see splitmerge --help)\n";

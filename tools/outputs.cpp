@@ -1,14 +1,6 @@
 #include "outputs.hpp"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 
 #include "gif_file.hpp"
 #include "npy.hpp"
@@ -53,34 +45,6 @@ std::vector<std::vector<std::uint8_t>> indexed_frames(const fitted_image& image,
 }
 
 }  // namespace
-
-staged_file::staged_file(std::string final_path) : final_path_(std::move(final_path)) {
-  const std::filesystem::path target(final_path_);
-  const std::filesystem::path folder = target.parent_path();
-  // The suffix keeps the final name's extension for libraries that look at it.
-  std::string suffix = "-";
-  suffix.append(target.filename().string());
-  std::string name = folder.empty() ? std::string() : folder.string() + '/';
-  name.append(".splitmerge-XXXXXX").append(suffix);
-  const int fd = mkstemps(name.data(), static_cast<int>(suffix.size()));
-  if (fd < 0) throw usage_error("cannot write " + final_path_ + " (" + std::strerror(errno) + ")");
-  // mkstemps makes the file private; give it the mode a new file would get.
-  const mode_t mask = ::umask(0);
-  ::umask(mask);
-  ::fchmod(fd, 0666 & ~mask);
-  ::close(fd);
-  temporary_path_ = std::move(name);
-}
-
-staged_file::~staged_file() {
-  if (!committed_) std::remove(temporary_path_.c_str());
-}
-
-void staged_file::commit() {
-  if (std::rename(temporary_path_.c_str(), final_path_.c_str()) != 0)
-    throw io::io_error("cannot write " + final_path_ + " (" + std::strerror(errno) + ")");
-  committed_ = true;
-}
 
 bool is_label_extension(const std::string& ext) {
   return ext == ".npy" || ext == ".tif" || ext == ".tiff" || ext == ".png";

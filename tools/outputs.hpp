@@ -1,6 +1,5 @@
-// Writing the results: every file goes to a temporary name beside its final
-// path and is renamed into place only when the whole run has succeeded, so a
-// failed run leaves no partial files behind.
+// Writing the results in the format each output path's extension names (the
+// caller stages the files, see staging.hpp).
 #pragma once
 
 #include <cstdint>
@@ -10,27 +9,6 @@
 #include "fit.hpp"
 
 namespace splitmerge::tool {
-
-// A file being written; removed unless committed.
-class staged_file {
- public:
-  // Creates the temporary file at once, so an unwritable path fails before
-  // the segmentation runs. Throws usage_error.
-  explicit staged_file(std::string final_path);
-  staged_file(const staged_file&) = delete;
-  staged_file& operator=(const staged_file&) = delete;
-  ~staged_file();
-
-  const std::string& path() const { return final_path_; }
-  const std::string& temporary_path() const { return temporary_path_; }
-  // Renames the temporary file to the final path. Throws io::io_error.
-  void commit();
-
- private:
-  std::string final_path_;
-  std::string temporary_path_;
-  bool committed_ = false;
-};
 
 // The extensions each output accepts, for the checks before a run.
 bool is_label_extension(const std::string& ext);

@@ -3,9 +3,13 @@
 #include <cstdio>
 #include <iostream>
 #include <memory>
+#include <string_view>
 
 #include "npy.hpp"
 #include "outputs.hpp"
+#include "parameter_ranges.hpp"
+#include "region_list_file.hpp"
+#include "staging.hpp"
 
 namespace splitmerge::tool {
 
@@ -47,6 +51,18 @@ void check_output_extensions(const tool_settings& s) {
     throw usage_error("--frames needs the display frames, which --no-display switches off");
 }
 
+// The outputs asked for, in the order they are written.
+std::vector<requested_output> requested_outputs(const tool_settings& s) {
+  std::vector<requested_output> out;
+  const auto add = [&out](const char* option, const std::optional<std::string>& path) {
+    if (path) out.push_back({option, *path});
+  };
+  add("--labels", s.labels);
+  add("--frames", s.frames);
+  add("--regions", s.regions);
+  add("--save-input", s.input_copy);
+  return out;
+}
 
 // Writes one result; a failure names the file the user asked for.
 template <class Writer>
@@ -76,9 +92,11 @@ struct staged_outputs {
         regions(stage(s.regions)),
         input_copy(stage(s.input_copy)) {}
 
-  void commit_all() const {
+  std::vector<staged_file*> all() const {
+    std::vector<staged_file*> files;
     for (auto* file : {labels.get(), frames.get(), regions.get(), input_copy.get()})
-      if (file != nullptr) file->commit();
+      if (file != nullptr) files.push_back(file);
+    return files;
   }
 
   std::unique_ptr<staged_file> labels, frames, regions, input_copy;
@@ -92,21 +110,22 @@ parameters checked_parameters(const image_view& view, const parameters& given) {
   return params;
 }
 
+// The library ends its progress lines with this one when it writes no region
+// list file; the program writes that file itself and prints, once it is
+// written, the lines the library prints around its own writing.
+constexpr std::string_view no_region_file_line = "No save_regionlist specified\n";
+
 segmentation segment_with_progress(const image_view& view, const parameters& params,
-                                   const tool_settings& s, const staged_outputs& files) {
+                                   const tool_settings& s) {
   options opts;
   opts.display = s.frames.has_value();  // frames cost time and memory: only when asked for
   opts.frame_budget = s.frame_budget;
-  if (files.regions) opts.region_file = files.regions->temporary_path();
+  opts.collect_regions = s.regions.has_value();
   if (!s.quiet) {
-    // Progress lines name the region list file as the user gave it, not the
-    // temporary file the library writes.
-    const std::string written =
-        files.regions ? "file = " + files.regions->temporary_path() + " \n" : std::string();
-    const std::string shown = files.regions ? "file = " + files.regions->path() + " \n" : "";
-    opts.line_sink = [written, shown](std::string_view text) {
-      const std::string_view out = !written.empty() && text == written ? shown : text;
-      std::fwrite(out.data(), 1, out.size(), stdout);
+    const bool regions = s.regions.has_value();
+    opts.line_sink = [regions](std::string_view text) {
+      if (regions && text == no_region_file_line) return;
+      std::fwrite(text.data(), 1, text.size(), stdout);
     };
   }
   std::fflush(stdout);
@@ -115,21 +134,30 @@ segmentation segment_with_progress(const image_view& view, const parameters& par
   return result;
 }
 
-int report_failed_run(const segmentation& result, const tool_settings& s) {
-  if (result.status == -2) {  // the library could not write the region list file
-    std::cerr << "splitmerge: cannot write the region list file " << *s.regions << '\n';
-  } else {
-    std::cerr << "splitmerge: the segmentation failed"
-              << (result.error.empty() ? std::string(" (out of memory)") : ": " + result.error)
-              << '\n';
-  }
+void print_progress(const tool_settings& s, const std::string& line) {
+  if (s.quiet) return;
+  std::fwrite(line.data(), 1, line.size(), stdout);
+  std::fflush(stdout);
+}
+
+int report_failed_run(const segmentation& result) {
+  std::cerr << "splitmerge: the segmentation failed"
+            << (result.error.empty() ? std::string(" (out of memory)") : ": " + result.error)
+            << '\n';
   return exit_run_failed;
 }
 
-int write_results(const tool_settings& s, const fitted_image& image, const segmentation& result,
-                  const staged_outputs& files) {
+int write_results(const tool_settings& s, const fitted_image& image, const parameters& params,
+                  const segmentation& result, const staged_outputs& files) {
   try {
     std::vector<std::string> notes;
+    if (files.regions) {
+      print_progress(s, "file = " + files.regions->path() + " \n");
+      write_staged(*files.regions, [&](const std::string& path) {
+        write_region_list(path, image.size_x, image.size_z, params.pred_choice, result.regions);
+      });
+      print_progress(s, "finished save_regionlist \n");
+    }
     if (files.labels)
       write_staged(*files.labels, [&](const std::string& path) {
         write_labels(path, io::extension_of(*s.labels), image, result.labels, notes);
@@ -143,8 +171,8 @@ int write_results(const tool_settings& s, const fitted_image& image, const segme
       write_staged(*files.input_copy, [&](const std::string& path) {
         write_input_copy(path, io::extension_of(*s.input_copy), image, notes);
       });
-    files.commit_all();
-    print_notes(notes);
+    commit_all(files.all());
+    if (!s.quiet) print_notes(notes);
     return exit_success;
   } catch (const io::io_error& e) {
     std::cerr << "splitmerge: " << e.what() << '\n';
@@ -157,14 +185,16 @@ int write_results(const tool_settings& s, const fitted_image& image, const segme
 int run(const tool_settings& s) {
   try {
     check_output_extensions(s);
+    check_output_paths(s.image, requested_outputs(s));
+    warn_about_parameter_ranges(s.params);
     const fitted_image image = fit_image(io::read_grey_image(s.image), s.fit);
-    print_notes(image.notes);
+    if (!s.quiet) print_notes(image.notes);
     const image_view view{image.pixels.data(), image.size_x, image.size_y, image.size_z};
     const parameters params = checked_parameters(view, s.params);
     const staged_outputs files(s);
-    const segmentation result = segment_with_progress(view, params, s, files);
-    if (result.status != 0) return report_failed_run(result, s);
-    return write_results(s, image, result, files);
+    const segmentation result = segment_with_progress(view, params, s);
+    if (result.status != 0) return report_failed_run(result);
+    return write_results(s, image, params, result, files);
   } catch (const usage_error& e) {
     std::cerr << "splitmerge: " << e.what() << '\n';
     return exit_bad_input;

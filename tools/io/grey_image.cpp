@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "nifti_file.hpp"
 #include "npy.hpp"
@@ -51,6 +52,9 @@ const char* readable_extensions() { return ".npy, .png, .pgm, .tif, .tiff, .nii,
 
 grey_image read_grey_image(const std::string& path) {
   // Each library words a missing file its own way; say it once, plainly.
+  std::error_code ignored;
+  if (std::filesystem::is_directory(path, ignored))
+    throw io_error(path + ": is a folder, not an image file");
   if (std::FILE* f = std::fopen(path.c_str(), "rb"); f != nullptr) {
     std::fclose(f);
   } else {

@@ -146,8 +146,10 @@ std::string format_npy_int32(const std::vector<std::int64_t>& shape, const std::
     dims += std::to_string(d) + ", ";
     count *= d;
   }
-  if (shape.size() > 1) dims.erase(dims.size() - 2);  // "(3,)" keeps its comma
-  else if (!shape.empty()) dims.erase(dims.size() - 1);
+  if (shape.size() > 1)
+    dims.erase(dims.size() - 2);  // "(3,)" keeps its comma
+  else if (!shape.empty())
+    dims.erase(dims.size() - 1);
   std::string header = "{'descr': '<i4', 'fortran_order': False, 'shape': (" + dims + "), }";
   const std::size_t unpadded = 10 + header.size() + 1;
   header.append((64 - unpadded % 64) % 64, ' ');

@@ -103,7 +103,7 @@ TEST(Outputs, PicturesOfAVolumeShowItsMiddleSlice) {
   scratch_folder dir;
   const auto image = blobs(8, 4);
   io::write_npy_int32((dir / "in.npy").string(), {4, 8, 8}, image.data());
-  const auto run = run_tool(dir, "in.npy --quiet --labels l.png --frames f.gif --save-input s.png");
+  const auto run = run_tool(dir, "in.npy --labels l.png --frames f.gif --save-input s.png");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.err,
             "splitmerge: the label picture shows slice 2 of 4 (z)\n"
@@ -168,7 +168,7 @@ TEST(Fitting, PadCentresTheImageInZeros) {
   std::vector<std::int32_t> image(3 * 5);  // X = 3, Y = 5
   for (std::size_t i = 0; i < image.size(); ++i) image[i] = static_cast<std::int32_t>(i + 1);
   io::write_npy_int32((dir / "in.npy").string(), {5, 3}, image.data());
-  const auto run = run_tool(dir, "in.npy --quiet --fit pad --save-input s.npy --labels l.npy");
+  const auto run = run_tool(dir, "in.npy --fit pad --save-input s.npy --labels l.npy");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.err, "splitmerge: padded 3 x 5 to 8 x 8 (centred); labels and frames are 8 x 8\n");
   const auto saved = read_npy(dir, "s.npy");
@@ -199,7 +199,7 @@ TEST(Fitting, CropKeepsTheCentre) {
   std::vector<std::int32_t> image(7 * 6 * 3);  // X = 7, Y = 6, Z = 3
   for (std::size_t i = 0; i < image.size(); ++i) image[i] = static_cast<std::int32_t>(i % 251);
   io::write_npy_int32((dir / "in.npy").string(), {3, 6, 7}, image.data());
-  const auto run = run_tool(dir, "in.npy --quiet --fit crop --save-input s.npy");
+  const auto run = run_tool(dir, "in.npy --fit crop --save-input s.npy");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(
       run.err,
@@ -230,7 +230,7 @@ TEST(Fitting, RescaleMapsTheRangeOntoGreyValues) {
   scratch_folder dir;
   testing::write_nifti(dir / "in.nii", 2, 2, 1, testing::nifti_float32,
                        bytes_of(std::vector<float>{-1.0f, 0.0f, 0.5f, 3.0f}));
-  const auto run = run_tool(dir, "in.nii --quiet --rescale --save-input s.npy");
+  const auto run = run_tool(dir, "in.nii --rescale --save-input s.npy");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.err, "splitmerge: rescaled the values -1..3 to 0..255\n");
   // (v + 1) * 255 / 4, rounded: 0, 63.75, 95.625, 255.
@@ -248,7 +248,7 @@ TEST(Fitting, ColourPngIsSegmentedAsItsLuma) {
   std::vector<std::uint8_t> rgba(16, 0);
   for (std::size_t i = 0; i < 16; i += 4) rgba[i] = rgba[i + 3] = 255;
   testing::write_png_rgba(dir / "in.png", 2, 2, rgba);
-  const auto run = run_tool(dir, "in.png --quiet --save-input s.npy");
+  const auto run = run_tool(dir, "in.png --save-input s.npy");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.err,
             "splitmerge: in.png is a colour PNG: segmenting its luma (0.299 R + 0.587 G + "
