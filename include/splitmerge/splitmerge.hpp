@@ -79,8 +79,18 @@ struct options {
   bool collect_regions = false;
   // Write the region list file to this path.
   std::optional<std::string> region_file;
-  // Largest total size of the recorded frames in bytes.
+  // Largest total size of the frames collected in `segmentation::frames`, in
+  // bytes; frames handed to `frame_sink` are not counted.
   std::uint64_t frame_budget = std::uint64_t{2} << 30;
+  // Receives each display frame (the image's pixel count of values) as soon as
+  // it is final, in order, with its index from 0. When set, the frames are not
+  // collected in `segmentation::frames`: the run holds only the frame being
+  // painted, so frames can be streamed to a file or a host buffer. It must not
+  // throw; a caller that fails to take a frame records that and carries on.
+  std::function<void(const std::int32_t* frame, std::int32_t index)> frame_sink;
+  // Polled between the phases of the run; returning true ends the run with
+  // status_interrupted after releasing everything it built. Must not throw.
+  std::function<bool()> interrupt;
 };
 
 struct region_record {
@@ -93,16 +103,20 @@ struct region_record {
 inline constexpr std::int32_t status_ok = 0;
 inline constexpr std::int32_t status_failed = -1;       // invalid parameters or no memory
 inline constexpr std::int32_t status_file_failed = -2;  // the region list file cannot be opened
+inline constexpr std::int32_t status_interrupted = -3;  // options::interrupt asked to stop
 
 struct segmentation {
-  // status_ok, status_failed or status_file_failed. After status_failed,
-  // `error` holds the parameter problem, or is empty when memory ran out.
+  // status_ok, status_failed, status_file_failed or status_interrupted. After
+  // status_failed, `error` holds the parameter problem, or is empty when memory
+  // ran out.
   std::int32_t status = status_ok;
   // One label per pixel, 0 for the largest region; all 0 when the run failed
   // before labelling.
   std::vector<std::int32_t> labels;
-  // The display frames, frame_count images of the input's size, in order.
+  // The display frames, frame_count images of the input's size, in order
+  // (empty when they went to options::frame_sink).
   std::vector<std::int32_t> frames;
+  // Frames recorded, collected or handed to the sink.
   std::int32_t frame_count = 0;
   std::vector<std::string> lines;
   std::vector<region_record> regions;

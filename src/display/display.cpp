@@ -64,6 +64,13 @@ void smg_display_im(run_context& ctx) noexcept {
   const std::int32_t c = ctx.smg_dsp_count_l;
   ctx.smg_dsp_count_l = c + 1;
   if (c < frame_interval || ctx.frames_stopped || ctx.smg_disp_cur == nullptr) return;
+  if (ctx.frame_sink) {
+    // The frame is final now; painting goes on in the same pixels.
+    ctx.frame_sink(ctx.smg_disp_cur->pixels, ctx.smg_dsp_count - 1);
+    ++ctx.smg_dsp_count;
+    ctx.smg_dsp_count_l = 0;
+    return;
+  }
   disp_frame* node = within_budget(ctx) ? new_frame(ctx, false) : nullptr;
   if (node == nullptr) {
     // Keep every frame so far and go on painting into the current one.
@@ -116,6 +123,11 @@ void smg_dfill_region(run_context& ctx, std::int32_t value, const block* head) n
                     static_cast<std::uint32_t>(value));
   }
   smg_display_im(ctx);
+}
+
+void hand_over_last_frame(run_context& ctx) noexcept {
+  if (ctx.frame_sink && ctx.smg_disp_cur != nullptr)
+    ctx.frame_sink(ctx.smg_disp_cur->pixels, ctx.smg_dsp_count - 1);
 }
 
 std::int32_t frame_colour_at(const run_context& ctx, const block* head) noexcept {

@@ -25,6 +25,8 @@ inline void smg_dfill_block(run_context& ctx, const block_position& p, const blo
 }
 void smg_dfill_region(run_context& ctx, std::int32_t value, const block* head) noexcept;
 void smg_display_im(run_context& ctx) noexcept;
+// With a frame sink: hands the frame being painted, the run's last, to it.
+void hand_over_last_frame(run_context& ctx) noexcept;
 // The value the current frame shows at the first pixel of a head block.
 std::int32_t frame_colour_at(const run_context& ctx, const block* head) noexcept;
 

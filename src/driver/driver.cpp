@@ -8,6 +8,7 @@
 #include "grouping/grouping.hpp"
 #include "output/output.hpp"
 #include "regions/regions.hpp"
+#include "splitmerge/splitmerge.hpp"
 #include "tree/tree.hpp"
 
 namespace splitmerge {
@@ -38,6 +39,10 @@ list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
     smg_merge(ctx, list);
   }
   ctx.print("finished merging\n");
+  if (ctx.interrupt_requested()) {
+    free_blocklist(ctx, list);
+    return result::failure(status_interrupted);
+  }
 
   block* first = list[0];
   if (first->next_block == nullptr) {
@@ -51,12 +56,22 @@ list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
   ctx.phase_status = display != 0 ? smg_split_disp(ctx, list) : smg_split(ctx, list);
   if (check_pointer(ctx.phase_status) != 0) return result::failure(ctx.phase_status);
   ctx.print("finished splitting\n");
+  if (ctx.interrupt_requested()) {
+    free_blocklist(ctx, list);
+    return result::failure(status_interrupted);
+  }
 
   const auto regions = group_init(ctx, list);
   ctx.phase_status = check_pointer(regions);
   if (ctx.phase_status != 0) return result::failure(ctx.phase_status);
   regionlist head = regions.value;
   ctx.print("finished ordering regionlist\n");
+  const auto stop = [&ctx](regionlist built) {
+    if (!ctx.interrupt_requested()) return false;
+    free_regionlist(ctx, built);
+    return true;
+  };
+  if (stop(head)) return result::failure(status_interrupted);
 
   if (ctx.group_mode != 0) {
     const auto grouped =
@@ -71,6 +86,7 @@ list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
     head = display != 0 ? sequential_grouping_disp(ctx, head) : sequential_grouping(ctx, head);
   }
   ctx.print("finished grouping\n");
+  if (stop(head)) return result::failure(status_interrupted);
 
   if (head->nb_pointers[0] == nullptr) return result{head, 0};
 
@@ -81,6 +97,7 @@ list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
       region_elimination(ctx, head);
     }
     ctx.print("finished small region elimination\n");
+    if (stop(head)) return result::failure(status_interrupted);
   }
   head = clean_regionlist(ctx, head);
   ctx.print("finished cleaning of regionlist\n");
@@ -90,6 +107,7 @@ list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
     return sorted;
   }
   ctx.print("finished sorting of regionlist\n");
+  if (stop(sorted.value)) return result::failure(status_interrupted);
   return sorted;
 }
 
@@ -165,10 +183,14 @@ std::int32_t split_merge_group(run_context& ctx, const std::int32_t* image, std:
   }
 
   if (prepare_run(ctx, args) != 0) return status_no_memory;
+  if (ctx.interrupt_requested()) {
+    free_variables(ctx);
+    return status_interrupted;
+  }
 
   const auto regions = split_merge(ctx, display);
   ctx.print("finished the split_merge routine\n");
-  if (check_pointer(regions) != 0) {
+  if (regions.status != 0) {
     free_variables(ctx);
     return static_cast<std::int32_t>(regions.status);
   }

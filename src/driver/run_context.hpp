@@ -72,6 +72,17 @@ class run_context {
   std::int32_t smg_dsp_count_l = 0;
   std::int32_t cur_color = 0;
   bool frames_stopped = false;  // a tick could not get a frame; no more appends
+  // When set, frozen frames go here and the run keeps only the current one.
+  std::function<void(const std::int32_t*, std::int32_t)> frame_sink;
+
+  // --- interruption by the caller ---
+  std::function<bool()> interrupt;
+  bool interrupted = false;
+  // Polls the caller once; stays true once the caller asked to stop.
+  bool interrupt_requested() {
+    if (!interrupted && interrupt) interrupted = interrupt();
+    return interrupted;
+  }
 
   // --- status of the last checked step ---
   std::int64_t phase_status = 0;

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <string>
 
+#include "display/display.hpp"
 #include "driver/driver.hpp"
 #include "geometry/geometry.hpp"
 #include "splitmerge/splitmerge.hpp"
@@ -103,6 +104,13 @@ segmentation segment(const image_view& image, parameters p, const options& opts)
       pending.erase(0, nl + 1);
     }
   };
+  if (opts.frame_sink) {
+    ctx.frame_sink = [&](const std::int32_t* frame, std::int32_t index) {
+      ++result.frame_count;
+      opts.frame_sink(frame, index);
+    };
+  }
+  ctx.interrupt = opts.interrupt;
   if (opts.collect_regions)
     ctx.inspect_regions = [&](regionlist head) { result.regions = collect(head); };
 
@@ -118,7 +126,12 @@ segmentation segment(const image_view& image, parameters p, const options& opts)
       opts.region_file.has_value() ? 1 : 0, opts.display ? 1 : 0, path.c_str(), p.rejection,
       p.sigma, p.pseudo_factor);
 
-  result.frame_count = 0;
+  if (result.status == status_interrupted) result.error = "interrupted";
+  if (ctx.frame_sink) {
+    hand_over_last_frame(ctx);
+    ctx.release_frames();
+    return result;
+  }
   for (const disp_frame* f = ctx.smg_disp; f != nullptr; f = f->next) ++result.frame_count;
   result.frames.reserve(static_cast<std::size_t>(result.frame_count) * pixels);
   // Release each frame as soon as it is copied, so that the peak stays near

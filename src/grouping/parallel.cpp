@@ -63,17 +63,24 @@ bool seed_turn(run_context& ctx, seed_table& seeds, block* s) {
 
 template <bool Display>
 list_result<regionlist> parallel_phase(run_context& ctx, regionlist head) {
-  auto slots = create_array<block*>(ctx, static_cast<std::size_t>(ctx.max_seed),
-                                    alloc_site::seed_table);
+  const std::int32_t head_level = level(ctx, head->code);
+  const auto takes_seed = [&](const block* x) {
+    return ctx.use_all_seeds != 0 || level(ctx, x->code) == head_level;
+  };
+  // A run never has more seeds than regions: size the table by what it takes.
+  std::int32_t wanted = 1;
+  for (block* x = head->next_region; x != nullptr && wanted < ctx.max_seed && takes_seed(x);
+       x = x->next_region)
+    ++wanted;
+  auto slots =
+      create_array<block*>(ctx, static_cast<std::size_t>(wanted), alloc_site::seed_table);
   if (slots == nullptr) return list_result<regionlist>::failure(status_no_memory);
   seed_table seeds{slots, 0};
   slots[0] = head;
   head->status = 4;
   if constexpr (Display) ctx.cur_color = 0;
-  const std::int32_t head_level = level(ctx, head->code);
-  for (block* x = head->next_region; x != nullptr && seeds.count < ctx.max_seed - 1;
+  for (block* x = head->next_region; x != nullptr && seeds.count < wanted - 1;
        x = x->next_region) {
-    if (ctx.use_all_seeds == 0 && level(ctx, x->code) != head_level) break;
     slots[++seeds.count] = x;
     x->status = 4;
     if constexpr (Display) {

@@ -1,0 +1,165 @@
+// Frames handed to a sink as they are frozen, runs stopped by the caller, and
+// the parallel grouping's seed table sized by the regions it can seed.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <bit>
+#include <cstdint>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "driver/driver.hpp"
+#include "splitmerge/splitmerge.hpp"
+#include "support/conformance_case.hpp"
+#include "support/random_images.hpp"
+
+namespace splitmerge {
+namespace {
+
+parameters parameters_of(const testing::reference_case& c) {
+  parameters p;
+  p.max_level = c.param("max_level");
+  p.lim_oct_level = c.param("lim_oct_level");
+  p.init_level = c.param("init_level");
+  p.group_mode = c.param("group_mode");
+  p.max_seed = c.param("max_seed");
+  p.use_all_seeds = c.param("use_all_seeds");
+  p.pred_choice = c.param("pred_choice");
+  p.interval_length = c.param("interval_length");
+  p.rejection = c.params.at("rejection");
+  p.sigma = c.params.at("sigma");
+  p.threshold_row = c.param("threshold_row");
+  p.pseudo_factor = c.params.at("pseudo_factor");
+  p.small_size = c.param("small_size");
+  p.statistic_update = c.param("statistic_update");
+  return p;
+}
+
+options quiet_options() {
+  options o;
+  o.line_sink = [](std::string_view) {};
+  o.error_sink = [](std::string_view) {};
+  return o;
+}
+
+// Guards the streaming promise: a sink receives exactly the frames that the
+// run would otherwise collect, in order, and the labels are the same.
+TEST(FrameSink, StreamedFramesEqualCollectedFramesOnEveryReferenceCase) {
+  const auto cases = testing::conformance_cases();
+  if (cases.empty()) GTEST_SKIP() << "no reference cases at " << testing::conformance_root();
+  for (const auto& dir : cases) {
+    const auto c = testing::load_case(dir);
+    if (!c.display) continue;
+    SCOPED_TRACE("case " + c.name);
+    const image_view view{c.image.data(), c.size_x, c.size_y, c.size_z};
+    options collecting = quiet_options();
+    const segmentation collected = segment(view, parameters_of(c), collecting);
+
+    options streaming = quiet_options();
+    std::vector<std::int32_t> streamed;
+    std::int32_t expected_index = 0;
+    streaming.frame_sink = [&](const std::int32_t* frame, std::int32_t index) {
+      EXPECT_EQ(index, expected_index++);
+      streamed.insert(streamed.end(), frame, frame + c.image.size());
+    };
+    const segmentation s = segment(view, parameters_of(c), streaming);
+    EXPECT_EQ(s.status, collected.status);
+    EXPECT_EQ(s.labels, collected.labels);
+    EXPECT_TRUE(s.frames.empty());
+    EXPECT_EQ(s.frame_count, collected.frame_count);
+    EXPECT_EQ(streamed, collected.frames);
+    if (c.frames) {
+      EXPECT_EQ(streamed, *c.frames);
+    }
+  }
+}
+
+struct stop_run {
+  std::int32_t status = 0;
+  std::int64_t live_after = 0;
+  std::int32_t polls = 0;
+};
+
+// Stops a run at its k-th poll (never when k is 0).
+stop_run run_stopped_at(const std::vector<std::int32_t>& image, std::int32_t size_x,
+                        std::int32_t size_z, std::int32_t group_mode, std::int32_t k) {
+  stop_run r;
+  run_context ctx;
+  ctx.out = [](std::string_view) {};
+  ctx.interrupt = [&] { return ++r.polls == k; };
+  std::vector<std::int32_t> labels(image.size(), 0);
+  const std::int32_t max_level = std::countr_zero(static_cast<std::uint32_t>(size_x));
+  const std::int32_t lim = max_level - std::countr_zero(static_cast<std::uint32_t>(size_z));
+  r.status =
+      split_merge_group(ctx, image.data(), size_x, size_x, size_z, max_level, lim, labels.data(), 1,
+                        group_mode, 4, 0, 4, 10, 3, 6, 1, 0, 1, nullptr, 0.1, 3.0, 2.0);
+  ctx.release_frames();
+  r.live_after = ctx.allocator.live();
+  return r;
+}
+
+TEST(Interrupt, StoppingAtEveryPollReleasesEverything) {
+  std::mt19937 rng(7);
+  for (const std::int32_t group_mode : {0, 1}) {
+    const auto image = testing::blob_image(rng, 16, 4, 40);
+    const stop_run complete = run_stopped_at(image, 16, 4, group_mode, 0);
+    ASSERT_EQ(complete.status, 0);
+    ASSERT_GE(complete.polls, 6) << "a run polls before and between its phases";
+    for (std::int32_t k = 1; k <= complete.polls; ++k) {
+      const stop_run r = run_stopped_at(image, 16, 4, group_mode, k);
+      EXPECT_EQ(r.status, status_interrupted) << "poll " << k;
+      EXPECT_EQ(r.polls, k) << "the run goes on polling after it was stopped";
+      EXPECT_EQ(r.live_after, 0) << "poll " << k << " leaked";
+    }
+  }
+}
+
+TEST(Interrupt, TheEntryReportsTheInterruptionAndNoLabels) {
+  std::mt19937 rng(3);
+  const auto image = testing::blob_image(rng, 32, 1, 20);
+  options o = quiet_options();
+  o.interrupt = [] { return true; };
+  const segmentation s = segment(image_view{image.data(), 32, 32, 1}, parameters{}, o);
+  EXPECT_EQ(s.status, status_interrupted);
+  EXPECT_EQ(s.error, "interrupted");
+  EXPECT_EQ(s.labels, std::vector<std::int32_t>(image.size(), 0));
+}
+
+// The largest max_seed once sized the seed table by itself (16 GB). In a
+// child limited to 1 GiB of address space the run must still succeed, with
+// the labels of a max_seed equal to the number of regions it can seed.
+TEST(SeedTable, AHugeMaxSeedNeedsNoHugeTable) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "address space limits do not mix with the address sanitizer";
+#else
+  std::mt19937 rng(11);
+  const auto image = testing::blob_image(rng, 64, 1, 30);
+  const image_view view{image.data(), 64, 64, 1};
+  parameters p;
+  p.group_mode = 1;
+  p.use_all_seeds = 1;
+  p.max_seed = 64 * 64;
+  const segmentation bounded = segment(view, p, quiet_options());
+  ASSERT_EQ(bounded.status, status_ok);
+  p.max_seed = std::numeric_limits<std::int32_t>::max();
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    const rlimit limit{std::size_t{1} << 30, std::size_t{1} << 30};
+    setrlimit(RLIMIT_AS, &limit);
+    const segmentation huge = segment(view, p, quiet_options());
+    _exit(huge.status == status_ok && huge.labels == bounded.labels ? 0 : 1);
+  }
+  int wstatus = 0;
+  ASSERT_EQ(waitpid(child, &wstatus, 0), child);
+  ASSERT_TRUE(WIFEXITED(wstatus));
+  EXPECT_EQ(WEXITSTATUS(wstatus), 0);
+#endif
+}
+
+}  // namespace
+}  // namespace splitmerge
