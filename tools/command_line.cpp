@@ -203,8 +203,8 @@ parse_result parse_command_line(int argc, const char* const* argv) {
   std::int64_t frame_budget = static_cast<std::int64_t>(s.frame_budget);
   app.add_option(
          "--frame-budget", frame_budget,
-         wrapped("the recorded frames may take at most this many bytes of memory; later ones "
-                 "are dropped (default 2 GiB)"))
+         wrapped("accepted for older command lines; it limits nothing now, as --frames writes "
+                 "each frame to its file as the run makes it and holds at most two"))
       ->type_name("BYTES")
       ->check(CLI::Validator(
           [](const std::string& text) {

@@ -28,22 +28,6 @@ void note_shown_slice(const std::string& what, const fitted_image& image,
                     std::to_string(image.size_z) + " (z)");
 }
 
-// Frames of one slice as palette indices, dropping frames that repeat the one
-// before on that slice (in a volume most steps change other slices).
-std::vector<std::vector<std::uint8_t>> indexed_frames(const fitted_image& image,
-                                                      const std::vector<std::int32_t>& frames,
-                                                      std::int32_t frame_count) {
-  const std::int64_t frame_size = slice_pixels(image) * image.size_z;
-  std::vector<std::vector<std::uint8_t>> out;
-  for (std::int32_t f = 0; f < frame_count; ++f) {
-    const std::int32_t* slice = slice_start(image, frames.data() + f * frame_size);
-    std::vector<std::uint8_t> indices(static_cast<std::size_t>(slice_pixels(image)));
-    std::transform(slice, slice + slice_pixels(image), indices.begin(), palette_index);
-    if (out.empty() || out.back() != indices) out.push_back(std::move(indices));
-  }
-  return out;
-}
-
 }  // namespace
 
 bool is_label_extension(const std::string& ext) {
@@ -81,23 +65,6 @@ void write_labels(const std::string& file, const std::string& ext, const fitted_
     io::write_tiff(file, image.size_x, image.size_y, image.size_z, labels.data(),
                    io::tiff_pixel::int32);
   }
-}
-
-void write_frames(const std::string& file, const std::string& ext, const fitted_image& image,
-                  const std::vector<std::int32_t>& frames, std::int32_t frame_count,
-                  std::vector<std::string>& notes) {
-  if (ext == ".npy") {
-    std::vector<std::int64_t> shape = image_shape(image);
-    shape.insert(shape.begin(), frame_count);
-    io::write_npy_int32(file, shape, frames.data());
-    return;
-  }
-  note_shown_slice("the frame animation", image, notes);
-  const auto indexed = indexed_frames(image, frames, frame_count);
-  if (indexed.empty()) throw io::io_error("the run recorded no frames for " + file);
-  // About ten seconds in all, within what GIF viewers honour (at least 2/100 s).
-  const int delay = std::clamp(1000 / static_cast<int>(indexed.size()), 2, 25);
-  io::write_gif_animation(file, image.size_x, image.size_y, indexed, indexed_palette(), delay, 300);
 }
 
 void write_input_copy(const std::string& file, const std::string& ext, const fitted_image& image,

@@ -25,9 +25,6 @@ std::int32_t shown_slice(const fitted_image& image);
 // of a volume show shown_slice(); `notes` tells the user so.
 void write_labels(const std::string& file, const std::string& ext, const fitted_image& image,
                   const std::vector<std::int32_t>& labels, std::vector<std::string>& notes);
-void write_frames(const std::string& file, const std::string& ext, const fitted_image& image,
-                  const std::vector<std::int32_t>& frames, std::int32_t frame_count,
-                  std::vector<std::string>& notes);
 void write_input_copy(const std::string& file, const std::string& ext, const fitted_image& image,
                       std::vector<std::string>& notes);
 

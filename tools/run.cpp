@@ -5,6 +5,7 @@
 #include <memory>
 #include <string_view>
 
+#include "frame_stream.hpp"
 #include "npy.hpp"
 #include "outputs.hpp"
 #include "parameter_ranges.hpp"
@@ -116,10 +117,14 @@ parameters checked_parameters(const image_view& view, const parameters& given) {
 constexpr std::string_view no_region_file_line = "No save_regionlist specified\n";
 
 segmentation segment_with_progress(const image_view& view, const parameters& params,
-                                   const tool_settings& s) {
+                                   const tool_settings& s, frame_stream* frames) {
   options opts;
-  opts.display = s.frames.has_value();  // frames cost time and memory: only when asked for
-  opts.frame_budget = s.frame_budget;
+  opts.display = frames != nullptr;  // frames cost time: only when asked for
+  if (frames != nullptr) {
+    opts.frame_sink = [frames](const std::int32_t* frame, std::int32_t) { frames->add(frame); };
+    // A frame that cannot be written fails the run: stop it early.
+    opts.interrupt = [frames] { return frames->failed(); };
+  }
   opts.collect_regions = s.regions.has_value();
   if (!s.quiet) {
     const bool regions = s.regions.has_value();
@@ -148,9 +153,11 @@ int report_failed_run(const segmentation& result) {
 }
 
 int write_results(const tool_settings& s, const fitted_image& image, const parameters& params,
-                  const segmentation& result, const staged_outputs& files) {
+                  const segmentation& result, const staged_outputs& files, frame_stream* frames) {
   try {
     std::vector<std::string> notes;
+    if (frames != nullptr)
+      write_staged(*files.frames, [&](const std::string&) { frames->finish(notes); });
     if (files.regions) {
       print_progress(s, "file = " + files.regions->path() + " \n");
       write_staged(*files.regions, [&](const std::string& path) {
@@ -161,11 +168,6 @@ int write_results(const tool_settings& s, const fitted_image& image, const param
     if (files.labels)
       write_staged(*files.labels, [&](const std::string& path) {
         write_labels(path, io::extension_of(*s.labels), image, result.labels, notes);
-      });
-    if (files.frames)
-      write_staged(*files.frames, [&](const std::string& path) {
-        write_frames(path, io::extension_of(*s.frames), image, result.frames, result.frame_count,
-                     notes);
       });
     if (files.input_copy)
       write_staged(*files.input_copy, [&](const std::string& path) {
@@ -192,9 +194,30 @@ int run(const tool_settings& s) {
     const image_view view{image.pixels.data(), image.size_x, image.size_y, image.size_z};
     const parameters params = checked_parameters(view, s.params);
     const staged_outputs files(s);
-    const segmentation result = segment_with_progress(view, params, s);
+    std::optional<frame_stream> frames;
+    if (files.frames) {
+      try {
+        write_staged(*files.frames, [&](const std::string& path) {
+          frames.emplace(path, io::extension_of(*s.frames), image);
+        });
+      } catch (const io::io_error& e) {
+        std::cerr << "splitmerge: " << e.what() << '\n';
+        return exit_run_failed;
+      }
+    }
+    frame_stream* frame_output = frames ? &*frames : nullptr;
+    const segmentation result = segment_with_progress(view, params, s, frame_output);
+    if (frame_output != nullptr && frame_output->failed()) {
+      try {
+        std::vector<std::string> unused;
+        write_staged(*files.frames, [&](const std::string&) { frame_output->finish(unused); });
+      } catch (const io::io_error& e) {
+        std::cerr << "splitmerge: " << e.what() << '\n';
+      }
+      return exit_run_failed;
+    }
     if (result.status != 0) return report_failed_run(result);
-    return write_results(s, image, params, result, files);
+    return write_results(s, image, params, result, files, frame_output);
   } catch (const usage_error& e) {
     std::cerr << "splitmerge: " << e.what() << '\n';
     return exit_bad_input;

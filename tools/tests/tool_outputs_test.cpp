@@ -106,8 +106,8 @@ TEST(Outputs, PicturesOfAVolumeShowItsMiddleSlice) {
   const auto run = run_tool(dir, "in.npy --labels l.png --frames f.gif --save-input s.png");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.err,
-            "splitmerge: the label picture shows slice 2 of 4 (z)\n"
             "splitmerge: the frame animation shows slice 2 of 4 (z)\n"
+            "splitmerge: the label picture shows slice 2 of 4 (z)\n"
             "splitmerge: the input picture shows slice 2 of 4 (z)\n");
   ASSERT_EQ(run_tool(dir, "in.npy --quiet --labels l.npy").status, 0);
   const auto labels = read_npy(dir, "l.npy");

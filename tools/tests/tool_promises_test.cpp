@@ -14,7 +14,9 @@
 #include <vector>
 
 #include "npy.hpp"
+#include "splitmerge/splitmerge.hpp"
 #include "staging.hpp"
+#include "test_images.hpp"
 #include "tool_runner.hpp"
 
 namespace splitmerge::tool {
@@ -176,6 +178,51 @@ TEST(Interrupted, SignalsRemoveTheTemporaryFiles) {
     EXPECT_EQ(interrupted_run(dir, signal_name), (std::vector<std::string>{"in.npy", "l.npy"}));
     EXPECT_EQ(read_file(dir / "l.npy"), "old labels");
   }
+}
+
+// Frames go to their file as the run makes them: a run whose frames would
+// take far more memory than the limit allows still runs within it.
+TEST(Memory, FramesAreStreamedNotCollected) {
+#if defined(SPLITMERGE_SANITIZED)
+  GTEST_SKIP() << "sanitizers reserve more address space than the limit allows";
+#endif
+  scratch_folder dir;
+  write_noise(dir, "in.npy", {64, 64, 64});
+  const auto image = io::read_npy((dir / "in.npy").string());
+  const std::vector<std::int32_t> pixels(image.values.begin(), image.values.end());
+  options counting;
+  std::int64_t frames = 0;
+  counting.frame_sink = [&frames](const std::int32_t*, std::int32_t) { ++frames; };
+  counting.line_sink = [](std::string_view) {};
+  parameters p;
+  p.small_size = 0;
+  ASSERT_EQ(segment({pixels.data(), 64, 64, 64}, p, counting).status, 0);
+  constexpr std::int64_t limit_kib = 250'000;
+  ASSERT_GT(frames * 64 * 64 * 64 * 4, 2 * limit_kib * 1024) << "too few frames to show it";
+  const auto run = run_tool(dir,
+                            "in.npy --quiet --frames f.gif --pred-choice 4 --sigma 5 "
+                            "--interval-length 10 --threshold-row 3 --small-size 0",
+                            "ulimit -v " + std::to_string(limit_kib) + ";");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_GT(testing::read_gif(dir / "f.gif").frames.size(), 10u);
+}
+
+// Parallel grouping never has more seeds than regions: a huge --max-seed
+// costs no memory.
+TEST(Memory, AHugeSeedCountRunsInNormalMemory) {
+#if defined(SPLITMERGE_SANITIZED)
+  GTEST_SKIP() << "sanitizers reserve more address space than the limit allows";
+#endif
+  scratch_folder dir;
+  write_noise(dir, "in.npy", {256, 256});
+  const auto run =
+      run_tool(dir, "in.npy --quiet --group-mode 1 --max-seed 2000000000 --labels l.npy",
+               "ulimit -v 300000;");
+  EXPECT_EQ(run.status, 0) << run.err;
+  const auto small = run_tool(dir, "in.npy --quiet --group-mode 1 --max-seed 1000 --labels m.npy");
+  ASSERT_EQ(small.status, 0);
+  // Seeds beyond the number of regions change nothing.
+  EXPECT_EQ(read_file(dir / "l.npy"), read_file(dir / "m.npy"));
 }
 
 TEST(CommandLine, NegativeFrameBudgetIsRefused) {

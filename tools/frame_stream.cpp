@@ -1,0 +1,75 @@
+#include "frame_stream.hpp"
+
+#include <algorithm>
+
+#include "outputs.hpp"
+#include "palette.hpp"
+
+namespace splitmerge::tool {
+
+namespace {
+
+std::size_t slice_pixels(const fitted_image& image) {
+  return static_cast<std::size_t>(image.size_x) * static_cast<std::size_t>(image.size_y);
+}
+
+}  // namespace
+
+frame_stream::frame_stream(const std::string& file, const std::string& ext,
+                           const fitted_image& image)
+    : image_(image) {
+  if (ext == ".npy") {
+    npy_ = std::make_unique<io::npy_int32_stream>(file, image_shape(image));
+  } else {
+    gif_ = std::make_unique<io::gif_animation_writer>(file, image.size_x, image.size_y,
+                                                      indexed_palette());
+  }
+}
+
+void frame_stream::add(const std::int32_t* frame) noexcept {
+  if (failed()) return;
+  try {
+    if (npy_) {
+      npy_->append(frame);
+    } else {
+      add_to_gif(frame);
+    }
+  } catch (const std::exception& e) {
+    problem_ = e.what();
+    if (problem_.empty()) problem_ = "cannot write the frames";
+  }
+}
+
+// Frames that repeat the one before on the shown slice are dropped (in a
+// volume most steps change other slices); the latest frame is held back so
+// that the last one can be given a longer delay.
+void frame_stream::add_to_gif(const std::int32_t* frame) {
+  const std::int32_t* slice =
+      frame + static_cast<std::size_t>(shown_slice(image_)) * slice_pixels(image_);
+  current_.resize(slice_pixels(image_));
+  std::transform(slice, slice + current_.size(), current_.begin(), palette_index);
+  if (!pending_.empty() && pending_ == current_) return;
+  write_pending_gif_frame();
+  pending_.swap(current_);
+}
+
+void frame_stream::write_pending_gif_frame() {
+  if (!pending_.empty()) gif_->add_frame(pending_.data());
+}
+
+void frame_stream::finish(std::vector<std::string>& notes) {
+  if (failed()) throw io::io_error(problem_);
+  if (npy_) {
+    npy_->finish();
+    return;
+  }
+  if (image_.size_z > 1)
+    notes.push_back("the frame animation shows slice " + std::to_string(shown_slice(image_)) +
+                    " of " + std::to_string(image_.size_z) + " (z)");
+  write_pending_gif_frame();
+  // About ten seconds in all, within what GIF viewers honour (at least 2/100 s).
+  const auto frames = static_cast<int>(std::max<std::size_t>(gif_->frame_count(), 1));
+  gif_->finish(std::clamp(1000 / frames, 2, 25), 300);
+}
+
+}  // namespace splitmerge::tool
