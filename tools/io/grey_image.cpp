@@ -11,6 +11,7 @@
 #include "npy.hpp"
 #include "pgm_file.hpp"
 #include "png_file.hpp"
+#include "size_limits.hpp"
 #include "tiff_file.hpp"
 
 namespace splitmerge::io {
@@ -33,6 +34,7 @@ grey_image read_npy_image(const std::string& path) {
                    " dimensions; expected (Y, X) or (Z, Y, X)");
   }
   if (out.pixel_count() == 0) throw io_error(path + ": the array is empty");
+  check_pixel_count(path, out.size_x, out.size_y, out.size_z);
   out.values.assign(a.values.begin(), a.values.end());
   return out;
 }

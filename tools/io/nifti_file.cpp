@@ -1,11 +1,16 @@
 #include "nifti_file.hpp"
 
+#include <fcntl.h>
 #include <nifti1_io.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 
 #include "npy.hpp"
+#include "size_limits.hpp"
 
 namespace splitmerge::io {
 
@@ -14,10 +19,40 @@ namespace {
 struct nifti_deleter {
   void operator()(nifti_image* nim) const { nifti_image_free(nim); }
 };
+using nifti_handle = std::unique_ptr<nifti_image, nifti_deleter>;
+
+// libniftiio prints some of its errors whatever its debug level; the program
+// words the problem itself, in one line, so the library's lines are muted.
+class quiet_standard_error {
+ public:
+  quiet_standard_error() {
+    std::fflush(stderr);
+    saved_ = ::dup(STDERR_FILENO);
+    const int null = ::open("/dev/null", O_WRONLY);
+    if (saved_ >= 0 && null >= 0) ::dup2(null, STDERR_FILENO);
+    if (null >= 0) ::close(null);
+  }
+  quiet_standard_error(const quiet_standard_error&) = delete;
+  quiet_standard_error& operator=(const quiet_standard_error&) = delete;
+  ~quiet_standard_error() {
+    std::fflush(stderr);
+    if (saved_ < 0) return;
+    ::dup2(saved_, STDERR_FILENO);
+    ::close(saved_);
+  }
+
+ private:
+  int saved_ = -1;
+};
+
+nifti_handle read_header(const std::string& path) {
+  nifti_set_debug_level(0);
+  const quiet_standard_error quiet;
+  return nifti_handle(nifti_image_read(path.c_str(), 0));
+}
 
 template <class T>
-void convert(const void* data, std::vector<double>& out) {
-  const auto* bytes = static_cast<const unsigned char*>(data);
+void convert(const unsigned char* bytes, std::vector<double>& out) {
   for (std::size_t i = 0; i < out.size(); ++i) {
     T v;
     std::memcpy(&v, bytes + i * sizeof(T), sizeof(T));
@@ -26,49 +61,83 @@ void convert(const void* data, std::vector<double>& out) {
 }
 
 // False for data types that are not one grey value per voxel.
-bool convert_voxels(const nifti_image& nim, std::vector<double>& out) {
-  switch (nim.datatype) {
+bool convert_voxels(int datatype, const unsigned char* bytes, std::vector<double>& out) {
+  switch (datatype) {
     case DT_UINT8:
-      convert<std::uint8_t>(nim.data, out);
+      convert<std::uint8_t>(bytes, out);
       return true;
     case DT_INT8:
-      convert<std::int8_t>(nim.data, out);
+      convert<std::int8_t>(bytes, out);
       return true;
     case DT_UINT16:
-      convert<std::uint16_t>(nim.data, out);
+      convert<std::uint16_t>(bytes, out);
       return true;
     case DT_INT16:
-      convert<std::int16_t>(nim.data, out);
+      convert<std::int16_t>(bytes, out);
       return true;
     case DT_UINT32:
-      convert<std::uint32_t>(nim.data, out);
+      convert<std::uint32_t>(bytes, out);
       return true;
     case DT_INT32:
-      convert<std::int32_t>(nim.data, out);
+      convert<std::int32_t>(bytes, out);
       return true;
     case DT_UINT64:
-      convert<std::uint64_t>(nim.data, out);
+      convert<std::uint64_t>(bytes, out);
       return true;
     case DT_INT64:
-      convert<std::int64_t>(nim.data, out);
+      convert<std::int64_t>(bytes, out);
       return true;
     case DT_FLOAT32:
-      convert<float>(nim.data, out);
+      convert<float>(bytes, out);
       return true;
     case DT_FLOAT64:
-      convert<double>(nim.data, out);
+      convert<double>(bytes, out);
       return true;
     default:
       return false;
   }
 }
 
+// The stored voxel bytes, exactly: libniftiio would fill a short file with
+// zeros and replace NaN by 0, so the data are read here.
+std::vector<unsigned char> read_voxel_bytes(const nifti_image& nim, const std::string& path,
+                                            std::size_t bytes) {
+  const bool compressed = nifti_is_gzfile(nim.iname) != 0;
+  std::error_code error;
+  const auto file_size = std::filesystem::file_size(nim.iname, error);
+  if (error) throw io_error(path + ": cannot read NIfTI voxels (" + error.message() + ")");
+  const auto offset = static_cast<std::uint64_t>(std::max(nim.iname_offset, 0));
+  if (!compressed && file_size < offset + bytes)
+    throw io_error(path + ": truncated NIfTI file: the header declares " + std::to_string(bytes) +
+                   " bytes of voxels from byte " + std::to_string(offset) + ", the file has " +
+                   std::to_string(file_size) + " bytes");
+  if (compressed) check_declared_size(path, bytes, file_size);
+  znzFile file = znzopen(nim.iname, "rb", compressed ? 1 : 0);
+  if (znz_isnull(file)) throw io_error(path + ": cannot open the NIfTI voxels");
+  std::vector<unsigned char> data;
+  bool complete = znzseek(file, static_cast<znz_off_t>(offset), SEEK_SET) >= 0;
+  // Read in pieces, so that a file shorter than its header says costs no
+  // more memory than it holds.
+  constexpr std::size_t piece = std::size_t{1} << 20;
+  while (complete && data.size() < bytes) {
+    const std::size_t want = std::min(piece, bytes - data.size());
+    const std::size_t at = data.size();
+    data.resize(at + want);
+    const std::size_t got = znzread(data.data() + at, 1, want, file);
+    complete = got == want;
+  }
+  znzclose(file);
+  if (!complete)
+    throw io_error(path + ": truncated NIfTI file: the header declares " + std::to_string(bytes) +
+                   " bytes of voxels, the file holds fewer");
+  return data;
+}
+
 }  // namespace
 
 grey_image read_nifti(const std::string& path) {
-  nifti_set_debug_level(0);  // its messages would repeat ours
-  const std::unique_ptr<nifti_image, nifti_deleter> nim(nifti_image_read(path.c_str(), 1));
-  if (!nim || nim->data == nullptr) throw io_error(path + ": cannot read NIfTI volume");
+  const nifti_handle nim = read_header(path);
+  if (!nim) throw io_error(path + ": cannot read NIfTI volume (not a NIfTI-1 file, or damaged)");
   for (int d = 4; d <= nim->dim[0] && d <= 7; ++d)
     if (nim->dim[d] > 1)
       throw io_error(path + ": has " + std::to_string(nim->dim[0]) +
@@ -81,10 +150,16 @@ grey_image read_nifti(const std::string& path) {
   if (out.size_x < 1 || out.size_y < 1 || out.size_z < 1 ||
       out.pixel_count() != static_cast<std::int64_t>(nim->nvox))
     throw io_error(path + ": inconsistent NIfTI dimensions");
-  out.values.resize(nim->nvox);
-  if (!convert_voxels(*nim, out.values))
+  check_pixel_count(path, out.size_x, out.size_y, out.size_z);
+  std::vector<double> probe(0);
+  if (!convert_voxels(nim->datatype, nullptr, probe) || nim->nbyper < 1)
     throw io_error(path + ": NIfTI data type " + nifti_datatype_string(nim->datatype) +
                    " is not a grey value (integer or float voxels only)");
+  const std::size_t bytes = nim->nvox * static_cast<std::size_t>(nim->nbyper);
+  std::vector<unsigned char> data = read_voxel_bytes(*nim, path, bytes);
+  if (nim->byteorder != nifti_short_order()) nifti_swap_Nbytes(nim->nvox, nim->nbyper, data.data());
+  out.values.resize(nim->nvox);
+  convert_voxels(nim->datatype, data.data(), out.values);
   const double slope = nim->scl_slope, intercept = nim->scl_inter;
   if (slope != 0.0 && (slope != 1.0 || intercept != 0.0))
     for (auto& v : out.values) v = v * slope + intercept;

@@ -252,7 +252,7 @@ TEST(Fitting, ColourPngIsSegmentedAsItsLuma) {
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.err,
             "splitmerge: in.png is a colour PNG: segmenting its luma (0.299 R + 0.587 G + "
-            "0.114 B)\n");
+            "0.114 B); in.png has an alpha channel, which is ignored\n");
   EXPECT_EQ(as_int32(read_npy(dir, "s.npy").values), std::vector<std::int32_t>(4, 76));
 }
 
