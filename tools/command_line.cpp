@@ -30,7 +30,10 @@ constexpr const char* footer =
     "                 .png (a colour picture, one colour per label; a volume's middle slice)\n"
     "  --frames       .npy (int32, shape (frames,) + image shape), .gif (an animation; a\n"
     "                 volume's middle slice)\n"
-    "  --save-input   .png, .pgm (grey; a volume's middle slice), .npy, .tif\n\n"
+    "  --save-input   .png, .pgm (grey; a volume's middle slice), .npy, .tif\n"
+    "  --overlay      .png (the input in grey, region borders in yellow)\n"
+    "After --fit pad every output has the input's own size (the padding removed); after\n"
+    "--fit crop the outputs have the cropped size and a note names the box kept.\n\n"
     "Examples:\n"
     "  splitmerge scan.nii.gz --slice 90 --fit pad --labels labels.png --frames run.gif\n"
     "  splitmerge scan.nii.gz --fit crop --labels labels.npy --regions regions.txt\n"
@@ -79,6 +82,27 @@ std::int32_t predicate_number(const std::string& text) {
                                "pseudo, got '" +
                                    text + "'");
   return value;
+}
+
+// "LOW,HIGH" with 0 <= LOW < HIGH <= 100.
+void parse_percentile_window(const std::string& text, double& low, double& high) {
+  const auto comma = text.find(',');
+  std::size_t used_low = 0, used_high = 0;
+  bool valid = comma != std::string::npos;
+  try {
+    if (valid) {
+      low = std::stod(text.substr(0, comma), &used_low);
+      high = std::stod(text.substr(comma + 1), &used_high);
+      valid = used_low == comma && used_high == text.size() - comma - 1;
+    }
+  } catch (const std::logic_error&) {
+    valid = false;
+  }
+  if (!valid || !(low >= 0 && low < high && high <= 100))
+    throw CLI::ValidationError("--rescale",
+                               "expected LOW,HIGH percentiles with 0 <= LOW < HIGH "
+                               "<= 100, e.g. 1,99, got '" +
+                                   text + "'");
 }
 
 void add_parameter_options(CLI::App& app, parameters& p, std::string& predicate) {
@@ -178,7 +202,8 @@ parse_result parse_command_line(int argc, const char* const* argv) {
   app.footer(footer);
   app.set_version_flag("--version", std::string("splitmerge ") + SPLITMERGE_VERSION);
   app.get_formatter()->column_width(26);
-  app.add_option("IMAGE", s.image, "the image or volume to segment")->required();
+  // Not required here: "--rescale IMAGE" hands the image to --rescale first.
+  CLI::Option* image = app.add_option("IMAGE", s.image, "the image or volume to segment");
 
   const std::string outputs = "Outputs (written only when the whole run succeeds)";
   app.add_option("--labels", s.labels, "write the label image (0 = the largest region)")
@@ -193,7 +218,13 @@ parse_result parse_command_line(int argc, const char* const* argv) {
       ->type_name("PATH")
       ->group(outputs);
   app.add_option("--save-input", s.input_copy,
-                 "write the image as segmented, after --slice, --fit and --rescale")
+                 wrapped("write the image as segmented, after --rescale, --slice and --fit (at "
+                         "the input's size after --fit pad)"))
+      ->type_name("PATH")
+      ->group(outputs);
+  app.add_option("--overlay", s.overlay,
+                 wrapped("write a .png of the input with the region borders drawn over it in "
+                         "yellow (a volume's middle slice)"))
       ->type_name("PATH")
       ->group(outputs);
   app.add_flag("--no-display", s.no_display,
@@ -224,8 +255,16 @@ parse_result parse_command_line(int argc, const char* const* argv) {
   app.add_option("--slice", s.fit.slice, "segment slice K (0-based, along z) of a volume")
       ->type_name("K")
       ->group(fitting);
-  app.add_flag("--rescale", s.fit.rescale, "map the values' range linearly onto 0..255")
-      ->group(fitting);
+  std::string rescale_window;
+  CLI::Option* rescale =
+      app.add_option("--rescale", rescale_window,
+                     wrapped("map the values linearly onto 0..255, before --slice so that every "
+                             "slice shares one mapping: all of them (min to max), or with LOW,HIGH "
+                             "the window between those percentiles of the whole input, values "
+                             "outside it clipped (e.g. --rescale 1,99)"))
+          ->expected(0, 1)
+          ->type_name("[LOW,HIGH]")
+          ->group(fitting);
 
   add_parameter_options(app, s.params, predicate);
 
@@ -234,8 +273,18 @@ parse_result parse_command_line(int argc, const char* const* argv) {
     s.params.pred_choice = predicate_number(predicate);
     if (fit != "none" && fit != "pad" && fit != "crop")
       throw CLI::ValidationError("--fit", "expected pad or crop, got '" + fit + "'");
+    if (image->count() == 0 && rescale->count() > 0 &&
+        rescale_window.find(',') == std::string::npos && !rescale_window.empty()) {
+      s.image = rescale_window;  // "--rescale IMAGE": the image, not a window
+      rescale_window.clear();
+    } else if (image->count() == 0) {
+      throw CLI::RequiredError("IMAGE");
+    }
     if (s.image.empty()) throw CLI::ValidationError("IMAGE", "the image path is empty");
     s.frame_budget = static_cast<std::uint64_t>(frame_budget);
+    s.fit.rescale = rescale->count() > 0;
+    if (s.fit.rescale && !rescale_window.empty())
+      parse_percentile_window(rescale_window, s.fit.low_percentile, s.fit.high_percentile);
   } catch (const CLI::CallForHelp&) {
     std::cout << app.help();
     return 0;

@@ -7,21 +7,14 @@
 
 namespace splitmerge::tool {
 
-namespace {
-
-std::size_t slice_pixels(const fitted_image& image) {
-  return static_cast<std::size_t>(image.size_x) * static_cast<std::size_t>(image.size_y);
-}
-
-}  // namespace
-
 frame_stream::frame_stream(const std::string& file, const std::string& ext,
                            const fitted_image& image)
     : image_(image) {
   if (ext == ".npy") {
     npy_ = std::make_unique<io::npy_int32_stream>(file, image_shape(image));
   } else {
-    gif_ = std::make_unique<io::gif_animation_writer>(file, image.size_x, image.size_y,
+    gif_ = std::make_unique<io::gif_animation_writer>(file, static_cast<int>(image.shown.size_x),
+                                                      static_cast<int>(image.shown.size_y),
                                                       indexed_palette());
   }
 }
@@ -30,7 +23,7 @@ void frame_stream::add(const std::int32_t* frame) noexcept {
   if (failed()) return;
   try {
     if (npy_) {
-      npy_->append(frame);
+      npy_->append(shown_part(image_, frame).data());
     } else {
       add_to_gif(frame);
     }
@@ -44,10 +37,9 @@ void frame_stream::add(const std::int32_t* frame) noexcept {
 // volume most steps change other slices); the latest frame is held back so
 // that the last one can be given a longer delay.
 void frame_stream::add_to_gif(const std::int32_t* frame) {
-  const std::int32_t* slice =
-      frame + static_cast<std::size_t>(shown_slice(image_)) * slice_pixels(image_);
-  current_.resize(slice_pixels(image_));
-  std::transform(slice, slice + current_.size(), current_.begin(), palette_index);
+  const std::vector<std::int32_t> slice = shown_picture(image_, frame);
+  current_.resize(slice.size());
+  std::transform(slice.begin(), slice.end(), current_.begin(), palette_index);
   if (!pending_.empty() && pending_ == current_) return;
   write_pending_gif_frame();
   pending_.swap(current_);
@@ -63,9 +55,9 @@ void frame_stream::finish(std::vector<std::string>& notes) {
     npy_->finish();
     return;
   }
-  if (image_.size_z > 1)
+  if (image_.shown.size_z > 1)
     notes.push_back("the frame animation shows slice " + std::to_string(shown_slice(image_)) +
-                    " of " + std::to_string(image_.size_z) + " (z)");
+                    " of " + std::to_string(image_.shown.size_z) + " (z)");
   write_pending_gif_frame();
   // About ten seconds in all, within what GIF viewers honour (at least 2/100 s).
   const auto frames = static_cast<int>(std::max<std::size_t>(gif_->frame_count(), 1));

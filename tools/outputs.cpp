@@ -13,19 +13,25 @@ namespace splitmerge::tool {
 
 namespace {
 
-std::int64_t slice_pixels(const fitted_image& image) {
-  return std::int64_t{image.size_x} * image.size_y;
-}
-
-const std::int32_t* slice_start(const fitted_image& image, const std::int32_t* volume) {
-  return volume + shown_slice(image) * slice_pixels(image);
-}
-
 void note_shown_slice(const std::string& what, const fitted_image& image,
                       std::vector<std::string>& notes) {
-  if (image.size_z > 1)
+  if (image.shown.size_z > 1)
     notes.push_back(what + " shows slice " + std::to_string(shown_slice(image)) + " of " +
-                    std::to_string(image.size_z) + " (z)");
+                    std::to_string(image.shown.size_z) + " (z)");
+}
+
+// The values of the box's slices [z_from, z_from + z_count), x fastest.
+std::vector<std::int32_t> box_slices(const fitted_image& image, const std::int32_t* volume,
+                                     std::int64_t z_from, std::int64_t z_count) {
+  const pixel_box& b = image.shown;
+  std::vector<std::int32_t> out;
+  out.reserve(static_cast<std::size_t>(b.size_x * b.size_y * z_count));
+  for (std::int64_t z = b.z0 + z_from; z < b.z0 + z_from + z_count; ++z)
+    for (std::int64_t y = b.y0; y < b.y0 + b.size_y; ++y) {
+      const std::int32_t* row = volume + (z * image.size_y + y) * image.size_x + b.x0;
+      out.insert(out.end(), row, row + b.size_x);
+    }
+  return out;
 }
 
 }  // namespace
@@ -41,48 +47,87 @@ bool is_input_copy_extension(const std::string& ext) {
 }
 
 std::vector<std::int64_t> image_shape(const fitted_image& image) {
-  if (image.dimensions == 3) return {image.size_z, image.size_y, image.size_x};
-  return {image.size_y, image.size_x};
+  const pixel_box& b = image.shown;
+  if (image.dimensions == 3) return {b.size_z, b.size_y, b.size_x};
+  return {b.size_y, b.size_x};
 }
 
-std::int32_t shown_slice(const fitted_image& image) { return image.size_z / 2; }
+std::vector<std::int32_t> shown_part(const fitted_image& image, const std::int32_t* volume) {
+  return box_slices(image, volume, 0, image.shown.size_z);
+}
+
+std::int32_t shown_slice(const fitted_image& image) {
+  return static_cast<std::int32_t>(image.shown.size_z / 2);
+}
+
+std::vector<std::int32_t> shown_picture(const fitted_image& image, const std::int32_t* volume) {
+  return box_slices(image, volume, shown_slice(image), 1);
+}
 
 void write_labels(const std::string& file, const std::string& ext, const fitted_image& image,
                   const std::vector<std::int32_t>& labels, std::vector<std::string>& notes) {
-  if (ext == ".npy") {
-    io::write_npy_int32(file, image_shape(image), labels.data());
-  } else if (ext == ".png") {
+  const pixel_box& box = image.shown;
+  if (ext == ".png") {
     note_shown_slice("the label picture", image, notes);
-    const std::int32_t* slice = slice_start(image, labels.data());
+    const std::vector<std::int32_t> slice = shown_picture(image, labels.data());
     std::vector<std::uint8_t> rgb;
-    rgb.reserve(static_cast<std::size_t>(slice_pixels(image)) * 3);
-    for (std::int64_t i = 0; i < slice_pixels(image); ++i) {
-      const io::rgb c = palette_colour(slice[i]);
+    rgb.reserve(slice.size() * 3);
+    for (const std::int32_t label : slice) {
+      const io::rgb c = palette_colour(label);
       rgb.insert(rgb.end(), {c.r, c.g, c.b});
     }
-    io::write_png_rgb(file, image.size_x, image.size_y, rgb.data());
-  } else {
-    io::write_tiff(file, image.size_x, image.size_y, image.size_z, labels.data(),
-                   io::tiff_pixel::int32);
+    io::write_png_rgb(file, box.size_x, box.size_y, rgb.data());
+    return;
   }
+  const std::vector<std::int32_t> part = shown_part(image, labels.data());
+  if (ext == ".npy") {
+    io::write_npy_int32(file, image_shape(image), part.data());
+  } else {
+    io::write_tiff(file, box.size_x, box.size_y, box.size_z, part.data(), io::tiff_pixel::int32);
+  }
+}
+
+void write_overlay(const std::string& file, const fitted_image& image,
+                   const std::vector<std::int32_t>& labels, std::vector<std::string>& notes) {
+  note_shown_slice("the overlay", image, notes);
+  const std::vector<std::int32_t> grey = shown_picture(image, image.pixels.data());
+  const std::vector<std::int32_t> slice = shown_picture(image, labels.data());
+  const std::int64_t width = image.shown.size_x, height = image.shown.size_y;
+  std::vector<std::uint8_t> rgb(grey.size() * 3);
+  for (std::int64_t y = 0; y < height; ++y)
+    for (std::int64_t x = 0; x < width; ++x) {
+      const auto i = static_cast<std::size_t>(y * width + x);
+      const bool border =
+          (x + 1 < width && slice[i + 1] != slice[i]) ||
+          (y + 1 < height && slice[i + static_cast<std::size_t>(width)] != slice[i]);
+      const auto g = static_cast<std::uint8_t>(grey[i]);
+      const io::rgb c = border ? io::rgb{255, 255, 0} : io::rgb{g, g, g};
+      rgb[3 * i] = c.r;
+      rgb[3 * i + 1] = c.g;
+      rgb[3 * i + 2] = c.b;
+    }
+  io::write_png_rgb(file, width, height, rgb.data());
 }
 
 void write_input_copy(const std::string& file, const std::string& ext, const fitted_image& image,
                       std::vector<std::string>& notes) {
-  if (ext == ".npy") {
-    io::write_npy_int32(file, image_shape(image), image.pixels.data());
-  } else if (ext == ".tif" || ext == ".tiff") {
-    io::write_tiff(file, image.size_x, image.size_y, image.size_z, image.pixels.data(),
-                   io::tiff_pixel::grey8);
-  } else {
-    note_shown_slice("the input picture", image, notes);
-    const std::int32_t* slice = slice_start(image, image.pixels.data());
-    const std::vector<std::uint8_t> grey(slice, slice + slice_pixels(image));
-    if (ext == ".png") {
-      io::write_png_grey(file, image.size_x, image.size_y, grey.data());
+  const pixel_box& box = image.shown;
+  if (ext == ".npy" || ext == ".tif" || ext == ".tiff") {
+    const std::vector<std::int32_t> part = shown_part(image, image.pixels.data());
+    if (ext == ".npy") {
+      io::write_npy_int32(file, image_shape(image), part.data());
     } else {
-      io::write_pgm(file, image.size_x, image.size_y, grey.data());
+      io::write_tiff(file, box.size_x, box.size_y, box.size_z, part.data(), io::tiff_pixel::grey8);
     }
+    return;
+  }
+  note_shown_slice("the input picture", image, notes);
+  const std::vector<std::int32_t> slice = shown_picture(image, image.pixels.data());
+  const std::vector<std::uint8_t> grey(slice.begin(), slice.end());
+  if (ext == ".png") {
+    io::write_png_grey(file, box.size_x, box.size_y, grey.data());
+  } else {
+    io::write_pgm(file, box.size_x, box.size_y, grey.data());
   }
 }
 

@@ -15,16 +15,28 @@ bool is_label_extension(const std::string& ext);
 bool is_frame_extension(const std::string& ext);
 bool is_input_copy_extension(const std::string& ext);
 
-// The shape of the segmented image as the outputs carry it: (Y, X) or (Z, Y, X).
+// The shape of the outputs, (Y, X) or (Z, Y, X): the shown box of the
+// segmented image (see fitted_image::shown).
 std::vector<std::int64_t> image_shape(const fitted_image& image);
 
-// The slice a picture of a volume shows: the middle one.
+// The shown box of a volume of the segmented image's size (labels, a frame).
+std::vector<std::int32_t> shown_part(const fitted_image& image, const std::int32_t* volume);
+
+// The slice a picture of a volume shows: the middle one of the shown box.
 std::int32_t shown_slice(const fitted_image& image);
+
+// That slice of the shown box, size_x * size_y values of the box.
+std::vector<std::int32_t> shown_picture(const fitted_image& image, const std::int32_t* volume);
 
 // Each writes to `file` in the format of the final path's extension. Pictures
 // of a volume show shown_slice(); `notes` tells the user so.
 void write_labels(const std::string& file, const std::string& ext, const fitted_image& image,
                   const std::vector<std::int32_t>& labels, std::vector<std::string>& notes);
+// The input picture (the shown slice) with the region borders drawn over it
+// in yellow: a pixel is on a border when its right or lower neighbour has
+// another label.
+void write_overlay(const std::string& file, const fitted_image& image,
+                   const std::vector<std::int32_t>& labels, std::vector<std::string>& notes);
 void write_input_copy(const std::string& file, const std::string& ext, const fitted_image& image,
                       std::vector<std::string>& notes);
 

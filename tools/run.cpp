@@ -48,6 +48,8 @@ void check_output_extensions(const tool_settings& s) {
   check(s.labels, "--labels", is_label_extension, ".npy, .tif, .tiff or .png");
   check(s.frames, "--frames", is_frame_extension, ".npy or .gif");
   check(s.input_copy, "--save-input", is_input_copy_extension, ".npy, .tif, .tiff, .png or .pgm");
+  check(
+      s.overlay, "--overlay", [](const std::string& ext) { return ext == ".png"; }, ".png");
   if (s.frames && s.no_display)
     throw usage_error("--frames needs the display frames, which --no-display switches off");
 }
@@ -62,6 +64,7 @@ std::vector<requested_output> requested_outputs(const tool_settings& s) {
   add("--frames", s.frames);
   add("--regions", s.regions);
   add("--save-input", s.input_copy);
+  add("--overlay", s.overlay);
   return out;
 }
 
@@ -91,16 +94,17 @@ struct staged_outputs {
       : labels(stage(s.labels)),
         frames(stage(s.frames)),
         regions(stage(s.regions)),
-        input_copy(stage(s.input_copy)) {}
+        input_copy(stage(s.input_copy)),
+        overlay(stage(s.overlay)) {}
 
   std::vector<staged_file*> all() const {
     std::vector<staged_file*> files;
-    for (auto* file : {labels.get(), frames.get(), regions.get(), input_copy.get()})
+    for (auto* file : {labels.get(), frames.get(), regions.get(), input_copy.get(), overlay.get()})
       if (file != nullptr) files.push_back(file);
     return files;
   }
 
-  std::unique_ptr<staged_file> labels, frames, regions, input_copy;
+  std::unique_ptr<staged_file> labels, frames, regions, input_copy, overlay;
 };
 
 parameters checked_parameters(const image_view& view, const parameters& given) {
@@ -172,6 +176,10 @@ int write_results(const tool_settings& s, const fitted_image& image, const param
     if (files.input_copy)
       write_staged(*files.input_copy, [&](const std::string& path) {
         write_input_copy(path, io::extension_of(*s.input_copy), image, notes);
+      });
+    if (files.overlay)
+      write_staged(*files.overlay, [&](const std::string& path) {
+        write_overlay(path, image, result.labels, notes);
       });
     commit_all(files.all());
     if (!s.quiet) print_notes(notes);
