@@ -6,7 +6,7 @@ level="${1:-test}"
 
 core=(cmake g++ make pkg-config zlib1g-dev libcli11-dev libpng-dev libtiff-dev libgif-dev
       libnifti2-dev mricron-data python3-numpy)
-test=(libgtest-dev libgmock-dev clang-14 libclang-rt-14-dev octave liboctave-dev)
+test=(libgtest-dev libgmock-dev clang-14 libclang-rt-14-dev octave liboctave-dev python3-nibabel)
 bench=(libbenchmark-dev python3-skimage octave-image time)
 
 want=("${core[@]}")

@@ -28,6 +28,8 @@ constexpr const char* footer =
     "                 float; each page a slice), .nii/.nii.gz (NIfTI-1, x fastest)\n"
     "  --labels       .npy (int32, the image's shape), .tif (32-bit, a page per slice),\n"
     "                 .png (a colour picture, one colour per label; a volume's middle slice)\n"
+    "                 .nii/.nii.gz (int32 labels with a NIfTI input's header and orientation,\n"
+    "                 so viewers lay them over the scan)\n"
     "  --frames       .npy (int32, shape (frames,) + image shape), .gif (an animation; a\n"
     "                 volume's middle slice)\n"
     "  --save-input   .png, .pgm (grey; a volume's middle slice), .npy, .tif\n"

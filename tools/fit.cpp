@@ -180,6 +180,7 @@ bool is_segmentable_size(std::int64_t size_x, std::int64_t size_y, std::int64_t 
 fitted_image fit_image(const io::grey_image& input, const fit_request& request) {
   fitted_image out;
   if (!input.note.empty()) out.notes.push_back(input.note);
+  out.nifti_header = input.nifti_header;
   check_finite(input);
   io::grey_image rescaled;
   if (request.rescale) {

@@ -45,6 +45,7 @@ struct fitted_image {
   // Where the shown box's first pixel lies in the input file's pixel grid
   // (after --fit crop or --slice it is not the file's first pixel).
   std::int64_t input_x0 = 0, input_y0 = 0, input_z0 = 0;
+  std::string nifti_header;  // a NIfTI input's header, for NIfTI outputs
 };
 
 // True for a size the segmentation accepts.

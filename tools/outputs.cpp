@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "gif_file.hpp"
+#include "nifti_file.hpp"
 #include "npy.hpp"
 #include "palette.hpp"
 #include "pgm_file.hpp"
@@ -37,7 +38,8 @@ std::vector<std::int32_t> box_slices(const fitted_image& image, const std::int32
 }  // namespace
 
 bool is_label_extension(const std::string& ext) {
-  return ext == ".npy" || ext == ".tif" || ext == ".tiff" || ext == ".png";
+  return ext == ".npy" || ext == ".tif" || ext == ".tiff" || ext == ".png" || ext == ".nii" ||
+         ext == ".nii.gz";
 }
 
 bool is_frame_extension(const std::string& ext) { return ext == ".npy" || ext == ".gif"; }
@@ -82,6 +84,9 @@ void write_labels(const std::string& file, const std::string& ext, const fitted_
   const std::vector<std::int32_t> part = shown_part(image, labels.data());
   if (ext == ".npy") {
     io::write_npy_int32(file, image_shape(image), part.data());
+  } else if (ext == ".nii" || ext == ".nii.gz") {
+    io::write_nifti_labels(file, image.nifti_header, box.size_x, box.size_y, box.size_z,
+                           image.input_x0, image.input_y0, image.input_z0, part.data());
   } else {
     io::write_tiff(file, box.size_x, box.size_y, box.size_z, part.data(), io::tiff_pixel::int32);
   }

@@ -45,7 +45,7 @@ void check_output_extensions(const tool_settings& s) {
       throw usage_error(std::string(option) + " " + *path + ": unsupported format (use " + allowed +
                         ")");
   };
-  check(s.labels, "--labels", is_label_extension, ".npy, .tif, .tiff or .png");
+  check(s.labels, "--labels", is_label_extension, ".npy, .tif, .tiff, .png, .nii or .nii.gz");
   check(s.frames, "--frames", is_frame_extension, ".npy or .gif");
   check(s.input_copy, "--save-input", is_input_copy_extension, ".npy, .tif, .tiff, .png or .pgm");
   check(

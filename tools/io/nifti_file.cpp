@@ -4,10 +4,13 @@
 #include <nifti1_io.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <new>
 
 #include "npy.hpp"
 #include "size_limits.hpp"
@@ -160,10 +163,90 @@ grey_image read_nifti(const std::string& path) {
   if (nim->byteorder != nifti_short_order()) nifti_swap_Nbytes(nim->nvox, nim->nbyper, data.data());
   out.values.resize(nim->nvox);
   convert_voxels(nim->datatype, data.data(), out.values);
+  const nifti_1_header header = nifti_convert_nim2nhdr(nim.get());
+  out.nifti_header.assign(reinterpret_cast<const char*>(&header), sizeof header);
   const double slope = nim->scl_slope, intercept = nim->scl_inter;
   if (slope != 0.0 && (slope != 1.0 || intercept != 0.0))
     for (auto& v : out.values) v = v * slope + intercept;
   return out;
+}
+
+namespace {
+
+// The header of the labels: the input's, or a fresh one.
+nifti_1_header labels_header(const std::string& input_header, std::int64_t size_x,
+                             std::int64_t size_y, std::int64_t size_z) {
+  nifti_1_header h{};
+  if (input_header.size() == sizeof h) {
+    std::memcpy(&h, input_header.data(), sizeof h);
+  } else {
+    const int dims[8] = {3, 1, 1, 1, 1, 1, 1, 1};
+    nifti_1_header* fresh = nifti_make_new_header(dims, DT_INT32);
+    if (fresh == nullptr) throw std::bad_alloc();
+    h = *fresh;
+    std::free(fresh);
+  }
+  h.dim[0] = 3;
+  h.dim[1] = static_cast<short>(size_x);
+  h.dim[2] = static_cast<short>(size_y);
+  h.dim[3] = static_cast<short>(size_z);
+  for (int d = 4; d < 8; ++d) h.dim[d] = 1;
+  h.datatype = DT_INT32;
+  h.bitpix = 32;
+  h.scl_slope = 0.0f;  // no scaling: the values are the labels
+  h.scl_inter = 0.0f;
+  h.cal_min = h.cal_max = 0.0f;
+  h.intent_code = NIFTI_INTENT_LABEL;
+  h.intent_p1 = h.intent_p2 = h.intent_p3 = 0.0f;
+  std::memset(h.intent_name, 0, sizeof h.intent_name);
+  h.vox_offset = 352.0f;  // the header, then four bytes saying "no extensions"
+  std::memcpy(h.magic, "n+1\0", 4);
+  h.sizeof_hdr = 348;
+  return h;
+}
+
+// Moves the first voxel to voxel (x0, y0, z0) of the original grid, in both
+// the quaternion (qform) and the matrix (sform) orientation.
+void move_origin(nifti_1_header& h, std::int64_t x0, std::int64_t y0, std::int64_t z0) {
+  if (x0 == 0 && y0 == 0 && z0 == 0) return;
+  const double v[3] = {static_cast<double>(x0), static_cast<double>(y0), static_cast<double>(z0)};
+  if (h.sform_code > 0) {
+    for (float* row : {h.srow_x, h.srow_y, h.srow_z})
+      row[3] = static_cast<float>(row[3] + row[0] * v[0] + row[1] * v[1] + row[2] * v[2]);
+  }
+  if (h.qform_code > 0) {
+    const float qfac = h.pixdim[0] < 0 ? -1.0f : 1.0f;
+    const mat44 m =
+        nifti_quatern_to_mat44(h.quatern_b, h.quatern_c, h.quatern_d, h.qoffset_x, h.qoffset_y,
+                               h.qoffset_z, h.pixdim[1], h.pixdim[2], h.pixdim[3], qfac);
+    float* offsets[3] = {&h.qoffset_x, &h.qoffset_y, &h.qoffset_z};
+    for (int r = 0; r < 3; ++r)
+      *offsets[r] =
+          static_cast<float>(m.m[r][3] + m.m[r][0] * v[0] + m.m[r][1] * v[1] + m.m[r][2] * v[2]);
+  }
+}
+
+}  // namespace
+
+void write_nifti_labels(const std::string& path, const std::string& input_header,
+                        std::int64_t size_x, std::int64_t size_y, std::int64_t size_z,
+                        std::int64_t x0, std::int64_t y0, std::int64_t z0,
+                        const std::int32_t* labels) {
+  nifti_1_header h = labels_header(input_header, size_x, size_y, size_z);
+  move_origin(h, x0, y0, z0);
+  const bool compressed = path.size() > 3 && path.compare(path.size() - 3, 3, ".gz") == 0;
+  znzFile file = znzopen(path.c_str(), "wb", compressed ? 1 : 0);
+  if (znz_isnull(file))
+    throw io_error(path + ": cannot open for writing (" + std::strerror(errno) + ")");
+  const char no_extensions[4] = {0, 0, 0, 0};
+  const std::size_t bytes = static_cast<std::size_t>(size_x * size_y * size_z) * 4;
+  bool written = znzwrite(&h, 1, sizeof h, file) == sizeof h &&
+                 znzwrite(no_extensions, 1, 4, file) == 4 &&
+                 znzwrite(labels, 1, bytes, file) == bytes;
+  const int problem = errno;
+  const bool closed = Xznzclose(&file) == 0;
+  if (!written || !closed)
+    throw io_error(path + ": write failed (" + std::strerror(written ? errno : problem) + ")");
 }
 
 }  // namespace splitmerge::io

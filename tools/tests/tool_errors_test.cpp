@@ -66,7 +66,7 @@ const std::vector<error_case>& error_cases() {
        write_halves,
        "in.npy --labels l.jpg",
        2,
-       {"--labels l.jpg: unsupported format", ".npy, .tif, .tiff or .png"}},
+       {"--labels l.jpg: unsupported format", ".npy, .tif, .tiff, .png, .nii or .nii.gz"}},
       {"FrameFormat", write_halves, "in.npy --frames f.png", 2, {"--frames f.png", ".gif"}},
       {"InputCopyFormat", write_halves, "in.npy --save-input s.txt", 2, {"--save-input s.txt"}},
       {"OutputFolderMissing",
