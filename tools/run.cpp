@@ -1,5 +1,6 @@
 #include "run.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <memory>
@@ -11,6 +12,7 @@
 #include "parameter_ranges.hpp"
 #include "region_list_file.hpp"
 #include "staging.hpp"
+#include "terminal_progress.hpp"
 
 namespace splitmerge::tool {
 
@@ -121,7 +123,8 @@ parameters checked_parameters(const image_view& view, const parameters& given) {
 constexpr std::string_view no_region_file_line = "No save_regionlist specified\n";
 
 segmentation segment_with_progress(const image_view& view, const parameters& params,
-                                   const tool_settings& s, frame_stream* frames) {
+                                   const tool_settings& s, frame_stream* frames,
+                                   terminal_progress& progress) {
   options opts;
   opts.display = frames != nullptr;  // frames cost time: only when asked for
   if (frames != nullptr) {
@@ -132,9 +135,9 @@ segmentation segment_with_progress(const image_view& view, const parameters& par
   opts.collect_regions = s.regions.has_value();
   if (!s.quiet) {
     const bool regions = s.regions.has_value();
-    opts.line_sink = [regions](std::string_view text) {
+    opts.line_sink = [regions, &progress](std::string_view text) {
       if (regions && text == no_region_file_line) return;
-      std::fwrite(text.data(), 1, text.size(), stdout);
+      progress.print_line(text);
     };
   }
   std::fflush(stdout);
@@ -143,9 +146,9 @@ segmentation segment_with_progress(const image_view& view, const parameters& par
   return result;
 }
 
-void print_progress(const tool_settings& s, const std::string& line) {
+void print_progress(const tool_settings& s, terminal_progress& progress, const std::string& line) {
   if (s.quiet) return;
-  std::fwrite(line.data(), 1, line.size(), stdout);
+  progress.print_line(line);
   std::fflush(stdout);
 }
 
@@ -157,17 +160,18 @@ int report_failed_run(const segmentation& result) {
 }
 
 int write_results(const tool_settings& s, const fitted_image& image, const parameters& params,
-                  const segmentation& result, const staged_outputs& files, frame_stream* frames) {
+                  const segmentation& result, const staged_outputs& files, frame_stream* frames,
+                  terminal_progress& progress) {
   try {
     std::vector<std::string> notes;
     if (frames != nullptr)
       write_staged(*files.frames, [&](const std::string&) { frames->finish(notes); });
     if (files.regions) {
-      print_progress(s, "file = " + files.regions->path() + " \n");
+      print_progress(s, progress, "file = " + files.regions->path() + " \n");
       write_staged(*files.regions, [&](const std::string& path) {
         write_region_list(path, image.size_x, image.size_z, params.pred_choice, result.regions);
       });
-      print_progress(s, "finished save_regionlist \n");
+      print_progress(s, progress, "finished save_regionlist \n");
     }
     if (files.labels)
       write_staged(*files.labels, [&](const std::string& path) {
@@ -182,6 +186,9 @@ int write_results(const tool_settings& s, const fitted_image& image, const param
         write_overlay(path, image, result.labels, notes);
       });
     commit_all(files.all());
+    const auto largest = std::max_element(result.labels.begin(), result.labels.end());
+    progress.finish(largest == result.labels.end() ? 0 : std::int64_t{*largest} + 1,
+                    static_cast<std::int64_t>(result.labels.size()));
     if (!s.quiet) print_notes(notes);
     return exit_success;
   } catch (const io::io_error& e) {
@@ -193,6 +200,7 @@ int write_results(const tool_settings& s, const fitted_image& image, const param
 }  // namespace
 
 int run(const tool_settings& s) {
+  terminal_progress progress(!s.quiet && terminal_progress::standard_error_is_terminal());
   try {
     check_output_extensions(s);
     check_output_paths(s.image, requested_outputs(s));
@@ -214,7 +222,7 @@ int run(const tool_settings& s) {
       }
     }
     frame_stream* frame_output = frames ? &*frames : nullptr;
-    const segmentation result = segment_with_progress(view, params, s, frame_output);
+    const segmentation result = segment_with_progress(view, params, s, frame_output, progress);
     if (frame_output != nullptr && frame_output->failed()) {
       try {
         std::vector<std::string> unused;
@@ -225,7 +233,7 @@ int run(const tool_settings& s) {
       return exit_run_failed;
     }
     if (result.status != 0) return report_failed_run(result);
-    return write_results(s, image, params, result, files, frame_output);
+    return write_results(s, image, params, result, files, frame_output, progress);
   } catch (const usage_error& e) {
     std::cerr << "splitmerge: " << e.what() << '\n';
     return exit_bad_input;

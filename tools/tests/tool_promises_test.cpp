@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -227,6 +229,71 @@ TEST(Memory, AHugeSeedCountRunsInNormalMemory) {
   ASSERT_EQ(small.status, 0);
   // Seeds beyond the number of regions change nothing.
   EXPECT_EQ(read_file(dir / "l.npy"), read_file(dir / "m.npy"));
+}
+
+// Runs the program in a pseudo-terminal (util-linux script), so that both
+// standard output and standard error are a terminal; returns what it shows,
+// with the terminal's line ends turned back into newlines.
+std::string run_on_terminal(const scratch_folder& dir, const std::string& arguments) {
+  const std::string inner =
+      "cd " + quoted(dir.path().string()) + " && " + quoted(SPLITMERGE_TOOL_PATH) + " " + arguments;
+  const std::string command = "script -qec " + quoted(inner) + " /dev/null > " +
+                              quoted((dir / "screen.txt").string()) + " 2>&1";
+  EXPECT_EQ(std::system(command.c_str()), 0);
+  const std::string raw = read_file(dir / "screen.txt");
+  std::filesystem::remove(dir / "screen.txt");
+  std::string text;
+  for (std::size_t i = 0; i < raw.size(); ++i)
+    if (!(raw[i] == '\r' && i + 1 < raw.size() && raw[i + 1] == '\n')) text += raw[i];
+  return text;
+}
+
+// Removes the status lines ("\rsplitmerge: ... \033[K") and their erasures.
+std::string without_status_lines(const std::string& text) {
+  std::string out;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\r') {
+      out += text[i];
+      continue;
+    }
+    const std::size_t end = text.find("\033[K", i);
+    if (end != std::string::npos) i = end + 2;
+  }
+  return out;
+}
+
+TEST(Terminal, ASummaryAfterTheUnchangedProgressLines) {
+  scratch_folder dir;
+  write_noise(dir, "in.npy", {16, 16});
+  const std::string arguments = std::string("in.npy --labels l.npy") + every_pixel_a_region;
+  const auto plain = run_tool(dir, arguments);
+  ASSERT_EQ(plain.status, 0);
+  EXPECT_EQ(plain.err, "");  // not a terminal: no summary
+  const std::string screen = run_on_terminal(dir, arguments);
+  ASSERT_EQ(screen.rfind(plain.out, 0), 0u) << screen;
+  const std::string summary = screen.substr(plain.out.size());
+  const auto labels = io::read_npy((dir / "l.npy").string());
+  const auto regions = *std::max_element(labels.values.begin(), labels.values.end()) + 1;
+  ASSERT_GT(regions, 1);
+  EXPECT_EQ(summary.rfind("splitmerge: " + std::to_string(regions) + " regions in ", 0), 0u)
+      << summary;
+  EXPECT_NE(summary.find(" voxels per second)\n"), std::string::npos) << summary;
+  EXPECT_EQ(std::count(summary.begin(), summary.end(), '\n'), 1);
+  // --quiet shows nothing at all.
+  EXPECT_EQ(run_on_terminal(dir, "in.npy --quiet --labels l.npy"), "");
+}
+
+TEST(Terminal, StatusLinesDuringLongRunsLeaveTheProgressLinesIntact) {
+  scratch_folder dir;
+  write_noise(dir, "in.npy", {64, 128, 128});
+  const std::string arguments = std::string("in.npy --labels l.npy") + every_pixel_a_region;
+  const auto plain = run_tool(dir, arguments);
+  ASSERT_EQ(plain.status, 0);
+  const std::string screen = run_on_terminal(dir, arguments);
+  EXPECT_NE(screen.find("\rsplitmerge: 1."), std::string::npos) << "no status line:\n" << screen;
+  const std::string lines = without_status_lines(screen);
+  ASSERT_EQ(lines.rfind(plain.out, 0), 0u) << lines;
+  EXPECT_EQ(lines.substr(plain.out.size()).rfind("splitmerge: ", 0), 0u);
 }
 
 TEST(CommandLine, NegativeFrameBudgetIsRefused) {
