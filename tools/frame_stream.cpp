@@ -13,9 +13,9 @@ frame_stream::frame_stream(const std::string& file, const std::string& ext,
   if (ext == ".npy") {
     npy_ = std::make_unique<io::npy_int32_stream>(file, image_shape(image));
   } else {
-    gif_ = std::make_unique<io::gif_animation_writer>(file, static_cast<int>(image.shown.size_x),
-                                                      static_cast<int>(image.shown.size_y),
-                                                      indexed_palette());
+    const auto [width, height] = picture_size(image);
+    gif_ = std::make_unique<io::gif_animation_writer>(file, static_cast<int>(width),
+                                                      static_cast<int>(height), indexed_palette());
   }
 }
 
@@ -37,9 +37,9 @@ void frame_stream::add(const std::int32_t* frame) noexcept {
 // volume most steps change other slices); the latest frame is held back so
 // that the last one can be given a longer delay.
 void frame_stream::add_to_gif(const std::int32_t* frame) {
-  const std::vector<std::int32_t> slice = shown_picture(image_, frame);
-  current_.resize(slice.size());
-  std::transform(slice.begin(), slice.end(), current_.begin(), palette_index);
+  const picture slice = shown_picture(image_, frame);
+  current_.resize(slice.values.size());
+  std::transform(slice.values.begin(), slice.values.end(), current_.begin(), palette_index);
   if (!pending_.empty() && pending_ == current_) return;
   write_pending_gif_frame();
   pending_.swap(current_);
@@ -55,9 +55,8 @@ void frame_stream::finish(std::vector<std::string>& notes) {
     npy_->finish();
     return;
   }
-  if (image_.shown.size_z > 1)
-    notes.push_back("the frame animation shows slice " + std::to_string(shown_slice(image_)) +
-                    " of " + std::to_string(image_.shown.size_z) + " (z)");
+  if (const std::string note = picture_note("the frame animation", image_); !note.empty())
+    notes.push_back(note);
   write_pending_gif_frame();
   // About ten seconds in all, within what GIF viewers honour (at least 2/100 s).
   const auto frames = static_cast<int>(std::max<std::size_t>(gif_->frame_count(), 1));

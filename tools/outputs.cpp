@@ -16,9 +16,13 @@ namespace {
 
 void note_shown_slice(const std::string& what, const fitted_image& image,
                       std::vector<std::string>& notes) {
+  std::string note;
   if (image.shown.size_z > 1)
-    notes.push_back(what + " shows slice " + std::to_string(shown_slice(image)) + " of " +
-                    std::to_string(image.shown.size_z) + " (z)");
+    note = " shows slice " + std::to_string(shown_slice(image)) + " of " +
+           std::to_string(image.shown.size_z) + " (z)";
+  const std::string orientation = io::nifti_picture_layout(image.nifti_header).description;
+  if (!orientation.empty()) note += (note.empty() ? " is " : ", ") + orientation;
+  if (!note.empty()) notes.push_back(what + note);
 }
 
 // The values of the box's slices [z_from, z_from + z_count), x fastest.
@@ -62,8 +66,35 @@ std::int32_t shown_slice(const fitted_image& image) {
   return static_cast<std::int32_t>(image.shown.size_z / 2);
 }
 
-std::vector<std::int32_t> shown_picture(const fitted_image& image, const std::int32_t* volume) {
-  return box_slices(image, volume, shown_slice(image), 1);
+picture shown_picture(const fitted_image& image, const std::int32_t* volume) {
+  const std::vector<std::int32_t> slice = box_slices(image, volume, shown_slice(image), 1);
+  const io::picture_layout layout = io::nifti_picture_layout(image.nifti_header);
+  const std::int64_t nx = image.shown.size_x, ny = image.shown.size_y;
+  picture out;
+  out.width = layout.transpose ? ny : nx;
+  out.height = layout.transpose ? nx : ny;
+  out.values.resize(slice.size());
+  for (std::int64_t row = 0; row < out.height; ++row)
+    for (std::int64_t column = 0; column < out.width; ++column) {
+      const std::int64_t c = layout.flip_columns ? out.width - 1 - column : column;
+      const std::int64_t r = layout.flip_rows ? out.height - 1 - row : row;
+      const std::int64_t x = layout.transpose ? r : c, y = layout.transpose ? c : r;
+      out.values[static_cast<std::size_t>(row * out.width + column)] =
+          slice[static_cast<std::size_t>(y * nx + x)];
+    }
+  return out;
+}
+
+std::string picture_note(const std::string& what, const fitted_image& image) {
+  std::vector<std::string> notes;
+  note_shown_slice(what, image, notes);
+  return notes.empty() ? std::string() : notes.front();
+}
+
+std::array<std::int64_t, 2> picture_size(const fitted_image& image) {
+  const bool transpose = io::nifti_picture_layout(image.nifti_header).transpose;
+  const std::int64_t nx = image.shown.size_x, ny = image.shown.size_y;
+  return transpose ? std::array<std::int64_t, 2>{ny, nx} : std::array<std::int64_t, 2>{nx, ny};
 }
 
 void write_labels(const std::string& file, const std::string& ext, const fitted_image& image,
@@ -71,14 +102,14 @@ void write_labels(const std::string& file, const std::string& ext, const fitted_
   const pixel_box& box = image.shown;
   if (ext == ".png") {
     note_shown_slice("the label picture", image, notes);
-    const std::vector<std::int32_t> slice = shown_picture(image, labels.data());
+    const picture slice = shown_picture(image, labels.data());
     std::vector<std::uint8_t> rgb;
-    rgb.reserve(slice.size() * 3);
-    for (const std::int32_t label : slice) {
+    rgb.reserve(slice.values.size() * 3);
+    for (const std::int32_t label : slice.values) {
       const io::rgb c = palette_colour(label);
       rgb.insert(rgb.end(), {c.r, c.g, c.b});
     }
-    io::write_png_rgb(file, box.size_x, box.size_y, rgb.data());
+    io::write_png_rgb(file, slice.width, slice.height, rgb.data());
     return;
   }
   const std::vector<std::int32_t> part = shown_part(image, labels.data());
@@ -95,9 +126,10 @@ void write_labels(const std::string& file, const std::string& ext, const fitted_
 void write_overlay(const std::string& file, const fitted_image& image,
                    const std::vector<std::int32_t>& labels, std::vector<std::string>& notes) {
   note_shown_slice("the overlay", image, notes);
-  const std::vector<std::int32_t> grey = shown_picture(image, image.pixels.data());
-  const std::vector<std::int32_t> slice = shown_picture(image, labels.data());
-  const std::int64_t width = image.shown.size_x, height = image.shown.size_y;
+  const picture grey_picture = shown_picture(image, image.pixels.data());
+  const std::vector<std::int32_t>& grey = grey_picture.values;
+  const std::vector<std::int32_t> slice = shown_picture(image, labels.data()).values;
+  const std::int64_t width = grey_picture.width, height = grey_picture.height;
   std::vector<std::uint8_t> rgb(grey.size() * 3);
   for (std::int64_t y = 0; y < height; ++y)
     for (std::int64_t x = 0; x < width; ++x) {
@@ -127,12 +159,12 @@ void write_input_copy(const std::string& file, const std::string& ext, const fit
     return;
   }
   note_shown_slice("the input picture", image, notes);
-  const std::vector<std::int32_t> slice = shown_picture(image, image.pixels.data());
-  const std::vector<std::uint8_t> grey(slice.begin(), slice.end());
+  const picture slice = shown_picture(image, image.pixels.data());
+  const std::vector<std::uint8_t> grey(slice.values.begin(), slice.values.end());
   if (ext == ".png") {
-    io::write_png_grey(file, box.size_x, box.size_y, grey.data());
+    io::write_png_grey(file, slice.width, slice.height, grey.data());
   } else {
-    io::write_pgm(file, box.size_x, box.size_y, grey.data());
+    io::write_pgm(file, slice.width, slice.height, grey.data());
   }
 }
 

@@ -2,6 +2,7 @@
 // caller stages the files, see staging.hpp).
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -25,8 +26,18 @@ std::vector<std::int32_t> shown_part(const fitted_image& image, const std::int32
 // The slice a picture of a volume shows: the middle one of the shown box.
 std::int32_t shown_slice(const fitted_image& image);
 
-// That slice of the shown box, size_x * size_y values of the box.
-std::vector<std::int32_t> shown_picture(const fitted_image& image, const std::int32_t* volume);
+// That slice of the shown box as a picture: rows from the top, x fastest, in
+// the scan's orientation for a NIfTI input (see io::nifti_picture_layout).
+struct picture {
+  std::int64_t width = 0, height = 0;
+  std::vector<std::int32_t> values;
+};
+picture shown_picture(const fitted_image& image, const std::int32_t* volume);
+// The width and height of that picture.
+std::array<std::int64_t, 2> picture_size(const fitted_image& image);
+// What the user is told about a picture (`what`, e.g. "the overlay"): the
+// slice it shows and its orientation; empty when there is nothing to say.
+std::string picture_note(const std::string& what, const fitted_image& image);
 
 // Each writes to `file` in the format of the final path's extension. Pictures
 // of a volume show shown_slice(); `notes` tells the user so.

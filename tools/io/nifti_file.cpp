@@ -228,6 +228,60 @@ void move_origin(nifti_1_header& h, std::int64_t x0, std::int64_t y0, std::int64
 
 }  // namespace
 
+picture_layout nifti_picture_layout(const std::string& header) {
+  picture_layout layout;
+  nifti_1_header h{};
+  if (header.size() != sizeof h) return layout;
+  std::memcpy(&h, header.data(), sizeof h);
+  mat44 m{};
+  if (h.sform_code > 0) {
+    for (int c = 0; c < 4; ++c) {
+      m.m[0][c] = h.srow_x[c];
+      m.m[1][c] = h.srow_y[c];
+      m.m[2][c] = h.srow_z[c];
+      m.m[3][c] = c == 3 ? 1.0f : 0.0f;
+    }
+  } else if (h.qform_code > 0) {
+    m = nifti_quatern_to_mat44(h.quatern_b, h.quatern_c, h.quatern_d, h.qoffset_x, h.qoffset_y,
+                               h.qoffset_z, h.pixdim[1], h.pixdim[2], h.pixdim[3],
+                               h.pixdim[0] < 0 ? -1.0f : 1.0f);
+  } else {
+    return layout;
+  }
+  int i = 0, j = 0, k = 0;
+  nifti_mat44_to_orientation(m, &i, &j, &k);
+  // The anatomical axis of an orientation code: 0 left-right, 1 anterior-
+  // posterior, 2 inferior-superior; and whether the index grows towards the
+  // patient's right, anterior or superior side.
+  const auto axis = [](int code) { return (code - 1) / 2; };
+  const auto grows_to_right_anterior_superior = [](int code) {
+    return code == NIFTI_L2R || code == NIFTI_P2A || code == NIFTI_I2S;
+  };
+  if (i == 0 || j == 0 || axis(i) == axis(j)) return layout;
+  // Columns run along left-right when it is in the slice, else along
+  // anterior-posterior; rows along the other axis.
+  const bool x_horizontal = axis(i) == 0 || (axis(j) != 0 && axis(i) == 1);
+  const int horizontal = x_horizontal ? i : j, vertical = x_horizontal ? j : i;
+  layout.transpose = !x_horizontal;
+  // Column 0 is the patient's right (or anterior); row 0 anterior (or superior).
+  layout.flip_columns = grows_to_right_anterior_superior(horizontal);
+  layout.flip_rows = grows_to_right_anterior_superior(vertical);
+  static const char* const side_names[] = {"",         "left",     "right",   "posterior",
+                                           "anterior", "inferior", "superior"};
+  // The side at index 0 is the one the code starts from (its own number in
+  // side_names); flipped, the opposite one.
+  const auto first_side = [](int code, bool flipped) {
+    const int opposite = code % 2 == 1 ? code + 1 : code - 1;
+    return flipped ? opposite : code;
+  };
+  const int left_side = first_side(horizontal, layout.flip_columns);
+  const int top_side = first_side(vertical, layout.flip_rows);
+  layout.description = std::string("in the scan's orientation (radiological: ") +
+                       side_names[left_side] + " on the left, " + side_names[top_side] +
+                       " at the top)";
+  return layout;
+}
+
 void write_nifti_labels(const std::string& path, const std::string& input_header,
                         std::int64_t size_x, std::int64_t size_y, std::int64_t size_z,
                         std::int64_t x0, std::int64_t y0, std::int64_t z0,
