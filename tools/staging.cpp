@@ -1,5 +1,6 @@
 #include "staging.hpp"
 
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -57,6 +58,25 @@ extern "C" void remove_temporary_files(int signal_number) {
   std::raise(signal_number);
 }
 
+// Holds back SIGINT, SIGTERM and SIGHUP while a file is created and
+// registered (or renamed), so that a signal cannot fall between the two and
+// leave a file its handler does not know of; a held signal arrives after.
+class signals_held {
+ public:
+  signals_held() {
+    sigset_t held;
+    sigemptyset(&held);
+    for (const int s : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&held, s);
+    ::sigprocmask(SIG_BLOCK, &held, &previous_);
+  }
+  signals_held(const signals_held&) = delete;
+  signals_held& operator=(const signals_held&) = delete;
+  ~signals_held() { ::sigprocmask(SIG_SETMASK, &previous_, nullptr); }
+
+ private:
+  sigset_t previous_{};
+};
+
 std::string system_error_text() { return std::strerror(errno); }
 
 // Two paths name one file: the same path once links are resolved, or (for
@@ -101,6 +121,7 @@ void check_output_paths(const std::string& input, const std::vector<requested_ou
 staged_file::staged_file(std::string final_path) : final_path_(std::move(final_path)) {
   std::string suffix;
   std::string name = temporary_template(final_path_, suffix);
+  const signals_held held;
   const int fd = mkstemps(name.data(), static_cast<int>(suffix.size()));
   if (fd < 0) throw usage_error("cannot write " + final_path_ + " (" + system_error_text() + ")");
   temporary_path_ = std::move(name);
@@ -123,6 +144,7 @@ void commit_all(const std::vector<staged_file*>& files) {
     std::string backup;  // a second name of the file it replaced, if any
     int backup_slot;
   };
+  const signals_held held;
   std::vector<replaced> done;
   const auto undo = [&done] {
     for (auto it = done.rbegin(); it != done.rend(); ++it) {
