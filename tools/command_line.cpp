@@ -251,7 +251,7 @@ parse_result parse_command_line(int argc, const char* const* argv) {
   app.add_option(
          "--fit", fit,
          wrapped("pad (with 0, centred) up to, or crop (centred) down to, the nearest size the "
-                 "segmentation accepts"))
+                 "segmentation accepts; after pad the outputs have the input's size"))
       ->type_name("pad|crop")
       ->group(fitting);
   app.add_option("--slice", s.fit.slice, "segment slice K (0-based, along z) of a volume")

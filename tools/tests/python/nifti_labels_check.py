@@ -6,7 +6,8 @@ Makes a NIfTI volume with a rotated, anisotropic orientation, segments it with
 --fit pad, --fit crop and --slice, and checks that each labels file keeps the
 input's header (orientation codes, voxel size, units, description), has the
 shape the outputs promise, sits where its voxels came from in scanner space,
-and holds the same labels as the .npy output. Exits non-zero on a mismatch.
+and holds the same labels as the .npy output; and that a big-endian scan
+reads as its voxels. Exits non-zero on a mismatch.
 """
 
 import pathlib
@@ -78,6 +79,15 @@ def main() -> int:
     one = nib.load(folder / "slice.nii")
     assert one.shape[:2] == (20, 24) and one.shape[2:] in ((), (1,)), one.shape
     check_header(one, scan, translation(0, 0, 3))
+    # A big-endian scan reads as the same voxels.
+    small = rng.integers(0, 256, size=(16, 16, 2)).astype(">i2")
+    big_endian = nib.Nifti1Image(small, affine)
+    big_endian.header.set_data_dtype(">i2")
+    big_endian = nib.Nifti1Image(small, affine, big_endian.header.as_byteswapped(">"))
+    nib.save(big_endian, folder / "big.nii")
+    assert nib.load(folder / "big.nii").header.endianness == ">"
+    run(program, folder, "big.nii", "--save-input", "big.npy")
+    assert np.array_equal(np.load(folder / "big.npy"), small.astype(np.int32).transpose(2, 1, 0))
     print("ok")
     return 0
 
