@@ -36,6 +36,7 @@ constexpr const char* footer =
     "  --overlay      .png (the input in grey, region borders in yellow)\n"
     "After --fit pad every output has the input's own size (the padding removed); after\n"
     "--fit crop the outputs have the cropped size and a note names the box kept.\n\n"
+    "Parameters outside their ranges above still run as given, with a warning.\n\n"
     "Examples:\n"
     "  splitmerge scan.nii.gz --slice 90 --fit pad --labels labels.png --frames run.gif\n"
     "  splitmerge scan.nii.gz --fit crop --labels labels.npy --regions regions.txt\n"
@@ -146,16 +147,16 @@ void add_parameter_options(CLI::App& app, parameters& p, std::string& predicate)
           std::to_string(d.pred_choice) + ")")
       ->type_name("TEST");
   add("--interval-length", p.interval_length,
-      "largest grey range (tests 1-3) or difference of region means (tests 2, 4, 5) "
+      "largest grey range (tests 1-3) or difference of region means (tests 2, 4, 5), 0 or more "
       "(default " +
           std::to_string(d.interval_length) + ")")
       ->type_name("N");
   add("--rejection", p.rejection,
-      "test 3, largest share of outlying pixels, a fraction (0.1 = 10 %) (default " +
+      "test 3, largest share of outlying pixels, a fraction 0..1 (0.1 = 10 %) (default " +
           CLI::detail::to_string(d.rejection) + ")")
       ->type_name("X");
   add("--sigma", p.sigma,
-      "tests 4 and 5, standard deviation of the noise in grey values (default " +
+      "tests 4 and 5, standard deviation of the noise in grey values, above 0 (default " +
           CLI::detail::to_string(d.sigma) + ")")
       ->type_name("X");
   add("--threshold-row", p.threshold_row,
@@ -163,7 +164,7 @@ void add_parameter_options(CLI::App& app, parameters& p, std::string& predicate)
           std::to_string(d.threshold_row) + ")")
       ->type_name("N");
   add("--pseudo-factor", p.pseudo_factor,
-      "test 5, how much more variance small blocks may have (default " +
+      "test 5, how much more variance small blocks may have, 0 or more (default " +
           CLI::detail::to_string(d.pseudo_factor) + ")")
       ->type_name("X");
   add("--small-size", p.small_size,

@@ -310,7 +310,9 @@ TEST(Help, ExplainsEveryOptionAndExitsZero) {
                              "--use-all-seeds", "--pred-choice", "--interval-length",
                              "--rejection",     "--sigma",       "--threshold-row",
                              "--pseudo-factor", "--small-size",  "--statistic-update",
-                             ".nii.gz",         ".gif",          "Exit status"})
+                             ".nii.gz",         ".gif",          "Exit status",
+                             "--overlay",       "--version",     "percentiles",
+                             "with a warning"})
     EXPECT_NE(result.out.find(option), std::string::npos) << option;
 }
 
