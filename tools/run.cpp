@@ -152,7 +152,8 @@ void print_progress(const tool_settings& s, terminal_progress& progress, const s
   std::fflush(stdout);
 }
 
-int report_failed_run(const segmentation& result) {
+int report_failed_run(const segmentation& result, terminal_progress& progress) {
+  progress.stop();
   std::cerr << "splitmerge: the segmentation failed"
             << (result.error.empty() ? std::string(" (out of memory)") : ": " + result.error)
             << '\n';
@@ -192,6 +193,7 @@ int write_results(const tool_settings& s, const fitted_image& image, const param
     if (!s.quiet) print_notes(notes);
     return exit_success;
   } catch (const io::io_error& e) {
+    progress.stop();
     std::cerr << "splitmerge: " << e.what() << '\n';
     return exit_run_failed;
   }
@@ -228,11 +230,12 @@ int run(const tool_settings& s) {
         std::vector<std::string> unused;
         write_staged(*files.frames, [&](const std::string&) { frame_output->finish(unused); });
       } catch (const io::io_error& e) {
+        progress.stop();
         std::cerr << "splitmerge: " << e.what() << '\n';
       }
       return exit_run_failed;
     }
-    if (result.status != 0) return report_failed_run(result);
+    if (result.status != 0) return report_failed_run(result, progress);
     return write_results(s, image, params, result, files, frame_output, progress);
   } catch (const usage_error& e) {
     std::cerr << "splitmerge: " << e.what() << '\n';

@@ -23,15 +23,7 @@ terminal_progress::terminal_progress(bool enabled)
   if (enabled_) ticker_ = std::jthread([this](std::stop_token stop) { tick(stop); });
 }
 
-terminal_progress::~terminal_progress() {
-  if (ticker_.joinable()) {
-    ticker_.request_stop();
-    wake_.notify_all();
-    ticker_.join();
-  }
-  const std::lock_guard lock(mutex_);
-  erase_locked();
-}
+terminal_progress::~terminal_progress() { stop(); }
 
 double terminal_progress::seconds() const {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
@@ -76,7 +68,7 @@ void terminal_progress::print_line(std::string_view line) {
   if (redraw) draw_locked();
 }
 
-void terminal_progress::finish(std::int64_t regions, std::int64_t voxels) {
+void terminal_progress::stop() {
   if (ticker_.joinable()) {
     ticker_.request_stop();
     wake_.notify_all();
@@ -84,7 +76,12 @@ void terminal_progress::finish(std::int64_t regions, std::int64_t voxels) {
   }
   const std::lock_guard lock(mutex_);
   erase_locked();
+}
+
+void terminal_progress::finish(std::int64_t regions, std::int64_t voxels) {
+  stop();
   if (!enabled_) return;
+  const std::lock_guard lock(mutex_);
   const double s = seconds();
   const double per_second = s > 0 ? static_cast<double>(voxels) / s : 0.0;
   char rate[64];

@@ -29,6 +29,9 @@ class terminal_progress {
   // Writes a progress line to standard output, keeping the status line intact.
   void print_line(std::string_view line);
 
+  // Ends and erases the status line, e.g. before an error message.
+  void stop();
+
   // Ends the status line and prints "N regions in S s (V voxels per second)".
   void finish(std::int64_t regions, std::int64_t voxels);
 

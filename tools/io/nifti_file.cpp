@@ -286,6 +286,8 @@ void write_nifti_labels(const std::string& path, const std::string& input_header
                         std::int64_t size_x, std::int64_t size_y, std::int64_t size_z,
                         std::int64_t x0, std::int64_t y0, std::int64_t z0,
                         const std::int32_t* labels) {
+  if (size_x > 32767 || size_y > 32767 || size_z > 32767)
+    throw io_error(path + ": NIfTI-1 cannot hold more than 32767 pixels along an axis");
   nifti_1_header h = labels_header(input_header, size_x, size_y, size_z);
   move_origin(h, x0, y0, z0);
   const bool compressed = path.size() > 3 && path.compare(path.size() - 3, 3, ".gz") == 0;
