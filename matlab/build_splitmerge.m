@@ -17,7 +17,9 @@ end
 src = fullfile(root, 'src');
 sources = [library_sources(src), ...
            {fullfile(src, 'gateway', 'read_call.cpp'), ...
-            fullfile(src, 'gateway', 'mex_gateway.cpp')}];
+            fullfile(src, 'gateway', 'mex_gateway.cpp'), ...
+            fullfile(src, 'gateway', 'frame_store.cpp'), ...
+            fullfile(src, 'gateway', 'host.cpp')}];
 includes = {['-I' src], ['-I' fullfile(root, 'include')]};
 
 if exist('OCTAVE_VERSION', 'builtin')
@@ -32,15 +34,20 @@ if exist('OCTAVE_VERSION', 'builtin')
     error('splitmerge:buildFailed', 'mkoctfile failed:\n%s', output);
   end
 else
+  % libut holds MATLAB's Ctrl-C flag, which the module polls during a run.
   if ispc
-    flags = {'COMPFLAGS=$COMPFLAGS /std:c++20 /fp:precise'};
+    flags = {'COMPFLAGS=$COMPFLAGS /std:c++20 /fp:precise', '-llibut'};
   else
-    flags = {'CXXFLAGS=$CXXFLAGS -std=c++20 -ffp-contract=off'};
+    flags = {'CXXFLAGS=$CXXFLAGS -std=c++20 -ffp-contract=off', '-lut'};
   end
   module = fullfile(output_dir, ['splitmerge.' mexext]);
   mex('-R2018a', '-output', fullfile(output_dir, 'splitmerge'), flags{:}, includes{:}, ...
       sources{:});
 end
+% The new module must answer from now on, not the help file that the
+% interpreter may have found before it existed.
+clear('splitmerge');
+rehash();
 fprintf('built %s\n', module);
 end
 

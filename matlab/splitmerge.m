@@ -1,14 +1,15 @@
 function varargout = splitmerge(varargin)
 %SPLITMERGE Split-and-merge segmentation of a 2-D or 3-D grey image.
-%   [LABELS, FRAMES] = SPLITMERGE(IMAGE, MAX_LEVEL, LIM_OCT_LEVEL, INIT_LEVEL,
-%       GROUP_MODE, MAX_SEED, USE_ALL_SEEDS, PRED_CHOICE, INTERVAL_LENGTH,
-%       REJECTION, SIGMA, THRESHOLD_ROW, PSEUDO_FACTOR, SMALL_SIZE,
-%       STATISTIC_UPDATE)
+%   [LABELS, FRAMES, REGIONS] = SPLITMERGE(IMAGE, MAX_LEVEL, LIM_OCT_LEVEL,
+%       INIT_LEVEL, GROUP_MODE, MAX_SEED, USE_ALL_SEEDS, PRED_CHOICE,
+%       INTERVAL_LENGTH, REJECTION, SIGMA, THRESHOLD_ROW, PSEUDO_FACTOR,
+%       SMALL_SIZE, STATISTIC_UPDATE)
 %
 %   Covers the image with blocks of level INIT_LEVEL, merges homogeneous
 %   sibling blocks upward, splits inhomogeneous ones downward, grows regions
 %   from adjacent blocks, absorbs regions below SMALL_SIZE pixels and labels
 %   the regions. The progress lines are printed in the command window.
+%   SMSEGMENT offers the same with name-value options and defaults.
 %
 %   IMAGE            int32 array, X-by-Y (2-D) or X-by-Y-by-Z (3-D), grey
 %                    values 0 to 255 (use int32(img); rescale other ranges).
@@ -43,22 +44,63 @@ function varargout = splitmerge(varargin)
 %   STATISTIC_UPDATE non-zero: an absorbing region takes in the small
 %                    region's statistics.
 %
-%   Every parameter is a real numeric scalar of any class. All but REJECTION,
-%   SIGMA and PSEUDO_FACTOR are whole numbers: fractions are truncated toward
-%   zero (2.9 becomes 2, -0.5 becomes 0).
+%   Every parameter is a real numeric scalar of any class; GROUP_MODE,
+%   USE_ALL_SEEDS and STATISTIC_UPDATE also take true or false. All but
+%   REJECTION, SIGMA and PSEUDO_FACTOR are whole numbers: fractions are
+%   truncated toward zero (2.9 becomes 2, -0.5 becomes 0). NaN, Inf and
+%   whole numbers outside -2^31..2^31-1 are refused. Every value the run
+%   defines a result for is accepted, also outside the meaningful ranges:
+%   INTERVAL_LENGTH, SMALL_SIZE and PSEUDO_FACTOR 0 or more, REJECTION 0 to
+%   1, SIGMA more than 0 (SMSEGMENT warns outside them).
 %
 %   LABELS  int32, the size of IMAGE: the region of each pixel, 0 for the
-%           largest region, 1 for the next, and so on by decreasing size.
+%           largest region, 1 for the next, and so on by decreasing size
+%           (add 1 for LABEL2RGB or REGIONPROPS, or use SMSEGMENT).
 %   FRAMES  int32, the size of IMAGE plus one dimension: the segmentation as
 %           it progresses, one frame per index of the last dimension, in
-%           recording order (X-by-Y-by-F or X-by-Y-by-Z-by-F).
+%           recording order (X-by-Y-by-F or X-by-Y-by-Z-by-F). Frame 1
+%           colours the initial blocks by their place among their siblings
+%           (1 to 4 in an image, 1 to 8 in a volume); the merge and split
+%           paint each new block with that place number, the grouping
+%           paints regions in colour numbers of its own; the last frame is
+%           the final partition in those colour numbers, which are not the
+%           LABELS. A frame is taken every 1001 paint operations.
 %
-%   Errors have the identifiers splitmerge:nargin, splitmerge:nargout,
-%   splitmerge:imageClass, splitmerge:imageDims, splitmerge:notScalar,
-%   splitmerge:badParameter (the message names the parameter, its value and
-%   what is allowed) and splitmerge:outOfMemory. The warning
-%   splitmerge:frameBudget says that frame recording stopped early because
-%   the frames would exceed 2 GiB; LABELS are complete all the same.
+%   REGIONS struct array, one element per label in label order: statistics
+%           (int64 1-by-2, the region's two statistics, whose meaning
+%           depends on PRED_CHOICE), codes (uint32, the locational codes of
+%           its blocks) and neighbours (int32, the labels of the regions next
+%           to it; the list may name the region itself). Asking for it
+%           records the frames too.
+%
+%   With one output (or none) no frames are recorded: the run is as fast
+%   and as small as one without display, and LABELS and the printed lines
+%   are the same as with two outputs. Every call prints its progress lines
+%   in the command window (use evalc to keep them, or SMSEGMENT, which is
+%   quiet). Ctrl-C stops a running call: everything is released and the
+%   error splitmerge:interrupted is raised.
+%
+%   Errors:
+%     splitmerge:nargin        not 15 inputs
+%     splitmerge:nargout       more than 3 outputs
+%     splitmerge:imageClass    IMAGE is not a real int32 array
+%     splitmerge:imageDims     IMAGE is not 2-D or 3-D
+%     splitmerge:notScalar     a parameter is not a real numeric scalar (or
+%                              logical, for the three flags)
+%     splitmerge:badParameter  a parameter is NaN, Inf, does not fit a
+%                              32-bit integer, or breaks a rule of the run
+%                              (the message names it, its value and what is
+%                              allowed), or a pixel lies outside 0 to 255
+%                              (named by its 1-based row, column and slice)
+%     splitmerge:outOfMemory   the run or its outputs ran out of memory
+%     splitmerge:interrupted   stopped with Ctrl-C
+%     splitmerge:runFailed     the run ended with another failure status
+%     splitmerge:internal      an unexpected failure inside the module
+%     splitmerge:notBuilt      the module is not built (this file answered)
+%     splitmerge:buildFailed   BUILD_SPLITMERGE could not build it
+%   Warning splitmerge:frameBudget: the frames would exceed 2 GiB; the first
+%   frames are kept and the last one returned shows the final state. LABELS
+%   are complete all the same.
 %
 %   Example: a 64-by-64 image of two halves with noise, chi-square predicate.
 %       img = int32([60 * ones(64, 32), 180 * ones(64, 32)] + ...
@@ -71,7 +113,7 @@ function varargout = splitmerge(varargin)
 %   Build the module once with build_splitmerge (MATLAB: mex, Octave:
 %   mkoctfile --mex).
 %
-%   See also BUILD_SPLITMERGE.
+%   See also SMSEGMENT, BUILD_SPLITMERGE.
 
 error('splitmerge:notBuilt', ...
       'The splitmerge module is not built: run build_splitmerge in %s', ...

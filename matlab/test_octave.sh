@@ -1,9 +1,14 @@
 #!/usr/bin/env bash
 # Builds the Octave module and runs its tests in octave-cli: the module on
-# real arrays (shapes, reference cases, every error identifier), once as the
-# CMake build makes it and once as build_splitmerge.m does, then the help
-# file without the module. Judged by Octave's exit status.
-set -euo pipefail
+# real arrays (shapes, reference cases, every error identifier, memory over
+# repeated calls), once as the CMake build makes it and once as a user's
+# `cd matlab; build_splitmerge` does (with the README's example); smsegment; Ctrl-C during a long call; then the help
+# files without the module. Every stage runs; the script fails when any did.
+#
+# The reference cases are read from SPLITMERGE_CONFORMANCE (default
+# ../shared/conformance next to the clone); without them those cases are
+# skipped and the script says so.
+set -uo pipefail
 cd "$(dirname "$0")/.."
 root="$(pwd)"
 build="${SPLITMERGE_OCTAVE_BUILD:-build/release}"
@@ -13,33 +18,95 @@ if ! command -v mkoctfile >/dev/null || ! command -v octave-cli >/dev/null; then
   echo "test_octave: octave-cli and mkoctfile are needed (scripts/setup.sh test)" >&2
   exit 1
 fi
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build "$build" --target splitmerge_mex -j "${JOBS:-2}"
+if [ ! -d "$conformance" ]; then
+  echo "test_octave: no reference cases at $conformance: skipping those cases" \
+    "(set SPLITMERGE_CONFORMANCE)"
+  conformance=""
+fi
 
 scratch="$(mktemp -d)"
 trap 'rm -rf "$scratch"' EXIT
+failed=()
 
 # Octave 7 prints this on every exit of octave-cli; it is harmless.
 harmless='^error: ignoring const execution_exception& while preparing to exit$'
 run_octave() {
   local status
-  set +e
   octave-cli --norc --no-history --quiet --eval "$1" >"$scratch/log" 2>&1
   status=$?
-  set -e
-  grep -v -e "$harmless" "$scratch/log" || true
+  grep -v -e "$harmless" "$scratch/log"
   return "$status"
 }
+stage() {
+  local name="$1"
+  shift
+  echo "== Octave: $name"
+  if ! "$@"; then
+    failed+=("$name")
+  fi
+}
 
-echo "== Octave: the module built by CMake"
-run_octave "addpath('$root/matlab/tests'); addpath('$root/$build/src/gateway'); \
-  test_splitmerge_module('$conformance');"
+cmake_module() {
+  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null &&
+    cmake --build "$build" --target splitmerge_mex -j "${JOBS:-2}" >/dev/null
+}
+module_tests() {
+  run_octave "addpath('$root/matlab/tests'); addpath('$1'); \
+    test_splitmerge_module('$conformance');"
+}
+# As a user does it: cd matlab; build_splitmerge (in a copy of the sources),
+# which puts the module next to the help files, then the README's example.
+user_build() {
+  mkdir -p "$scratch/clone" && cp -r "$root/src" "$root/include" "$root/matlab" "$scratch/clone/" &&
+    rm -f "$scratch"/clone/matlab/*.mex &&
+    run_octave "cd('$scratch/clone/matlab'); build_splitmerge; \
+      I = imread(fullfile(OCTAVE_HOME, 'share', 'octave', OCTAVE_VERSION, 'imagelib', \
+                          'octave-sombrero.png')); \
+      [L, n] = smsegment(I, 'Fit', 'crop'); \
+      if ~isempty(pkg('list', 'image')), pkg load image; rgb = label2rgb(L); \
+      else, rgb = zeros([size(L), 3]); end; \
+      if ~isequal(size(rgb), [256 256 3]) || n < 2 || min(L(:)) ~= 1, exit(1); end; \
+      printf('example: %d regions\n', n);"
+}
+smsegment_tests() {
+  run_octave "addpath('$root/matlab/tests'); addpath('$root/matlab'); addpath('$1'); \
+    test_smsegment();"
+}
+# Ctrl-C during a long 3-D call: the call ends with splitmerge:interrupted
+# well before it would have finished, and the module works afterwards.
+interrupt_test() {
+  local log="$scratch/interrupt.log" pid waited=0
+  octave-cli --norc --no-history --quiet --eval "addpath('$root/matlab/tests'); \
+    addpath('$1'); interrupt_run(60);" >"$log" 2>&1 &
+  pid=$!
+  until grep -q '^started' "$log" 2>/dev/null || [ "$waited" -ge 60 ]; do
+    sleep 1
+    waited=$((waited + 1))
+  done
+  sleep 2
+  kill -INT "$pid" 2>/dev/null
+  wait "$pid"
+  grep -v -e "$harmless" "$log"
+  grep -q '^interrupted after' "$log" && grep -q '^next call gives 16 labels' "$log"
+}
+# The help files alone, as in a clone where the module is not built (a
+# module built next to them would answer instead).
+help_tests() {
+  mkdir -p "$scratch/help" && cp "$root"/matlab/*.m "$scratch/help/" &&
+    run_octave "addpath('$root/matlab/tests'); addpath('$scratch/help'); test_splitmerge_help();"
+}
 
-echo "== Octave: the module built by build_splitmerge.m"
-mkdir "$scratch/module"
-run_octave "addpath('$root/matlab'); build_splitmerge('$scratch/module');"
-run_octave "addpath('$root/matlab/tests'); addpath('$scratch/module'); \
-  test_splitmerge_module('$conformance');"
+stage "the module built by CMake" cmake_module
+module="$root/$build/src/gateway"
+stage "module tests (CMake build)" module_tests "$module"
+stage "the module built by build_splitmerge.m" user_build
+stage "module tests (build_splitmerge build)" module_tests "$scratch/clone/matlab"
+stage "smsegment" smsegment_tests "$module"
+stage "Ctrl-C during a long call" interrupt_test "$module"
+stage "the help files" help_tests
 
-echo "== Octave: the help file"
-run_octave "addpath('$root/matlab/tests'); addpath('$root/matlab'); test_splitmerge_help();"
+if [ "${#failed[@]}" -ne 0 ]; then
+  printf 'test_octave: failed: %s\n' "${failed[@]}" >&2
+  exit 1
+fi
+echo "test_octave: all stages passed"

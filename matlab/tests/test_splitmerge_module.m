@@ -5,11 +5,16 @@ function test_splitmerge_module(conformance_root)
 %   and exits with status 1 when a test failed. CONFORMANCE_ROOT holds the
 %   reference cases (one folder each with input.npy, params.json, expected/).
 
-tests = {@two_dimensional_shapes, @three_dimensional_shapes, ...
-         @reference_cases_match_exactly, @fractions_truncate_toward_zero, ...
+% The memory test comes first: what earlier tests leave in the heap would
+% blur its measure.
+tests = {@memory_stays_flat_over_repeated_calls, @two_dimensional_shapes, ...
+         @three_dimensional_shapes, @reference_cases_match_exactly, @fractions_truncate_toward_zero, ...
          @any_numeric_class_is_read_by_value, @one_output_or_none, ...
          @wrong_counts_are_refused, @wrong_images_are_refused, ...
          @parameters_that_are_not_scalars_are_refused, ...
+         @values_that_are_not_finite_or_do_not_fit_name_the_input, @logical_flags_are_accepted, ...
+         @bad_pixel_is_named_one_based, @largest_seed_count_runs_in_little_memory, ...
+         @input_is_left_unchanged, @real_image_of_256_squared, ...
          @parameters_the_library_rejects_are_refused, @module_still_works_after_errors};
 run_test_list(tests, conformance_root);
 end
@@ -48,7 +53,7 @@ if ~condition
 end
 end
 
-function expect_error(id, f)
+function err = expect_error(id, f)
 try
   f();
 catch err
@@ -58,8 +63,8 @@ end
 error('test:failed', 'expected %s, the call succeeded', id);
 end
 
-function [a, b, c] = three_outputs(img, p) %#ok<STOUT>
-[a, b, c] = splitmerge(img, p{:});
+function [a, b, c, d] = four_outputs(img, p) %#ok<STOUT>
+[a, b, c, d] = splitmerge(img, p{:});
 end
 
 % --- tests ------------------------------------------------------------------
@@ -86,6 +91,10 @@ check(~isequal(frames(:, :, :, 1), frames(:, :, :, end)), 'first and last frame 
 end
 
 function reference_cases_match_exactly(conformance_root)
+if isempty(conformance_root) || ~exist(conformance_root, 'dir')
+  fprintf('      skipped: no reference cases at ''%s''\n', conformance_root);
+  return;
+end
 cases = dir(conformance_root);
 checked = 0;
 for k = 1:numel(cases)
@@ -162,7 +171,7 @@ expect_error('splitmerge:nargin', @() splitmerge());
 expect_error('splitmerge:nargin', @() splitmerge(img));
 expect_error('splitmerge:nargin', @() splitmerge(img, p{1:13}));
 expect_error('splitmerge:nargin', @() splitmerge(img, p{:}, 1));
-expect_error('splitmerge:nargout', @() three_outputs(img, p));
+expect_error('splitmerge:nargout', @() four_outputs(img, p));
 end
 
 function wrong_images_are_refused(~)
@@ -178,11 +187,11 @@ end
 function parameters_that_are_not_scalars_are_refused(~)
 img = patchy_image([32 32 4]);
 p = volume_parameters();
-integer_slots = [1:8, 11, 13, 14];
+flags = [4, 6, 14];  % group_mode, use_all_seeds, statistic_update take logicals
 for slot = 1:14
-  wrong = {[5 5], [], 'a', true, 1 + 2i, {5}, struct('v', 5)};
-  if any(slot == integer_slots)
-    wrong = [wrong, {NaN, Inf, -Inf, 2^31, -2^31 - 1}];
+  wrong = {[5 5], [], 'a', 1 + 2i, {5}, struct('v', 5)};
+  if ~any(slot == flags)
+    wrong{end + 1} = true;
   end
   for w = wrong
     q = p;
@@ -192,11 +201,57 @@ for slot = 1:14
 end
 end
 
+function values_that_are_not_finite_or_do_not_fit_name_the_input(~)
+img = patchy_image([32 32 4]);
+p = volume_parameters();
+names = {'max_level', 'lim_oct_level', 'init_level', 'group_mode', 'max_seed', ...
+         'use_all_seeds', 'pred_choice', 'interval_length', 'rejection', 'sigma', ...
+         'threshold_row', 'pseudo_factor', 'small_size', 'statistic_update'};
+real_slots = [9, 10, 12];
+for slot = 1:14
+  wrong = {NaN, Inf, -Inf};
+  if ~any(slot == real_slots)
+    wrong = [wrong, {2^31, -2^31 - 1}];
+  end
+  for w = wrong
+    q = p;
+    q{slot} = w{1};
+    err = expect_error('splitmerge:badParameter', @() splitmerge(img, q{:}));
+    named = sprintf('%s (input %d)', names{slot}, slot + 1);
+    check(~isempty(strfind(err.message, named)), 'message does not name %s: %s', named, ...
+          err.message);
+  end
+end
+end
+
+function logical_flags_are_accepted(~)
+img = patchy_image([32 32 4]);
+p = volume_parameters();
+q = p;
+q{4} = true;
+q{6} = false;
+q{14} = true;
+[l1, f1] = run_quietly(img, p);
+[l2, f2] = run_quietly(img, q);
+check(isequal(l1, l2) && isequal(f1, f2), 'logical flags give other results');
+end
+
+function bad_pixel_is_named_one_based(~)
+img = patchy_image([32 32 4]);
+p = volume_parameters();
+bad = img;
+bad(1000) = 300;
+[r, c, s] = ind2sub(size(bad), 1000);
+err = expect_error('splitmerge:badParameter', @() splitmerge(bad, p{:}));
+where = sprintf('(%d, %d, %d) (linear index 1000) is 300', r, c, s);
+check(~isempty(strfind(err.message, where)), 'message does not say %s: %s', where, err.message);
+end
+
 function parameters_the_library_rejects_are_refused(~)
 img = patchy_image([32 32 4]);
 p = volume_parameters();
 changes = {{1, 9}, {1, 4}, {2, 2}, {3, 5}, {7, 6}, {5, 0}, {10, NaN}, {9, Inf}, ...
-           {12, -Inf}, {1, 2147483647.9}, {1, -2147483648.9}};
+           {12, -Inf}, {1, 2147483647.9}, {1, -2147483648.9}, {9, 3e7}};
 for c = changes
   q = p;
   q{c{1}{1}} = c{1}{2};
@@ -218,4 +273,74 @@ function module_still_works_after_errors(~)
 img = patchy_image([32 32 4]);
 [labels, frames] = run_quietly(img, volume_parameters());
 check(isequal(size(labels), [32 32 4]) && size(frames, 4) >= 3, 'a valid call failed');
+end
+
+function largest_seed_count_runs_in_little_memory(~)
+% A seed table of 2^31 - 1 slots would take 8 GB; the run has at most as
+% many seeds as regions.
+img = patchy_image([256 256]);
+p = {8, 8, 3, 1, 2^31 - 1, 0, 4, 10, 0.1, 5, 3, 2, 30, 1};
+before = resident_kb('VmHWM');
+[labels, ~, ~] = run_quietly(img, p);
+grown = resident_kb('VmHWM') - before;
+check(grown < 200 * 1024, 'peak memory grew by %d MB', round(grown / 1024));
+p{5} = 1e6;
+[expected, ~, ~] = run_quietly(img, p);
+check(isequal(labels, expected), 'labels differ from a run with 10^6 seeds');
+end
+
+function input_is_left_unchanged(~)
+img = patchy_image([32 32 4]);
+kept = img;
+run_quietly(img, volume_parameters());
+p = volume_parameters();
+printed = evalc('labels = splitmerge(img, p{:});'); %#ok<NASGU>
+check(isequal(img, kept), 'the input changed');
+end
+
+% The sombrero picture that ships with Octave: a real 256 x 256 grey image.
+function real_image_of_256_squared(~)
+file = fullfile(OCTAVE_HOME, 'share', 'octave', OCTAVE_VERSION, 'imagelib', ...
+                'octave-sombrero.png');
+rgb = double(imread(file));
+grey = int32(round(0.299 * rgb(:, :, 1) + 0.587 * rgb(:, :, 2) + 0.114 * rgb(:, :, 3)));
+img = grey(16:271, 117:372);
+p = {8, 8, 3, 0, 8, 0, 4, 10, 0.1, 5, 3, 2, 30, 1};
+[labels, frames, text] = run_quietly(img, p);
+n = double(max(labels(:))) + 1;
+check(n > 10 && isequal(unique(labels(:))', int32(0:n - 1)), 'labels are not 0..n-1');
+check(size(frames, 3) >= 2 && isequal(frames(:, :, 1) > 0, true(256)), 'first frame');
+check(~isempty(strfind(text, 'regions')) || numel(text) > 100, 'no progress lines');
+one = evalc('single_output = splitmerge(img, p{:});'); %#ok<NASGU>
+check(isequal(single_output, labels) && strcmp(one, text), 'one output differs from two');
+end
+
+% The previous gateway leaked every frame's pixels: the resident size after
+% many calls must stay where it was after the first ones.
+function memory_stays_flat_over_repeated_calls(~)
+img = patchy_image([32 32 32]);
+p = {5, 0, 3, 0, 8, 0, 4, 10, 0.1, 5, 3, 2, 30, 1};
+[~, frames] = run_quietly(img, p);
+frame_mb = numel(frames) * 4 / 2^20;
+clear frames;
+for k = 1:60
+  if k == 21
+    settled = resident_kb('VmRSS');  % after the heap has settled
+  end
+  [labels, frames] = run_quietly(img, p); %#ok<ASGLU>
+  clear labels frames;
+  printed = evalc('labels = splitmerge(img, p{:});'); %#ok<NASGU>
+  clear labels;
+end
+grown = (resident_kb('VmRSS') - settled) / 1024;
+fprintf('      resident size grew by %.1f MB over 40 calls (%.1f MB of frames each)\n', grown, ...
+        frame_mb);
+% Leaking one frame (0.125 MB) per call would add 5 MB, all frames 360 MB.
+check(grown < 2, 'resident size grew by %.1f MB over 40 calls', grown);
+end
+
+function kb = resident_kb(field)
+text = fileread('/proc/self/status');
+value = regexp(text, [field ':\s*(\d+)'], 'tokens', 'once');
+kb = str2double(value{1});
 end

@@ -1,19 +1,24 @@
 // The MEX gateway: checks the host's call, runs the library and hands labels
-// and frames back as host arrays. Only standard MEX names are used, so MATLAB's
-// mex and Octave's mkoctfile --mex build the same source.
+// and frames back as host arrays. Only standard MEX names and the library's
+// public interface are used, so MATLAB's mex and Octave's mkoctfile --mex
+// build the same source.
 #pragma once
 
 #include <cstdint>
 #include <string_view>
 #include <utility>
 
-#include "driver/driver.hpp"
 #include "mex.h"
+#include "splitmerge/splitmerge.hpp"
 
 namespace splitmerge::gateway {
 
 inline constexpr int input_count = 15;  // the image and 14 parameters
-inline constexpr int max_outputs = 2;   // labels, frames
+inline constexpr int max_outputs = 3;   // labels, frames, regions
+
+// The largest stack of frames handed back, in bytes; later frames replace
+// the last one, so it still shows the final state.
+inline constexpr std::uint64_t default_frame_budget = std::uint64_t{2} << 30;
 
 // mwSize is signed in Octave and unsigned in MATLAB: every conversion between
 // it and the library's sizes goes through these two.
@@ -39,13 +44,17 @@ struct report {
 #endif
   void
   fail(const char* identifier, const char* format, ...) noexcept;
-  // Keeps a library warning line, without its "splitmerge: " prefix and newline.
-  void add_warning(std::string_view line) noexcept;
+#if defined(__GNUC__)
+  __attribute__((format(printf, 2, 3)))
+#endif
+  void
+  warn(const char* format, ...) noexcept;
 };
 
 // The checked call, in the library's terms.
 struct call {
-  run_arguments args;
+  image_view image;
+  parameters params;
   mwSize ndims = 0;
   const mwSize* dims = nullptr;  // the image's, owned by the host
 };
@@ -53,9 +62,21 @@ struct call {
 // Checks the whole call before anything is allocated; false when r has failed.
 bool read_call(int nlhs, int nrhs, const mxArray* prhs[], call& c, report& r) noexcept;
 
-// The body of mexFunction. Tests pass a run context of their own to watch its
-// allocations; mexFunction passes nullptr and the run gets a fresh one.
+// What the tests change and watch; mexFunction uses the defaults.
+struct call_settings {
+  std::uint64_t frame_budget = default_frame_budget;
+  std::uint64_t fail_frame_request = 0;  // makes this frame store request fail (from 1)
+  std::uint64_t frame_requests = 0;      // out: the frame store's allocation requests
+};
+
+// The body of mexFunction.
 void run_gateway(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[],
-                 run_context* ctx_for_tests);
+                 call_settings& settings);
+
+// What differs between hosts (host.cpp).
+// True once the user asked the host to stop the call (Ctrl-C).
+bool host_interrupt_pending() noexcept;
+// A zero-filled int32 array that becomes an output without being copied.
+mxArray* create_int32_output(mwSize ndims, const mwSize* dims);
 
 }  // namespace splitmerge::gateway

@@ -1,10 +1,12 @@
-// [labels, frames] = splitmerge(image, max_level, lim_oct_level, init_level,
+// [labels, frames, regions] = splitmerge(image, max_level, lim_oct_level, init_level,
 //     group_mode, max_seed, use_all_seeds, pred_choice, interval_length,
 //     rejection, sigma, threshold_row, pseudo_factor, small_size,
 //     statistic_update)
 //
-// Runs one segmentation with frame recording on and no region list file. The
-// progress lines go to the command window as the library prints them.
+// Runs one segmentation without a region list file; frames are recorded only
+// when the caller asks for the second output, the region list is collected
+// only for the third. The progress lines go to the
+// command window as the library prints them.
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -12,29 +14,14 @@
 #include <new>
 #include <string_view>
 #include <utility>
+#include <vector>
 
+#include "gateway/frame_store.hpp"
 #include "gateway/gateway.hpp"
 
 namespace splitmerge::gateway {
 
 namespace {
-
-// Whatever happens, the context is left without frames and without sinks
-// that point into this call's stack (a test's context outlives the call).
-class context_guard {
- public:
-  explicit context_guard(run_context& ctx) : ctx_(ctx) {}
-  context_guard(const context_guard&) = delete;
-  context_guard& operator=(const context_guard&) = delete;
-  ~context_guard() {
-    ctx_.release_frames();
-    ctx_.out = nullptr;
-    ctx_.err = nullptr;
-  }
-
- private:
-  run_context& ctx_;
-};
 
 // A host array that is destroyed unless it is handed to the host.
 class owned_array {
@@ -57,86 +44,122 @@ void print_to_host(std::string_view text) {
   mexPrintf("%.*s", static_cast<int>(text.size()), text.data());
 }
 
-std::int32_t frames_in_list(const run_context& ctx) {
-  std::int32_t n = 0;
-  for (const disp_frame* f = ctx.smg_disp; f != nullptr; f = f->next) ++n;
-  return n;
+std::size_t pixel_count(const image_view& im) {
+  return static_cast<std::size_t>(im.size_x) * static_cast<std::size_t>(im.size_y) *
+         static_cast<std::size_t>(im.size_z);
 }
 
-// Output 1: the image's dimensions plus one for the frames, in recording
-// order. Each frame is released as soon as it is copied, to keep the peak low.
-mxArray* take_frames(run_context& ctx, const call& c, report& r) {
-  const std::int32_t count = ctx.smg_dsp_count;
-  if (frames_in_list(ctx) != count) {
-    r.fail("splitmerge:internal", "the run recorded %d frames but its list holds %d", count,
-           frames_in_list(ctx));
-    return nullptr;
-  }
+// How many frames fit the budget; at least one, the final state.
+std::int32_t frames_within(std::uint64_t budget, std::size_t pixels) {
+  const std::uint64_t frame_bytes = std::uint64_t{pixels} * sizeof(std::int32_t);
+  const std::uint64_t n = budget / frame_bytes;
+  return static_cast<std::int32_t>(std::clamp<std::uint64_t>(n, 1, 0x7fffffff));
+}
+
+// Output 1: the image's dimensions plus one for the frames, in recording order.
+mxArray* frames_output(const frame_store& store, const call& c, report& r) {
   std::array<mwSize, 4> dims{};
   std::copy(c.dims, c.dims + c.ndims, dims.begin());
-  dims[static_cast<std::size_t>(c.ndims)] = to_mwsize(count);
-  mxArray* frames = mxCreateNumericArray(c.ndims + 1, dims.data(), mxINT32_CLASS, mxREAL);
-  const auto pixels = static_cast<std::size_t>(c.args.size_x) *
-                      static_cast<std::size_t>(c.args.size_y) *
-                      static_cast<std::size_t>(c.args.size_z);
-  auto* dest = static_cast<std::int32_t*>(mxGetData(frames));
-  while (ctx.smg_disp != nullptr) {
-    disp_frame* frame = ctx.smg_disp;
-    dest = std::copy_n(frame->pixels, pixels, dest);
-    ctx.smg_disp = frame->next;
-    ctx.allocator.release(frame->pixels);
-    ctx.allocator.release(frame);
+  dims[static_cast<std::size_t>(c.ndims)] = to_mwsize(store.frame_count());
+  mxArray* frames = create_int32_output(c.ndims + 1, dims.data());
+  if (frames == nullptr) {
+    r.fail("splitmerge:outOfMemory", "out of memory for the frames output");
+    return nullptr;
   }
-  ctx.smg_disp_cur = nullptr;
+  store.write_to(static_cast<std::int32_t*>(mxGetData(frames)));
   return frames;
 }
 
-void segment(int nlhs, mxArray* plhs[], const call& c, run_context& ctx, report& r) {
-  const context_guard guard(ctx);
-  ctx.out = print_to_host;
-  ctx.err = [&r](std::string_view line) { r.add_warning(line); };
+template <class T>
+mxArray* row_of(mxClassID class_id, const T* values, std::size_t count) {
+  mxArray* a = mxCreateNumericMatrix(1, static_cast<mwSize>(count), class_id, mxREAL);
+  if (count != 0) std::copy_n(values, count, static_cast<T*>(mxGetData(a)));
+  return a;
+}
 
-  owned_array labels(mxCreateNumericArray(c.ndims, c.dims, mxINT32_CLASS, mxREAL));
-  const run_arguments& a = c.args;
-  const std::int32_t status =
-      split_merge_group(ctx, a.image, a.size_x, a.size_y, a.size_z, a.max_level, a.lim_oct_level,
-                        static_cast<std::int32_t*>(mxGetData(labels.get())), a.init_level,
-                        a.group_mode, a.max_seed, a.use_all_seeds, a.pred_choice, a.interval_length,
-                        a.threshold_row, a.small_size, a.statistic_update, /*save_flag=*/0,
-                        /*display=*/1, /*filename=*/"", a.rejection, a.sigma, a.pseudo_factor);
-  if (status == status_no_memory) {
+// Output 2: one struct per region, in label order.
+mxArray* regions_output(const std::vector<region_record>& regions) {
+  const char* fields[] = {"statistics", "codes", "neighbours"};
+  owned_array out(mxCreateStructMatrix(1, static_cast<mwSize>(regions.size()), 3, fields));
+  for (std::size_t k = 0; k < regions.size(); ++k) {
+    const region_record& region = regions[k];
+    const auto index = static_cast<mwIndex>(k);
+    mxSetField(out.get(), index, "statistics", row_of(mxINT64_CLASS, region.statistics, 2));
+    mxSetField(out.get(), index, "codes",
+               row_of(mxUINT32_CLASS, region.codes.data(), region.codes.size()));
+    mxSetField(out.get(), index, "neighbours",
+               row_of(mxINT32_CLASS, region.neighbours.data(), region.neighbours.size()));
+  }
+  return out.release();
+}
+
+void segment_call(int nlhs, mxArray* plhs[], const call& c, call_settings& settings, report& r) {
+  const bool want_frames = nlhs >= 2;
+  const std::size_t pixels = pixel_count(c.image);
+  frame_store store(pixels, frames_within(settings.frame_budget, pixels));
+  store.fail_request(settings.fail_frame_request);
+  bool store_failed = false;
+
+  options opts;
+  opts.display = want_frames;
+  opts.collect_regions = nlhs >= 3;
+  opts.line_sink = print_to_host;
+  opts.error_sink = [](std::string_view) {};  // the status says what went wrong
+  opts.interrupt = [&store_failed] { return store_failed || host_interrupt_pending(); };
+  if (want_frames)
+    opts.frame_sink = [&](const std::int32_t* frame, std::int32_t) {
+      if (!store_failed && !store.append(frame)) store_failed = true;
+    };
+
+  const segmentation result = segment(c.image, c.params, opts);
+  settings.frame_requests = store.requests();
+  if (store_failed) {
+    r.fail("splitmerge:outOfMemory", "out of memory while recording the frames");
+    return;
+  }
+  if (result.status == status_interrupted) {
+    r.fail("splitmerge:interrupted", "interrupted by the user; nothing is returned");
+    return;
+  }
+  if (result.status == status_failed && result.error.empty()) {
     r.fail("splitmerge:outOfMemory", "the segmentation ran out of memory");
     return;
   }
-  if (status != 0) {
-    r.fail("splitmerge:runFailed", "the segmentation failed with status %d", status);
+  if (result.status != status_ok) {
+    r.fail("splitmerge:runFailed", "the segmentation failed with status %d%s%s", result.status,
+           result.error.empty() ? "" : ": ", result.error.c_str());
     return;
   }
 
+  owned_array labels(mxCreateNumericArray(c.ndims, c.dims, mxINT32_CLASS, mxREAL));
+  std::copy(result.labels.begin(), result.labels.end(),
+            static_cast<std::int32_t*>(mxGetData(labels.get())));
   // Only the slots the host provides: max(nlhs, 1).
-  if (nlhs >= 2) {
-    owned_array frames(take_frames(ctx, c, r));
+  owned_array regions(nlhs >= 3 ? regions_output(result.regions) : nullptr);
+  if (want_frames) {
+    owned_array frames(frames_output(store, c, r));
     if (r.failed()) return;
+    if (store.dropped_frames())
+      r.warn(
+          "frame recording stopped at %d frames: the next frame would exceed the frame "
+          "budget of %llu bytes; the last frame shows the final state",
+          store.frame_count(), static_cast<unsigned long long>(settings.frame_budget));
     plhs[1] = frames.release();
   }
+  if (nlhs >= 3) plhs[2] = regions.release();
   plhs[0] = labels.release();
 }
 
 }  // namespace
 
 void run_gateway(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[],
-                 run_context* ctx_for_tests) {
+                 call_settings& settings) {
   report r;
   call c;
   if (read_call(nlhs, nrhs, prhs, c, r)) {
     // No exception may reach the host; each becomes an error report below.
     try {
-      if (ctx_for_tests != nullptr) {
-        segment(nlhs, plhs, c, *ctx_for_tests, r);
-      } else {
-        run_context ctx;
-        segment(nlhs, plhs, c, ctx, r);
-      }
+      segment_call(nlhs, plhs, c, settings, r);
     } catch (const std::bad_alloc&) {
       r.fail("splitmerge:outOfMemory", "out of memory while segmenting");
     } catch (const std::exception& e) {
@@ -153,5 +176,6 @@ void run_gateway(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[],
 }  // namespace splitmerge::gateway
 
 extern "C" void mexFunction(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
-  splitmerge::gateway::run_gateway(nlhs, plhs, nrhs, prhs, nullptr);
+  splitmerge::gateway::call_settings settings;
+  splitmerge::gateway::run_gateway(nlhs, plhs, nrhs, prhs, settings);
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <string_view>
 
 #include "gateway/gateway.hpp"
 
@@ -20,43 +21,39 @@ void report::fail(const char* identifier, const char* format, ...) noexcept {
   va_end(args);
 }
 
-void report::add_warning(std::string_view line) noexcept {
-  constexpr std::string_view prefix = "splitmerge: ";
-  if (line.starts_with(prefix)) line.remove_prefix(prefix.size());
-  while (!line.empty() && line.back() == '\n') line.remove_suffix(1);
-  std::size_t used = std::strlen(warning);
-  if (used != 0 && used + 1 < sizeof warning) warning[used++] = '\n';
-  const std::size_t room = sizeof warning - 1 - used;
-  const std::size_t n = line.size() < room ? line.size() : room;
-  std::memcpy(warning + used, line.data(), n);
-  warning[used + n] = '\0';
+void report::warn(const char* format, ...) noexcept {
+  std::va_list args;
+  va_start(args, format);
+  std::vsnprintf(warning, sizeof warning, format, args);
+  va_end(args);
 }
 
 namespace {
 
 // Where each host input goes: an integer field (truncated toward zero) or a
-// double field (passed unchanged).
+// double field (passed unchanged). Flags also take a logical scalar.
 struct parameter_slot {
   const char* name;
-  std::int32_t run_arguments::*integer;
-  double run_arguments::*real;
+  std::int32_t parameters::*integer;
+  double parameters::*real;
+  bool flag = false;
 };
 
 constexpr std::array<parameter_slot, input_count - 1> parameter_slots{{
-    {"max_level", &run_arguments::max_level, nullptr},
-    {"lim_oct_level", &run_arguments::lim_oct_level, nullptr},
-    {"init_level", &run_arguments::init_level, nullptr},
-    {"group_mode", &run_arguments::group_mode, nullptr},
-    {"max_seed", &run_arguments::max_seed, nullptr},
-    {"use_all_seeds", &run_arguments::use_all_seeds, nullptr},
-    {"pred_choice", &run_arguments::pred_choice, nullptr},
-    {"interval_length", &run_arguments::interval_length, nullptr},
-    {"rejection", nullptr, &run_arguments::rejection},
-    {"sigma", nullptr, &run_arguments::sigma},
-    {"threshold_row", &run_arguments::threshold_row, nullptr},
-    {"pseudo_factor", nullptr, &run_arguments::pseudo_factor},
-    {"small_size", &run_arguments::small_size, nullptr},
-    {"statistic_update", &run_arguments::statistic_update, nullptr},
+    {"max_level", &parameters::max_level, nullptr},
+    {"lim_oct_level", &parameters::lim_oct_level, nullptr},
+    {"init_level", &parameters::init_level, nullptr},
+    {"group_mode", &parameters::group_mode, nullptr, true},
+    {"max_seed", &parameters::max_seed, nullptr},
+    {"use_all_seeds", &parameters::use_all_seeds, nullptr, true},
+    {"pred_choice", &parameters::pred_choice, nullptr},
+    {"interval_length", &parameters::interval_length, nullptr},
+    {"rejection", nullptr, &parameters::rejection},
+    {"sigma", nullptr, &parameters::sigma},
+    {"threshold_row", &parameters::threshold_row, nullptr},
+    {"pseudo_factor", nullptr, &parameters::pseudo_factor},
+    {"small_size", &parameters::small_size, nullptr},
+    {"statistic_update", &parameters::statistic_update, nullptr, true},
 }};
 
 bool read_image(const mxArray* image, call& c, report& r) noexcept {
@@ -79,44 +76,74 @@ bool read_image(const mxArray* image, call& c, report& r) noexcept {
       return false;
     }
   }
-  c.args.size_x = sizes[0];
-  c.args.size_y = sizes[1];
-  c.args.size_z = sizes[2];
-  c.args.image = static_cast<const std::int32_t*>(mxGetData(image));
+  c.image.size_x = sizes[0];
+  c.image.size_y = sizes[1];
+  c.image.size_z = sizes[2];
+  c.image.data = static_cast<const std::int32_t*>(mxGetData(image));
+  return true;
+}
+
+// The first pixel outside 0..255, named by its 1-based (row, column, slice)
+// position and linear index as the host shows them.
+bool check_pixels(const call& c, report& r) noexcept {
+  const image_view& im = c.image;
+  const auto rows = static_cast<std::size_t>(im.size_x);
+  const std::size_t slice = rows * static_cast<std::size_t>(im.size_y);
+  const std::size_t n = slice * static_cast<std::size_t>(im.size_z);
+  for (std::size_t i = 0; i < n; ++i) {
+    const std::int32_t v = im.data[i];
+    if (v >= 0 && v <= 255) continue;
+    const std::size_t row = i % rows + 1;
+    const std::size_t column = i % slice / rows + 1;
+    char position[96];
+    if (c.ndims >= 3) {
+      std::snprintf(position, sizeof position, "(%zu, %zu, %zu)", row, column, i / slice + 1);
+    } else {
+      std::snprintf(position, sizeof position, "(%zu, %zu)", row, column);
+    }
+    r.fail("splitmerge:badParameter",
+           "image pixel %s (linear index %zu) is %d: pixels must lie in 0 to 255 (rescale the "
+           "image)",
+           position, i + 1, v);
+    return false;
+  }
   return true;
 }
 
 // position is the host's 1-based input number, named in the messages.
 bool read_parameter(const mxArray* value, int position, const parameter_slot& slot, call& c,
                     report& r) noexcept {
-  if (!mxIsNumeric(value) || mxIsComplex(value) || mxGetNumberOfElements(value) != 1) {
-    r.fail("splitmerge:notScalar", "%s (input %d) must be a real numeric scalar", slot.name,
-           position);
+  const bool logical_flag = slot.flag && mxIsLogical(value);
+  if ((!mxIsNumeric(value) && !logical_flag) || mxIsComplex(value) ||
+      mxGetNumberOfElements(value) != 1) {
+    r.fail("splitmerge:notScalar", "%s (input %d) must be a real %sscalar", slot.name, position,
+           slot.flag ? "numeric or logical " : "numeric ");
     return false;
   }
   const double v = mxGetScalar(value);
-  if (slot.real != nullptr) {
-    c.args.*slot.real = v;  // the library checks that it is finite
-    return true;
-  }
-  if (std::isnan(v)) {
-    r.fail("splitmerge:notScalar", "%s (input %d) is NaN; it must be a whole number", slot.name,
-           position);
+  if (!std::isfinite(v)) {
+    r.fail("splitmerge:badParameter", "%s (input %d) is %s: it must be finite", slot.name, position,
+           std::isnan(v) ? "NaN" : (v > 0 ? "Inf" : "-Inf"));
     return false;
+  }
+  if (slot.real != nullptr) {
+    c.params.*slot.real = v;
+    return true;
   }
   const double whole = std::trunc(v);
   if (!(whole >= -2147483648.0 && whole <= 2147483647.0)) {
-    r.fail("splitmerge:notScalar", "%s (input %d) = %g does not fit a 32-bit integer", slot.name,
-           position, v);
+    r.fail("splitmerge:badParameter",
+           "%s (input %d) is %.17g: it must fit a 32-bit integer (-2147483648 to 2147483647)",
+           slot.name, position, v);
     return false;
   }
-  c.args.*slot.integer = static_cast<std::int32_t>(whole);
+  c.params.*slot.integer = static_cast<std::int32_t>(whole);
   return true;
 }
 
 bool check_library_rules(const call& c, report& r) noexcept {
   try {
-    const std::string problem = validate_parameters(c.args);
+    const std::string problem = check_parameters(c.image, c.params);
     if (problem.empty()) return true;
     r.fail("splitmerge:badParameter", "%s", problem.c_str());
   } catch (const std::bad_alloc&) {
@@ -136,8 +163,8 @@ bool read_call(int nlhs, int nrhs, const mxArray* prhs[], call& c, report& r) no
     return false;
   }
   if (nlhs > max_outputs) {
-    r.fail("splitmerge:nargout", "returns at most %d outputs (labels, frames), not %d", max_outputs,
-           nlhs);
+    r.fail("splitmerge:nargout", "returns at most %d outputs (labels, frames, regions), not %d",
+           max_outputs, nlhs);
     return false;
   }
   if (!read_image(prhs[0], c, r)) return false;
@@ -145,7 +172,7 @@ bool read_call(int nlhs, int nrhs, const mxArray* prhs[], call& c, report& r) no
     const int position = static_cast<int>(k) + 2;
     if (!read_parameter(prhs[k + 1], position, parameter_slots[k], c, r)) return false;
   }
-  return check_library_rules(c, r);
+  return check_pixels(c, r) && check_library_rules(c, r);
 }
 
 }  // namespace splitmerge::gateway

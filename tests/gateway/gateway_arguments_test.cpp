@@ -8,8 +8,8 @@
 namespace splitmerge::gateway_testing {
 namespace {
 
-parameters fractional_parameters() {
-  parameters p;
+host_parameters fractional_parameters() {
+  host_parameters p;
   p.max_level = 5.9;
   p.lim_oct_level = 3.2;
   p.init_level = 1.9;
@@ -33,57 +33,57 @@ TEST(GatewayArguments, IntegersAreTruncatedTowardZeroAndRealsPassUnchanged) {
   gateway::call c;
   gateway::report r;
   ASSERT_TRUE(gateway::read_call(2, in.count(), in.data(), c, r)) << r.id << ": " << r.message;
-  EXPECT_EQ(c.args.max_level, 5);
-  EXPECT_EQ(c.args.lim_oct_level, 3);
-  EXPECT_EQ(c.args.init_level, 1);
-  EXPECT_EQ(c.args.group_mode, 0);
-  EXPECT_EQ(c.args.max_seed, 9);
-  EXPECT_EQ(c.args.use_all_seeds, 0);
-  EXPECT_EQ(c.args.pred_choice, 5);
-  EXPECT_EQ(c.args.interval_length, 30);
-  EXPECT_EQ(c.args.threshold_row, 1);
-  EXPECT_EQ(c.args.small_size, 2);
-  EXPECT_EQ(c.args.statistic_update, 1);
-  EXPECT_EQ(c.args.rejection, 0.256);
-  EXPECT_EQ(c.args.sigma, 2.5);
-  EXPECT_EQ(c.args.pseudo_factor, 1.25);
-  EXPECT_EQ(c.args.size_x, 32);
-  EXPECT_EQ(c.args.size_y, 32);
-  EXPECT_EQ(c.args.size_z, 4);
-  EXPECT_EQ(c.args.image, mxGetData(in.data()[0]));
+  EXPECT_EQ(c.params.max_level, 5);
+  EXPECT_EQ(c.params.lim_oct_level, 3);
+  EXPECT_EQ(c.params.init_level, 1);
+  EXPECT_EQ(c.params.group_mode, 0);
+  EXPECT_EQ(c.params.max_seed, 9);
+  EXPECT_EQ(c.params.use_all_seeds, 0);
+  EXPECT_EQ(c.params.pred_choice, 5);
+  EXPECT_EQ(c.params.interval_length, 30);
+  EXPECT_EQ(c.params.threshold_row, 1);
+  EXPECT_EQ(c.params.small_size, 2);
+  EXPECT_EQ(c.params.statistic_update, 1);
+  EXPECT_EQ(c.params.rejection, 0.256);
+  EXPECT_EQ(c.params.sigma, 2.5);
+  EXPECT_EQ(c.params.pseudo_factor, 1.25);
+  EXPECT_EQ(c.image.size_x, 32);
+  EXPECT_EQ(c.image.size_y, 32);
+  EXPECT_EQ(c.image.size_z, 4);
+  EXPECT_EQ(c.image.data, mxGetData(in.data()[0]));
   EXPECT_FALSE(r.failed());
 }
 
 TEST(GatewayArguments, NegativeFractionsTruncateTowardZero) {
   const image img = patchy_image({32, 32, 4});
-  parameters p;
+  host_parameters p;
   p.small_size = -2.7;
   p.statistic_update = -0.5;
   host_inputs in(img, p);
   gateway::call c;
   gateway::report r;
   ASSERT_TRUE(gateway::read_call(1, in.count(), in.data(), c, r)) << r.message;
-  EXPECT_EQ(c.args.small_size, -2);
-  EXPECT_EQ(c.args.statistic_update, 0);
+  EXPECT_EQ(c.params.small_size, -2);
+  EXPECT_EQ(c.params.statistic_update, 0);
 }
 
 TEST(GatewayArguments, TwoDimensionalImageHasOneSlice) {
   const image img = patchy_image({16, 16});
-  parameters p;
+  host_parameters p;
   p.max_level = 4;
   p.lim_oct_level = 4;
   host_inputs in(img, p);
   gateway::call c;
   gateway::report r;
   ASSERT_TRUE(gateway::read_call(2, in.count(), in.data(), c, r)) << r.message;
-  EXPECT_EQ(c.args.size_x, 16);
-  EXPECT_EQ(c.args.size_y, 16);
-  EXPECT_EQ(c.args.size_z, 1);
+  EXPECT_EQ(c.image.size_x, 16);
+  EXPECT_EQ(c.image.size_y, 16);
+  EXPECT_EQ(c.image.size_z, 1);
 }
 
 TEST(GatewayArguments, AnyNumericClassIsReadByValue) {
   const image img = patchy_image({32, 32, 4});
-  host_inputs in(img, parameters{});
+  host_inputs in(img, host_parameters{});
   in.replace(1, fake_mex::scalar(5, mxINT8_CLASS));        // max_level
   in.replace(2, fake_mex::scalar(3, mxUINT16_CLASS));      // lim_oct_level
   in.replace(4, fake_mex::scalar(1, mxINT64_CLASS));       // group_mode
@@ -95,20 +95,21 @@ TEST(GatewayArguments, AnyNumericClassIsReadByValue) {
   gateway::call c;
   gateway::report r;
   ASSERT_TRUE(gateway::read_call(2, in.count(), in.data(), c, r)) << r.message;
-  EXPECT_EQ(c.args.max_level, 5);
-  EXPECT_EQ(c.args.lim_oct_level, 3);
-  EXPECT_EQ(c.args.group_mode, 1);
-  EXPECT_EQ(c.args.max_seed, 7);
-  EXPECT_EQ(c.args.interval_length, 30);
-  EXPECT_EQ(c.args.rejection, 0.25);
-  EXPECT_EQ(c.args.sigma, 3.0);
-  EXPECT_EQ(c.args.small_size, 4);
+  EXPECT_EQ(c.params.max_level, 5);
+  EXPECT_EQ(c.params.lim_oct_level, 3);
+  EXPECT_EQ(c.params.group_mode, 1);
+  EXPECT_EQ(c.params.max_seed, 7);
+  EXPECT_EQ(c.params.interval_length, 30);
+  EXPECT_EQ(c.params.rejection, 0.25);
+  EXPECT_EQ(c.params.sigma, 3.0);
+  EXPECT_EQ(c.params.small_size, 4);
 }
 
 TEST(GatewayArguments, TruncatedCallRunsExactlyAsTheWholeNumbers) {
   const image img = patchy_image({32, 32, 4}, 11);
-  const parameters fractional = fractional_parameters();
-  run_arguments whole = fractional.as_library_arguments();  // truncates, as the gateway must
+  const host_parameters fractional = fractional_parameters();
+  splitmerge::parameters whole =
+      fractional.as_library_parameters();  // truncates, as the gateway must
   ASSERT_EQ(whole.group_mode, 0);
   ASSERT_EQ(whole.rejection, 0.256);
   const library_result expected = run_library(img, whole);
@@ -120,7 +121,21 @@ TEST(GatewayArguments, TruncatedCallRunsExactlyAsTheWholeNumbers) {
   EXPECT_EQ(r.labels, expected.labels);
   EXPECT_EQ(r.frames, expected.frames);
   EXPECT_EQ(r.printed, expected.printed);
-  EXPECT_EQ(r.library_allocations_left, 0);
+  EXPECT_EQ(r.host_arrays_left, 0);
+}
+
+TEST(GatewayArguments, FlagsTakeLogicalScalars) {
+  const image img = patchy_image({32, 32, 4});
+  host_inputs in(img, host_parameters{});
+  in.replace(4, fake_mex::logical_scalar(true));    // group_mode
+  in.replace(6, fake_mex::logical_scalar(true));    // use_all_seeds
+  in.replace(14, fake_mex::logical_scalar(false));  // statistic_update
+  gateway::call c;
+  gateway::report r;
+  ASSERT_TRUE(gateway::read_call(1, in.count(), in.data(), c, r)) << r.message;
+  EXPECT_EQ(c.params.group_mode, 1);
+  EXPECT_EQ(c.params.use_all_seeds, 1);
+  EXPECT_EQ(c.params.statistic_update, 0);
 }
 
 }  // namespace

@@ -15,23 +15,23 @@ namespace {
 
 // Refused before the run: no output, no host array, no library allocation,
 // nothing printed.
-void expect_refused(host_inputs& in, int nlhs, const std::string& id) {
-  run_context ctx;
-  const gateway_result r = call_gateway(in, nlhs, &ctx);
+gateway_result expect_refused(host_inputs& in, int nlhs, const std::string& id) {
+  const gateway_result r = call_gateway(in, nlhs);
   EXPECT_EQ(r.error_id, id) << r.error_text;
   EXPECT_FALSE(r.labels_written);
   EXPECT_FALSE(r.frames_written);
   EXPECT_FALSE(r.wrote_extra_slot);
   EXPECT_EQ(r.host_arrays_created, 0);
-  EXPECT_EQ(r.library_requests, 0u);
+  EXPECT_EQ(r.frame_requests, 0u);
   EXPECT_EQ(r.printed, "");
+  return r;
 }
 
 std::vector<mxArray*> valid_arrays() {
   std::vector<mxArray*> arrays;
   const image img = patchy_image({32, 32, 4});
   arrays.push_back(fake_mex::int32_array(img.dims, img.pixels));
-  for (double v : parameters{}.in_host_order()) arrays.push_back(fake_mex::scalar(v));
+  for (double v : host_parameters{}.in_host_order()) arrays.push_back(fake_mex::scalar(v));
   return arrays;
 }
 
@@ -49,9 +49,9 @@ TEST(GatewayErrors, WrongNumberOfInputs) {
   }
 }
 
-TEST(GatewayErrors, MoreThanTwoOutputs) {
+TEST(GatewayErrors, MoreThanThreeOutputs) {
   host_inputs in(valid_arrays());
-  expect_refused(in, 3, "splitmerge:nargout");
+  expect_refused(in, 4, "splitmerge:nargout");
 }
 
 TEST(GatewayErrors, ImageThatIsNotRealInt32) {
@@ -80,6 +80,8 @@ TEST(GatewayErrors, ImageWithFourDimensions) {
   expect_refused(in, 2, "splitmerge:imageDims");
 }
 
+bool is_flag(std::size_t slot) { return slot == 4 || slot == 6 || slot == 14; }
+
 TEST(GatewayErrors, ParameterThatIsNotARealNumericScalar) {
   for (std::size_t slot = 1; slot <= 14; ++slot) {
     SCOPED_TRACE(slot);
@@ -88,8 +90,9 @@ TEST(GatewayErrors, ParameterThatIsNotARealNumericScalar) {
         fake_mex::double_array({0, 0}, {}),
         fake_mex::complex_scalar(3.0, 1.0),
         fake_mex::char_array("3"),
-        fake_mex::logical_scalar(true),
     };
+    // Flags (group_mode, use_all_seeds, statistic_update) take logicals.
+    if (!is_flag(slot)) wrong.push_back(fake_mex::logical_scalar(true));
     for (mxArray* value : wrong) {
       host_inputs in(valid_arrays());
       in.replace(slot, value);
@@ -98,33 +101,61 @@ TEST(GatewayErrors, ParameterThatIsNotARealNumericScalar) {
   }
 }
 
-TEST(GatewayErrors, IntegerParameterThatIsNaNOrDoesNotFitInt32) {
+const char* const slot_names[] = {
+    "image",    "max_level",     "lim_oct_level", "init_level",      "group_mode",
+    "max_seed", "use_all_seeds", "pred_choice",   "interval_length", "rejection",
+    "sigma",    "threshold_row", "pseudo_factor", "small_size",      "statistic_update"};
+
+TEST(GatewayErrors, NonFiniteOrUnfitValuesAreBadParametersNamingTheInput) {
   constexpr double inf = std::numeric_limits<double>::infinity();
-  const std::vector<double> unfit{std::nan(""), inf, -inf, 2147483648.0, -2147483649.0, 1e300};
-  for (std::size_t slot : {1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 11u, 13u, 14u}) {
-    for (double v : unfit) {
+  for (std::size_t slot = 1; slot <= 14; ++slot) {
+    std::vector<double> wrong{std::nan(""), inf, -inf};
+    const bool real = slot == 9 || slot == 10 || slot == 12;
+    if (!real) wrong.insert(wrong.end(), {2147483648.0, -2147483649.0, 1e300});
+    for (double v : wrong) {
       SCOPED_TRACE(std::to_string(slot) + " = " + std::to_string(v));
       host_inputs in(valid_arrays());
       in.replace(slot, fake_mex::scalar(v));
-      expect_refused(in, 2, "splitmerge:notScalar");
+      const gateway_result r = expect_refused(in, 2, "splitmerge:badParameter");
+      const std::string named =
+          std::string(slot_names[slot]) + " (input " + std::to_string(slot + 1) + ")";
+      EXPECT_EQ(r.error_text.rfind(named, 0), 0u) << r.error_text;
     }
   }
 }
 
-// The library's own message, for the arguments the gateway should pass.
-std::string library_message(const image& img, const run_arguments& given) {
-  run_arguments a = given;
-  a.image = img.pixels.data();
-  a.size_x = static_cast<std::int32_t>(img.dims[0]);
-  a.size_y = static_cast<std::int32_t>(img.dims[1]);
-  a.size_z = img.dims.size() > 2 ? static_cast<std::int32_t>(img.dims[2]) : 1;
-  return validate_parameters(a);
+TEST(GatewayErrors, BadPixelIsNamedByItsOneBasedPosition) {
+  image img = patchy_image({32, 32, 4});
+  // Linear index 1000 (1-based) is row 8, column 32, slice 1.
+  img.pixels[999] = 300;
+  host_inputs in(img, host_parameters{});
+  const gateway_result r = expect_refused(in, 1, "splitmerge:badParameter");
+  EXPECT_EQ(r.error_text,
+            "image pixel (8, 32, 1) (linear index 1000) is 300: pixels must lie in 0 to 255 "
+            "(rescale the image)");
+  image plane = patchy_image({16, 16});
+  plane.pixels[16 * 3 + 4] = -1;  // row 5, column 4
+  host_parameters p;
+  p.max_level = 4;
+  p.lim_oct_level = 4;
+  host_inputs in_plane(plane, p);
+  const gateway_result r2 = expect_refused(in_plane, 1, "splitmerge:badParameter");
+  EXPECT_EQ(r2.error_text.rfind("image pixel (5, 4) (linear index 53) is -1:", 0), 0u)
+      << r2.error_text;
 }
 
-void expect_bad_parameter(const image& img, const parameters& p) {
+// The library's own message, for the parameters the gateway should pass.
+std::string library_message(const image& img, const splitmerge::parameters& p) {
+  const image_view view{img.pixels.data(), static_cast<std::int32_t>(img.dims[0]),
+                        static_cast<std::int32_t>(img.dims[1]),
+                        img.dims.size() > 2 ? static_cast<std::int32_t>(img.dims[2]) : 1};
+  return check_parameters(view, p);
+}
+
+void expect_bad_parameter(const image& img, const host_parameters& p) {
   host_inputs in(img, p);
   expect_refused(in, 2, "splitmerge:badParameter");
-  const std::string expected = library_message(img, p.as_library_arguments());
+  const std::string expected = library_message(img, p.as_library_parameters());
   ASSERT_NE(expected, "");
   EXPECT_EQ(call_gateway(in, 2).error_text, expected);
 }
@@ -132,78 +163,83 @@ void expect_bad_parameter(const image& img, const parameters& p) {
 TEST(GatewayErrors, ParametersTheLibraryRejectsCarryItsMessage) {
   const image img = patchy_image({32, 32, 4});
   const auto with = [](auto change) {
-    parameters p;
+    host_parameters p;
     change(p);
     return p;
   };
-  expect_bad_parameter(img, with([](parameters& p) { p.max_level = 9; }));
-  expect_bad_parameter(img, with([](parameters& p) { p.max_level = 4; }));      // image too big
-  expect_bad_parameter(img, with([](parameters& p) { p.lim_oct_level = 2; }));  // wrong Z
-  expect_bad_parameter(img, with([](parameters& p) { p.init_level = 5; }));
-  expect_bad_parameter(img, with([](parameters& p) { p.pred_choice = 6; }));
-  expect_bad_parameter(img, with([](parameters& p) {
+  expect_bad_parameter(img, with([](host_parameters& p) { p.max_level = 9; }));
+  expect_bad_parameter(img, with([](host_parameters& p) { p.max_level = 4; }));  // image too big
+  expect_bad_parameter(img, with([](host_parameters& p) { p.lim_oct_level = 2; }));  // wrong Z
+  expect_bad_parameter(img, with([](host_parameters& p) { p.init_level = 5; }));
+  expect_bad_parameter(img, with([](host_parameters& p) { p.pred_choice = 6; }));
+  expect_bad_parameter(img, with([](host_parameters& p) {
                          p.pred_choice = 4;
                          p.threshold_row = 0;
                        }));
-  expect_bad_parameter(img, with([](parameters& p) { p.max_seed = 0; }));
-  expect_bad_parameter(img, with([](parameters& p) { p.sigma = std::nan(""); }));
-  expect_bad_parameter(img, with([](parameters& p) { p.rejection = INFINITY; }));
-  expect_bad_parameter(img, with([](parameters& p) { p.pseudo_factor = -INFINITY; }));
+  expect_bad_parameter(img, with([](host_parameters& p) { p.max_seed = 0; }));
+  expect_bad_parameter(img, with([](host_parameters& p) { p.rejection = 3e7; }));
   // Truncation that fits int32 is the library's to judge.
-  expect_bad_parameter(img, with([](parameters& p) { p.max_level = 2147483647.9; }));
-  expect_bad_parameter(img, with([](parameters& p) { p.max_level = -2147483648.9; }));
+  expect_bad_parameter(img, with([](host_parameters& p) { p.max_level = 2147483647.9; }));
+  expect_bad_parameter(img, with([](host_parameters& p) { p.max_level = -2147483648.9; }));
 }
 
 TEST(GatewayErrors, ImageThatTheLibraryRejects) {
   image rectangular = patchy_image({32, 16, 4});
-  expect_bad_parameter(rectangular, parameters{});
-  for (std::int32_t pixel : {256, -1}) {
-    image img = patchy_image({32, 32, 4});
-    img.pixels[1234] = pixel;
-    expect_bad_parameter(img, parameters{});
+  expect_bad_parameter(rectangular, host_parameters{});
+}
+
+// Nothing is handed back and nothing stays alive when the call fails midway.
+void expect_failed_cleanly(const gateway_result& r, const std::string& id) {
+  EXPECT_EQ(r.error_id, id) << r.error_text;
+  EXPECT_FALSE(r.labels_written);
+  EXPECT_FALSE(r.frames_written);
+  EXPECT_EQ(r.host_arrays_left, 0);
+}
+
+TEST(GatewayErrors, EveryFailedFrameStoreRequestLeavesNothingBehind) {
+  const image img = patchy_image({32, 32, 4});
+  host_inputs in(img, host_parameters{});
+  const gateway_result clean = call_gateway(in, 2);
+  ASSERT_EQ(clean.error_id, "") << clean.error_text;
+  ASSERT_GE(clean.frame_requests, 2u);
+  for (std::uint64_t k = 1; k <= clean.frame_requests; ++k) {
+    SCOPED_TRACE(k);
+    gateway::call_settings settings;
+    settings.fail_frame_request = k;
+    expect_failed_cleanly(call_gateway(in, 2, settings), "splitmerge:outOfMemory");
   }
 }
 
-TEST(GatewayErrors, EveryFailedAllocationLeavesNothingBehind) {
-  // A small run keeps the sweep short; its first run counts the requests.
-  const image img = patchy_image({8, 8, 2});
-  parameters p;
-  p.max_level = 3;
-  p.lim_oct_level = 2;
-  host_inputs in(img, p);
+TEST(GatewayErrors, InterruptAtAnyPollEndsTheCallWithNothingLeft) {
+  const image img = patchy_image({32, 32, 4});
+  host_inputs in(img, host_parameters{});
   const gateway_result clean = call_gateway(in, 2);
   ASSERT_EQ(clean.error_id, "") << clean.error_text;
-  ASSERT_GT(clean.library_requests, 10u);
-  int failures = 0;
-  for (std::uint64_t k = 1; k <= clean.library_requests; ++k) {
-    SCOPED_TRACE(k);
-    run_context ctx;
-    ctx.allocator.fail_at(k);
-    const gateway_result r = call_gateway(in, 2, &ctx);
-    EXPECT_EQ(r.library_allocations_left, 0);
-    EXPECT_EQ(r.host_arrays_left, 0);
-    if (r.error_id.empty()) continue;
-    ++failures;
-    EXPECT_EQ(r.error_id, "splitmerge:outOfMemory") << r.error_text;
-    EXPECT_FALSE(r.labels_written);
-    EXPECT_FALSE(r.frames_written);
+  ASSERT_GE(clean.interrupt_polls, 3);
+  for (int nlhs : {1, 2}) {
+    for (std::int64_t k = 1; k <= clean.interrupt_polls; ++k) {
+      SCOPED_TRACE(std::to_string(nlhs) + " outputs, poll " + std::to_string(k));
+      fake_mex::interrupt_at_poll(k);
+      const gateway_result r = call_gateway(in, nlhs);
+      fake_mex::interrupt_at_poll(0);
+      expect_failed_cleanly(r, "splitmerge:interrupted");
+    }
   }
-  EXPECT_GT(failures, 0);
+  // The flag was taken: the next call runs to the end.
+  const gateway_result after = call_gateway(in, 2);
+  EXPECT_EQ(after.error_id, "");
+  EXPECT_EQ(after.frames, clean.frames);
 }
 
 TEST(GatewayErrors, HostArrayThatCannotBeCreated) {
   const image img = patchy_image({32, 32, 4});
   for (int k : {1, 2}) {  // the labels, then the frames
     SCOPED_TRACE(k);
-    host_inputs in(img, parameters{});
+    host_inputs in(img, host_parameters{});
     fake_mex::fail_create_at(k);
     const gateway_result r = call_gateway(in, 2);
     fake_mex::fail_create_at(0);
-    EXPECT_EQ(r.error_id, "splitmerge:outOfMemory");
-    EXPECT_FALSE(r.labels_written);
-    EXPECT_FALSE(r.frames_written);
-    EXPECT_EQ(r.host_arrays_left, 0);
-    EXPECT_EQ(r.library_allocations_left, 0);
+    expect_failed_cleanly(r, "splitmerge:outOfMemory");
   }
 }
 

@@ -8,15 +8,15 @@
 
 namespace splitmerge::gateway_testing {
 
-std::array<double, 14> parameters::in_host_order() const {
+std::array<double, 14> host_parameters::in_host_order() const {
   return {max_level,     lim_oct_level, init_level,      group_mode,      max_seed,
           use_all_seeds, pred_choice,   interval_length, rejection,       sigma,
           threshold_row, pseudo_factor, small_size,      statistic_update};
 }
 
-run_arguments parameters::as_library_arguments() const {
+splitmerge::parameters host_parameters::as_library_parameters() const {
   const auto whole = [](double v) { return static_cast<std::int32_t>(v); };
-  run_arguments a;
+  splitmerge::parameters a;
   a.max_level = whole(max_level);
   a.lim_oct_level = whole(lim_oct_level);
   a.init_level = whole(init_level);
@@ -53,7 +53,7 @@ image patchy_image(const std::vector<mwSize>& dims, std::uint32_t seed) {
   return img;
 }
 
-host_inputs::host_inputs(const image& img, const parameters& p) {
+host_inputs::host_inputs(const image& img, const host_parameters& p) {
   arrays_.push_back(fake_mex::int32_array(img.dims, img.pixels));
   for (double v : p.in_host_order()) arrays_.push_back(fake_mex::scalar(v));
 }
@@ -81,6 +81,7 @@ gateway_result call_with(int nlhs, const std::function<void(mxArray**)>& call) {
     r.error_text = e.what();
   }
   r.host_arrays_created = fake_mex::arrays_created();
+  r.interrupt_polls = fake_mex::interrupt_polls();
   r.printed = fake_mex::printed();
   r.warnings = fake_mex::warnings();
   if (plhs[0] != nullptr) {
@@ -93,6 +94,22 @@ gateway_result call_with(int nlhs, const std::function<void(mxArray**)>& call) {
     r.frame_dims = fake_mex::dimensions(plhs[1]);
     r.frames = fake_mex::int32_values(plhs[1]);
   }
+  if (plhs[2] != nullptr) {
+    r.regions_written = true;
+    const std::size_t count = mxGetNumberOfElements(plhs[2]);
+    for (std::size_t k = 0; k < count; ++k) {
+      const auto index = static_cast<mwIndex>(k);
+      splitmerge::region_record region;
+      const auto stats = fake_mex::integer_values(mxGetField(plhs[2], index, "statistics"));
+      region.statistics[0] = stats.at(0);
+      region.statistics[1] = stats.at(1);
+      for (std::int64_t c : fake_mex::integer_values(mxGetField(plhs[2], index, "codes")))
+        region.codes.push_back(static_cast<std::uint32_t>(c));
+      for (std::int64_t n : fake_mex::integer_values(mxGetField(plhs[2], index, "neighbours")))
+        region.neighbours.push_back(static_cast<std::int32_t>(n));
+      r.regions.push_back(std::move(region));
+    }
+  }
   // The host provides max(nlhs, 1) slots; the others must stay untouched.
   for (std::size_t k = static_cast<std::size_t>(std::max(nlhs, 1)); k < plhs.size(); ++k)
     if (plhs[k] != nullptr) r.wrote_extra_slot = true;
@@ -103,14 +120,11 @@ gateway_result call_with(int nlhs, const std::function<void(mxArray**)>& call) {
 
 }  // namespace
 
-gateway_result call_gateway(host_inputs& in, int nlhs, run_context* ctx) {
-  run_context own;
-  run_context& used = ctx != nullptr ? *ctx : own;
+gateway_result call_gateway(host_inputs& in, int nlhs, gateway::call_settings settings) {
   gateway_result r = call_with(nlhs, [&](mxArray** plhs) {
-    gateway::run_gateway(nlhs, plhs, in.count(), in.data(), &used);
+    gateway::run_gateway(nlhs, plhs, in.count(), in.data(), settings);
   });
-  r.library_allocations_left = used.allocator.live();
-  r.library_requests = used.allocator.requests();
+  r.frame_requests = settings.frame_requests;
   return r;
 }
 
@@ -118,23 +132,22 @@ gateway_result call_mex_function(host_inputs& in, int nlhs) {
   return call_with(nlhs, [&](mxArray** plhs) { mexFunction(nlhs, plhs, in.count(), in.data()); });
 }
 
-library_result run_library(const image& img, const run_arguments& a) {
+library_result run_library(const image& img, const splitmerge::parameters& p, bool display) {
   library_result r;
-  run_context ctx;
-  ctx.out = [&r](std::string_view s) { r.printed.append(s); };
-  r.labels.assign(img.pixels.size(), 0);
   const auto size = [&img](std::size_t d) {
     return d < img.dims.size() ? static_cast<std::int32_t>(img.dims[d]) : 1;
   };
-  r.status = split_merge_group(ctx, img.pixels.data(), size(0), size(1), size(2), a.max_level,
-                               a.lim_oct_level, r.labels.data(), a.init_level, a.group_mode,
-                               a.max_seed, a.use_all_seeds, a.pred_choice, a.interval_length,
-                               a.threshold_row, a.small_size, a.statistic_update, 0, 1, "",
-                               a.rejection, a.sigma, a.pseudo_factor);
-  for (const disp_frame* f = ctx.smg_disp; f != nullptr; f = f->next) {
-    r.frames.insert(r.frames.end(), f->pixels, f->pixels + img.pixels.size());
-    ++r.frame_count;
-  }
+  const image_view view{img.pixels.data(), size(0), size(1), size(2)};
+  options opts;
+  opts.display = display;
+  opts.line_sink = [&r](std::string_view s) { r.printed.append(s); };
+  opts.collect_regions = true;
+  segmentation s = segment(view, p, opts);
+  r.regions = std::move(s.regions);
+  r.status = s.status;
+  r.labels = std::move(s.labels);
+  r.frames = std::move(s.frames);
+  r.frame_count = s.frame_count;
   return r;
 }
 

@@ -7,14 +7,15 @@
 #include <string>
 #include <vector>
 
-#include "driver/driver.hpp"
+#include "gateway/gateway.hpp"
 #include "mex.h"
+#include "splitmerge/splitmerge.hpp"
 
 namespace splitmerge::gateway_testing {
 
 // The 14 parameters as the host passes them, in the host's order. The
 // defaults give a 32 x 32 x 4 run that records several frames.
-struct parameters {
+struct host_parameters {
   double max_level = 5;
   double lim_oct_level = 3;
   double init_level = 0;
@@ -31,9 +32,9 @@ struct parameters {
   double statistic_update = 1;
 
   [[nodiscard]] std::array<double, 14> in_host_order() const;
-  // The library's arguments when every value is already what the gateway
+  // The library's parameters when every value is already what the gateway
   // should pass (whole numbers where the library takes integers).
-  [[nodiscard]] run_arguments as_library_arguments() const;
+  [[nodiscard]] splitmerge::parameters as_library_parameters() const;
 };
 
 // Pixels in host order (x fastest), dims as the host states them.
@@ -48,7 +49,7 @@ image patchy_image(const std::vector<mwSize>& dims, std::uint32_t seed = 1);
 // The inputs of one call; they belong to the test and die with it.
 class host_inputs {
  public:
-  host_inputs(const image& img, const parameters& p);
+  host_inputs(const image& img, const host_parameters& p);
   explicit host_inputs(std::vector<mxArray*> arrays) : arrays_(std::move(arrays)) {}
   host_inputs(const host_inputs&) = delete;
   host_inputs& operator=(const host_inputs&) = delete;
@@ -68,22 +69,25 @@ struct gateway_result {
   std::string error_text;
   bool labels_written = false;
   bool frames_written = false;
+  bool regions_written = false;
   bool wrote_extra_slot = false;  // beyond the max(nlhs, 1) slots the host provides
   std::vector<mwSize> label_dims;
   std::vector<mwSize> frame_dims;
   std::vector<std::int32_t> labels;
   std::vector<std::int32_t> frames;
+  std::vector<splitmerge::region_record> regions;
   std::string printed;
   std::vector<fake_mex::host_warning> warnings;
-  std::int64_t library_allocations_left = 0;
   std::int64_t host_arrays_left = 0;  // created by the call and owned by no one
   std::int64_t host_arrays_created = 0;
-  std::uint64_t library_requests = 0;  // allocations the run asked for
+  std::uint64_t frame_requests = 0;  // allocations of the gateway's frame store
+  std::int64_t interrupt_polls = 0;
 };
 
-// One call with nlhs outputs. ctx lets a test set the failure hook or the
-// frame budget; without it the call gets a fresh context that is checked too.
-gateway_result call_gateway(host_inputs& in, int nlhs, run_context* ctx = nullptr);
+// One call with nlhs outputs; settings lets a test set the frame budget or a
+// failing frame store request.
+gateway_result call_gateway(host_inputs& in, int nlhs,
+                            gateway::call_settings settings = gateway::call_settings{});
 // The same through mexFunction, which makes its own context.
 gateway_result call_mex_function(host_inputs& in, int nlhs);
 
@@ -93,9 +97,10 @@ struct library_result {
   std::vector<std::int32_t> frames;  // every frame, in list order
   std::int32_t frame_count = 0;
   std::string printed;
+  std::vector<splitmerge::region_record> regions;
 };
 
-// What the gateway should do: display on, no region list file.
-library_result run_library(const image& img, const run_arguments& a);
+// What the gateway should do: no region list file, frames when display is on.
+library_result run_library(const image& img, const splitmerge::parameters& p, bool display = true);
 
 }  // namespace splitmerge::gateway_testing

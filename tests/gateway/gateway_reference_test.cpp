@@ -11,8 +11,8 @@
 namespace splitmerge::gateway_testing {
 namespace {
 
-parameters from_case(const testing::reference_case& c) {
-  parameters p;
+host_parameters from_case(const testing::reference_case& c) {
+  host_parameters p;
   p.max_level = c.params.at("max_level");
   p.lim_oct_level = c.params.at("lim_oct_level");
   p.init_level = c.params.at("init_level");
@@ -59,7 +59,13 @@ TEST(GatewayReference, EveryCaseWithFramesMatchesExactly) {
     EXPECT_EQ(r.frame_dims, frame_dims);
     EXPECT_EQ(r.frames, *c.frames);
     EXPECT_EQ(r.printed, without_region_file(c.stdout_text));
-    EXPECT_EQ(r.library_allocations_left, 0);
+    EXPECT_EQ(r.host_arrays_left, 0);
+    // One output records nothing, and prints and labels the same.
+    const gateway_result labels_only = call_gateway(in, 1);
+    ASSERT_EQ(labels_only.error_id, "") << labels_only.error_text;
+    EXPECT_EQ(labels_only.labels, c.labels);
+    EXPECT_EQ(labels_only.printed, r.printed);
+    EXPECT_EQ(labels_only.frame_requests, 0u);
     ++checked;
   }
   if (checked == 0) GTEST_SKIP() << "no reference cases at " << testing::conformance_root();

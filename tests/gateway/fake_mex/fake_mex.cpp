@@ -13,6 +13,8 @@ struct mxArray {
   std::vector<mwSize> dims;
   std::vector<unsigned char> real;
   std::vector<unsigned char> imag;
+  std::vector<std::string> field_names;  // structs: the fields of each element
+  std::vector<mxArray*> fields;          // element-major, owned
 };
 
 namespace {
@@ -23,6 +25,8 @@ struct host_state {
   std::int64_t live = 0;
   std::int64_t created = 0;
   int creates_until_failure = 0;
+  std::int64_t polls_until_interrupt = 0;
+  std::int64_t polls = 0;
 };
 
 host_state& state() {
@@ -125,6 +129,11 @@ int mexPrintf(const char* format, ...) {
 mwSize mxGetNumberOfDimensions(const mxArray* a) { return static_cast<mwSize>(a->dims.size()); }
 const mwSize* mxGetDimensions(const mxArray* a) { return a->dims.data(); }
 std::size_t mxGetNumberOfElements(const mxArray* a) {
+  if (a->class_id == mxSTRUCT_CLASS) {
+    std::size_t n = 1;
+    for (mwSize d : a->dims) n *= static_cast<std::size_t>(d);
+    return n;
+  }
   return a->real.size() / element_size(a->class_id);
 }
 mxClassID mxGetClassID(const mxArray* a) { return a->class_id; }
@@ -161,6 +170,7 @@ const char* mxGetClassName(const mxArray* a) {
 }
 
 bool mxIsInt32(const mxArray* a) { return a->class_id == mxINT32_CLASS; }
+bool mxIsLogical(const mxArray* a) { return a->class_id == mxLOGICAL_CLASS; }
 bool mxIsNumeric(const mxArray* a) {
   return a->class_id >= mxDOUBLE_CLASS && a->class_id <= mxUINT64_CLASS;
 }
@@ -209,8 +219,47 @@ mxArray* mxCreateDoubleScalar(double value) { return fake_mex::scalar(value); }
 
 void mxDestroyArray(mxArray* a) {
   if (a == nullptr) return;
+  for (mxArray* field : a->fields) mxDestroyArray(field);
   --state().live;
   delete a;
+}
+
+mxArray* mxCreateNumericMatrix(mwSize m, mwSize n, mxClassID class_id, mxComplexity complexity) {
+  const mwSize dims[] = {m, n};
+  return mxCreateNumericArray(2, dims, class_id, complexity);
+}
+
+mxArray* mxCreateStructMatrix(mwSize m, mwSize n, int nfields, const char** fieldnames) {
+  mxArray* a = new_array({m, n}, mxSTRUCT_CLASS, false);
+  a->real.clear();
+  a->field_names.assign(fieldnames, fieldnames + nfields);
+  a->fields.assign(static_cast<std::size_t>(m * n) * a->field_names.size(), nullptr);
+  return a;
+}
+
+namespace {
+std::size_t field_slot(const mxArray* a, mwIndex index, const char* name) {
+  for (std::size_t f = 0; f < a->field_names.size(); ++f)
+    if (a->field_names[f] == name)
+      return static_cast<std::size_t>(index) * a->field_names.size() + f;
+  throw std::invalid_argument(std::string("no field ") + name);
+}
+}  // namespace
+
+void mxSetField(mxArray* a, mwIndex index, const char* name, mxArray* value) {
+  mxArray*& slot = a->fields.at(field_slot(a, index, name));
+  mxDestroyArray(slot);
+  slot = value;
+}
+
+mxArray* mxGetField(const mxArray* a, mwIndex index, const char* name) {
+  return a->fields.at(field_slot(a, index, name));
+}
+
+bool fakeIsInterruptPending(void) {
+  ++state().polls;
+  std::int64_t& countdown = state().polls_until_interrupt;
+  return countdown > 0 && --countdown == 0;
 }
 
 }  // extern "C"
@@ -221,6 +270,7 @@ void reset() {
   state().printed.clear();
   state().warnings.clear();
   state().created = 0;
+  state().polls = 0;
 }
 
 const std::string& printed() { return state().printed; }
@@ -228,6 +278,8 @@ const std::vector<host_warning>& warnings() { return state().warnings; }
 std::int64_t live_arrays() { return state().live; }
 std::int64_t arrays_created() { return state().created; }
 void fail_create_at(int k) { state().creates_until_failure = k; }
+void interrupt_at_poll(std::int64_t k) { state().polls_until_interrupt = k; }
+std::int64_t interrupt_polls() { return state().polls; }
 
 mxArray* int32_array(const std::vector<mwSize>& dims, const std::vector<std::int32_t>& values) {
   mxArray* a = new_array(dims, mxINT32_CLASS, false);
@@ -307,6 +359,19 @@ std::vector<std::int32_t> int32_values(const mxArray* a) {
   if (a->class_id != mxINT32_CLASS) throw std::invalid_argument("int32_values: not int32");
   std::vector<std::int32_t> v(a->real.size() / sizeof(std::int32_t));
   if (!v.empty()) std::memcpy(v.data(), a->real.data(), a->real.size());
+  return v;
+}
+
+std::vector<std::int64_t> integer_values(const mxArray* a) {
+  std::vector<std::int64_t> v;
+  const std::size_t size = element_size(a->class_id);
+  for (std::size_t at = 0; at < a->real.size(); at += size) {
+    mxArray one;
+    one.class_id = a->class_id;
+    one.real.assign(a->real.begin() + static_cast<std::ptrdiff_t>(at),
+                    a->real.begin() + static_cast<std::ptrdiff_t>(at + size));
+    v.push_back(static_cast<std::int64_t>(mxGetScalar(&one)));
+  }
   return v;
 }
 

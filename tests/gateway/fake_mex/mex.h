@@ -3,6 +3,9 @@
 // frame copying run under ctest without MATLAB or Octave.
 #pragma once
 
+// Lets the gateway pick the fake host's interrupt flag.
+#define FAKE_MEX_HOST 1
+
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
@@ -12,8 +15,10 @@
 // Octave's mwSize is signed, MATLAB's unsigned; the tests build both ways.
 #if defined(FAKE_MEX_UNSIGNED_MWSIZE)
 using mwSize = std::size_t;
+using mwIndex = std::size_t;
 #else
 using mwSize = std::int64_t;
+using mwIndex = std::int64_t;
 #endif
 
 struct mxArray;
@@ -54,6 +59,7 @@ std::size_t mxGetNumberOfElements(const mxArray* a);
 mxClassID mxGetClassID(const mxArray* a);
 const char* mxGetClassName(const mxArray* a);
 bool mxIsInt32(const mxArray* a);
+bool mxIsLogical(const mxArray* a);
 bool mxIsNumeric(const mxArray* a);
 bool mxIsComplex(const mxArray* a);
 double mxGetScalar(const mxArray* a);
@@ -61,7 +67,16 @@ void* mxGetData(const mxArray* a);
 mxArray* mxCreateNumericArray(mwSize ndim, const mwSize* dims, mxClassID class_id,
                               mxComplexity complexity);
 mxArray* mxCreateDoubleScalar(double value);
+mxArray* mxCreateNumericMatrix(mwSize m, mwSize n, mxClassID class_id, mxComplexity complexity);
+mxArray* mxCreateStructMatrix(mwSize m, mwSize n, int nfields, const char** fieldnames);
+// Takes ownership of value; a struct destroys its fields with it.
+void mxSetField(mxArray* a, mwIndex index, const char* name, mxArray* value);
+mxArray* mxGetField(const mxArray* a, mwIndex index, const char* name);
 void mxDestroyArray(mxArray* a);
+
+// The fake host's Ctrl-C: true on the poll that fake_mex::interrupt_at_poll
+// chose.
+bool fakeIsInterruptPending(void);
 }
 
 // What the tests use to build inputs, read outputs and watch the host.
@@ -91,6 +106,10 @@ std::int64_t arrays_created();
 // Makes the k-th mxCreateNumericArray from now on fail once, the way Octave's
 // does (std::bad_alloc); 0 disarms the hook.
 void fail_create_at(int k);
+// Makes the k-th interrupt poll from now on report Ctrl-C once; 0 disarms.
+void interrupt_at_poll(std::int64_t k);
+// Interrupt polls since the last reset.
+std::int64_t interrupt_polls();
 
 mxArray* int32_array(const std::vector<mwSize>& dims, const std::vector<std::int32_t>& values);
 mxArray* scalar(double value, mxClassID class_id = mxDOUBLE_CLASS);
@@ -101,5 +120,7 @@ mxArray* double_array(const std::vector<mwSize>& dims, const std::vector<double>
 
 std::vector<mwSize> dimensions(const mxArray* a);
 std::vector<std::int32_t> int32_values(const mxArray* a);
+// Elements of a numeric array of any class, as 64-bit integers.
+std::vector<std::int64_t> integer_values(const mxArray* a);
 
 }  // namespace fake_mex

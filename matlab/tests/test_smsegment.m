@@ -1,0 +1,275 @@
+function test_smsegment()
+%TEST_SMSEGMENT Tests of smsegment, the toolbox-style front of the module.
+%   Run with matlab/ and the built module on the path: prints one line per
+%   test and 'N passed, N failed', and exits with status 1 when a test failed.
+
+tests = {@real_image_gives_labels_from_one, @labels_are_the_module_labels_plus_one, ...
+         @defaults_are_the_library_defaults, @predicates_by_name_or_number, ...
+         @any_numeric_or_logical_class, @values_outside_0_255_need_rescale, ...
+         @sizes_that_do_not_fit_need_fit, @pad_keeps_the_size_of_the_image, ...
+         @crop_takes_the_centred_box, @quiet_unless_verbose, @frames_only_when_asked, ...
+         @meaningless_values_warn_but_run, @bad_options_are_refused, ...
+         @input_is_left_unchanged, @region_list_in_label_order, ...
+         @rgb_images_are_segmented_as_grey};
+run_test_list(tests);
+end
+
+% --- helpers ----------------------------------------------------------------
+
+function img = patchy_image(dims)
+if numel(dims) == 2
+  dims = [dims, 1];
+end
+[x, y, z] = ndgrid(0:dims(1) - 1, 0:dims(2) - 1, 0:dims(3) - 1);
+patch = mod(floor(x / 4) + 3 * floor(y / 8) + 5 * z, 7);
+noise = mod(x * 7 + y * 13 + z * 5, 8);
+img = int32(20 + 30 * patch + noise);
+end
+
+% The sombrero picture that ships with Octave, as grey levels.
+function I = shipped_image()
+file = fullfile(OCTAVE_HOME, 'share', 'octave', OCTAVE_VERSION, 'imagelib', ...
+                'octave-sombrero.png');
+rgb = double(imread(file));
+I = uint8(round(0.299 * rgb(:, :, 1) + 0.587 * rgb(:, :, 2) + 0.114 * rgb(:, :, 3)));
+end
+
+function check(condition, varargin)
+if ~condition
+  error('test:failed', varargin{:});
+end
+end
+
+function err = expect_error(id, f)
+try
+  f();
+catch err
+  check(strcmp(err.identifier, id), 'expected %s, got %s (%s)', id, err.identifier, err.message);
+  return;
+end
+error('test:failed', 'expected %s, the call succeeded', id);
+end
+
+function labels = raw_labels(img, p)
+evalc('labels = splitmerge(img, p{:});');
+end
+
+% --- tests ------------------------------------------------------------------
+
+function real_image_gives_labels_from_one()
+I = shipped_image();
+[L, n] = smsegment(I, 'Fit', 'crop');
+check(isa(L, 'double') && isequal(size(L), [256 256]), 'L is %s %s', class(L), ...
+      mat2str(size(L)));
+check(min(L(:)) == 1 && max(L(:)) == n && numel(unique(L)) == n, 'labels are not 1..%d', n);
+check(n > 10 && n < 5000, '%d regions in a real picture', n);
+% Regions are numbered by decreasing size, as the module does.
+counts = accumarray(L(:), 1);
+check(all(diff(counts) <= 0), 'regions are not by decreasing size');
+if exist('label2rgb') ~= 0 || ~isempty(pkg('list', 'image'))
+  pkg load image;
+  rgb = label2rgb(L);
+  check(isequal(size(rgb), [256 256 3]), 'label2rgb gives %s', mat2str(size(rgb)));
+  stats = regionprops(L, 'Area');
+  check(numel(stats) == n && isequal([stats.Area]', counts), 'regionprops disagrees');
+end
+end
+
+function labels_are_the_module_labels_plus_one()
+img = patchy_image([32 32 4]);
+p = {5, 3, 3, 0, 8, 0, 4, 10, 0.1, 5, 3, 2, 30, 1};
+raw = raw_labels(img, p);
+[L, n] = smsegment(img);
+check(isequal(L, double(raw) + 1), 'L differs from the module labels + 1');
+check(n == double(max(raw(:))) + 1, 'n is %d', n);
+L0 = smsegment(img, 'ZeroBased', true);
+check(isequal(L0, double(raw)), 'ZeroBased differs from the module labels');
+end
+
+function defaults_are_the_library_defaults()
+img = patchy_image([64 64]);
+[~, ~, info] = smsegment(img);
+check(isequal(info.Parameters, [6, 6, 3, 0, 8, 0, 4, 10, 0.1, 5, 3, 2, 30, 1]), ...
+      'parameters are %s', mat2str(info.Parameters));
+[~, ~, info] = smsegment(patchy_image([4 4]));
+check(info.Levels.InitLevel == 1, 'init level of a 4-by-4 image is %d', info.Levels.InitLevel);
+end
+
+function predicates_by_name_or_number()
+img = patchy_image([32 32 4]);
+names = {'range', 'mean', 'median', 'chi2', 'pseudo'};
+for k = 1:5
+  by_name = smsegment(img, 'Predicate', names{k}, 'IntervalLength', 25);
+  by_number = smsegment(img, 'predicate', k, 'intervallength', 25);
+  check(isequal(by_name, by_number), 'predicate %s differs from %d', names{k}, k);
+end
+[~, ~, info] = smsegment(img, 'Predicate', 'RANGE', 'Grouping', 'parallel', 'MaxSeed', 3, ...
+                         'UseAllSeeds', true, 'StatisticUpdate', false, 'SmallSize', 4, ...
+                         'Sigma', 2.5, 'Rejection', 0.2, 'PseudoFactor', 1.5, ...
+                         'ThresholdRow', 2, 'InitLevel', 1);
+check(isequal(info.Parameters, [5, 3, 1, 1, 3, 1, 1, 10, 0.2, 2.5, 2, 1.5, 4, 0]), ...
+      'parameters are %s', mat2str(info.Parameters));
+end
+
+function any_numeric_or_logical_class()
+img = patchy_image([32 32]);
+expected = smsegment(img);
+classes = {'uint8', 'uint16', 'int16', 'int64', 'single', 'double'};
+for k = 1:numel(classes)
+  check(isequal(smsegment(cast(img, classes{k})), expected), '%s differs', classes{k});
+end
+mask = img > 100;
+check(isequal(smsegment(mask), smsegment(int32(mask) * 255)), 'logical is not 0 and 255');
+end
+
+function values_outside_0_255_need_rescale()
+img = double(patchy_image([32 32]));
+expect_error('smsegment:imageRange', @() smsegment(img + 0.5));
+expect_error('smsegment:imageRange', @() smsegment(img * 2));
+expect_error('smsegment:imageRange', @() smsegment(int16(img) - 100));
+scaled = smsegment(img / 255, 'Rescale', true, 'Predicate', 'range', 'IntervalLength', 20);
+low = min(img(:));
+high = max(img(:));
+direct = smsegment(round((img - low) * 255 / (high - low)), 'Predicate', 'range', ...
+                   'IntervalLength', 20);
+check(isequal(scaled, direct), 'Rescale is not a linear map onto 0..255');
+expect_error('smsegment:imageClass', @() smsegment('abc'));
+expect_error('smsegment:imageClass', @() smsegment(complex(img, 1)));
+expect_error('smsegment:imageClass', @() smsegment([]));
+end
+
+function sizes_that_do_not_fit_need_fit()
+expect_error('smsegment:imageSize', @() smsegment(patchy_image([32 16])));
+expect_error('smsegment:imageSize', @() smsegment(patchy_image([24 24])));
+expect_error('smsegment:imageSize', @() smsegment(patchy_image([512 512])));
+expect_error('smsegment:imageSize', @() smsegment(patchy_image([16 16 5])));
+expect_error('smsegment:imageSize', @() smsegment(patchy_image([300 20]), 'Fit', 'pad'));
+end
+
+function pad_keeps_the_size_of_the_image()
+img = patchy_image([30 20]);
+[L, n, info] = smsegment(img, 'Fit', 'pad');
+check(isequal(size(L), [30 20]), 'L is %s', mat2str(size(L)));
+check(isequal(unique(L(:))', 1:n), 'labels are not 1..n after padding');
+check(isequal(info.Origin, [1 1 1]) && isequal(info.Size, [30 20 1]), 'origin or size');
+% Inside, the run saw the image centred in 32 x 32 zeros.
+padded = zeros(32, 32, 'int32');
+padded(2:31, 7:26) = img;
+raw = raw_labels(padded, {5, 5, 3, 0, 8, 0, 4, 10, 0.1, 5, 3, 2, 30, 1});
+inner = raw(2:31, 7:26);
+[~, ~, renumbered] = unique(inner(:));
+check(isequal(L(:), renumbered), 'pad labels differ from the padded run');
+end
+
+function crop_takes_the_centred_box()
+img = patchy_image([40 70 5]);
+[L, ~, info] = smsegment(img, 'Fit', 'crop');
+check(isequal(size(L), [32 32 4]), 'L is %s', mat2str(size(L)));
+check(isequal(info.Origin, [5 20 1]) && isequal(info.Size, [32 32 4]), 'origin %s size %s', ...
+      mat2str(info.Origin), mat2str(info.Size));
+check(isequal(L, smsegment(img(5:36, 20:51, 1:4))), 'crop differs from the centred box');
+end
+
+function quiet_unless_verbose()
+img = patchy_image([32 32 4]);
+quiet = evalc('[~, ~, info] = smsegment(img);');
+check(isempty(quiet), 'smsegment printed: %s', quiet);
+check(numel(info.Lines) > 3, 'no progress lines in info');
+p = {5, 3, 3, 0, 8, 0, 4, 10, 0.1, 5, 3, 2, 30, 1};
+raw_text = evalc('splitmerge(img, p{:});');
+loud = evalc('smsegment(img, ''Verbose'', true);');
+check(strcmp(loud, raw_text), 'Verbose does not print the module''s lines');
+expected = strsplit(raw_text(1:end - 1), sprintf('\n'));  % the text ends with a newline
+check(isequal(info.Lines, expected), 'info.Lines differ from the printed lines');
+end
+
+function frames_only_when_asked()
+img = patchy_image([32 32 4]);
+[~, ~, info] = smsegment(img);
+check(~isfield(info, 'Frames'), 'frames without asking');
+[~, ~, info] = smsegment(img, 'Frames', true);
+p = {5, 3, 3, 0, 8, 0, 4, 10, 0.1, 5, 3, 2, 30, 1};
+evalc('[~, frames] = splitmerge(img, p{:});');
+check(isequal(info.Frames, frames), 'frames differ from the module''s');
+end
+
+function meaningless_values_warn_but_run()
+img = patchy_image([32 32]);
+cases = {{'SmallSize', -5}, {'Rejection', 1.5}, {'IntervalLength', -1}, ...
+         {'PseudoFactor', -2}, {'Sigma', 0}};
+state = warning('off', 'backtrace');
+restore = onCleanup(@() warning(state));
+for k = 1:numel(cases)
+  lastwarn('');
+  L = smsegment(img, cases{k}{:});
+  [~, id] = lastwarn();
+  check(strcmp(id, 'smsegment:outOfRange'), '%s: warning %s', cases{k}{1}, id);
+  check(isequal(size(L), [32 32]), '%s: no labels', cases{k}{1});
+end
+end
+
+function bad_options_are_refused()
+img = patchy_image([32 32]);
+bad = {{'Colour', 1}, {'Predicate', 'mode'}, {'Predicate', 6}, {'Fit', 'stretch'}, ...
+       {'Sigma', NaN}, {'Sigma', 'big'}, {'MaxSeed', 0}, {'MaxSeed', 2^31}, ...
+       {'ThresholdRow', 4}, {'InitLevel', 1.5}, {'Frames', 'yes'}, {'SmallSize', 2.5}, ...
+       {'Sigma'}, {5, 5}};
+for k = 1:numel(bad)
+  expect_error('smsegment:badOption', @() smsegment(img, bad{k}{:}));
+end
+% The run's own limits are the module's to report.
+expect_error('splitmerge:badParameter', @() smsegment(img, 'InitLevel', 5));
+end
+
+function input_is_left_unchanged()
+img = patchy_image([32 32 4]);
+kept = img;
+smsegment(img, 'Frames', true);
+p = {5, 3, 3, 0, 8, 0, 4, 10, 0.1, 5, 3, 2, 30, 1};
+evalc('[~, ~] = splitmerge(img, p{:});');
+check(isequal(img, kept), 'the input changed');
+end
+
+function region_list_in_label_order()
+img = patchy_image([32 32 4]);
+p = {5, 3, 3, 0, 8, 0, 4, 10, 0.1, 5, 3, 2, 30, 1};
+evalc('[raw, ~, regions] = splitmerge(img, p{:});');
+check(numel(regions) == double(max(raw(:))) + 1, '%d regions for %d labels', numel(regions), ...
+      max(raw(:)) + 1);
+[L, n, info] = smsegment(img, 'Regions', true);
+check(numel(info.Regions) == n && ~isfield(info, 'Frames'), 'info.Regions has %d entries', ...
+      numel(info.Regions));
+for k = 1:n
+  r = info.Regions(k);
+  check(isequal(r.Statistics, regions(k).statistics) && isequal(r.Codes, regions(k).codes), ...
+        'region %d differs from the module''s', k);
+  check(isequal(r.Neighbours, double(regions(k).neighbours) + 1), 'neighbours of %d', k);
+  check(isa(r.Statistics, 'int64') && isa(r.Codes, 'uint32') && ~isempty(r.Codes), ...
+        'region %d: classes or codes', k);
+end
+% Regions that touch in L (along any axis) are neighbours in the list.
+pairs = zeros(0, 2);
+for axis = 1:3
+  moved = permute(L, circshift(1:3, [0, 1 - axis]));
+  a = moved(1:end - 1, :, :);
+  b = moved(2:end, :, :);
+  pairs = [pairs; a(a ~= b), b(a ~= b)]; %#ok<AGROW>
+end
+touching = unique(sort(pairs, 2), 'rows');
+for t = 1:size(touching, 1)
+  check(any(info.Regions(touching(t, 1)).Neighbours == touching(t, 2)), ...
+        'regions %d and %d touch but are not neighbours', touching(t, 1), touching(t, 2));
+end
+end
+
+function rgb_images_are_segmented_as_grey()
+file = fullfile(OCTAVE_HOME, 'share', 'octave', OCTAVE_VERSION, 'imagelib', ...
+                'octave-sombrero.png');
+rgb = imread(file);
+[L, n] = smsegment(rgb, 'Fit', 'crop');
+check(isequal(L, smsegment(shipped_image(), 'Fit', 'crop')), 'RGB differs from its grey levels');
+check(ismatrix(L) && n > 1, 'L is %s', mat2str(size(L)));
+expect_error('smsegment:imageSize', @() smsegment(patchy_image([32 32 3]), 'Volume', true));
+L3 = smsegment(patchy_image([32 32 3]), 'Volume', true, 'Fit', 'crop');
+check(isequal(size(L3), [32 32 2]), 'a 3-slice volume gives %s', mat2str(size(L3)));
+end
