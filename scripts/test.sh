@@ -17,12 +17,14 @@ locked cmake --build build/release -j "$jobs"
 ctest --test-dir build/release --output-on-failure -j "$jobs"
 
 echo "== Python package: installed into a throwaway venv, then its tests"
-rm -rf build/python-venv
-/usr/bin/python3 -m venv --system-site-packages build/python-venv
-build/python-venv/bin/pip install --quiet --no-build-isolation --no-index ./python
+# A venv of this run's own; the package's build folder is shared, so it builds locked.
+venv="$(mktemp -d "$PWD/build/python-venv.XXXXXX")"
+trap 'rm -rf "$venv"' EXIT
+/usr/bin/python3 -m venv --system-site-packages "$venv"
+locked "$venv/bin/pip" install --quiet --no-build-isolation --no-index ./python
 # pytest's non-zero exit (failures, or no tests collected) ends the script.
 SPLITMERGE_CLI="$PWD/build/release/tools/splitmerge" \
-  build/python-venv/bin/python -m pytest -q -p no:cacheprovider python/tests
+  "$venv/bin/python" -m pytest -q -p no:cacheprovider python/tests
 
 echo "== sanitizer build and tests (address, undefined, leak)"
 locked cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=Debug -DSPLITMERGE_SANITIZE=address,undefined \
