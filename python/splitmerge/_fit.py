@@ -32,7 +32,7 @@ class FittedImage:
     `box` is the part of the input (of the slice, with `slice`) that the
     outputs cover, as a tuple of slices, (y, x) or (z, y, x): all of it
     unless cropped, so ``image[box]`` has the outputs' shape. `padding` is
-    where that part lies in `pixels` (all of them unless padded).
+    where that part lies in `pixels` after padding; () when not padded.
     """
 
     pixels: np.ndarray

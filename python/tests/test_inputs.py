@@ -10,7 +10,7 @@ import numpy as np
 import pytest
 
 import splitmerge
-from conftest import noise_image
+from conftest import at_input_place, noise_image
 
 ARGS = dict(pred_choice="range", interval_length=12, small_size=4)
 
@@ -243,17 +243,6 @@ def test_slice_takes_one_z_slice_of_a_volume() -> None:
 
 
 CLI = os.environ.get("SPLITMERGE_CLI")
-
-
-def at_input_place(program_output: np.ndarray, fitted: splitmerge.FittedImage) -> np.ndarray:
-    """The program's output (leading frame axis allowed) at the input's place.
-
-    A program that writes the padded image's outputs is cut back as
-    `segment` does; outputs already of the input's shape are left alone.
-    """
-    if fitted.padding and program_output.shape[-fitted.pixels.ndim:] == fitted.pixels.shape:
-        return fitted.to_input(program_output)
-    return program_output
 
 
 @pytest.mark.skipif(not CLI, reason="SPLITMERGE_CLI (the command-line program) not given")
