@@ -11,7 +11,7 @@ import numpy as np
 import numpy.typing as npt
 
 from . import _core
-from ._fit import fit_image
+from ._fit import Box, fit_image
 from ._params import library_parameters
 
 __all__ = ["Region", "Segmentation", "segment"]
@@ -35,7 +35,9 @@ class Region:
         "range" and "median" (inliers only for "median"); (sum of the pixel
         values, pixel count) for "mean", "chi2" and "pseudo".
     codes : numpy.ndarray
-        uint32 locational codes of the region's blocks, in chain order.
+        uint32 locational codes of the region's blocks, in chain order. With
+        ``fit="pad"`` they are codes of the padded image that was segmented,
+        not of the input.
     neighbours : numpy.ndarray
         int32 labels of the region's neighbour list, in list order: every
         region that shares a face with it, and possibly regions (itself
@@ -54,8 +56,8 @@ class Segmentation:
     Attributes
     ----------
     labels : numpy.ndarray
-        int32 label image of the (fitted) input's shape; 0 is the largest
-        region.
+        int32 label image of the input's shape (of the kept part with
+        ``fit="crop"``); 0 is the largest region.
     frames : numpy.ndarray or None
         int32 display frames, shape ``(frames,) + labels.shape``, in
         recording order; None unless ``frames=True``.
@@ -66,6 +68,10 @@ class Segmentation:
         ``lines=True``.
     notes : list of str
         What fitting changed (padding, cropping, rescaling).
+    box : tuple of slice
+        The part of the input that `labels` and `frames` cover, (y, x) or
+        (z, y, x): all of it unless ``fit="crop"`` cut it, so
+        ``image[box]`` has the shape of `labels`.
     """
 
     labels: np.ndarray
@@ -73,6 +79,7 @@ class Segmentation:
     regions: Optional[list[Region]] = None
     lines: Optional[list[str]] = None
     notes: list[str] = field(default_factory=list)
+    box: Box = ()
 
 
 def _raise_for_status(run: dict, region_file: Optional[str], shape_hint: bool) -> None:
@@ -89,6 +96,15 @@ def _raise_for_status(run: dict, region_file: Optional[str], shape_hint: bool) -
     if shape_hint and message.startswith(_SHAPE_PROBLEMS):
         message += "; fit='pad' or fit='crop' makes any shape fit"
     raise ValueError(message)
+
+
+def _checked_threads(threads: int) -> int:
+    if isinstance(threads, bool) or not isinstance(threads, (int, np.integer)):
+        raise TypeError(f"threads must be an int, not {type(threads).__name__}")
+    count = int(threads)
+    if not 0 <= count < 2**31:
+        raise ValueError(f"threads = {count} must be 0 (every core) to 2**31 - 1")
+    return count
 
 
 def segment(
@@ -116,6 +132,7 @@ def segment(
     progress: Optional[Callable[[str], object]] = None,
     region_file: Optional[Union[str, os.PathLike]] = None,
     frame_budget: int = DEFAULT_FRAME_BUDGET,
+    threads: int = 0,
 ) -> Union[np.ndarray, Segmentation]:
     """Segment a 2-D or 3-D grey image by split and merge.
 
@@ -183,10 +200,15 @@ def segment(
         non-zero, the default) or keeps its own (False, 0).
     fit : {None, "pad", "crop"}, optional
         Make any shape segmentable as the command-line program's ``--fit``
-        does: "pad" centres the image in a zero-filled one of the next
-        allowed size, "crop" cuts out the centred largest allowed part. The
-        labels and frames then have the fitted shape. Default None: a shape
-        that does not fit is an error.
+        does. "pad" centres the image in a zero-filled one of the next
+        allowed size and segments that; the labels and frames are cut back
+        to the input's place in it, so they have the input's shape and
+        overlay it (the region list and the region list file still describe
+        the padded image: its block codes and region sizes). "crop" segments
+        the centred largest allowed part; the labels and frames have its
+        shape, and ``Segmentation.box`` (or ``fit_image(image,
+        fit="crop").box``) says which part of the input it is. Default
+        None: a shape that does not fit is an error.
     rescale : bool, optional
         Map the value range linearly onto 0..255 (rounded, before padding)
         instead of requiring whole numbers 0..255. Default False.
@@ -205,14 +227,18 @@ def segment(
     frame_budget : int, optional
         Largest total size of the recorded frames in bytes (2 GiB by
         default); frame recording stops with a RuntimeWarning beyond it.
+    threads : int, optional
+        Threads of one run, for the steps that can share the work: 0 (the
+        default) uses every core, 1 runs single-threaded. The results are
+        identical for every count.
 
     Returns
     -------
     numpy.ndarray or Segmentation
-        The int32 label image of the (fitted) input's shape, 0 for the
-        largest region; a `Segmentation` (``labels``, ``frames``,
-        ``regions``, ``lines``) when `frames`, `regions` or `lines` is asked
-        for.
+        The int32 label image of the input's shape (of the kept part with
+        ``fit="crop"``), 0 for the largest region; a `Segmentation`
+        (``labels``, ``frames``, ``regions``, ``lines``, ``notes``, ``box``)
+        when `frames`, `regions` or `lines` is asked for.
 
     Raises
     ------
@@ -255,24 +281,27 @@ def segment(
     budget = int(frame_budget)
     if not 0 <= budget < 2**64:
         raise ValueError(f"frame_budget = {budget} must be 0 to 2**64 - 1 bytes")
+    thread_count = _checked_threads(threads)
     fitted = fit_image(image, fit=fit, rescale=rescale)
     path = None if region_file is None else os.fspath(region_file)
     run = _core.run(
         fitted.pixels, params, frames=bool(frames), lines=bool(lines), regions=bool(regions),
         region_file=None if path is None else os.fsencode(path), frame_budget=budget,
-        progress=progress)
+        progress=progress, threads=thread_count)
     shape_hint = fit is None and max_level is None and lim_oct_level is None
     _raise_for_status(run, None if path is None else os.fsdecode(path), shape_hint)
     for message in run["warnings"]:
         warnings.warn(message.strip().removeprefix("splitmerge: "), RuntimeWarning,
                       stacklevel=2)
+    labels = fitted.to_input(run["labels"])
     if not (frames or regions or lines):
-        return run["labels"]
+        return labels
     return Segmentation(
-        labels=run["labels"],
-        frames=run["frames"],
+        labels=labels,
+        frames=None if run["frames"] is None else fitted.to_input(run["frames"]),
         regions=[Region((s0, s1), codes, nbs) for s0, s1, codes, nbs in run["regions"]]
         if regions else None,
         lines=run["lines"] if lines else None,
         notes=fitted.notes,
+        box=fitted.box,
     )

@@ -13,10 +13,13 @@ from typing import Optional
 import numpy as np
 import numpy.typing as npt
 
-__all__ = ["FittedImage", "fit_image", "is_segmentable_shape"]
+__all__ = ["Box", "FittedImage", "fit_image", "is_segmentable_shape"]
 
 LARGEST_EDGE = 256
 FIT_MODES = ("pad", "crop")
+
+
+Box = tuple[slice, ...]
 
 
 @dataclass
@@ -25,11 +28,47 @@ class FittedImage:
 
     `origin` is the input's (z, y, x) index of the first pixel: where the
     slice, the crop or the padding put it (negative after padding).
+
+    `box` is the part of the input (of the slice, with `slice`) that the
+    outputs cover, as a tuple of slices, (y, x) or (z, y, x): all of it
+    unless cropped, so ``image[box]`` has the outputs' shape. `padding` is
+    where that part lies in `pixels` after padding; () when not padded.
     """
 
     pixels: np.ndarray
     notes: list[str] = field(default_factory=list)
     origin: tuple[int, int, int] = (0, 0, 0)
+    box: Box = ()
+    padding: Box = ()
+
+    def to_input(self, a: np.ndarray) -> np.ndarray:
+        """Cut an array over `pixels` (frames: with a leading axis) back to `box`.
+
+        A no-op unless the image was padded; the result is C-contiguous.
+        """
+        if not self.padding:
+            return a
+        return np.ascontiguousarray(a[(Ellipsis,) + self.padding])
+
+    @property
+    def output_origin(self) -> tuple[int, int, int]:
+        """The input's (z, y, x) index of the outputs' first pixel."""
+        z, y, x = self.origin
+        if self.padding:
+            starts = [s.start for s in self.padding]
+            if len(starts) == 2:
+                starts.insert(0, 0)
+            z, y, x = z + starts[0], y + starts[1], x + starts[2]
+        return z, y, x
+
+
+def _box(starts: tuple[int, ...], shape: tuple[int, ...]) -> Box:
+    return tuple(slice(start, start + n) for start, n in zip(starts, shape))
+
+
+def _box_text(box: Box) -> str:
+    names = ("x", "y", "z")[:len(box)]
+    return ", ".join(f"{name} {s.start}..{s.stop - 1}" for name, s in zip(names, box[::-1]))
 
 
 def _power_of_two_at_least(v: int) -> int:
@@ -180,8 +219,10 @@ def fit_image(image: npt.ArrayLike, fit: Optional[str] = None, rescale: bool = F
     FittedImage
         ``pixels``, int32 and C-contiguous (the input itself when it already
         was such an array and nothing had to change), ``notes``, what was
-        changed, and ``origin``, the input's (z, y, x) index of the first
-        pixel.
+        changed, ``origin``, the input's (z, y, x) index of the first pixel,
+        ``box``, the part of the input the outputs cover (``image[box]``),
+        and ``padding``, where that part lies in ``pixels``; ``to_input``
+        cuts labels or frames of a padded image back to the input's shape.
 
     Raises
     ------
@@ -214,20 +255,27 @@ def fit_image(image: npt.ArrayLike, fit: Optional[str] = None, rescale: bool = F
     fits = fit is None or is_segmentable_shape(a.shape)
     before = _size_text(a.shape)
     target = None if fits else _fitted_size(a.shape, fit)
+    box = _box((0,) * a.ndim, a.shape)
+    padding: Box = ()
     if target is not None and fit == "crop":
         a, shift = _crop(a, *target)
         origin = [o + d for o, d in zip(origin, shift)]
+        box = _box(shift[3 - a.ndim:], a.shape)
     if a.size:
         if rescale:
             a = _rescaled(a, notes)
         else:
             _check_values(a)
+    if target is not None and fit == "crop":
+        after = _size_text(a.shape)
+        notes.append(f"cropped {before} to {after} (centred), keeping {_box_text(box)}; "
+                     f"the outputs are {after}")
     if target is not None and fit == "pad":
+        inner = a.shape
         a, shift = _pad(a, *target)
         origin = [o + d for o, d in zip(origin, shift)]
-    if target is not None:
-        after = _size_text(a.shape)
-        notes.append(f"{'padded' if fit == 'pad' else 'cropped'} {before} to {after} "
-                     f"(centred); labels and frames are {after}")
+        padding = _box(tuple(-d for d in shift[3 - a.ndim:]), inner)
+        notes.append(f"padded {before} to {_size_text(a.shape)} (centred) for the "
+                     f"segmentation; the outputs are {before}, as the input")
     return FittedImage(np.ascontiguousarray(a, dtype=np.int32), notes,
-                       (origin[0], origin[1], origin[2]))
+                       (origin[0], origin[1], origin[2]), box, padding)

@@ -5,7 +5,9 @@
 Every input (a file or a glob pattern of .npy, .nii, .nii.gz, .tif, .tiff,
 .png or .pgm files) becomes one task that reads, fits, segments and writes
 ``DIR/<name>.labels.<ext>`` (NIfTI for NIfTI scans, with the scan's header and
-affine so the labels overlay it in a viewer; .npy otherwise) and, with
+affine so the labels overlay it in a viewer; .npy otherwise; padded scans give
+labels of the scan's own shape, cropped ones of the kept part, with the affine
+moved to it) and, with
 ``--regions``, ``DIR/<name>.regions.txt``. Outputs are written under temporary
 names and renamed when complete; ``DIR/manifest.csv`` holds one row per input
 (status, error, seconds, regions, output), rewritten as results arrive. A run
@@ -28,7 +30,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any, Iterable, Optional, Sequence
 
-from ._api import segment
+from ._api import _checked_threads, segment
 from ._fit import fit_image
 from ._io import labels_extension, read_image, stem_of, write_labels
 from ._params import DEFAULTS, PARAMETER_NAMES, library_parameters
@@ -50,6 +52,7 @@ class BatchOptions:
     slice: Optional[int] = None
     regions: bool = False
     params: dict[str, Any] = field(default_factory=dict)
+    threads: int = 1
 
 
 @dataclass(frozen=True)
@@ -97,8 +100,9 @@ def segment_file(job: Job, options: BatchOptions) -> dict[str, str]:
         scan = read_image(job.input)
         fitted = fit_image(scan.pixels, fit=options.fit, rescale=options.rescale,
                            slice=options.slice)
-        labels = segment(fitted.pixels, **options.params, region_file=regions_part)
-        write_labels(labels_part, labels, scan, fitted.origin)
+        labels = fitted.to_input(segment(fitted.pixels, **options.params,
+                                         region_file=regions_part, threads=options.threads))
+        write_labels(labels_part, labels, scan, fitted.output_origin)
         if regions_part is not None and job.region_file is not None:
             os.replace(regions_part, job.region_file)
         os.replace(labels_part, job.labels)
@@ -206,6 +210,7 @@ def segment_batch(
     client: Any = None,
     progress: Optional[bool] = None,
     announce=None,
+    threads: int = 1,
     **params: Any,
 ) -> list[dict[str, str]]:
     """Segment many files, each in its own Dask task.
@@ -219,7 +224,9 @@ def segment_batch(
         Folder of the outputs and of ``manifest.csv``; created if missing.
     fit, rescale, slice
         As the command-line program's ``--fit``, ``--rescale`` and
-        ``--slice`` (see `splitmerge.fit_image`).
+        ``--slice`` (see `splitmerge.fit_image`). Labels of a padded input
+        have the input's shape; the region list file describes the padded
+        image.
     regions : bool, optional
         Also write ``<name>.regions.txt``, the region list file.
     force : bool, optional
@@ -237,6 +244,9 @@ def segment_batch(
     announce : callable, optional
         Receives messages such as the dashboard address; default prints them
         to standard error.
+    threads : int, optional
+        Threads of each task's segmentation (see `splitmerge.segment`);
+        default 1, since the tasks already run in parallel.
     **params
         The segmentation parameters of `splitmerge.segment`, by name.
 
@@ -247,7 +257,8 @@ def segment_batch(
         "failed"), error, seconds, regions, output.
     """
     announce = announce or (lambda text: print(f"splitmerge.batch: {text}", file=sys.stderr))
-    options = BatchOptions(fit, rescale, slice, regions, _checked_params(params))
+    options = BatchOptions(fit, rescale, slice, regions, _checked_params(params),
+                           _checked_threads(threads))
     out_dir = Path(out)
     out_dir.mkdir(parents=True, exist_ok=True)
     jobs, unmatched = plan_jobs((os.fspath(i) for i in inputs), out_dir, regions)
@@ -358,6 +369,9 @@ def build_parser() -> argparse.ArgumentParser:
                              "starting a local cluster")
     parser.add_argument("--workers", type=int, metavar="N",
                         help="workers of the local cluster (default: the number of cores)")
+    parser.add_argument("--threads", type=int, default=1, metavar="N",
+                        help="threads of each task's segmentation (0: every core; default 1, "
+                             "since Dask already runs the tasks in parallel)")
     parser.add_argument("--no-progress", action="store_true", help="no progress bar")
     fitting = parser.add_argument_group("fitting the input (as the command-line program)")
     fitting.add_argument("--fit", choices=("pad", "crop"),
@@ -383,11 +397,15 @@ def main(argv: Optional[Sequence[str]] = None) -> int:
     if args.workers is not None and args.workers < 1:
         print("splitmerge.batch: --workers must be at least 1", file=sys.stderr)
         return 2
+    if args.threads < 0:
+        print("splitmerge.batch: --threads must be 0 (every core) or more", file=sys.stderr)
+        return 2
     try:
         rows = segment_batch(args.inputs, args.out, fit=args.fit, rescale=args.rescale,
                              slice=args.slice, regions=args.regions, force=args.force,
                              scheduler=args.scheduler, workers=args.workers,
-                             progress=False if args.no_progress else None, **params)
+                             progress=False if args.no_progress else None,
+                             threads=args.threads, **params)
     except (TypeError, ValueError) as e:
         print(f"splitmerge.batch: {e}", file=sys.stderr)
         return 2

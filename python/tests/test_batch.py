@@ -107,21 +107,26 @@ def test_nifti_labels_overlay_the_scan(scans: list[Path], tmp_path: Path, client
     rows = segment_batch([str(colin)], tmp_path / "out", fit="pad", client=client,
                          progress=False, **PARAMS)
     source, labels = nibabel.load(colin), nibabel.load(rows[0]["output"])
-    assert labels.get_data_dtype() == np.int32 and labels.shape == (64, 64, 32)
-    # Padding 60 x 64 x 30 to 64 x 64 x 32 put the scan's voxel (0, 0, 0) at
-    # (2, 0, 1): both name the same point in space.
-    voxel_of_scan = np.array([0, 0, 0, 1.0])
-    voxel_of_labels = np.array([2, 0, 1, 1.0])
-    np.testing.assert_allclose(labels.affine @ voxel_of_labels, source.affine @ voxel_of_scan)
-    np.testing.assert_allclose(labels.header.get_qform(), labels.affine)
+    # Padded 60 x 64 x 30 to 64 x 64 x 32 for the segmentation, the labels are
+    # cut back to the scan's own grid: same shape, same affine and sform/qform.
+    assert labels.get_data_dtype() == np.int32 and labels.shape == (60, 64, 30)
+    np.testing.assert_array_equal(labels.affine, source.affine)
+    np.testing.assert_allclose(labels.header.get_qform(), source.header.get_qform())
+    np.testing.assert_allclose(labels.header.get_sform(), source.header.get_sform())
+    assert labels.header.get_zooms() == source.header.get_zooms()
+    # They are the padded run's labels at the scan's place (x 2.., y 0.., z 1..).
+    volume = np.asarray(source.dataobj).T
+    padded = np.zeros((32, 64, 64), volume.dtype)
+    padded[1:31, 0:64, 2:62] = volume
+    np.testing.assert_array_equal(np.asarray(labels.dataobj).T,
+                                  splitmerge.segment(padded, **PARAMS)[1:31, :, 2:62])
     # One slice, padded 60 x 64 to 64 x 64: a one-slice volume at z = 5.
     rows = segment_batch([str(colin)], tmp_path / "slice", fit="pad", slice=5, client=client,
                          progress=False, **PARAMS)
     one_slice = nibabel.load(rows[0]["output"])
-    assert one_slice.shape == (64, 64, 1)
-    np.testing.assert_allclose(one_slice.affine @ np.array([2, 0, 0, 1.0]),
+    assert one_slice.shape == (60, 64, 1)
+    np.testing.assert_allclose(one_slice.affine @ np.array([0, 0, 0, 1.0]),
                                source.affine @ np.array([0, 0, 5, 1.0]))
-    volume = np.asarray(source.dataobj).T
     np.testing.assert_array_equal(np.asarray(one_slice.dataobj).T[0],
                                   splitmerge.segment(volume[5], fit="pad", **PARAMS))
     # The crop of the same scan lines up too.
@@ -175,7 +180,8 @@ def test_command_line_run_then_restart_skips_finished_work(scans: list[Path],
     out = tmp_path / "out"
     pattern = str(scans[0].parent / "synthetic*.npy")
     options = ["--out", str(out), "--workers", "1", "--fit", "crop", "--sigma", "3",
-               "--interval-length", "12", "--small-size", "20", "--pred-choice", "chi2"]
+               "--interval-length", "12", "--small-size", "20", "--pred-choice", "chi2",
+               "--threads", "2"]
     workspace = tmp_path / "dask"
     workspace.mkdir()
     first = run_command_line(workspace, pattern, *options)
@@ -210,6 +216,9 @@ def test_command_line_run_then_restart_skips_finished_work(scans: list[Path],
 def test_command_line_usage_errors_exit_2(tmp_path: Path) -> None:
     assert main(["x.npy", "--out", str(tmp_path), "--pred-choice", "chi-square"]) == 2
     assert main(["x.npy", "--out", str(tmp_path), "--workers", "0"]) == 2
+    assert main(["x.npy", "--out", str(tmp_path), "--threads", "-1"]) == 2
+    with pytest.raises(ValueError, match="threads = -3"):
+        segment_batch(["x.npy"], tmp_path, threads=-3)
     with pytest.raises(SystemExit) as raised:
         main(["x.npy"])  # no --out
     assert raised.value.code == 2

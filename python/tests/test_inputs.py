@@ -10,7 +10,7 @@ import numpy as np
 import pytest
 
 import splitmerge
-from conftest import noise_image
+from conftest import at_input_place, noise_image
 
 ARGS = dict(pred_choice="range", interval_length=12, small_size=4)
 
@@ -158,7 +158,32 @@ def test_pad_centres_the_image_in_zeros() -> None:
     # Offsets (8 - 3) // 2 = 2 rows and (8 - 5) // 2 = 1 column.
     np.testing.assert_array_equal(fitted.pixels[2:5, 1:6], image)
     assert fitted.pixels.sum() == image.sum()
-    assert fitted.notes == ["padded 5 x 3 to 8 x 8 (centred); labels and frames are 8 x 8"]
+    assert fitted.notes == ["padded 5 x 3 to 8 x 8 (centred) for the segmentation; the "
+                            "outputs are 5 x 3, as the input"]
+    assert fitted.box == (slice(0, 3), slice(0, 5))
+    assert fitted.padding == (slice(2, 5), slice(1, 6))
+    assert fitted.output_origin == (0, 0, 0)
+    np.testing.assert_array_equal(fitted.to_input(fitted.pixels), image)
+
+
+def test_pad_returns_the_padded_runs_results_at_the_input_place() -> None:
+    for shape, seed in (((37, 50), 1), ((5, 40, 33), 2), ((3, 5), 3)):
+        image = noise_image(shape, seed=seed, levels=6)
+        padded = splitmerge.fit_image(image, fit="pad")
+        whole = splitmerge.segment(padded.pixels, frames=True, regions=True)
+        result = splitmerge.segment(image, fit="pad", frames=True, regions=True)
+        assert result.labels.shape == image.shape and result.labels.dtype == np.int32
+        np.testing.assert_array_equal(result.labels, whole.labels[padded.padding])
+        assert result.frames.shape == (whole.frames.shape[0],) + image.shape
+        np.testing.assert_array_equal(result.frames, whole.frames[(Ellipsis,) + padded.padding])
+        assert result.box == tuple(slice(0, n) for n in shape)
+        # The region list is the padded image's: the zero border is a region too.
+        assert [r.statistics for r in result.regions] == [r.statistics for r in whole.regions]
+        assert all(np.array_equal(a.codes, b.codes)
+                   for a, b in zip(result.regions, whole.regions))
+        labels_only = splitmerge.segment(image, fit="pad")
+        np.testing.assert_array_equal(labels_only, result.labels)
+        assert labels_only.flags.c_contiguous
 
 
 def test_pad_of_a_volume_gives_as_many_slices_as_the_next_power_of_two() -> None:
@@ -174,8 +199,18 @@ def test_crop_cuts_out_the_centred_largest_part() -> None:
     image = np.arange(10 * 12, dtype=np.int32).reshape(10, 12) % 256
     fitted = splitmerge.fit_image(image, fit="crop")
     np.testing.assert_array_equal(fitted.pixels, image[1:9, 2:10])
+    assert fitted.box == (slice(1, 9), slice(2, 10)) and fitted.padding == ()
+    assert fitted.notes == ["cropped 12 x 10 to 8 x 8 (centred), keeping x 2..9, y 1..8; "
+                            "the outputs are 8 x 8"]
+    result = splitmerge.segment(image, fit="crop", sigma=3.0, regions=True)
+    assert result.box == fitted.box
+    np.testing.assert_array_equal(result.labels, splitmerge.segment(image[result.box], sigma=3.0))
     volume = np.arange(5 * 4 * 4, dtype=np.int32).reshape(5, 4, 4)
-    np.testing.assert_array_equal(splitmerge.fit_image(volume, fit="crop").pixels, volume[0:4])
+    cropped = splitmerge.fit_image(volume, fit="crop")
+    np.testing.assert_array_equal(cropped.pixels, volume[0:4])
+    assert cropped.box == (slice(0, 4), slice(0, 4), slice(0, 4))
+    assert cropped.notes[-1].startswith("cropped 4 x 4 x 5 to 4 x 4 x 4 (centred), keeping "
+                                        "x 0..3, y 0..3, z 0..3;")
     big = np.zeros((300, 300), np.int32)
     assert splitmerge.fit_image(big, fit="crop").pixels.shape == (256, 256)
 
@@ -242,9 +277,12 @@ def test_fitting_matches_the_command_line_program(tmp_path: Path, shape, dtype,
     fit = options[options.index("--fit") + 1]
     given = image[int(options[1])] if options[0] == "--slice" else image
     fitted = splitmerge.fit_image(given, fit=fit, rescale="--rescale" in options)
-    np.testing.assert_array_equal(fitted.pixels, np.load(tmp_path / "fitted.npy"))
+    np.testing.assert_array_equal(fitted.to_input(fitted.pixels),
+                                  at_input_place(np.load(tmp_path / "fitted.npy"), fitted))
     labels = splitmerge.segment(given, fit=fit, rescale="--rescale" in options)
-    np.testing.assert_array_equal(labels, np.load(tmp_path / "labels.npy"))
+    assert labels.shape == fitted.to_input(fitted.pixels).shape
+    np.testing.assert_array_equal(labels,
+                                  at_input_place(np.load(tmp_path / "labels.npy"), fitted))
 
 
 SCAN = Path("/usr/share/mricron/templates/ch2.nii.gz")
@@ -259,7 +297,10 @@ def test_colin27_slice_matches_the_command_line_program(tmp_path: Path) -> None:
     # The program's defaults for the brain scans.
     labels = splitmerge.segment(volume[90], fit="pad", sigma=3.0, interval_length=12,
                                 small_size=50)
-    np.testing.assert_array_equal(labels, np.load(tmp_path / "labels.npy"))
+    assert labels.shape == volume[90].shape
+    fitted = splitmerge.fit_image(volume[90], fit="pad")
+    np.testing.assert_array_equal(labels,
+                                  at_input_place(np.load(tmp_path / "labels.npy"), fitted))
     assert labels.max() > 10
 
 
@@ -273,7 +314,10 @@ def test_frames_equal_those_of_the_command_line_program(tmp_path: Path, shape) -
                     "--sigma", "5", "--interval-length", "10", "--small-size", "30"],
                    check=True, timeout=120, capture_output=True)
     result = splitmerge.segment(image, fit="pad", frames=True)
-    expected = np.load(tmp_path / "frames.npy")
+    fitted = splitmerge.fit_image(image, fit="pad")
+    expected = at_input_place(np.load(tmp_path / "frames.npy"), fitted)
     assert result.frames.shape == expected.shape and expected.shape[0] >= 2
+    assert result.frames.shape[1:] == image.shape
     np.testing.assert_array_equal(result.frames, expected)
-    np.testing.assert_array_equal(result.labels, np.load(tmp_path / "labels.npy"))
+    np.testing.assert_array_equal(result.labels,
+                                  at_input_place(np.load(tmp_path / "labels.npy"), fitted))
