@@ -249,6 +249,19 @@ parse_result parse_command_line(int argc, const char* const* argv) {
           "", "non-negative"))
       ->group(outputs);
 
+  app.add_option("--threads", s.threads,
+                 wrapped("threads for the steps that can share the work; 0 (the default) uses "
+                         "every core, 1 runs single-threaded; the results are the same for every "
+                         "count"))
+      ->type_name("N")
+      ->check(CLI::Validator(
+          [](const std::string& text) {
+            return text.find('-') == std::string::npos ? std::string()
+                                                       : "expected 0 or more threads, got " + text;
+          },
+          "", "non-negative"))
+      ->group("Running");
+
   const std::string fitting = "Fitting the input";
   app.add_option(
          "--fit", fit,

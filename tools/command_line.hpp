@@ -22,7 +22,8 @@ struct tool_settings {
   bool quiet = false;
   fit_request fit;
   parameters params;  // with the program's defaults, -1 where derived from the image
-  std::uint64_t frame_budget = std::uint64_t{2} << 30;
+  std::uint64_t frame_budget = std::uint64_t{2} << 30;  // accepted, no longer used
+  std::int32_t threads = 0;                             // 0: every core
 };
 
 // The program's defaults: the library's, with the homogeneity test tuned on

@@ -126,6 +126,7 @@ segmentation segment_with_progress(const image_view& view, const parameters& par
                                    const tool_settings& s, frame_stream* frames,
                                    terminal_progress& progress) {
   options opts;
+  opts.threads = s.threads;
   opts.display = frames != nullptr;  // frames cost time: only when asked for
   if (frames != nullptr) {
     opts.frame_sink = [frames](const std::int32_t* frame, std::int32_t) { frames->add(frame); };

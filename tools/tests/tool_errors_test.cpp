@@ -312,7 +312,7 @@ TEST(Help, ExplainsEveryOptionAndExitsZero) {
                              "--pseudo-factor", "--small-size",  "--statistic-update",
                              ".nii.gz",         ".gif",          "Exit status",
                              "--overlay",       "--version",     "percentiles",
-                             "with a warning"})
+                             "--threads",       "with a warning"})
     EXPECT_NE(result.out.find(option), std::string::npos) << option;
 }
 

@@ -296,6 +296,29 @@ TEST(Terminal, StatusLinesDuringLongRunsLeaveTheProgressLinesIntact) {
   EXPECT_EQ(lines.substr(plain.out.size()).rfind("splitmerge: ", 0), 0u);
 }
 
+TEST(Threads, EveryThreadCountGivesTheSameResults) {
+  scratch_folder dir;
+  write_noise(dir, "in.npy", {32, 64, 64});
+  const std::string outputs = " --labels l.npy --frames f.npy --regions r.txt --group-mode 1";
+  const auto single = run_tool(dir, "in.npy --threads 1" + outputs);
+  ASSERT_EQ(single.status, 0) << single.err;
+  const std::string labels = read_file(dir / "l.npy"), frames = read_file(dir / "f.npy"),
+                    regions = read_file(dir / "r.txt");
+  for (const char* threads : {"--threads 2", "--threads 3", "--threads 0", ""}) {
+    SCOPED_TRACE(threads);
+    const auto run = run_tool(dir, std::string("in.npy ") + threads + outputs);
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, single.out);
+    EXPECT_EQ(read_file(dir / "l.npy"), labels);
+    EXPECT_EQ(read_file(dir / "f.npy"), frames);
+    EXPECT_EQ(read_file(dir / "r.txt"), regions);
+  }
+  const auto negative = run_tool(dir, "in.npy --threads -1");
+  EXPECT_EQ(negative.status, 2);
+  EXPECT_NE(negative.err.find("--threads: expected 0 or more threads, got -1"), std::string::npos)
+      << negative.err;
+}
+
 TEST(CommandLine, NegativeFrameBudgetIsRefused) {
   scratch_folder dir;
   write_noise(dir, "in.npy", {16, 16});
