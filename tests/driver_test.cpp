@@ -2,6 +2,11 @@
 // lines, invariants of the results over many random images, failure
 // injection at every allocation, concurrent runs and determinism.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
 
 #include <algorithm>
 #include <cmath>
@@ -204,6 +209,40 @@ TEST(Runs, AnUnwritableRegionFileReturnsMinusTwo) {
   EXPECT_NE(r.printed.find("file = /nonexistent-dir/regions.txt \n"), std::string::npos);
   EXPECT_EQ(r.printed.find("finished save_regionlist"), std::string::npos);
   EXPECT_EQ(r.live_after, 0);
+}
+
+TEST(Runs, AFailedRegionFileWriteReturnsMinusTwoAndLeavesNoTruncatedFile) {
+  std::mt19937 rng(6);
+  run_setup s = plane(testing::blob_image(rng, 32, 1, 60), 32, 5);
+  s.save_flag = 1;
+  // Every write to /dev/full fails with "no space left", as on a full disk.
+  s.filename = "/dev/full";
+  const run_result full = run(s);
+  EXPECT_EQ(full.status, -2);
+  EXPECT_EQ(full.printed.find("finished save_regionlist"), std::string::npos);
+  EXPECT_EQ(full.live_after, 0);
+  EXPECT_TRUE(std::filesystem::exists("/dev/full")) << "only regular files are removed";
+
+  // A file size limit far below the file: the run reports it and removes the
+  // truncated file (checked in a child, which alone gets the limit).
+  const testing::temp_folder folder;
+  s.filename = folder.file("regions.txt");
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{512, 512};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    const run_result limited = run(s);
+    _exit(limited.status == -2 && !std::filesystem::exists(s.filename) ? 0 : 1);
+  }
+  int wstatus = 0;
+  ASSERT_EQ(waitpid(child, &wstatus, 0), child);
+  ASSERT_TRUE(WIFEXITED(wstatus));
+  EXPECT_EQ(WEXITSTATUS(wstatus), 0);
+  const run_result unlimited = run(s);
+  EXPECT_EQ(unlimited.status, 0);
+  EXPECT_GT(std::filesystem::file_size(s.filename), 512u) << "the limit must cut the file";
 }
 
 // Checks the invariants of a label image.

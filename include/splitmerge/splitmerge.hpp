@@ -106,7 +106,7 @@ struct region_record {
 // Statuses of a run.
 inline constexpr std::int32_t status_ok = 0;
 inline constexpr std::int32_t status_failed = -1;       // invalid parameters or no memory
-inline constexpr std::int32_t status_file_failed = -2;  // the region list file cannot be opened
+inline constexpr std::int32_t status_file_failed = -2;  // the region list file cannot be written
 inline constexpr std::int32_t status_interrupted = -3;  // options::interrupt asked to stop
 
 struct segmentation {

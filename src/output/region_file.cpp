@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+
 #include <cinttypes>
 #include <cstdio>
 
@@ -44,7 +46,14 @@ std::int32_t save_regionlist(run_context& ctx, regionlist head, const char* path
     std::fputs("-1\n", file);
   }
   ctx.allocator.release(saved);
-  std::fclose(file);
+  // A full disk or a file size limit shows only here: report it, and leave
+  // no truncated file that could pass for a complete one.
+  const bool write_failed = std::ferror(file) != 0;
+  if (std::fclose(file) != 0 || write_failed) {
+    struct stat written {};
+    if (::stat(path, &written) == 0 && S_ISREG(written.st_mode)) std::remove(path);
+    return status_no_file;
+  }
   return 0;
 }
 
