@@ -369,6 +369,22 @@ def _rescale_option(options: list[str]):
     return True
 
 
+@pytest.mark.skipif(not CLI, reason="SPLITMERGE_CLI (the command-line program) not given")
+def test_percentile_window_is_the_programs_to_the_last_bit(tmp_path: Path) -> None:
+    # The 33rd percentile of these four, rank 0.99, is 6 + 0.99 * 3 =
+    # 8.969999999999999 as the program computes it; numpy.percentile gets
+    # 8.97 (from 9 - 0.01 * 3), which would put 14.7995... just below 1.5.
+    image = np.array([[6.0, 9.0], [14.799588235294117, 1000.0]])
+    nibabel = pytest.importorskip("nibabel")
+    nibabel.save(nibabel.Nifti1Image(image.T, np.eye(4)), tmp_path / "in.nii")
+    subprocess.run([CLI, str(tmp_path / "in.nii"), "--rescale", "33,100", "--quiet",
+                    "--save-input", str(tmp_path / "fitted.npy")],
+                   check=True, timeout=120, capture_output=True)
+    fitted = splitmerge.fit_image(image, rescale=(33, 100))
+    assert fitted.pixels.tolist() == [[0, 0], [2, 255]]
+    np.testing.assert_array_equal(fitted.pixels, np.load(tmp_path / "fitted.npy"))
+
+
 SCAN = Path("/usr/share/mricron/templates/ch2.nii.gz")
 
 
