@@ -11,7 +11,7 @@ import numpy as np
 import numpy.typing as npt
 
 from . import _core
-from ._fit import Box, fit_image
+from ._fit import Box, Rescale, fit_image
 from ._params import library_parameters
 
 __all__ = ["Region", "Segmentation", "segment"]
@@ -125,7 +125,7 @@ def segment(
     small_size: int = 30,
     statistic_update: Union[bool, int] = True,
     fit: Optional[str] = None,
-    rescale: bool = False,
+    rescale: Rescale = False,
     frames: bool = False,
     regions: bool = False,
     lines: bool = False,
@@ -209,9 +209,13 @@ def segment(
         shape, and ``Segmentation.box`` (or ``fit_image(image,
         fit="crop").box``) says which part of the input it is. Default
         None: a shape that does not fit is an error.
-    rescale : bool, optional
-        Map the value range linearly onto 0..255 (rounded, before padding)
-        instead of requiring whole numbers 0..255. Default False.
+    rescale : bool or (float, float), optional
+        True maps the value range linearly onto 0..255 (rounded, before
+        padding) instead of requiring whole numbers 0..255; ``(low, high)``
+        maps the window between those percentiles of the values (e.g.
+        ``(1, 99)``), clipping values outside it. The range or window is
+        found over the whole input, before cropping (see
+        `splitmerge.fit_image`). Default False.
     frames : bool, optional
         Record the display frames (the segmentation as it progresses).
     regions : bool, optional

@@ -1,25 +1,28 @@
 """Turning an array into the image the segmentation accepts.
 
-The rules are those of the command-line program's ``--slice``, ``--fit`` and
-``--rescale``: take the slice, check the values are finite, crop, rescale or
-check the values, pad; so the same input gives the same pixels here and there.
+The rules are those of the command-line program's ``--rescale``, ``--slice``
+and ``--fit``: check the values are finite, find the grey window over the
+whole input (so every slice of a volume shares one mapping), take the slice,
+crop, map the window onto 0..255 or check the values, pad; so the same input
+gives the same pixels here and there.
 """
 
 from __future__ import annotations
 
 from dataclasses import dataclass, field
-from typing import Optional
+from typing import Optional, Sequence, Union
 
 import numpy as np
 import numpy.typing as npt
 
-__all__ = ["Box", "FittedImage", "fit_image", "is_segmentable_shape"]
+__all__ = ["Box", "FittedImage", "Rescale", "fit_image", "is_segmentable_shape"]
 
 LARGEST_EDGE = 256
 FIT_MODES = ("pad", "crop")
 
 
 Box = tuple[slice, ...]
+Rescale = Union[bool, Sequence[float]]
 
 
 @dataclass
@@ -156,13 +159,70 @@ def _round_half_away(t: np.ndarray) -> np.ndarray:
     return low + (t - low >= 0.5)
 
 
-def _rescaled(a: np.ndarray, notes: list[str]) -> np.ndarray:
-    values = a.astype(np.float64)
-    low, high = float(values.min()), float(values.max())
+def _percentile(values: np.ndarray, percent: float) -> float:
+    """The value below which `percent` of the values lie.
+
+    Linear interpolation between neighbouring ranks (numpy.percentile's
+    default), computed as the command-line program does it, so that the
+    window is the same to the last bit.
+    """
+    position = percent / 100.0 * float(values.size - 1)
+    below = int(np.floor(position))
+    if below + 1 >= values.size:
+        return float(np.partition(values, below)[below])
+    ranked = np.partition(values, (below, below + 1))
+    low, high = float(ranked[below]), float(ranked[below + 1])
+    return low + (position - below) * (high - low)
+
+
+def _ordinal(percent: float) -> str:
+    n = _number_text(percent)
+    if not float(percent).is_integer():
+        return n + "th"
+    whole = int(percent)
+    if 11 <= whole % 100 <= 13:
+        return n + "th"
+    return n + {1: "st", 2: "nd", 3: "rd"}.get(whole % 10, "th")
+
+
+def _rescale_window(rescale: Rescale) -> Optional[tuple[float, float]]:
+    """None for no rescaling, else the (low, high) percentiles of the window."""
+    if isinstance(rescale, (bool, np.bool_)):
+        return (0.0, 100.0) if rescale else None
+    try:
+        low, high = (float(v) for v in rescale)
+    except (TypeError, ValueError):
+        raise ValueError(
+            f"rescale must be True, False or (low, high) percentiles, not {rescale!r}") from None
+    if not 0 <= low < high <= 100:
+        raise ValueError(
+            f"rescale needs (low, high) percentiles with 0 <= low < high <= 100, e.g. "
+            f"(1, 99), not {rescale!r}")
+    return low, high
+
+
+def _grey_window(a: np.ndarray, percentiles: tuple[float, float],
+                 notes: list[str]) -> tuple[float, float]:
+    """The values mapped onto 0 and 255, found over the whole input."""
+    values = a.astype(np.float64, copy=False).reshape(-1)
+    low_percent, high_percent = percentiles
+    if low_percent <= 0 and high_percent >= 100:
+        low, high = float(values.min()), float(values.max())
+        notes.append(f"rescaled the values {_number_text(low)}..{_number_text(high)} to 0..255")
+    else:
+        low, high = _percentile(values, low_percent), _percentile(values, high_percent)
+        notes.append(
+            f"rescaled the values between the {_ordinal(low_percent)} and "
+            f"{_ordinal(high_percent)} percentiles, {_number_text(low)}..{_number_text(high)}, "
+            "to 0..255 (values outside clipped)")
+    return low, high
+
+
+def _rescaled(a: np.ndarray, low: float, high: float) -> np.ndarray:
+    # Maps [low, high] linearly onto 0..255, clipping outside it; a constant
+    # image becomes 0.
     scale = 255.0 / (high - low) if high > low else 0.0
-    out = _round_half_away((values - low) * scale)
-    notes.append(f"rescaled the values {_number_text(low)}..{_number_text(high)} to 0..255")
-    return out
+    return _round_half_away(np.clip((a.astype(np.float64) - low) * scale, 0.0, 255.0))
 
 
 def _check_values(a: np.ndarray) -> None:
@@ -195,7 +255,7 @@ def _checked_array(image: npt.ArrayLike) -> np.ndarray:
     return a
 
 
-def fit_image(image: npt.ArrayLike, fit: Optional[str] = None, rescale: bool = False,
+def fit_image(image: npt.ArrayLike, fit: Optional[str] = None, rescale: Rescale = False,
               slice: Optional[int] = None) -> FittedImage:
     """Prepare an array for the segmentation as the command-line program does.
 
@@ -208,9 +268,15 @@ def fit_image(image: npt.ArrayLike, fit: Optional[str] = None, rescale: bool = F
         it cannot take); "pad" centres the image in a zero-filled one of the
         next segmentable size, "crop" cuts out the centred largest
         segmentable part.
-    rescale : bool, optional
-        Map the value range linearly onto 0..255 (rounded; a constant image
-        becomes 0). Without it, values must be whole numbers in 0..255.
+    rescale : bool or (float, float), optional
+        True maps the value range of the whole input (before `slice` and
+        the crop, so every slice of a volume shares one mapping) linearly
+        onto 0..255, rounded half away from zero; a constant image becomes 0.
+        ``(low, high)``, percentiles with 0 <= low < high <= 100, maps the
+        window between those percentiles of the whole input instead, values
+        outside it clipped (``(1, 99)`` ignores outliers). Percentiles
+        interpolate linearly between ranks, as ``numpy.percentile`` does by
+        default. Default False: values must be whole numbers in 0..255.
     slice : int, optional
         Take this z slice of a volume as a 2-D image.
 
@@ -234,9 +300,13 @@ def fit_image(image: npt.ArrayLike, fit: Optional[str] = None, rescale: bool = F
     """
     if fit not in (None, "none") + FIT_MODES:
         raise ValueError(f"fit must be None, 'pad' or 'crop', not {fit!r}")
+    percentiles = _rescale_window(rescale)
     a = _checked_array(image)
     notes: list[str] = []
     origin = [0, 0, 0]
+    if a.size and a.dtype.kind == "f" and not np.isfinite(a).all():
+        raise ValueError("the image holds NaN or infinite values")
+    window = _grey_window(a, percentiles, notes) if percentiles and a.size else None
     if slice is not None:
         if a.ndim != 3:
             raise ValueError("slice needs a volume, but the image is 2-D")
@@ -246,8 +316,6 @@ def fit_image(image: npt.ArrayLike, fit: Optional[str] = None, rescale: bool = F
                 f"slice {k} is outside the volume's slices 0..{a.shape[0] - 1}")
         a = a[k]
         origin[0] = k
-    if a.size and a.dtype.kind == "f" and not np.isfinite(a).all():
-        raise ValueError("the image holds NaN or infinite values")
 
     if fit == "none":
         fit = None
@@ -261,11 +329,10 @@ def fit_image(image: npt.ArrayLike, fit: Optional[str] = None, rescale: bool = F
         a, shift = _crop(a, *target)
         origin = [o + d for o, d in zip(origin, shift)]
         box = _box(shift[3 - a.ndim:], a.shape)
-    if a.size:
-        if rescale:
-            a = _rescaled(a, notes)
-        else:
-            _check_values(a)
+    if window is not None:
+        a = _rescaled(a, *window)
+    elif a.size and not percentiles:
+        _check_values(a)
     if target is not None and fit == "crop":
         after = _size_text(a.shape)
         notes.append(f"cropped {before} to {after} (centred), keeping {_box_text(box)}; "

@@ -31,7 +31,7 @@ from pathlib import Path
 from typing import Any, Iterable, Optional, Sequence
 
 from ._api import _checked_threads, segment
-from ._fit import fit_image
+from ._fit import Rescale, _rescale_window, fit_image
 from ._io import labels_extension, read_image, stem_of, write_labels
 from ._params import DEFAULTS, PARAMETER_NAMES, library_parameters
 
@@ -48,7 +48,7 @@ class BatchOptions:
     """What every task does besides reading: fitting, parameters, outputs."""
 
     fit: Optional[str] = None
-    rescale: bool = False
+    rescale: Rescale = False
     slice: Optional[int] = None
     regions: bool = False
     params: dict[str, Any] = field(default_factory=dict)
@@ -201,7 +201,7 @@ def segment_batch(
     out: str | os.PathLike,
     *,
     fit: Optional[str] = None,
-    rescale: bool = False,
+    rescale: Rescale = False,
     slice: Optional[int] = None,
     regions: bool = False,
     force: bool = False,
@@ -224,9 +224,10 @@ def segment_batch(
         Folder of the outputs and of ``manifest.csv``; created if missing.
     fit, rescale, slice
         As the command-line program's ``--fit``, ``--rescale`` and
-        ``--slice`` (see `splitmerge.fit_image`). Labels of a padded input
-        have the input's shape; the region list file describes the padded
-        image.
+        ``--slice`` (see `splitmerge.fit_image`): `rescale` is True (each
+        scan's whole value range) or (low, high) percentiles of each scan.
+        Labels of a padded input have the input's shape; the region list
+        file describes the padded image.
     regions : bool, optional
         Also write ``<name>.regions.txt``, the region list file.
     force : bool, optional
@@ -257,6 +258,8 @@ def segment_batch(
         "failed"), error, seconds, regions, output.
     """
     announce = announce or (lambda text: print(f"splitmerge.batch: {text}", file=sys.stderr))
+    window = _rescale_window(rescale)
+    rescale = False if window is None else True if window == (0.0, 100.0) else window
     options = BatchOptions(fit, rescale, slice, regions, _checked_params(params),
                            _checked_threads(threads))
     out_dir = Path(out)
@@ -347,6 +350,37 @@ _PARAMETER_HINTS = {
 }
 
 
+def _rescale_argument(text: str) -> Rescale:
+    """``--rescale``'s value: "" for the whole range, or "LOW,HIGH" percentiles."""
+    if not text:
+        return True
+    parts = text.split(",")
+    try:
+        if len(parts) != 2 or any(p != p.strip() or "_" in p for p in parts):
+            raise ValueError(text)
+        low, high = float(parts[0]), float(parts[1])
+    except ValueError:
+        low = high = float("nan")
+    if not 0 <= low < high <= 100:
+        raise argparse.ArgumentTypeError(
+            f"expected LOW,HIGH percentiles with 0 <= LOW < HIGH <= 100, e.g. 1,99, "
+            f"got '{text}'")
+    return low, high
+
+
+def _bare_rescale_flags(argv: Sequence[str]) -> list[str]:
+    """``--rescale`` not followed by a LOW,HIGH window, as ``--rescale=``.
+
+    As in the command-line program, ``--rescale IMAGE`` is the flag and an
+    input, not a window.
+    """
+    out = list(argv)
+    for i, token in enumerate(out):
+        if token == "--rescale" and (i + 1 == len(out) or "," not in out[i + 1]):
+            out[i] = "--rescale="
+    return out
+
+
 def build_parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(
         prog="python3 -m splitmerge.batch",
@@ -379,8 +413,13 @@ def build_parser() -> argparse.ArgumentParser:
                               "nearest size the segmentation accepts")
     fitting.add_argument("--slice", type=int, metavar="K",
                          help="segment slice K (0-based, along z) of each volume")
-    fitting.add_argument("--rescale", action="store_true",
-                         help="map each image's value range linearly onto 0..255")
+    fitting.add_argument("--rescale", nargs="?", const=True, default=False,
+                         type=_rescale_argument, metavar="LOW,HIGH",
+                         help="map each image's values linearly onto 0..255, before --slice "
+                              "so that every slice shares one mapping: all of them (min to "
+                              "max), or with LOW,HIGH the window between those percentiles "
+                              "of the whole image, values outside it clipped (e.g. "
+                              "--rescale 1,99)")
     seg = parser.add_argument_group("segmentation parameters (see help(splitmerge.segment))")
     for name in PARAMETER_NAMES:
         default = DEFAULTS[name]
@@ -392,7 +431,8 @@ def build_parser() -> argparse.ArgumentParser:
 
 
 def main(argv: Optional[Sequence[str]] = None) -> int:
-    args = build_parser().parse_args(argv)
+    args = build_parser().parse_args(
+        _bare_rescale_flags(sys.argv[1:] if argv is None else argv))
     params = {n: getattr(args, n) for n in PARAMETER_NAMES if getattr(args, n) is not None}
     if args.workers is not None and args.workers < 1:
         print("splitmerge.batch: --workers must be at least 1", file=sys.stderr)

@@ -11,8 +11,6 @@ from typing import Optional
 import numpy as np
 import pytest
 
-from splitmerge import FittedImage
-
 REPOSITORY = Path(__file__).resolve().parents[2]
 
 
@@ -74,17 +72,6 @@ def noise_image(shape: tuple[int, ...], seed: int, levels: int = 4) -> np.ndarra
     base = base[tuple(slice(0, s) for s in shape)]
     noisy = base + rng.normal(0, 4, size=shape)
     return np.clip(np.rint(noisy), 0, 255).astype(np.int32)
-
-
-def at_input_place(program_output: np.ndarray, fitted: FittedImage) -> np.ndarray:
-    """The program's output (leading frame axis allowed) at the input's place.
-
-    A program that writes the padded image's outputs is cut back as
-    `segment` does; outputs already of the input's shape are left alone.
-    """
-    if fitted.padding and program_output.shape[-fitted.pixels.ndim:] == fitted.pixels.shape:
-        return fitted.to_input(program_output)
-    return program_output
 
 
 @pytest.fixture

@@ -213,6 +213,50 @@ def test_command_line_run_then_restart_skips_finished_work(scans: list[Path],
     assert forced.returncode == 0 and "3 done, 0 skipped" in forced.stderr
 
 
+CLI = os.environ.get("SPLITMERGE_CLI")
+
+
+@pytest.mark.skipif(not CLI, reason="SPLITMERGE_CLI (the command-line program) not given")
+def test_percentile_window_and_slice_match_the_program(tmp_path: Path, client) -> None:
+    volume = np.random.default_rng(7).integers(0, 3000, size=(4, 30, 20)).astype(np.int16)
+    volume[0, :8, :8] = 30000  # 64 of 2400 values: the 99th percentile lies on them
+    scan = tmp_path / "scan.npy"
+    np.save(scan, volume)
+    rows = segment_batch([str(scan)], tmp_path / "out", fit="crop", rescale=(1, 99), slice=2,
+                         client=client, progress=False, **PARAMS)
+    assert rows[0]["status"] == "ok", rows
+    subprocess.run([CLI, str(scan), "--slice", "2", "--fit", "crop", "--rescale", "1,99",
+                    "--quiet", "--labels", str(tmp_path / "program.npy"), "--sigma", "3",
+                    "--interval-length", "12", "--small-size", "20"],
+                   check=True, timeout=120, capture_output=True)
+    np.testing.assert_array_equal(np.load(rows[0]["output"]), np.load(tmp_path / "program.npy"))
+
+
+@pytest.mark.parametrize("arguments, inputs, rescale", [
+    (["a.npy", "--rescale", "1,99"], ["a.npy"], (1.0, 99.0)),
+    (["a.npy", "--rescale=2.5,97.5"], ["a.npy"], (2.5, 97.5)),
+    (["--rescale", "a.npy", "b.npy"], ["a.npy", "b.npy"], True),  # as the program's
+    (["a.npy", "--rescale"], ["a.npy"], True),
+    (["a.npy"], ["a.npy"], False),
+])
+def test_command_line_rescale_takes_a_percentile_window(tmp_path: Path, monkeypatch,
+                                                        arguments, inputs, rescale) -> None:
+    calls = []
+    monkeypatch.setattr(splitmerge.batch, "segment_batch",
+                        lambda given, out, **options: calls.append((given, options)) or [])
+    assert main([*arguments, "--out", str(tmp_path)]) == 0
+    assert calls[0][0] == inputs and calls[0][1]["rescale"] == rescale
+
+
+@pytest.mark.parametrize("window", ["99,1", "1,101", "1,", "a,b", "1,2,3", "50,50", " 1,99"])
+def test_command_line_rejects_a_bad_percentile_window(tmp_path: Path, window: str,
+                                                      capsys) -> None:
+    with pytest.raises(SystemExit) as raised:
+        main(["a.npy", "--out", str(tmp_path), "--rescale", window])
+    assert raised.value.code == 2
+    assert "expected LOW,HIGH percentiles with 0 <= LOW < HIGH <= 100" in capsys.readouterr().err
+
+
 def test_command_line_usage_errors_exit_2(tmp_path: Path) -> None:
     assert main(["x.npy", "--out", str(tmp_path), "--pred-choice", "chi-square"]) == 2
     assert main(["x.npy", "--out", str(tmp_path), "--workers", "0"]) == 2
