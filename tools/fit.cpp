@@ -110,7 +110,8 @@ void check_finite(const io::grey_image& image) {
 }
 
 // The value below which `percent` of the values lie, interpolated linearly
-// between neighbouring ranks (as numpy.percentile does by default).
+// between neighbouring ranks: the definition numpy.percentile uses by default,
+// computed as low + t * (high - low), which can differ from numpy in the last bit.
 double percentile(std::vector<double> values, double percent) {
   const double position = percent / 100.0 * static_cast<double>(values.size() - 1);
   const auto below = static_cast<std::size_t>(std::floor(position));
