@@ -36,6 +36,7 @@ class terminal_progress {
   void finish(std::int64_t regions, std::int64_t voxels);
 
  private:
+  static std::chrono::milliseconds quiet_start();
   void tick(std::stop_token stop);
   void draw_locked();
   void erase_locked();
