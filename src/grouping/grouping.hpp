@@ -65,6 +65,11 @@ inline block* resolve(const run_context& ctx, nb_node* e) noexcept {
   return r;
 }
 
+// The number of a new walk over neighbour lists. When the numbers run out,
+// every head from `heads` on (along next_region) is unmarked and they start
+// again; the regions met in walks hold live heads only, and those are all there.
+std::uint32_t next_visit(run_context& ctx, regionlist heads) noexcept;
+
 void unite(run_context& ctx, block* a, block* b, nb_node* e) noexcept;
 void unite_disp(run_context& ctx, block* a, block* b, nb_node* e) noexcept;
 

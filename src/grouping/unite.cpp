@@ -42,6 +42,15 @@ void unite_disp(run_context& ctx, block* a, block* b, nb_node* e) noexcept {
   join(ctx, a, b, e);
 }
 
+std::uint32_t next_visit(run_context& ctx, regionlist heads) noexcept {
+  constexpr std::uint32_t last_visit = (std::uint32_t{1} << 24) - 1;  // block::visit's width
+  if (ctx.visit >= last_visit) {
+    for (block* h = heads; h != nullptr; h = ctx.block_at(h->next_region)) h->visit = 0;
+    ctx.visit = 0;
+  }
+  return ++ctx.visit;
+}
+
 nb_node* remove_entry(run_context& ctx, block* r, nb_node* prev, nb_node* e) noexcept {
   const entry_id next = e->next;
   if (prev != nullptr) {

@@ -25,7 +25,11 @@ struct block {
   entry_id nb_pointers[2] = {0, 0};
   block_id next_block = 0;
   block_id next_region = 0;
-  std::uint8_t status = 0;
+  std::uint32_t status : 8 = 0;
+  // Grouping and cleaning: the walk of a neighbour list in which this region
+  // was last met (see run_context::visit), so that repeats are recognised
+  // without a second walk that clears marks.
+  std::uint32_t visit : 24 = 0;
 };
 
 struct nb_node {
