@@ -23,7 +23,15 @@ void frame_stream::add(const std::int32_t* frame) noexcept {
   if (failed()) return;
   try {
     if (npy_) {
-      npy_->append(shown_part(image_, frame).data());
+      // Without padding the shown box is the whole frame: no copy needed.
+      const pixel_box& b = image_.shown;
+      const bool whole = b.x0 == 0 && b.y0 == 0 && b.z0 == 0 && b.size_x == image_.size_x &&
+                         b.size_y == image_.size_y && b.size_z == image_.size_z;
+      if (whole) {
+        npy_->append(frame);
+      } else {
+        npy_->append(shown_part(image_, frame).data());
+      }
     } else {
       add_to_gif(frame);
     }

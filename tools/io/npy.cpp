@@ -1,5 +1,6 @@
 #include "npy.hpp"
 
+#include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -218,6 +219,13 @@ void npy_int32_stream::write(const std::string& bytes) {
 }
 
 void npy_int32_stream::append(const std::int32_t* item) {
+  if constexpr (std::endian::native == std::endian::little) {
+    // The file's byte order is the memory's: write the values as they lie.
+    const std::size_t bytes = item_values_ * sizeof(std::int32_t);
+    if (std::fwrite(item, 1, bytes, file_) != bytes) fail();
+    ++count_;
+    return;
+  }
   buffer_.resize(item_values_ * 4);
   for (std::size_t i = 0; i < item_values_; ++i) {
     const auto u = static_cast<std::uint32_t>(item[i]);
