@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # Segments a real brain scan, the Colin27 T1 template that Debian's mricron-data
 # ships, with the command-line program:
-#   out/slice-input.png   axial slice 90, padded to 256 x 256 (the input picture)
-#   out/labels.png        its regions, one colour each
-#   out/frames.gif        the segmentation as it progresses
-#   out/volume-labels.npy the whole volume, centre-cropped to 128 x 128 x 128
+#   out/slice-input.png      axial slice 90 (segmented padded to 256 x 256, shown at
+#                            its own size in the radiological convention)
+#   out/labels.png           its regions, one colour each
+#   out/overlay.png          the region borders over the slice
+#   out/frames.gif           the segmentation as it progresses
+#   out/volume-labels.nii.gz the whole volume, centre-cropped to 128 x 128 x 128, as
+#                            NIfTI labels that viewers lay over the scan
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh core
@@ -23,8 +26,9 @@ splitmerge=build/demo/tools/splitmerge
 
 mkdir -p out
 echo "== axial slice 90 of $scan, padded to 256 x 256"
-"$splitmerge" "$scan" --slice 90 --fit pad \
-  --save-input out/slice-input.png --labels out/labels.png --frames out/frames.gif
+"$splitmerge" "$scan" --slice 90 --fit pad --save-input out/slice-input.png \
+  --labels out/labels.png --overlay out/overlay.png --frames out/frames.gif
 echo "== the volume, centre-cropped to 128 x 128 x 128"
-"$splitmerge" "$scan" --fit crop --labels out/volume-labels.npy --quiet
-echo "== wrote out/slice-input.png, out/labels.png, out/frames.gif, out/volume-labels.npy"
+"$splitmerge" "$scan" --fit crop --labels out/volume-labels.nii.gz --quiet
+echo "== wrote out/slice-input.png, out/labels.png, out/overlay.png, out/frames.gif," \
+  "out/volume-labels.nii.gz"

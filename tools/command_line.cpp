@@ -28,9 +28,16 @@ constexpr const char* footer =
     "                 float; each page a slice), .nii/.nii.gz (NIfTI-1, x fastest)\n"
     "  --labels       .npy (int32, the image's shape), .tif (32-bit, a page per slice),\n"
     "                 .png (a colour picture, one colour per label; a volume's middle slice)\n"
+    "                 .nii/.nii.gz (int32 labels with a NIfTI input's header and orientation,\n"
+    "                 so viewers lay them over the scan)\n"
     "  --frames       .npy (int32, shape (frames,) + image shape), .gif (an animation; a\n"
     "                 volume's middle slice)\n"
-    "  --save-input   .png, .pgm (grey; a volume's middle slice), .npy, .tif\n\n"
+    "  --save-input   .png, .pgm (grey; a volume's middle slice), .npy, .tif\n"
+    "  --overlay      .png (the input in grey, region borders in yellow)\n"
+    "After --fit pad every output but --regions has the input's own size (the padding\n"
+    "removed); after --fit crop the outputs have the cropped size and a note names the\n"
+    "box kept.\n\n"
+    "Parameters outside their ranges above still run as given, with a warning.\n\n"
     "Examples:\n"
     "  splitmerge scan.nii.gz --slice 90 --fit pad --labels labels.png --frames run.gif\n"
     "  splitmerge scan.nii.gz --fit crop --labels labels.npy --regions regions.txt\n"
@@ -81,6 +88,27 @@ std::int32_t predicate_number(const std::string& text) {
   return value;
 }
 
+// "LOW,HIGH" with 0 <= LOW < HIGH <= 100.
+void parse_percentile_window(const std::string& text, double& low, double& high) {
+  const auto comma = text.find(',');
+  std::size_t used_low = 0, used_high = 0;
+  bool valid = comma != std::string::npos;
+  try {
+    if (valid) {
+      low = std::stod(text.substr(0, comma), &used_low);
+      high = std::stod(text.substr(comma + 1), &used_high);
+      valid = used_low == comma && used_high == text.size() - comma - 1;
+    }
+  } catch (const std::logic_error&) {
+    valid = false;
+  }
+  if (!valid || !(low >= 0 && low < high && high <= 100))
+    throw CLI::ValidationError("--rescale",
+                               "expected LOW,HIGH percentiles with 0 <= LOW < HIGH "
+                               "<= 100, e.g. 1,99, got '" +
+                                   text + "'");
+}
+
 void add_parameter_options(CLI::App& app, parameters& p, std::string& predicate) {
   const parameters d = default_parameters();
   const auto add = [&](const char* name, auto& value, const std::string& text) {
@@ -120,16 +148,16 @@ void add_parameter_options(CLI::App& app, parameters& p, std::string& predicate)
           std::to_string(d.pred_choice) + ")")
       ->type_name("TEST");
   add("--interval-length", p.interval_length,
-      "largest grey range (tests 1-3) or difference of region means (tests 2, 4, 5) "
+      "largest grey range (tests 1-3) or difference of region means (tests 2, 4, 5), 0 or more "
       "(default " +
           std::to_string(d.interval_length) + ")")
       ->type_name("N");
   add("--rejection", p.rejection,
-      "test 3, largest share of outlying pixels, a fraction (0.1 = 10 %) (default " +
+      "test 3, largest share of outlying pixels, a fraction 0..1 (0.1 = 10 %) (default " +
           CLI::detail::to_string(d.rejection) + ")")
       ->type_name("X");
   add("--sigma", p.sigma,
-      "tests 4 and 5, standard deviation of the noise in grey values (default " +
+      "tests 4 and 5, standard deviation of the noise in grey values, above 0 (default " +
           CLI::detail::to_string(d.sigma) + ")")
       ->type_name("X");
   add("--threshold-row", p.threshold_row,
@@ -137,7 +165,7 @@ void add_parameter_options(CLI::App& app, parameters& p, std::string& predicate)
           std::to_string(d.threshold_row) + ")")
       ->type_name("N");
   add("--pseudo-factor", p.pseudo_factor,
-      "test 5, how much more variance small blocks may have (default " +
+      "test 5, how much more variance small blocks may have, 0 or more (default " +
           CLI::detail::to_string(d.pseudo_factor) + ")")
       ->type_name("X");
   add("--small-size", p.small_size,
@@ -176,8 +204,10 @@ parse_result parse_command_line(int argc, const char* const* argv) {
 
   CLI::App app(description, "splitmerge");
   app.footer(footer);
+  app.set_version_flag("--version", std::string("splitmerge ") + SPLITMERGE_VERSION);
   app.get_formatter()->column_width(26);
-  app.add_option("IMAGE", s.image, "the image or volume to segment")->required();
+  // Not required here: "--rescale IMAGE" hands the image to --rescale first.
+  CLI::Option* image = app.add_option("IMAGE", s.image, "the image or volume to segment");
 
   const std::string outputs = "Outputs (written only when the whole run succeeds)";
   app.add_option("--labels", s.labels, "write the label image (0 = the largest region)")
@@ -192,32 +222,53 @@ parse_result parse_command_line(int argc, const char* const* argv) {
       ->type_name("PATH")
       ->group(outputs);
   app.add_option("--save-input", s.input_copy,
-                 "write the image as segmented, after --slice, --fit and --rescale")
+                 wrapped("write the image as segmented, after --rescale, --slice and --fit (at "
+                         "the input's size after --fit pad)"))
+      ->type_name("PATH")
+      ->group(outputs);
+  app.add_option("--overlay", s.overlay,
+                 wrapped("write a .png of the input with the region borders drawn over it in "
+                         "yellow (a volume's middle slice)"))
       ->type_name("PATH")
       ->group(outputs);
   app.add_flag("--no-display", s.no_display,
                "record no frames (the default unless --frames is given)")
       ->group(outputs);
   app.add_flag("--quiet", s.quiet, "print no progress lines")->group(outputs);
+  std::int64_t frame_budget = static_cast<std::int64_t>(s.frame_budget);
   app.add_option(
-         "--frame-budget", s.frame_budget,
-         wrapped("the recorded frames may take at most this many bytes of memory; later ones "
-                 "are dropped (default 2 GiB)"))
+         "--frame-budget", frame_budget,
+         wrapped("accepted for older command lines; it limits nothing now, as --frames writes "
+                 "each frame to its file as the run makes it and holds at most two"))
       ->type_name("BYTES")
+      ->check(CLI::Validator(
+          [](const std::string& text) {
+            return text.find('-') == std::string::npos ? std::string()
+                                                       : "expected 0 or more bytes, got " + text;
+          },
+          "", "non-negative"))
       ->group(outputs);
 
   const std::string fitting = "Fitting the input";
   app.add_option(
          "--fit", fit,
          wrapped("pad (with 0, centred) up to, or crop (centred) down to, the nearest size the "
-                 "segmentation accepts"))
+                 "segmentation accepts; after pad the outputs have the input's size"))
       ->type_name("pad|crop")
       ->group(fitting);
   app.add_option("--slice", s.fit.slice, "segment slice K (0-based, along z) of a volume")
       ->type_name("K")
       ->group(fitting);
-  app.add_flag("--rescale", s.fit.rescale, "map the values' range linearly onto 0..255")
-      ->group(fitting);
+  std::string rescale_window;
+  CLI::Option* rescale =
+      app.add_option("--rescale", rescale_window,
+                     wrapped("map the values linearly onto 0..255, before --slice so that every "
+                             "slice shares one mapping: all of them (min to max), or with LOW,HIGH "
+                             "the window between those percentiles of the whole input, values "
+                             "outside it clipped (e.g. --rescale 1,99)"))
+          ->expected(0, 1)
+          ->type_name("[LOW,HIGH]")
+          ->group(fitting);
 
   add_parameter_options(app, s.params, predicate);
 
@@ -226,9 +277,23 @@ parse_result parse_command_line(int argc, const char* const* argv) {
     s.params.pred_choice = predicate_number(predicate);
     if (fit != "none" && fit != "pad" && fit != "crop")
       throw CLI::ValidationError("--fit", "expected pad or crop, got '" + fit + "'");
+    if (image->count() == 0 && rescale->count() > 0 &&
+        rescale_window.find(',') == std::string::npos && !rescale_window.empty()) {
+      s.image = rescale_window;  // "--rescale IMAGE": the image, not a window
+      rescale_window.clear();
+    } else if (image->count() == 0) {
+      throw CLI::RequiredError("IMAGE");
+    }
     if (s.image.empty()) throw CLI::ValidationError("IMAGE", "the image path is empty");
+    s.frame_budget = static_cast<std::uint64_t>(frame_budget);
+    s.fit.rescale = rescale->count() > 0;
+    if (s.fit.rescale && !rescale_window.empty())
+      parse_percentile_window(rescale_window, s.fit.low_percentile, s.fit.high_percentile);
   } catch (const CLI::CallForHelp&) {
     std::cout << app.help();
+    return 0;
+  } catch (const CLI::CallForVersion&) {
+    std::cout << app.version() << '\n';
     return 0;
   } catch (const CLI::ParseError& e) {
     std::cerr << "splitmerge: " << e.what() << " (see splitmerge --help)\n";

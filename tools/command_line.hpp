@@ -17,6 +17,7 @@ struct tool_settings {
   std::optional<std::string> frames;
   std::optional<std::string> regions;
   std::optional<std::string> input_copy;
+  std::optional<std::string> overlay;
   bool no_display = false;
   bool quiet = false;
   fit_request fit;

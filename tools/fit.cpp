@@ -109,14 +109,53 @@ void check_finite(const io::grey_image& image) {
     if (!std::isfinite(v)) throw usage_error("the image holds NaN or infinite values");
 }
 
-// Maps [min, max] linearly onto 0..255 (a constant image becomes 0).
-void rescale(io::grey_image& image, std::vector<std::string>& notes) {
-  const auto [lo, hi] = std::minmax_element(image.values.begin(), image.values.end());
-  const double low = *lo, high = *hi;
+// The value below which `percent` of the values lie, interpolated linearly
+// between neighbouring ranks (as numpy.percentile does by default).
+double percentile(std::vector<double> values, double percent) {
+  const double position = percent / 100.0 * static_cast<double>(values.size() - 1);
+  const auto below = static_cast<std::size_t>(std::floor(position));
+  std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(below),
+                   values.end());
+  const double low = values[below];
+  if (below + 1 >= values.size()) return low;
+  const double high =
+      *std::min_element(values.begin() + static_cast<std::ptrdiff_t>(below) + 1, values.end());
+  return low + (position - static_cast<double>(below)) * (high - low);
+}
+
+std::string ordinal(double percent) {
+  const std::string n = number_text(percent);
+  const long whole = std::lround(percent);
+  if (static_cast<double>(whole) != percent) return n + "th";
+  const long last_two = whole % 100, last = whole % 10;
+  if (last_two >= 11 && last_two <= 13) return n + "th";
+  return n + (last == 1 ? "st" : last == 2 ? "nd" : last == 3 ? "rd" : "th");
+}
+
+// Maps the window [low, high] of the values linearly onto 0..255, clipping
+// values outside it (a constant image becomes 0). The full window is the
+// range from the smallest value to the largest.
+void rescale(io::grey_image& image, const fit_request& request, std::vector<std::string>& notes) {
+  const bool full = request.low_percentile <= 0.0 && request.high_percentile >= 100.0;
+  double low, high;
+  if (full) {
+    const auto [lo, hi] = std::minmax_element(image.values.begin(), image.values.end());
+    low = *lo;
+    high = *hi;
+  } else {
+    low = percentile(image.values, request.low_percentile);
+    high = percentile(image.values, request.high_percentile);
+  }
   const double scale = high > low ? 255.0 / (high - low) : 0.0;
-  for (double& v : image.values) v = std::round((v - low) * scale);
-  notes.push_back("rescaled the values " + number_text(low) + ".." + number_text(high) +
-                  " to 0..255");
+  for (double& v : image.values) v = std::round(std::clamp((v - low) * scale, 0.0, 255.0));
+  if (full) {
+    notes.push_back("rescaled the values " + number_text(low) + ".." + number_text(high) +
+                    " to 0..255");
+  } else {
+    notes.push_back("rescaled the values between the " + ordinal(request.low_percentile) + " and " +
+                    ordinal(request.high_percentile) + " percentiles, " + number_text(low) + ".." +
+                    number_text(high) + ", to 0..255 (values outside clipped)");
+  }
 }
 
 void check_pixel_values(const io::grey_image& image) {
@@ -141,6 +180,14 @@ bool is_segmentable_size(std::int64_t size_x, std::int64_t size_y, std::int64_t 
 fitted_image fit_image(const io::grey_image& input, const fit_request& request) {
   fitted_image out;
   if (!input.note.empty()) out.notes.push_back(input.note);
+  out.nifti_header = input.nifti_header;
+  check_finite(input);
+  io::grey_image rescaled;
+  if (request.rescale) {
+    rescaled = input;
+    rescale(rescaled, request, out.notes);
+  }
+  const io::grey_image& source = request.rescale ? rescaled : input;
   io::grey_image image;
   if (request.slice) {
     const std::int64_t k = *request.slice;
@@ -148,32 +195,44 @@ fitted_image fit_image(const io::grey_image& input, const fit_request& request) 
     if (k < 0 || k >= input.size_z)
       throw usage_error("--slice " + std::to_string(k) + " is outside the volume's slices 0.." +
                         std::to_string(input.size_z - 1));
-    image = window(input, 0, 0, k, input.size_x, input.size_y, 1);
+    image = window(source, 0, 0, k, input.size_x, input.size_y, 1);
     image.dimensions = 2;
+    out.input_z0 = k;
   } else {
-    image = input;
+    image = source;
   }
-  check_finite(image);
 
   const bool fits = is_segmentable_size(image.size_x, image.size_y, image.size_z);
   if (!fits && request.mode == fit_mode::none) throw usage_error(size_advice(image));
   const std::string before = size_text(image.size_x, image.size_y, image.size_z, image.dimensions);
   const target_size target =
       fits ? target_size{image.size_x, image.size_z} : fitted_size(image, request.mode);
-  if (!fits && request.mode == fit_mode::crop)
-    image = window(image, (image.size_x - target.edge) / 2, (image.size_y - target.edge) / 2,
-                   (image.size_z - target.slices) / 2, target.edge, target.edge, target.slices);
-  if (request.rescale) {
-    rescale(image, out.notes);
-  } else {
-    check_pixel_values(image);
-  }
-  if (!fits && request.mode == fit_mode::pad)
-    image = padded(image, target.edge, target.edge, target.slices);
-  if (!fits) {
+  if (!fits && request.mode == fit_mode::crop) {
+    const std::int64_t x0 = (image.size_x - target.edge) / 2, y0 = (image.size_y - target.edge) / 2,
+                       z0 = (image.size_z - target.slices) / 2;
+    image = window(image, x0, y0, z0, target.edge, target.edge, target.slices);
+    out.input_x0 = x0;
+    out.input_y0 = y0;
+    out.input_z0 += z0;
+    std::string kept = "x " + std::to_string(x0) + ".." + std::to_string(x0 + target.edge - 1) +
+                       ", y " + std::to_string(y0) + ".." + std::to_string(y0 + target.edge - 1);
+    if (image.dimensions == 3)
+      kept += ", z " + std::to_string(z0) + ".." + std::to_string(z0 + target.slices - 1);
     const std::string after = size_text(image.size_x, image.size_y, image.size_z, image.dimensions);
-    out.notes.push_back(std::string(request.mode == fit_mode::pad ? "padded " : "cropped ") +
-                        before + " to " + after + " (centred); labels and frames are " + after);
+    out.notes.push_back("cropped " + before + " to " + after + " (centred), keeping " + kept +
+                        "; the outputs are " + after);
+  }
+  if (!request.rescale) check_pixel_values(image);
+  out.shown = {0, 0, 0, image.size_x, image.size_y, image.size_z};
+  if (!fits && request.mode == fit_mode::pad) {
+    const std::int64_t nx = image.size_x, ny = image.size_y, nz = image.size_z;
+    image = padded(image, target.edge, target.edge, target.slices);
+    out.shown = {
+        (target.edge - nx) / 2, (target.edge - ny) / 2, (target.slices - nz) / 2, nx, ny, nz};
+    out.notes.push_back("padded " + before + " to " +
+                        size_text(image.size_x, image.size_y, image.size_z, image.dimensions) +
+                        " (centred) for the segmentation; the outputs are " + before +
+                        ", as the input");
   }
 
   out.size_x = static_cast<std::int32_t>(image.size_x);

@@ -6,11 +6,13 @@
 
 #include "command_line.hpp"
 #include "run.hpp"
+#include "staging.hpp"
 
 int main(int argc, char** argv) {
   using namespace splitmerge::tool;
   // Progress lines should show up as they happen, also through a pipe.
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  install_cleanup_handlers();
   try {
     const parse_result parsed = parse_command_line(argc, argv);
     if (const int* status = std::get_if<int>(&parsed)) return *status;

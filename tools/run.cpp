@@ -1,11 +1,18 @@
 #include "run.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <memory>
+#include <string_view>
 
+#include "frame_stream.hpp"
 #include "npy.hpp"
 #include "outputs.hpp"
+#include "parameter_ranges.hpp"
+#include "region_list_file.hpp"
+#include "staging.hpp"
+#include "terminal_progress.hpp"
 
 namespace splitmerge::tool {
 
@@ -40,13 +47,28 @@ void check_output_extensions(const tool_settings& s) {
       throw usage_error(std::string(option) + " " + *path + ": unsupported format (use " + allowed +
                         ")");
   };
-  check(s.labels, "--labels", is_label_extension, ".npy, .tif, .tiff or .png");
+  check(s.labels, "--labels", is_label_extension, ".npy, .tif, .tiff, .png, .nii or .nii.gz");
   check(s.frames, "--frames", is_frame_extension, ".npy or .gif");
   check(s.input_copy, "--save-input", is_input_copy_extension, ".npy, .tif, .tiff, .png or .pgm");
+  check(
+      s.overlay, "--overlay", [](const std::string& ext) { return ext == ".png"; }, ".png");
   if (s.frames && s.no_display)
     throw usage_error("--frames needs the display frames, which --no-display switches off");
 }
 
+// The outputs asked for, in the order they are written.
+std::vector<requested_output> requested_outputs(const tool_settings& s) {
+  std::vector<requested_output> out;
+  const auto add = [&out](const char* option, const std::optional<std::string>& path) {
+    if (path) out.push_back({option, *path});
+  };
+  add("--labels", s.labels);
+  add("--frames", s.frames);
+  add("--regions", s.regions);
+  add("--save-input", s.input_copy);
+  add("--overlay", s.overlay);
+  return out;
+}
 
 // Writes one result; a failure names the file the user asked for.
 template <class Writer>
@@ -74,14 +96,17 @@ struct staged_outputs {
       : labels(stage(s.labels)),
         frames(stage(s.frames)),
         regions(stage(s.regions)),
-        input_copy(stage(s.input_copy)) {}
+        input_copy(stage(s.input_copy)),
+        overlay(stage(s.overlay)) {}
 
-  void commit_all() const {
-    for (auto* file : {labels.get(), frames.get(), regions.get(), input_copy.get()})
-      if (file != nullptr) file->commit();
+  std::vector<staged_file*> all() const {
+    std::vector<staged_file*> files;
+    for (auto* file : {labels.get(), frames.get(), regions.get(), input_copy.get(), overlay.get()})
+      if (file != nullptr) files.push_back(file);
+    return files;
   }
 
-  std::unique_ptr<staged_file> labels, frames, regions, input_copy;
+  std::unique_ptr<staged_file> labels, frames, regions, input_copy, overlay;
 };
 
 parameters checked_parameters(const image_view& view, const parameters& given) {
@@ -92,21 +117,27 @@ parameters checked_parameters(const image_view& view, const parameters& given) {
   return params;
 }
 
+// The library ends its progress lines with this one when it writes no region
+// list file; the program writes that file itself and prints, once it is
+// written, the lines the library prints around its own writing.
+constexpr std::string_view no_region_file_line = "No save_regionlist specified\n";
+
 segmentation segment_with_progress(const image_view& view, const parameters& params,
-                                   const tool_settings& s, const staged_outputs& files) {
+                                   const tool_settings& s, frame_stream* frames,
+                                   terminal_progress& progress) {
   options opts;
-  opts.display = s.frames.has_value();  // frames cost time and memory: only when asked for
-  opts.frame_budget = s.frame_budget;
-  if (files.regions) opts.region_file = files.regions->temporary_path();
+  opts.display = frames != nullptr;  // frames cost time: only when asked for
+  if (frames != nullptr) {
+    opts.frame_sink = [frames](const std::int32_t* frame, std::int32_t) { frames->add(frame); };
+    // A frame that cannot be written fails the run: stop it early.
+    opts.interrupt = [frames] { return frames->failed(); };
+  }
+  opts.collect_regions = s.regions.has_value();
   if (!s.quiet) {
-    // Progress lines name the region list file as the user gave it, not the
-    // temporary file the library writes.
-    const std::string written =
-        files.regions ? "file = " + files.regions->temporary_path() + " \n" : std::string();
-    const std::string shown = files.regions ? "file = " + files.regions->path() + " \n" : "";
-    opts.line_sink = [written, shown](std::string_view text) {
-      const std::string_view out = !written.empty() && text == written ? shown : text;
-      std::fwrite(out.data(), 1, out.size(), stdout);
+    const bool regions = s.regions.has_value();
+    opts.line_sink = [regions, &progress](std::string_view text) {
+      if (regions && text == no_region_file_line) return;
+      progress.print_line(text);
     };
   }
   std::fflush(stdout);
@@ -115,38 +146,54 @@ segmentation segment_with_progress(const image_view& view, const parameters& par
   return result;
 }
 
-int report_failed_run(const segmentation& result, const tool_settings& s) {
-  if (result.status == -2) {  // the library could not write the region list file
-    std::cerr << "splitmerge: cannot write the region list file " << *s.regions << '\n';
-  } else {
-    std::cerr << "splitmerge: the segmentation failed"
-              << (result.error.empty() ? std::string(" (out of memory)") : ": " + result.error)
-              << '\n';
-  }
+void print_progress(const tool_settings& s, terminal_progress& progress, const std::string& line) {
+  if (s.quiet) return;
+  progress.print_line(line);
+  std::fflush(stdout);
+}
+
+int report_failed_run(const segmentation& result, terminal_progress& progress) {
+  progress.stop();
+  std::cerr << "splitmerge: the segmentation failed"
+            << (result.error.empty() ? std::string(" (out of memory)") : ": " + result.error)
+            << '\n';
   return exit_run_failed;
 }
 
-int write_results(const tool_settings& s, const fitted_image& image, const segmentation& result,
-                  const staged_outputs& files) {
+int write_results(const tool_settings& s, const fitted_image& image, const parameters& params,
+                  const segmentation& result, const staged_outputs& files, frame_stream* frames,
+                  terminal_progress& progress) {
   try {
     std::vector<std::string> notes;
+    if (frames != nullptr)
+      write_staged(*files.frames, [&](const std::string&) { frames->finish(notes); });
+    if (files.regions) {
+      print_progress(s, progress, "file = " + files.regions->path() + " \n");
+      write_staged(*files.regions, [&](const std::string& path) {
+        write_region_list(path, image.size_x, image.size_z, params.pred_choice, result.regions);
+      });
+      print_progress(s, progress, "finished save_regionlist \n");
+    }
     if (files.labels)
       write_staged(*files.labels, [&](const std::string& path) {
         write_labels(path, io::extension_of(*s.labels), image, result.labels, notes);
-      });
-    if (files.frames)
-      write_staged(*files.frames, [&](const std::string& path) {
-        write_frames(path, io::extension_of(*s.frames), image, result.frames, result.frame_count,
-                     notes);
       });
     if (files.input_copy)
       write_staged(*files.input_copy, [&](const std::string& path) {
         write_input_copy(path, io::extension_of(*s.input_copy), image, notes);
       });
-    files.commit_all();
-    print_notes(notes);
+    if (files.overlay)
+      write_staged(*files.overlay, [&](const std::string& path) {
+        write_overlay(path, image, result.labels, notes);
+      });
+    commit_all(files.all());
+    const auto largest = std::max_element(result.labels.begin(), result.labels.end());
+    progress.finish(largest == result.labels.end() ? 0 : std::int64_t{*largest} + 1,
+                    static_cast<std::int64_t>(result.labels.size()));
+    if (!s.quiet) print_notes(notes);
     return exit_success;
   } catch (const io::io_error& e) {
+    progress.stop();
     std::cerr << "splitmerge: " << e.what() << '\n';
     return exit_run_failed;
   }
@@ -155,16 +202,41 @@ int write_results(const tool_settings& s, const fitted_image& image, const segme
 }  // namespace
 
 int run(const tool_settings& s) {
+  terminal_progress progress(!s.quiet && terminal_progress::standard_error_is_terminal());
   try {
     check_output_extensions(s);
+    check_output_paths(s.image, requested_outputs(s));
+    warn_about_parameter_ranges(s.params);
     const fitted_image image = fit_image(io::read_grey_image(s.image), s.fit);
-    print_notes(image.notes);
+    if (!s.quiet) print_notes(image.notes);
     const image_view view{image.pixels.data(), image.size_x, image.size_y, image.size_z};
     const parameters params = checked_parameters(view, s.params);
     const staged_outputs files(s);
-    const segmentation result = segment_with_progress(view, params, s, files);
-    if (result.status != 0) return report_failed_run(result, s);
-    return write_results(s, image, result, files);
+    std::optional<frame_stream> frames;
+    if (files.frames) {
+      try {
+        write_staged(*files.frames, [&](const std::string& path) {
+          frames.emplace(path, io::extension_of(*s.frames), image);
+        });
+      } catch (const io::io_error& e) {
+        std::cerr << "splitmerge: " << e.what() << '\n';
+        return exit_run_failed;
+      }
+    }
+    frame_stream* frame_output = frames ? &*frames : nullptr;
+    const segmentation result = segment_with_progress(view, params, s, frame_output, progress);
+    if (frame_output != nullptr && frame_output->failed()) {
+      try {
+        std::vector<std::string> unused;
+        write_staged(*files.frames, [&](const std::string&) { frame_output->finish(unused); });
+      } catch (const io::io_error& e) {
+        progress.stop();
+        std::cerr << "splitmerge: " << e.what() << '\n';
+      }
+      return exit_run_failed;
+    }
+    if (result.status != 0) return report_failed_run(result, progress);
+    return write_results(s, image, params, result, files, frame_output, progress);
   } catch (const usage_error& e) {
     std::cerr << "splitmerge: " << e.what() << '\n';
     return exit_bad_input;

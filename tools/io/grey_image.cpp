@@ -5,11 +5,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "nifti_file.hpp"
 #include "npy.hpp"
 #include "pgm_file.hpp"
 #include "png_file.hpp"
+#include "size_limits.hpp"
 #include "tiff_file.hpp"
 
 namespace splitmerge::io {
@@ -32,6 +34,7 @@ grey_image read_npy_image(const std::string& path) {
                    " dimensions; expected (Y, X) or (Z, Y, X)");
   }
   if (out.pixel_count() == 0) throw io_error(path + ": the array is empty");
+  check_pixel_count(path, out.size_x, out.size_y, out.size_z);
   out.values.assign(a.values.begin(), a.values.end());
   return out;
 }
@@ -51,6 +54,9 @@ const char* readable_extensions() { return ".npy, .png, .pgm, .tif, .tiff, .nii,
 
 grey_image read_grey_image(const std::string& path) {
   // Each library words a missing file its own way; say it once, plainly.
+  std::error_code ignored;
+  if (std::filesystem::is_directory(path, ignored))
+    throw io_error(path + ": is a folder, not an image file");
   if (std::FILE* f = std::fopen(path.c_str(), "rb"); f != nullptr) {
     std::fclose(f);
   } else {

@@ -19,6 +19,9 @@ struct grey_image {
   std::vector<double> values;
   // What the reader converted on the way (e.g. colour to grey), for the user.
   std::string note;
+  // A NIfTI input's header (struct nifti_1_header, native byte order), so that
+  // NIfTI outputs keep its orientation, voxel size and units; else empty.
+  std::string nifti_header;
 
   [[nodiscard]] std::int64_t pixel_count() const { return size_x * size_y * size_z; }
 };

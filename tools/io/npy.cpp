@@ -1,5 +1,7 @@
 #include "npy.hpp"
 
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -139,23 +141,30 @@ npy_array read_npy(const std::string& path) {
   return parse_npy(s.str(), path);
 }
 
-std::string format_npy_int32(const std::vector<std::int64_t>& shape, const std::int32_t* data) {
+std::string npy_int32_header(const std::vector<std::int64_t>& shape, std::size_t at_least) {
   std::string dims;
-  std::int64_t count = 1;
-  for (const auto d : shape) {
-    dims += std::to_string(d) + ", ";
-    count *= d;
-  }
-  if (shape.size() > 1) dims.erase(dims.size() - 2);  // "(3,)" keeps its comma
-  else if (!shape.empty()) dims.erase(dims.size() - 1);
+  for (const auto d : shape) dims += std::to_string(d) + ", ";
+  if (shape.size() > 1)
+    dims.erase(dims.size() - 2);  // "(3,)" keeps its comma
+  else if (!shape.empty())
+    dims.erase(dims.size() - 1);
   std::string header = "{'descr': '<i4', 'fortran_order': False, 'shape': (" + dims + "), }";
-  const std::size_t unpadded = 10 + header.size() + 1;
-  header.append((64 - unpadded % 64) % 64, ' ');
+  // The preamble (magic, version, length) and the header end on a multiple of 64.
+  std::size_t total = 10 + header.size() + 1;
+  total += (64 - total % 64) % 64;
+  while (total < at_least) total += 64;
+  header.append(total - 10 - header.size() - 1, ' ');
   header += '\n';
   std::string out("\x93NUMPY\x01\x00", 8);
   out += static_cast<char>(header.size() & 0xFF);
   out += static_cast<char>((header.size() >> 8) & 0xFF);
-  out += header;
+  return out + header;
+}
+
+std::string format_npy_int32(const std::vector<std::int64_t>& shape, const std::int32_t* data) {
+  std::int64_t count = 1;
+  for (const auto d : shape) count *= d;
+  std::string out = npy_int32_header(shape, 0);
   const std::size_t start = out.size();
   out.resize(start + static_cast<std::size_t>(count) * 4);
   for (std::int64_t i = 0; i < count; ++i) {
@@ -170,10 +179,68 @@ std::string format_npy_int32(const std::vector<std::int64_t>& shape, const std::
 void write_npy_int32(const std::string& path, const std::vector<std::int64_t>& shape,
                      const std::int32_t* data) {
   const std::string bytes = format_npy_int32(shape, data);
-  std::ofstream out(path, std::ios::binary);
-  if (!out) throw io_error(path + ": cannot open for writing");
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-  if (!out) throw io_error(path + ": write failed");
+  std::FILE* file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr)
+    throw io_error(path + ": cannot open for writing (" + std::strerror(errno) + ")");
+  const bool written =
+      std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size() && std::fflush(file) == 0;
+  const int problem = errno;
+  if (std::fclose(file) != 0 || !written)
+    throw io_error(path + ": write failed (" + std::strerror(written ? errno : problem) + ")");
+}
+
+npy_int32_stream::npy_int32_stream(const std::string& path, std::vector<std::int64_t> item_shape)
+    : path_(path), item_shape_(std::move(item_shape)) {
+  item_values_ = 1;
+  for (const auto d : item_shape_) item_values_ *= static_cast<std::size_t>(d);
+  file_ = std::fopen(path.c_str(), "wb");
+  if (file_ == nullptr) fail();
+  // Room for any item count, so that finish() rewrites the header in place.
+  std::vector<std::int64_t> largest = item_shape_;
+  largest.insert(largest.begin(), std::int64_t{1} << 62);
+  header_size_ = npy_int32_header(largest, 0).size();
+  std::vector<std::int64_t> empty = item_shape_;
+  empty.insert(empty.begin(), 0);
+  write(npy_int32_header(empty, header_size_));
+}
+
+npy_int32_stream::~npy_int32_stream() {
+  if (file_ != nullptr) std::fclose(file_);
+}
+
+void npy_int32_stream::fail() {
+  const std::string problem = std::strerror(errno);
+  throw io_error(path_ + ": write failed (" + problem + ")");
+}
+
+void npy_int32_stream::write(const std::string& bytes) {
+  if (std::fwrite(bytes.data(), 1, bytes.size(), file_) != bytes.size()) fail();
+}
+
+void npy_int32_stream::append(const std::int32_t* item) {
+  buffer_.resize(item_values_ * 4);
+  for (std::size_t i = 0; i < item_values_; ++i) {
+    const auto u = static_cast<std::uint32_t>(item[i]);
+    for (std::size_t b = 0; b < 4; ++b)
+      buffer_[4 * i + b] = static_cast<char>((u >> (8 * b)) & 0xFF);
+  }
+  write(buffer_);
+  ++count_;
+}
+
+void npy_int32_stream::finish() {
+  std::vector<std::int64_t> shape = item_shape_;
+  shape.insert(shape.begin(), count_);
+  if (std::fseek(file_, 0, SEEK_SET) != 0) fail();
+  write(npy_int32_header(shape, header_size_));
+  std::FILE* file = file_;
+  file_ = nullptr;
+  const bool flushed = std::fflush(file) == 0 && std::ferror(file) == 0;
+  const int problem = errno;
+  if (std::fclose(file) != 0 || !flushed) {
+    if (flushed) errno = problem;
+    fail();
+  }
 }
 
 }  // namespace splitmerge::io

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -28,5 +29,37 @@ npy_array parse_npy(const std::string& bytes, const std::string& name = "array")
 void write_npy_int32(const std::string& path, const std::vector<std::int64_t>& shape,
                      const std::int32_t* data);
 std::string format_npy_int32(const std::vector<std::int64_t>& shape, const std::int32_t* data);
+
+// The preamble and header of a little-endian int32 C-order array, padded to
+// at least `at_least` bytes (and a multiple of 64).
+std::string npy_int32_header(const std::vector<std::int64_t>& shape, std::size_t at_least);
+
+// Writes an int32 array item by item along its first dimension, so that only
+// the item being appended is held: shape (count,) + item_shape, with the
+// count written into the header by finish(). Throws io_error on any failed
+// write; the file is complete only after finish().
+class npy_int32_stream {
+ public:
+  npy_int32_stream(const std::string& path, std::vector<std::int64_t> item_shape);
+  npy_int32_stream(const npy_int32_stream&) = delete;
+  npy_int32_stream& operator=(const npy_int32_stream&) = delete;
+  ~npy_int32_stream();
+
+  void append(const std::int32_t* item);
+  std::int64_t count() const { return count_; }
+  void finish();
+
+ private:
+  [[noreturn]] void fail();
+  void write(const std::string& bytes);
+
+  std::string path_;
+  std::vector<std::int64_t> item_shape_;
+  std::size_t item_values_ = 0;
+  std::size_t header_size_ = 0;
+  std::int64_t count_ = 0;
+  std::string buffer_;
+  std::FILE* file_ = nullptr;
+};
 
 }  // namespace splitmerge::io

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "npy.hpp"
+#include "size_limits.hpp"
 
 namespace splitmerge::io {
 
@@ -60,10 +61,17 @@ grey_image parse_pgm(const std::string& bytes, const std::string& name) {
   out.size_y = header.number("height");
   const std::int64_t maxval = header.number("maximum value");
   if (out.size_x < 1 || out.size_y < 1) throw io_error(name + ": PGM has no pixels");
-  if (out.pixel_count() > (std::int64_t{1} << 30)) throw io_error(name + ": PGM too large");
+  check_pixel_count(name, out.size_x, out.size_y, 1);
   if (maxval < 1 || maxval > 65535)
     throw io_error(name + ": PGM maximum value " + std::to_string(maxval) + " is not 1..65535");
-  out.values.resize(static_cast<std::size_t>(out.pixel_count()));
+  // Check the declared size against the file before allocating for it.
+  const std::size_t start = header.position() + 1;
+  const std::size_t bytes_per_pixel = maxval > 255 ? 2 : 1;
+  const auto pixels = static_cast<std::size_t>(out.pixel_count());
+  const std::size_t least_bytes = plain ? pixels : pixels * bytes_per_pixel;  // a digit each
+  if (bytes.size() < start || bytes.size() - start < least_bytes)
+    throw io_error(name + ": PGM pixel data is shorter than its size says");
+  out.values.resize(pixels);
 
   if (plain) {
     for (auto& v : out.values) {
@@ -73,10 +81,6 @@ grey_image parse_pgm(const std::string& bytes, const std::string& name) {
     return out;
   }
   // One white-space byte separates the header from the binary pixels.
-  const std::size_t start = header.position() + 1;
-  const std::size_t bytes_per_pixel = maxval > 255 ? 2 : 1;
-  if (bytes.size() < start || bytes.size() - start < out.values.size() * bytes_per_pixel)
-    throw io_error(name + ": PGM pixel data is shorter than its size says");
   const auto* p = reinterpret_cast<const unsigned char*>(bytes.data()) + start;
   for (std::size_t i = 0; i < out.values.size(); ++i)
     out.values[i] = bytes_per_pixel == 1 ? p[i] : (p[2 * i] << 8) | p[2 * i + 1];

@@ -2,9 +2,14 @@
 
 #include <png.h>
 
+#include <csetjmp>
+#include <cstdio>
+#include <filesystem>
+#include <new>
 #include <vector>
 
 #include "npy.hpp"
+#include "size_limits.hpp"
 
 namespace splitmerge::io {
 
@@ -36,45 +41,102 @@ void write_png(const std::string& path, std::int64_t width, std::int64_t height,
     throw io_error(path + ": cannot write PNG: " + libpng_problem(guard.image));
 }
 
+// The low-level reader, without gamma or colour-space handling, so that the
+// stored samples come out as they are. libpng reports errors by longjmp; the
+// two functions that call it hold nothing that needs a destructor.
+struct png_reader {
+  png_structp png = nullptr;
+  png_infop info = nullptr;
+  std::FILE* file = nullptr;
+  char message[256] = "unknown error";
+
+  explicit png_reader(const std::string& path) : file(std::fopen(path.c_str(), "rb")) {
+    png = png_create_read_struct(PNG_LIBPNG_VER_STRING, this, on_error, on_warning);
+    if (png != nullptr) info = png_create_info_struct(png);
+  }
+  png_reader(const png_reader&) = delete;
+  png_reader& operator=(const png_reader&) = delete;
+  ~png_reader() {
+    if (png != nullptr) png_destroy_read_struct(&png, info != nullptr ? &info : nullptr, nullptr);
+    if (file != nullptr) std::fclose(file);
+  }
+
+  static void on_error(png_structp png, png_const_charp text) {
+    auto* self = static_cast<png_reader*>(png_get_error_ptr(png));
+    std::snprintf(self->message, sizeof self->message, "%s", text);
+    png_longjmp(png, 1);
+  }
+  static void on_warning(png_structp, png_const_charp) {}
+};
+
+bool read_png_header(png_reader& r) {
+  if (setjmp(png_jmpbuf(r.png))) return false;
+  png_init_io(r.png, r.file);
+  png_read_info(r.png, r.info);
+  // Only the expansions that keep values: palette indices to their colours,
+  // 1, 2 and 4-bit grey to 8 bits.
+  png_set_palette_to_rgb(r.png);
+  png_set_expand_gray_1_2_4_to_8(r.png);
+  png_set_interlace_handling(r.png);
+  png_read_update_info(r.png, r.info);
+  return true;
+}
+
+bool read_png_rows(png_reader& r, png_bytepp rows) {
+  if (setjmp(png_jmpbuf(r.png))) return false;
+  png_read_image(r.png, rows);
+  png_read_end(r.png, nullptr);
+  return true;
+}
+
 }  // namespace
 
 grey_image read_png(const std::string& path) {
-  png_image_guard guard;
-  png_image& image = guard.image;
-  if (png_image_begin_read_from_file(&image, path.c_str()) == 0)
-    throw io_error(path + ": cannot read PNG: " + libpng_problem(image));
-  const bool colour = (image.format & PNG_FORMAT_FLAG_COLOR) != 0;
-  const bool sixteen_bit = (image.format & PNG_FORMAT_FLAG_LINEAR) != 0;
+  png_reader r(path);
+  if (r.file == nullptr) throw io_error(path + ": cannot open for reading");
+  if (r.png == nullptr || r.info == nullptr) throw std::bad_alloc();
+  if (!read_png_header(r)) throw io_error(path + ": cannot read PNG: " + r.message);
+  const png_uint_32 width = png_get_image_width(r.png, r.info);
+  const png_uint_32 height = png_get_image_height(r.png, r.info);
+  const int channels = png_get_channels(r.png, r.info);
+  const int depth = png_get_bit_depth(r.png, r.info);
+  const std::size_t row_bytes = png_get_rowbytes(r.png, r.info);
+  check_pixel_count(path, width, height, 1);
+  std::error_code error;
+  check_declared_size(path, std::uint64_t{row_bytes} * height,
+                      std::filesystem::file_size(path, error));
+  if ((depth != 8 && depth != 16) || channels < 1 || channels > 4)
+    throw io_error(path + ": unsupported PNG layout");
+
+  std::vector<unsigned char> pixels(row_bytes * height);
+  std::vector<png_bytep> rows(height);
+  for (png_uint_32 y = 0; y < height; ++y) rows[y] = pixels.data() + row_bytes * y;
+  if (!read_png_rows(r, rows.data())) throw io_error(path + ": cannot read PNG: " + r.message);
 
   grey_image out;
-  out.size_x = image.width;
-  out.size_y = image.height;
+  out.size_x = width;
+  out.size_y = height;
   out.values.resize(static_cast<std::size_t>(out.pixel_count()));
-  const png_color black{0, 0, 0};
-  if (colour) {
-    image.format = PNG_FORMAT_RGB;
-    std::vector<std::uint8_t> rgb(PNG_IMAGE_SIZE(image));
-    if (png_image_finish_read(&image, &black, rgb.data(), 0, nullptr) == 0)
-      throw io_error(path + ": cannot read PNG: " + libpng_problem(image));
-    // Integer weights keep grey pixels of a colour file exactly grey.
-    for (std::size_t i = 0; i < out.values.size(); ++i) {
-      const int r = rgb[3 * i], g = rgb[3 * i + 1], b = rgb[3 * i + 2];
-      out.values[i] = (299 * r + 587 * g + 114 * b + 500) / 1000;
+  const std::size_t bytes = depth / 8;
+  const auto sample = [&](std::size_t pixel, int channel) -> std::int64_t {
+    const unsigned char* p = pixels.data() + (pixel * channels + channel) * bytes;
+    return bytes == 1 ? p[0] : (p[0] << 8) | p[1];  // PNG stores 16 bits big-endian
+  };
+  const bool colour = channels >= 3;
+  for (std::size_t i = 0; i < out.values.size(); ++i) {
+    if (!colour) {
+      out.values[i] = static_cast<double>(sample(i, 0));
+    } else {
+      // Integer weights keep grey pixels of a colour file exactly grey.
+      out.values[i] = static_cast<double>(
+          (299 * sample(i, 0) + 587 * sample(i, 1) + 114 * sample(i, 2) + 500) / 1000);
     }
-    out.note = path + " is a colour PNG: segmenting its luma (0.299 R + 0.587 G + 0.114 B)";
-  } else if (sixteen_bit) {
-    image.format = PNG_FORMAT_LINEAR_Y;
-    std::vector<std::uint16_t> grey(out.values.size());
-    if (png_image_finish_read(&image, nullptr, grey.data(), 0, nullptr) == 0)
-      throw io_error(path + ": cannot read PNG: " + libpng_problem(image));
-    out.values.assign(grey.begin(), grey.end());
-  } else {
-    image.format = PNG_FORMAT_GRAY;
-    std::vector<std::uint8_t> grey(out.values.size());
-    if (png_image_finish_read(&image, &black, grey.data(), 0, nullptr) == 0)
-      throw io_error(path + ": cannot read PNG: " + libpng_problem(image));
-    out.values.assign(grey.begin(), grey.end());
   }
+  if (colour)
+    out.note = path + " is a colour PNG: segmenting its luma (0.299 R + 0.587 G + 0.114 B)";
+  if (channels == 2 || channels == 4)
+    out.note += std::string(out.note.empty() ? "" : "; ") + path +
+                " has an alpha channel, which is ignored";
   return out;
 }
 

@@ -8,9 +8,10 @@
 
 namespace splitmerge::io {
 
-// Grey PNGs keep their values (8 or 16 bits); colour ones become their luma
-// (0.299 R + 0.587 G + 0.114 B, rounded) and say so in the note. Transparent
-// pixels are laid over black.
+// Delivers the stored samples, whatever gamma or colour-space chunks the file
+// has: grey PNGs keep their values (1 to 16 bits), colour ones become the luma
+// of their stored samples (0.299 R + 0.587 G + 0.114 B, rounded) and say so
+// in the note. An alpha channel is ignored (and noted).
 grey_image read_png(const std::string& path);
 
 void write_png_grey(const std::string& path, std::int64_t width, std::int64_t height,

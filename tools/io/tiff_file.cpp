@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "npy.hpp"
+#include "size_limits.hpp"
 
 namespace splitmerge::io {
 
@@ -91,23 +92,21 @@ void read_page(TIFF* tif, const std::string& path, grey_image& out, std::int64_t
                    std::to_string(height) + ", unlike page 1");
   }
   if (out.size_x < 1 || out.size_y < 1) throw io_error(path + ": TIFF page without pixels");
-  if ((page + 1) * out.size_x * out.size_y > (std::int64_t{1} << 30))
-    throw io_error(path + ": TIFF too large");
+  check_pixel_count(path, out.size_x, out.size_y, page + 1);
 
   std::vector<unsigned char> row(static_cast<std::size_t>(TIFFScanlineSize(tif)));
   if (row.size() < std::size_t{width} * (bits / 8u))
     throw io_error(problem(path, "unexpected TIFF scanline size"));
   const double white = integer && format == SAMPLEFORMAT_UINT ? double((1ull << bits) - 1) : 0;
   const bool inverted = photometric == PHOTOMETRIC_MINISWHITE && format == SAMPLEFORMAT_UINT;
-  const auto first = out.values.size();
-  out.values.resize(first + std::size_t{width} * height);
+  // Rows are appended as they are decoded, so that a header declaring more
+  // rows than the file holds costs no more memory than the rows it has.
   for (std::uint32_t y = 0; y < height; ++y) {
     if (TIFFReadScanline(tif, row.data(), y, 0) < 0)
       throw io_error(problem(path, "cannot read row " + std::to_string(y) + " of " + where));
-    double* dest = out.values.data() + first + std::size_t{y} * width;
     for (std::uint32_t x = 0; x < width; ++x) {
       const double v = sample(row.data(), x, bits, format);
-      dest[x] = inverted ? white - v : v;
+      out.values.push_back(inverted ? white - v : v);
     }
   }
 }

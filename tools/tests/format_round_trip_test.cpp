@@ -80,12 +80,12 @@ TEST(PngFormat, GreyRoundTripsAndColourBecomesLuma) {
   EXPECT_EQ(io::read_grey_image((dir / "d.png").string()).values,
             (std::vector<double>{0, 255, 256, 1000, 65535, 7}));
 
-  // Red, green, blue, a grey, and a transparent pixel (laid over black).
+  // Red, green, blue, a grey, and a transparent pixel (its stored colour counts).
   const std::vector<std::uint8_t> rgba = {255, 0,   0,  255, 0,  255, 0,   255, 0,   0,
                                           255, 255, 90, 90,  90, 255, 200, 200, 200, 0};
   testing::write_png_rgba(dir / "c.png", 5, 1, rgba);
   const auto c = io::read_grey_image((dir / "c.png").string());
-  EXPECT_EQ(c.values, (std::vector<double>{76, 150, 29, 90, 0}));
+  EXPECT_EQ(c.values, (std::vector<double>{76, 150, 29, 90, 200}));
   EXPECT_NE(c.note.find("colour PNG"), std::string::npos);
 
   std::vector<std::uint8_t> rgb(2 * 2 * 3);
@@ -180,20 +180,25 @@ TEST(GifFormat, AnimationKeepsFramesPaletteDelaysAndLoops) {
 }
 
 TEST(Palette, ColoursAreFixedAndDistinct) {
-  EXPECT_EQ(palette_colour(0), (io::rgb{0, 0, 0}));
+  // Label 0 (often the background) is visible on a black screen, and every
+  // value has the colour the animations give it.
+  EXPECT_EQ(palette_colour(0), (io::rgb{64, 64, 64}));
+  for (std::int64_t v = -3; v < 2000; ++v)
+    EXPECT_EQ(palette_colour(v), indexed_palette()[palette_index(v)]) << v;
   // Neighbouring labels must not look alike: at least 60 apart in some channel.
   for (std::int64_t v = 1; v < 1000; ++v) {
     const io::rgb a = palette_colour(v), b = palette_colour(v + 1);
     const int spread = std::max({std::abs(a.r - b.r), std::abs(a.g - b.g), std::abs(a.b - b.b)});
     EXPECT_GE(spread, 60) << "labels " << v << " and " << v + 1;
-    EXPECT_NE(a, (io::rgb{0, 0, 0})) << "label " << v << " looks like label 0";
+    EXPECT_NE(a, palette_colour(0)) << "label " << v << " looks like label 0";
+    EXPECT_NE(a, (io::rgb{0, 0, 0})) << "label " << v << " is black";
   }
   for (std::size_t i = 0; i < 256; ++i)
     for (std::size_t j = 0; j < i; ++j)
       EXPECT_NE(indexed_palette()[i], indexed_palette()[j]) << i << " and " << j;
   EXPECT_EQ(palette_index(255), 255);
-  EXPECT_EQ(palette_index(256), 1);
-  EXPECT_EQ(palette_index(510), 255);
+  EXPECT_EQ(palette_index(256), 2);
+  EXPECT_EQ(palette_index(509), 1);
 }
 
 }  // namespace

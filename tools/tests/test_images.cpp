@@ -52,6 +52,36 @@ void write_png_rgba(const std::filesystem::path& path, int width, int height,
   write_png_format(path, width, height, PNG_FORMAT_RGBA, rgba.data());
 }
 
+void write_png_samples(const std::filesystem::path& path, int width, int height, int bit_depth,
+                       int colour_type, const std::vector<std::uint16_t>& samples, double gamma,
+                       bool srgb) {
+  std::FILE* file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr) throw std::runtime_error("cannot write " + path.string());
+  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+  png_infop info = png_create_info_struct(png);
+  png_init_io(png, file);
+  png_set_IHDR(png, info, static_cast<png_uint_32>(width), static_cast<png_uint_32>(height),
+               bit_depth, colour_type, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
+               PNG_FILTER_TYPE_DEFAULT);
+  if (gamma > 0) png_set_gAMA(png, info, gamma);
+  if (srgb) png_set_sRGB(png, info, PNG_sRGB_INTENT_PERCEPTUAL);
+  png_write_info(png, info);
+  const std::size_t per_row = samples.size() / static_cast<std::size_t>(height);
+  std::vector<std::uint8_t> row;
+  for (int y = 0; y < height; ++y) {
+    row.clear();
+    for (std::size_t i = 0; i < per_row; ++i) {
+      const std::uint16_t v = samples[static_cast<std::size_t>(y) * per_row + i];
+      if (bit_depth == 16) row.push_back(static_cast<std::uint8_t>(v >> 8));
+      row.push_back(static_cast<std::uint8_t>(v & 0xFF));
+    }
+    png_write_row(png, row.data());
+  }
+  png_write_end(png, nullptr);
+  png_destroy_write_struct(&png, &info);
+  std::fclose(file);
+}
+
 std::vector<std::uint8_t> read_png_rgb(const std::filesystem::path& path, int& width, int& height) {
   png_image image{};
   image.version = PNG_IMAGE_VERSION;

@@ -27,6 +27,11 @@ void write_png_grey16(const std::filesystem::path& path, int width, int height,
                       const std::vector<std::uint16_t>& values);
 void write_png_rgba(const std::filesystem::path& path, int width, int height,
                     const std::vector<std::uint8_t>& rgba);
+// A PNG of stored samples (8 or 16 bits, any PNG_COLOR_TYPE_*), with a gAMA
+// chunk when gamma > 0 and an sRGB chunk when asked.
+void write_png_samples(const std::filesystem::path& path, int width, int height, int bit_depth,
+                       int colour_type, const std::vector<std::uint16_t>& samples, double gamma,
+                       bool srgb);
 // Three bytes per pixel.
 std::vector<std::uint8_t> read_png_rgb(const std::filesystem::path& path, int& width, int& height);
 

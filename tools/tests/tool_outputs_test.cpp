@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <vector>
 
 #include "grey_image.hpp"
@@ -103,11 +104,11 @@ TEST(Outputs, PicturesOfAVolumeShowItsMiddleSlice) {
   scratch_folder dir;
   const auto image = blobs(8, 4);
   io::write_npy_int32((dir / "in.npy").string(), {4, 8, 8}, image.data());
-  const auto run = run_tool(dir, "in.npy --quiet --labels l.png --frames f.gif --save-input s.png");
+  const auto run = run_tool(dir, "in.npy --labels l.png --frames f.gif --save-input s.png");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.err,
-            "splitmerge: the label picture shows slice 2 of 4 (z)\n"
             "splitmerge: the frame animation shows slice 2 of 4 (z)\n"
+            "splitmerge: the label picture shows slice 2 of 4 (z)\n"
             "splitmerge: the input picture shows slice 2 of 4 (z)\n");
   ASSERT_EQ(run_tool(dir, "in.npy --quiet --labels l.npy").status, 0);
   const auto labels = read_npy(dir, "l.npy");
@@ -163,35 +164,47 @@ TEST(Outputs, ProgressLinesAndTheRegionFileName) {
   EXPECT_EQ(dir.file_names(), (std::vector<std::string>{"in.npy", "l.npy", "sub"}));
 }
 
-TEST(Fitting, PadCentresTheImageInZeros) {
+TEST(Fitting, PadSegmentsInZerosAndTheOutputsHaveTheInputsSize) {
   scratch_folder dir;
   std::vector<std::int32_t> image(3 * 5);  // X = 3, Y = 5
   for (std::size_t i = 0; i < image.size(); ++i) image[i] = static_cast<std::int32_t>(i + 1);
   io::write_npy_int32((dir / "in.npy").string(), {5, 3}, image.data());
-  const auto run = run_tool(dir, "in.npy --quiet --fit pad --save-input s.npy --labels l.npy");
-  ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(run.err, "splitmerge: padded 3 x 5 to 8 x 8 (centred); labels and frames are 8 x 8\n");
+  const auto padded =
+      run_tool(dir, "in.npy --fit pad --save-input s.npy --labels l.npy --frames f.npy");
+  ASSERT_EQ(padded.status, 0) << padded.err;
+  EXPECT_EQ(padded.err,
+            "splitmerge: padded 3 x 5 to 8 x 8 (centred) for the segmentation; the outputs are 3 "
+            "x 5, as the input\n");
   const auto saved = read_npy(dir, "s.npy");
-  ASSERT_EQ(saved.shape, (std::vector<std::int64_t>{8, 8}));
-  std::vector<std::int32_t> expected(64, 0);
+  ASSERT_EQ(saved.shape, (std::vector<std::int64_t>{5, 3}));
+  EXPECT_EQ(as_int32(saved.values), image);
+  EXPECT_EQ(read_npy(dir, "l.npy").shape, (std::vector<std::int64_t>{5, 3}));
+  EXPECT_EQ(read_npy(dir, "f.npy").shape[1], 5);
+  EXPECT_EQ(read_npy(dir, "f.npy").shape[2], 3);
+
+  // The labels are those of the padded run, cut at the input's place (x 2..4, y 1..5).
+  std::vector<std::int32_t> padded_image(64, 0);
   for (int y = 0; y < 5; ++y)
     for (int x = 0; x < 3; ++x)
-      expected[static_cast<std::size_t>((y + 1) * 8 + x + 2)] =
+      padded_image[static_cast<std::size_t>((y + 1) * 8 + x + 2)] =
           image[static_cast<std::size_t>(y * 3 + x)];
-  EXPECT_EQ(as_int32(saved.values), expected);
-  EXPECT_EQ(read_npy(dir, "l.npy").shape, (std::vector<std::int64_t>{8, 8}));
+  io::write_npy_int32((dir / "padded.npy").string(), {8, 8}, padded_image.data());
+  ASSERT_EQ(run_tool(dir, "padded.npy --quiet --labels pl.npy").status, 0);
+  const auto whole = read_npy(dir, "pl.npy");
+  std::vector<std::int64_t> cut;
+  for (int y = 1; y < 6; ++y)
+    for (int x = 2; x < 5; ++x) cut.push_back(whole.values[static_cast<std::size_t>(y * 8 + x)]);
+  EXPECT_EQ(read_npy(dir, "l.npy").values, cut);
 }
 
 TEST(Fitting, PadRaisesTheSlicesToAPowerOfTwo) {
   scratch_folder dir;
   const std::vector<std::int32_t> image(4 * 4 * 3, 9);
   io::write_npy_int32((dir / "in.npy").string(), {3, 4, 4}, image.data());
-  ASSERT_EQ(run_tool(dir, "in.npy --quiet --fit pad --save-input s.npy").status, 0);
-  const auto saved = read_npy(dir, "s.npy");
-  ASSERT_EQ(saved.shape, (std::vector<std::int64_t>{4, 4, 4}));
-  std::vector<std::int32_t> expected(64, 9);
-  std::fill(expected.begin() + 48, expected.end(), 0);  // offset (4 - 3) / 2 = 0
-  EXPECT_EQ(as_int32(saved.values), expected);
+  ASSERT_EQ(run_tool(dir, "in.npy --quiet --fit pad --save-input s.npy --labels l.npy").status, 0);
+  EXPECT_EQ(read_npy(dir, "s.npy").shape, (std::vector<std::int64_t>{3, 4, 4}));
+  EXPECT_EQ(as_int32(read_npy(dir, "s.npy").values), image);
+  EXPECT_EQ(read_npy(dir, "l.npy").shape, (std::vector<std::int64_t>{3, 4, 4}));
 }
 
 TEST(Fitting, CropKeepsTheCentre) {
@@ -199,11 +212,11 @@ TEST(Fitting, CropKeepsTheCentre) {
   std::vector<std::int32_t> image(7 * 6 * 3);  // X = 7, Y = 6, Z = 3
   for (std::size_t i = 0; i < image.size(); ++i) image[i] = static_cast<std::int32_t>(i % 251);
   io::write_npy_int32((dir / "in.npy").string(), {3, 6, 7}, image.data());
-  const auto run = run_tool(dir, "in.npy --quiet --fit crop --save-input s.npy");
+  const auto run = run_tool(dir, "in.npy --fit crop --save-input s.npy");
   ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(
-      run.err,
-      "splitmerge: cropped 7 x 6 x 3 to 4 x 4 x 2 (centred); labels and frames are 4 x 4 x 2\n");
+  EXPECT_EQ(run.err,
+            "splitmerge: cropped 7 x 6 x 3 to 4 x 4 x 2 (centred), keeping x 1..4, y 1..4, z 0..1; "
+            "the outputs are 4 x 4 x 2\n");
   std::vector<std::int32_t> expected;
   for (int z = 0; z < 2; ++z)
     for (int y = 1; y < 5; ++y)
@@ -230,7 +243,7 @@ TEST(Fitting, RescaleMapsTheRangeOntoGreyValues) {
   scratch_folder dir;
   testing::write_nifti(dir / "in.nii", 2, 2, 1, testing::nifti_float32,
                        bytes_of(std::vector<float>{-1.0f, 0.0f, 0.5f, 3.0f}));
-  const auto run = run_tool(dir, "in.nii --quiet --rescale --save-input s.npy");
+  const auto run = run_tool(dir, "in.nii --rescale --save-input s.npy");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.err, "splitmerge: rescaled the values -1..3 to 0..255\n");
   // (v + 1) * 255 / 4, rounded: 0, 63.75, 95.625, 255.
@@ -248,12 +261,58 @@ TEST(Fitting, ColourPngIsSegmentedAsItsLuma) {
   std::vector<std::uint8_t> rgba(16, 0);
   for (std::size_t i = 0; i < 16; i += 4) rgba[i] = rgba[i + 3] = 255;
   testing::write_png_rgba(dir / "in.png", 2, 2, rgba);
-  const auto run = run_tool(dir, "in.png --quiet --save-input s.npy");
+  const auto run = run_tool(dir, "in.png --save-input s.npy");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.err,
             "splitmerge: in.png is a colour PNG: segmenting its luma (0.299 R + 0.587 G + "
-            "0.114 B)\n");
+            "0.114 B); in.png has an alpha channel, which is ignored\n");
   EXPECT_EQ(as_int32(read_npy(dir, "s.npy").values), std::vector<std::int32_t>(4, 76));
+}
+
+TEST(Outputs, OverlayDrawsTheRegionBordersOverTheInput) {
+  scratch_folder dir;
+  std::vector<std::int32_t> image(16 * 16);
+  for (std::size_t i = 0; i < image.size(); ++i) image[i] = (i % 16) < 8 ? 40 : 200;
+  io::write_npy_int32((dir / "in.npy").string(), {16, 16}, image.data());
+  ASSERT_EQ(run_tool(dir, "in.npy --quiet --labels l.npy --overlay o.png").status, 0);
+  const auto labels = read_npy(dir, "l.npy");
+  ASSERT_NE(labels.values[7], labels.values[8]);
+  int width = 0, height = 0;
+  const auto rgb = testing::read_png_rgb(dir / "o.png", width, height);
+  ASSERT_EQ(rgb.size(), 16u * 16u * 3u);
+  for (std::size_t i = 0; i < 256; ++i) {
+    const std::vector<std::uint8_t> pixel(rgb.begin() + 3 * i, rgb.begin() + 3 * i + 3);
+    const auto g = static_cast<std::uint8_t>(image[i]);
+    // Column 7 is the last of the left region: its right neighbour has another label.
+    const auto expected =
+        (i % 16) == 7 ? std::vector<std::uint8_t>{255, 255, 0} : std::vector<std::uint8_t>{g, g, g};
+    EXPECT_EQ(pixel, expected) << "pixel " << i;
+  }
+}
+
+TEST(Fitting, PercentileRescaleOfTheWholeVolumeBeforeTheSlice) {
+  scratch_folder dir;
+  // Slice 0 holds 0..99, slice 1 holds 1000..1099: one mapping for both.
+  std::vector<std::int32_t> volume(2 * 10 * 10);
+  for (std::size_t i = 0; i < volume.size(); ++i)
+    volume[i] = static_cast<std::int32_t>(i < 100 ? i : 900 + i);
+  io::write_npy_int32((dir / "in.npy").string(), {2, 10, 10}, volume.data());
+  const auto run = run_tool(dir, "in.npy --rescale 1,99 --slice 0 --fit pad --save-input s.npy");
+  ASSERT_EQ(run.status, 0) << run.err;
+  // numpy.percentile of the 200 values: 1.99 and 1097.01.
+  EXPECT_NE(run.err.find("rescaled the values between the 1st and 99th percentiles, "
+                         "1.99..1097.01, to 0..255 (values outside clipped)"),
+            std::string::npos)
+      << run.err;
+  const auto saved = read_npy(dir, "s.npy");
+  ASSERT_EQ(saved.values.size(), 100u);
+  for (std::size_t i = 0; i < 100; ++i) {
+    const double expected = std::round(
+        std::clamp((static_cast<double>(i) - 1.99) * 255.0 / (1097.01 - 1.99), 0.0, 255.0));
+    EXPECT_EQ(saved.values[i], static_cast<std::int64_t>(expected)) << i;
+  }
+  // The same slice rescaled on its own would span 0..255; on the whole volume it is dark.
+  EXPECT_LE(*std::max_element(saved.values.begin(), saved.values.end()), 24);
 }
 
 }  // namespace

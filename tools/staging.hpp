@@ -1,0 +1,53 @@
+// Writing results all or nothing: every output is checked before the run,
+// written completely to a temporary file beside its final path, and renamed
+// into place only when every output has been written. A failure at any point,
+// even while renaming, leaves every existing file as it was and no new file;
+// SIGINT, SIGTERM and SIGHUP remove the temporary files before the program ends.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace splitmerge::tool {
+
+// One output the user asked for: the option that names it and its path.
+struct requested_output {
+  std::string option;  // e.g. "--labels"
+  std::string path;
+};
+
+// Refuses (usage_error) outputs that name the input, name one another, or
+// cannot be written: a folder in the way, a missing or read-only folder.
+void check_output_paths(const std::string& input, const std::vector<requested_output>& outputs);
+
+// A file being written; removed unless committed.
+class staged_file {
+ public:
+  // Creates the temporary file at once. Throws usage_error.
+  explicit staged_file(std::string final_path);
+  staged_file(const staged_file&) = delete;
+  staged_file& operator=(const staged_file&) = delete;
+  ~staged_file();
+
+  const std::string& path() const { return final_path_; }
+  const std::string& temporary_path() const { return temporary_path_; }
+
+ private:
+  friend void commit_all(const std::vector<staged_file*>& files);
+  std::string final_path_;
+  std::string temporary_path_;
+  int cleanup_slot_ = -1;
+  bool committed_ = false;
+};
+
+// Renames every file into place, or none: a rename that fails puts back the
+// files already replaced. Throws io::io_error naming the file that failed.
+void commit_all(const std::vector<staged_file*>& files);
+
+// Installs the handlers that remove temporary files when the program is
+// interrupted, and ignores SIGXFSZ so that a file size limit fails the write
+// (reported, cleaned up) instead of killing the program.
+void install_cleanup_handlers();
+
+}  // namespace splitmerge::tool

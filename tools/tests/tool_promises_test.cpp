@@ -1,0 +1,368 @@
+// What the program promises about files: a failed or interrupted run leaves
+// every existing output as it was and no new or hidden file, every write is
+// checked, the input is never overwritten, and the small promises of the
+// command line (ranges, names, messages) hold.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "npy.hpp"
+#include "splitmerge/splitmerge.hpp"
+#include "staging.hpp"
+#include "test_images.hpp"
+#include "tool_runner.hpp"
+
+namespace splitmerge::tool {
+namespace {
+
+using testing::quoted;
+using testing::read_file;
+using testing::run_tool;
+using testing::scratch_folder;
+
+// Noise in which a zero grey range keeps every pixel its own region: the
+// region list file of a 128 x 128 image takes about 670 KB.
+void write_noise(const scratch_folder& dir, const std::string& name,
+                 const std::vector<std::int64_t>& shape) {
+  std::int64_t n = 1;
+  for (const auto d : shape) n *= d;
+  std::vector<std::int32_t> v(static_cast<std::size_t>(n));
+  std::uint32_t state = 5;
+  for (auto& x : v) x = static_cast<std::int32_t>((state = state * 1664525u + 1013904223u) >> 24);
+  io::write_npy_int32((dir / name).string(), shape, v.data());
+}
+constexpr const char* every_pixel_a_region =
+    " --pred-choice range --interval-length 0 --small-size 0";
+
+void write_text(const std::filesystem::path& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+TEST(FailedRun, KeepsEveryExistingOutputAndCreatesNone) {
+  scratch_folder dir;
+  write_noise(dir, "in.npy", {16, 16});
+  write_text(dir / "labels.png", "old labels");
+  write_text(dir / "regions.txt", "old regions");
+  std::filesystem::create_directory(dir / "saved.png");
+  const auto run = run_tool(dir,
+                            "in.npy --labels labels.png --regions regions.txt --frames frames.gif "
+                            "--save-input saved.png");
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.err, "splitmerge: cannot write saved.png (--save-input): it is a folder\n");
+  EXPECT_EQ(read_file(dir / "labels.png"), "old labels");
+  EXPECT_EQ(read_file(dir / "regions.txt"), "old regions");
+  EXPECT_EQ(dir.file_names(),
+            (std::vector<std::string>{"in.npy", "labels.png", "regions.txt", "saved.png"}));
+}
+
+TEST(FailedRun, RenamingThatFailsHalfwayPutsBackWhatItReplaced) {
+  scratch_folder dir;
+  write_text(dir / "a.txt", "old a");
+  {
+    staged_file a((dir / "a.txt").string());
+    staged_file b((dir / "b.txt").string());
+    staged_file c((dir / "c.txt").string());
+    write_text(a.temporary_path(), "new a");
+    write_text(b.temporary_path(), "new b");
+    write_text(c.temporary_path(), "new c");
+    // A folder that appears at c's path after the checks makes its rename fail.
+    std::filesystem::create_directories(dir / "c.txt" / "inside");
+    EXPECT_THROW(commit_all({&a, &b, &c}), io::io_error);
+  }
+  EXPECT_EQ(read_file(dir / "a.txt"), "old a");
+  EXPECT_EQ(dir.file_names(), (std::vector<std::string>{"a.txt", "c.txt"}));
+}
+
+TEST(FailedRun, ACommittedSetReplacesEveryFile) {
+  scratch_folder dir;
+  write_text(dir / "a.txt", "old a");
+  {
+    staged_file a((dir / "a.txt").string());
+    staged_file b((dir / "b.txt").string());
+    write_text(a.temporary_path(), "new a");
+    write_text(b.temporary_path(), "new b");
+    commit_all({&a, &b});
+  }
+  EXPECT_EQ(read_file(dir / "a.txt"), "new a");
+  EXPECT_EQ(read_file(dir / "b.txt"), "new b");
+  EXPECT_EQ(dir.file_names(), (std::vector<std::string>{"a.txt", "b.txt"}));
+}
+
+TEST(FailedWrite, AFileSizeLimitFailsTheRunAndLeavesNothing) {
+  scratch_folder dir;
+  write_noise(dir, "in.npy", {128, 128});
+  write_text(dir / "r.txt", "old regions");
+  // 100 blocks of 1 KiB: the region list file (about 670 KB) cannot be written
+  // whole; the signal the limit raises must not end the program either.
+  const auto run = run_tool(
+      dir, std::string("in.npy --quiet --regions r.txt --labels l.npy") + every_pixel_a_region,
+      "ulimit -f 100;");
+  EXPECT_EQ(run.status, 1) << run.err;
+  EXPECT_EQ(run.err, "splitmerge: r.txt: write failed (File too large)\n");
+  EXPECT_EQ(read_file(dir / "r.txt"), "old regions");
+  EXPECT_EQ(dir.file_names(), (std::vector<std::string>{"in.npy", "r.txt"}));
+
+  // Without the limit the same run writes it whole.
+  ASSERT_EQ(
+      run_tool(dir, std::string("in.npy --quiet --regions r.txt") + every_pixel_a_region).status,
+      0);
+  EXPECT_GT(std::filesystem::file_size(dir / "r.txt"), 500'000u);
+}
+
+TEST(FailedWrite, EveryOutputFormatReportsAFullFile) {
+  for (const char* output :
+       {"--labels l.npy", "--labels l.png", "--labels l.tif", "--labels l.nii", "--labels l.nii.gz",
+        "--overlay o.png", "--frames f.npy", "--frames f.gif", "--save-input s.pgm"}) {
+    SCOPED_TRACE(output);
+    scratch_folder dir;
+    write_noise(dir, "in.npy", {256, 256});
+    // (With every pixel a region the overlay is all border: a tiny file.)
+    const bool overlay = std::string(output).starts_with("--overlay");
+    const auto run = run_tool(
+        dir, std::string("in.npy --quiet ") + output + (overlay ? "" : every_pixel_a_region),
+        "ulimit -f 4;");
+    EXPECT_EQ(run.status, 1) << run.err;
+    EXPECT_NE(run.err.find("splitmerge: "), std::string::npos);
+    EXPECT_EQ(dir.file_names(), std::vector<std::string>{"in.npy"});
+  }
+}
+
+TEST(Input, OutputsThatNameTheInputOrEachOtherAreRefused) {
+  scratch_folder dir;
+  write_noise(dir, "in.npy", {16, 16});
+  const std::string input = read_file(dir / "in.npy");
+  std::filesystem::create_directory(dir / "sub");
+  std::filesystem::create_hard_link(dir / "in.npy", dir / "sub" / "hard.npy");
+  std::filesystem::create_symlink("../in.npy", dir / "sub" / "soft.npy");
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"in.npy --labels in.npy", "--labels in.npy would overwrite the input image"},
+      {"in.npy --save-input ./in.npy", "--save-input ./in.npy would overwrite the input image"},
+      {"in.npy --frames sub/../in.npy", "would overwrite the input image"},
+      {"in.npy --labels sub/hard.npy", "would overwrite the input image"},
+      {"in.npy --labels sub/soft.npy", "would overwrite the input image"},
+      {"in.npy --labels out.npy --save-input out.npy",
+       "--labels and --save-input both name out.npy"},
+      {"in.npy --labels out.npy --frames sub/../out.npy", "both name"},
+  };
+  for (const auto& [arguments, message] : cases) {
+    const auto run = run_tool(dir, arguments);
+    EXPECT_EQ(run.status, 2) << arguments;
+    EXPECT_NE(run.err.find(message), std::string::npos) << arguments << ": " << run.err;
+    EXPECT_EQ(read_file(dir / "in.npy"), input) << arguments;
+  }
+  EXPECT_EQ(dir.file_names(), (std::vector<std::string>{"in.npy", "sub"}));
+}
+
+// Starts the program in the background, waits until it has staged its
+// outputs, sends the signal and returns the folder's files afterwards.
+std::vector<std::string> interrupted_run(const scratch_folder& dir, const char* signal_name) {
+  const std::string command =
+      "cd " + quoted(dir.path().string()) + " && { " + quoted(SPLITMERGE_TOOL_PATH) +
+      " in.npy --quiet --labels l.npy --regions r.txt --frames f.npy" + every_pixel_a_region +
+      " & pid=$!; n=0; until ls -A | grep -q '^[.]splitmerge' || [ $n -gt 2000 ]; do sleep 0.005; "
+      "n=$((n+1)); done; kill -" +
+      signal_name + " $pid; wait $pid; } > /dev/null 2>&1";
+  std::system(command.c_str());
+  return dir.file_names();
+}
+
+TEST(Interrupted, SignalsRemoveTheTemporaryFiles) {
+  for (const char* signal_name : {"INT", "TERM", "HUP"}) {
+    SCOPED_TRACE(signal_name);
+    scratch_folder dir;
+    write_noise(dir, "in.npy", {64, 64, 64});
+    write_text(dir / "l.npy", "old labels");
+    EXPECT_EQ(interrupted_run(dir, signal_name), (std::vector<std::string>{"in.npy", "l.npy"}));
+    EXPECT_EQ(read_file(dir / "l.npy"), "old labels");
+  }
+}
+
+// Frames go to their file as the run makes them: a run whose frames would
+// take far more memory than the limit allows still runs within it.
+TEST(Memory, FramesAreStreamedNotCollected) {
+#if defined(SPLITMERGE_SANITIZED)
+  GTEST_SKIP() << "sanitizers reserve more address space than the limit allows";
+#endif
+  scratch_folder dir;
+  write_noise(dir, "in.npy", {64, 64, 64});
+  const auto image = io::read_npy((dir / "in.npy").string());
+  const std::vector<std::int32_t> pixels(image.values.begin(), image.values.end());
+  options counting;
+  std::int64_t frames = 0;
+  counting.frame_sink = [&frames](const std::int32_t*, std::int32_t) { ++frames; };
+  counting.line_sink = [](std::string_view) {};
+  parameters p;
+  p.small_size = 0;
+  ASSERT_EQ(segment({pixels.data(), 64, 64, 64}, p, counting).status, 0);
+  constexpr std::int64_t limit_kib = 250'000;
+  ASSERT_GT(frames * 64 * 64 * 64 * 4, 2 * limit_kib * 1024) << "too few frames to show it";
+  const auto run = run_tool(dir,
+                            "in.npy --quiet --frames f.gif --pred-choice 4 --sigma 5 "
+                            "--interval-length 10 --threshold-row 3 --small-size 0",
+                            "ulimit -v " + std::to_string(limit_kib) + ";");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_GT(testing::read_gif(dir / "f.gif").frames.size(), 10u);
+}
+
+// Parallel grouping never has more seeds than regions: a huge --max-seed
+// costs no memory.
+TEST(Memory, AHugeSeedCountRunsInNormalMemory) {
+#if defined(SPLITMERGE_SANITIZED)
+  GTEST_SKIP() << "sanitizers reserve more address space than the limit allows";
+#endif
+  scratch_folder dir;
+  write_noise(dir, "in.npy", {256, 256});
+  const auto run =
+      run_tool(dir, "in.npy --quiet --group-mode 1 --max-seed 2000000000 --labels l.npy",
+               "ulimit -v 300000;");
+  EXPECT_EQ(run.status, 0) << run.err;
+  const auto small = run_tool(dir, "in.npy --quiet --group-mode 1 --max-seed 1000 --labels m.npy");
+  ASSERT_EQ(small.status, 0);
+  // Seeds beyond the number of regions change nothing.
+  EXPECT_EQ(read_file(dir / "l.npy"), read_file(dir / "m.npy"));
+}
+
+// Runs the program in a pseudo-terminal (util-linux script), so that both
+// standard output and standard error are a terminal; returns what it shows,
+// with the terminal's line ends turned back into newlines.
+std::string run_on_terminal(const scratch_folder& dir, const std::string& arguments) {
+  const std::string inner =
+      "cd " + quoted(dir.path().string()) + " && " + quoted(SPLITMERGE_TOOL_PATH) + " " + arguments;
+  const std::string command = "script -qec " + quoted(inner) + " /dev/null > " +
+                              quoted((dir / "screen.txt").string()) + " 2>&1";
+  EXPECT_EQ(std::system(command.c_str()), 0);
+  const std::string raw = read_file(dir / "screen.txt");
+  std::filesystem::remove(dir / "screen.txt");
+  std::string text;
+  for (std::size_t i = 0; i < raw.size(); ++i)
+    if (!(raw[i] == '\r' && i + 1 < raw.size() && raw[i + 1] == '\n')) text += raw[i];
+  return text;
+}
+
+// Removes the status lines ("\rsplitmerge: ... \033[K") and their erasures.
+std::string without_status_lines(const std::string& text) {
+  std::string out;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\r') {
+      out += text[i];
+      continue;
+    }
+    const std::size_t end = text.find("\033[K", i);
+    if (end != std::string::npos) i = end + 2;
+  }
+  return out;
+}
+
+TEST(Terminal, ASummaryAfterTheUnchangedProgressLines) {
+  scratch_folder dir;
+  write_noise(dir, "in.npy", {16, 16});
+  const std::string arguments = std::string("in.npy --labels l.npy") + every_pixel_a_region;
+  const auto plain = run_tool(dir, arguments);
+  ASSERT_EQ(plain.status, 0);
+  EXPECT_EQ(plain.err, "");  // not a terminal: no summary
+  const std::string screen = run_on_terminal(dir, arguments);
+  ASSERT_EQ(screen.rfind(plain.out, 0), 0u) << screen;
+  const std::string summary = screen.substr(plain.out.size());
+  const auto labels = io::read_npy((dir / "l.npy").string());
+  const auto regions = *std::max_element(labels.values.begin(), labels.values.end()) + 1;
+  ASSERT_GT(regions, 1);
+  EXPECT_EQ(summary.rfind("splitmerge: " + std::to_string(regions) + " regions in ", 0), 0u)
+      << summary;
+  EXPECT_NE(summary.find(" voxels per second)\n"), std::string::npos) << summary;
+  EXPECT_EQ(std::count(summary.begin(), summary.end(), '\n'), 1);
+  // --quiet shows nothing at all.
+  EXPECT_EQ(run_on_terminal(dir, "in.npy --quiet --labels l.npy"), "");
+}
+
+TEST(Terminal, StatusLinesDuringLongRunsLeaveTheProgressLinesIntact) {
+  scratch_folder dir;
+  write_noise(dir, "in.npy", {128, 128, 128});  // some seconds: long enough for a status
+  const std::string arguments = std::string("in.npy --labels l.npy") + every_pixel_a_region;
+  const auto plain = run_tool(dir, arguments);
+  ASSERT_EQ(plain.status, 0);
+  const std::string screen = run_on_terminal(dir, arguments);
+  EXPECT_NE(screen.find("\rsplitmerge: "), std::string::npos) << "no status line:\n" << screen;
+  const std::string lines = without_status_lines(screen);
+  ASSERT_EQ(lines.rfind(plain.out, 0), 0u) << lines;
+  EXPECT_EQ(lines.substr(plain.out.size()).rfind("splitmerge: ", 0), 0u);
+}
+
+TEST(CommandLine, NegativeFrameBudgetIsRefused) {
+  scratch_folder dir;
+  write_noise(dir, "in.npy", {16, 16});
+  const auto run = run_tool(dir, "in.npy --frames f.npy --frame-budget -1");
+  EXPECT_EQ(run.status, 2);
+  EXPECT_NE(run.err.find("--frame-budget: expected 0 or more bytes, got -1"), std::string::npos)
+      << run.err;
+}
+
+TEST(CommandLine, ValuesOutsideTheMeaningfulRangesRunWithAWarning) {
+  scratch_folder dir;
+  write_noise(dir, "in.npy", {16, 16});
+  const auto run = run_tool(dir,
+                            "in.npy --quiet --labels l.npy --group-mode 2 --statistic-update 5 "
+                            "--sigma 0 --rejection 2 --use-all-seeds -1");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.err,
+            "splitmerge: warning: --group-mode 2 is outside its meaningful range (0 or 1; other "
+            "values act as 1); running with it as given\n"
+            "splitmerge: warning: --use-all-seeds -1 is outside its meaningful range (0 or 1; "
+            "other values act as 1); running with it as given\n"
+            "splitmerge: warning: --statistic-update 5 is outside its meaningful range (0 or 1; "
+            "other values act as 1); running with it as given\n"
+            "splitmerge: warning: --rejection 2 is outside its meaningful range (0 to 1); "
+            "running with it as given\n"
+            "splitmerge: warning: --sigma 0 is outside its meaningful range (above 0); running "
+            "with it as given\n");
+  EXPECT_TRUE(std::filesystem::exists(dir / "l.npy"));
+}
+
+TEST(CommandLine, OutputNamesAsLongAsTheFileSystemAllows) {
+  scratch_folder dir;
+  write_noise(dir, "in.npy", {16, 16});
+  for (const std::size_t length : {237u, 250u, 255u}) {
+    const std::string name = std::string(length - 4, 'n') + ".npy";
+    const auto run = run_tool(dir, "in.npy --quiet --labels " + name);
+    EXPECT_EQ(run.status, 0) << length << ": " << run.err;
+    EXPECT_TRUE(std::filesystem::exists(dir / name)) << length;
+    std::filesystem::remove(dir / name);
+  }
+}
+
+TEST(CommandLine, AFolderAsInputIsNamedAsOne) {
+  scratch_folder dir;
+  std::filesystem::create_directory(dir / "scan.npy");
+  const auto run = run_tool(dir, "scan.npy --labels l.npy");
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.err, "splitmerge: scan.npy: is a folder, not an image file\n");
+}
+
+TEST(CommandLine, VersionPrintsTheVersion) {
+  scratch_folder dir;
+  const auto run = run_tool(dir, "--version");
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.out.rfind("splitmerge ", 0), 0u) << run.out;
+  EXPECT_EQ(run.out.back(), '\n');
+  EXPECT_EQ(run.err, "");
+}
+
+TEST(CommandLine, QuietPrintsNoNotes) {
+  scratch_folder dir;
+  write_noise(dir, "in.npy", {5, 3});
+  const auto run = run_tool(dir, "in.npy --quiet --fit pad --labels l.npy");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, "");
+}
+
+}  // namespace
+}  // namespace splitmerge::tool
