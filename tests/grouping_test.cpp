@@ -239,6 +239,27 @@ TEST(SequentialGrouping, TwoClasses) {
   EXPECT_EQ(run.ctx.allocator.live(), 4);
 }
 
+// Every head carries the number of an old walk, and the walk numbers have run
+// out: the next walk must unmark them all first, or every neighbour would look
+// like a repeat and the grouping would change.
+TEST(SequentialGrouping, WalkNumbersStartAgainWhenTheyRunOut) {
+  prepared_run run = plane_example();
+  block* head = build_regions(run);
+  assign_classes(run.ctx, head, pixels_class);
+  for (block* h = head; h != nullptr; h = run.ctx.block_at(h->next_region)) h->visit = 1;
+  run.ctx.visit = (std::uint32_t{1} << 24) - 1;
+  block* result = sequential_grouping(run.ctx, head);
+  EXPECT_EQ(run.ctx.visit, 2u) << "two walks after the new start";
+  EXPECT_EQ(chain(run.ctx, result), (std::vector<std::uint32_t>{0x20, 0x40, 0x30}));
+  EXPECT_EQ(resolved_neighbours(run.ctx, result), (std::vector<std::uint32_t>{0x11, 0x11, 0x11}));
+  block* second = run.ctx.block_at(result->next_region);
+  ASSERT_NE(second, nullptr);
+  EXPECT_EQ(chain(run.ctx, second), (std::vector<std::uint32_t>{0x11, 0x12, 0x14, 0x13}));
+  EXPECT_EQ(resolved_neighbours(run.ctx, second), (std::vector<std::uint32_t>{0x20}));
+  free_regionlist(run.ctx, result);
+  EXPECT_EQ(run.ctx.allocator.live(), 4);
+}
+
 TEST(SequentialGrouping, DisplayPaintsEachTurnInItsColour) {
   prepared_run run = plane_example();
   block* head = build_regions(run);

@@ -90,6 +90,8 @@ class run_context {
 
   // --- region list finishing ---
   std::int32_t number_regions = 0;
+  // Number of the latest neighbour list walk that marks the regions it meets.
+  std::uint32_t visit = 0;
 
   // --- display frame recorder ---
   disp_frame* smg_disp = nullptr;

@@ -46,6 +46,8 @@ std::int32_t update_evalvar(const run_context& ctx, const block* child, std::int
                             std::int64_t& acc1, std::int32_t k, std::int32_t lvl) noexcept;
 void calc_eval_var_region(const run_context& ctx, block* head) noexcept;
 std::int32_t eval_grow(const run_context& ctx, const block* region, block* candidate) noexcept;
+// Whether candidate would join region, without marking it.
+bool joins_region(const run_context& ctx, const block* region, const block* candidate) noexcept;
 void unite_predicates(const run_context& ctx, block* a, const block* b) noexcept;
 std::int64_t comp_evalvar(const run_context& ctx, const block* a, const block* b) noexcept;
 void make_neutral(const run_context& ctx, block* r) noexcept;

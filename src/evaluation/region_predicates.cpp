@@ -48,7 +48,7 @@ void calc_eval_var_region(const run_context& ctx, block* head) noexcept {
   head->status = 0;
 }
 
-std::int32_t eval_grow(const run_context& ctx, const block* region, block* candidate) noexcept {
+bool joins_region(const run_context& ctx, const block* region, const block* candidate) noexcept {
   bool joins;
   if (uses_range_statistics(ctx.pred_choice)) {
     joins = region->variables[1] - candidate->variables[0] <= ctx.interval_length &&
@@ -60,7 +60,11 @@ std::int32_t eval_grow(const run_context& ctx, const block* region, block* candi
                          static_cast<float>(candidate->variables[1]);
     joins = !(std::fabs(mean_c - mean_r) > static_cast<float>(ctx.interval_length));
   }
-  if (joins) return 1;
+  return joins;
+}
+
+std::int32_t eval_grow(const run_context& ctx, const block* region, block* candidate) noexcept {
+  if (joins_region(ctx, region, candidate)) return 1;
   candidate->status |= 1u;
   return 0;
 }

@@ -53,15 +53,22 @@ block* find_smaller_nbz(const run_context& ctx, block* p, blocklist list, std::i
                         pair_sink& sink) noexcept;
 block* make_one_region(run_context& ctx, block* b) noexcept;
 
-// Follows forwarding entries until the entry names a live region.
+// Follows absorbed regions to their absorbers until the entry names a live
+// region. An absorbed head names its absorber itself (see block), so no
+// forwarding entry is visited.
 inline block* resolve(const run_context& ctx, nb_node* e) noexcept {
   block* r = ctx.block_at(e->region);
   while (r->region_pointer == 0) {
-    e->region = ctx.entry_at(r->nb_pointers[0])->region;
+    e->region = r->nb_pointers[1];
     r = ctx.block_at(e->region);
   }
   return r;
 }
+
+// The number of a new walk over neighbour lists. When the numbers run out,
+// every head from `heads` on (along next_region) is unmarked and they start
+// again; the regions met in walks hold live heads only, and those are all there.
+std::uint32_t next_visit(run_context& ctx, regionlist heads) noexcept;
 
 void unite(run_context& ctx, block* a, block* b, nb_node* e) noexcept;
 void unite_disp(run_context& ctx, block* a, block* b, nb_node* e) noexcept;

@@ -7,19 +7,19 @@ namespace splitmerge {
 
 namespace {
 
+// Grows r over its list. Each region met is marked with this walk's number,
+// so a later entry for it is a repeat and goes.
 template <bool Display>
-void grow(run_context& ctx, block* r) {
+void grow(run_context& ctx, block* r, regionlist heads) {
+  const std::uint32_t visit = next_visit(ctx, heads);
   nb_node* prev = nullptr;
   nb_node* e = ctx.entry_at(r->nb_pointers[0]);
   while (e != nullptr) {
     block* n = resolve(ctx, e);
-    if (n == r || (n->status & 1u) != 0) {
+    if (n == r || n->visit == visit) {
       e = remove_entry(ctx, r, prev, e);
-    } else if ((n->status & 2u) != 0) {
-      n->status |= 1u;
-      prev = e;
-      e = ctx.entry_at(e->next);
-    } else if (eval_grow(ctx, r, n) == 0) {
+    } else if ((n->status & 2u) != 0 || !joins_region(ctx, r, n)) {
+      n->visit = visit;
       prev = e;
       e = ctx.entry_at(e->next);
     } else if constexpr (Display) {
@@ -29,8 +29,6 @@ void grow(run_context& ctx, block* r) {
     }
   }
   r->status = 2;
-  for (nb_node* f = ctx.entry_at(r->nb_pointers[0]); f != nullptr; f = ctx.entry_at(f->next))
-    ctx.block_at(f->region)->status &= ~1u;
 }
 
 template <bool Display>
@@ -41,7 +39,7 @@ regionlist sequential_phase(run_context& ctx, regionlist head) {
   if constexpr (Display) ctx.cur_color = 0;
   for (;;) {
     if constexpr (Display) smg_dfill_region(ctx, ctx.cur_color, r);
-    if ((r->status & 2u) == 0) grow<Display>(ctx, r);
+    if ((r->status & 2u) == 0) grow<Display>(ctx, r, result);
     if constexpr (Display) ++ctx.cur_color;
     block* nx = ctx.block_at(r->next_region);
     while (nx != nullptr && nx->region_pointer == 0) nx = ctx.block_at(nx->next_region);

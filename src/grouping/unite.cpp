@@ -25,7 +25,8 @@ void join(const run_context& ctx, block* a, block* b, nb_node* e) noexcept {
     }
     e->next = f->next;
   }
-  f->region = a_id;  // f now forwards readers to a
+  f->region = a_id;          // f now forwards readers to a
+  b->nb_pointers[1] = a_id;  // and so does b itself, one visit fewer
 }
 
 }  // namespace
@@ -39,6 +40,15 @@ void unite_disp(run_context& ctx, block* a, block* b, nb_node* e) noexcept {
   unite_predicates(ctx, a, b);
   smg_dfill_region(ctx, ctx.cur_color, b);
   join(ctx, a, b, e);
+}
+
+std::uint32_t next_visit(run_context& ctx, regionlist heads) noexcept {
+  constexpr std::uint32_t last_visit = (std::uint32_t{1} << 24) - 1;  // block::visit's width
+  if (ctx.visit >= last_visit) {
+    for (block* h = heads; h != nullptr; h = ctx.block_at(h->next_region)) h->visit = 0;
+    ctx.visit = 0;
+  }
+  return ++ctx.visit;
 }
 
 nb_node* remove_entry(run_context& ctx, block* r, nb_node* prev, nb_node* e) noexcept {

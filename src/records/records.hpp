@@ -18,11 +18,18 @@ struct block {
   std::uint32_t pixels = 0;
   // Statistics; signed 64-bit so sums of large bright blocks never wrap.
   std::int64_t variables[2] = {0, 0};
-  block_id region_pointer = 0;       // last block of the region's chain; empty: absorbed
-  entry_id nb_pointers[2] = {0, 0};  // first and last neighbour entry
+  block_id region_pointer = 0;  // last block of the region's chain; empty: absorbed
+  // First and last neighbour entry. Once absorbed, the first is the forwarding
+  // entry and the last names the absorbing region, so readers reach it
+  // without a visit to the entry.
+  entry_id nb_pointers[2] = {0, 0};
   block_id next_block = 0;
   block_id next_region = 0;
-  std::uint8_t status = 0;
+  std::uint32_t status : 8 = 0;
+  // Grouping and cleaning: the walk of a neighbour list in which this region
+  // was last met (see run_context::visit), so that repeats are recognised
+  // without a second walk that clears marks.
+  std::uint32_t visit : 24 = 0;
 };
 
 struct nb_node {

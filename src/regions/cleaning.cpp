@@ -14,12 +14,15 @@ regionlist clean_regionlist(run_context& ctx, regionlist head) noexcept {
   while (first != nullptr && first->region_pointer == 0) first = ctx.block_at(first->next_region);
   for (block* r = first; r != nullptr;) {
     ++ctx.number_regions;
+    // A region met before in this walk carries its number: a repeat.
+    const std::uint32_t visit = next_visit(ctx, first);
     nb_node* prev = nullptr;
     nb_node* e = ctx.entry_at(r->nb_pointers[0]);
     while (e != nullptr) {
       block* h = resolve(ctx, e);
-      if ((h->status & 1u) == 0) {
-        h->status = 1;
+      if (h->visit != visit) {
+        h->visit = visit;
+        h->status = 0;  // the neighbours' statuses are done with
         prev = e;
         e = ctx.entry_at(e->next);
         continue;
@@ -37,8 +40,6 @@ regionlist clean_regionlist(run_context& ctx, regionlist head) noexcept {
         e = nullptr;
       }
     }
-    for (nb_node* f = ctx.entry_at(r->nb_pointers[0]); f != nullptr; f = ctx.entry_at(f->next))
-      ctx.block_at(f->region)->status = 0;
     block* nx = ctx.block_at(r->next_region);
     while (nx != nullptr && nx->region_pointer == 0) nx = ctx.block_at(nx->next_region);
     r->next_region = ctx.id(nx);
