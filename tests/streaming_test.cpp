@@ -20,25 +20,6 @@
 namespace splitmerge {
 namespace {
 
-parameters parameters_of(const testing::reference_case& c) {
-  parameters p;
-  p.max_level = c.param("max_level");
-  p.lim_oct_level = c.param("lim_oct_level");
-  p.init_level = c.param("init_level");
-  p.group_mode = c.param("group_mode");
-  p.max_seed = c.param("max_seed");
-  p.use_all_seeds = c.param("use_all_seeds");
-  p.pred_choice = c.param("pred_choice");
-  p.interval_length = c.param("interval_length");
-  p.rejection = c.params.at("rejection");
-  p.sigma = c.params.at("sigma");
-  p.threshold_row = c.param("threshold_row");
-  p.pseudo_factor = c.params.at("pseudo_factor");
-  p.small_size = c.param("small_size");
-  p.statistic_update = c.param("statistic_update");
-  return p;
-}
-
 options quiet_options() {
   options o;
   o.line_sink = [](std::string_view) {};
@@ -57,7 +38,7 @@ TEST(FrameSink, StreamedFramesEqualCollectedFramesOnEveryReferenceCase) {
     SCOPED_TRACE("case " + c.name);
     const image_view view{c.image.data(), c.size_x, c.size_y, c.size_z};
     options collecting = quiet_options();
-    const segmentation collected = segment(view, parameters_of(c), collecting);
+    const segmentation collected = segment(view, testing::parameters_of(c), collecting);
 
     options streaming = quiet_options();
     std::vector<std::int32_t> streamed;
@@ -66,7 +47,7 @@ TEST(FrameSink, StreamedFramesEqualCollectedFramesOnEveryReferenceCase) {
       EXPECT_EQ(index, expected_index++);
       streamed.insert(streamed.end(), frame, frame + c.image.size());
     };
-    const segmentation s = segment(view, parameters_of(c), streaming);
+    const segmentation s = segment(view, testing::parameters_of(c), streaming);
     EXPECT_EQ(s.status, collected.status);
     EXPECT_EQ(s.labels, collected.labels);
     EXPECT_TRUE(s.frames.empty());

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "splitmerge/splitmerge.hpp"
+
 namespace splitmerge::testing {
 
 struct reference_case {
@@ -34,5 +36,7 @@ std::filesystem::path conformance_root();
 std::vector<std::filesystem::path> conformance_cases();
 reference_case load_case(const std::filesystem::path& dir);
 std::string read_text(const std::filesystem::path& path);
+// The case's run parameters, as the library entry takes them.
+parameters parameters_of(const reference_case& c);
 
 }  // namespace splitmerge::testing

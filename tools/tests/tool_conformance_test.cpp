@@ -91,25 +91,6 @@ TEST(Conformance, ProgramOutputsEqualTheReferenceResults) {
   EXPECT_GE(checked, 10);
 }
 
-parameters parameters_of(const splitmerge::testing::reference_case& c) {
-  parameters p;
-  p.max_level = c.param("max_level");
-  p.lim_oct_level = c.param("lim_oct_level");
-  p.init_level = c.param("init_level");
-  p.group_mode = c.param("group_mode");
-  p.max_seed = c.param("max_seed");
-  p.use_all_seeds = c.param("use_all_seeds");
-  p.pred_choice = c.param("pred_choice");
-  p.interval_length = c.param("interval_length");
-  p.rejection = c.params.at("rejection");
-  p.sigma = c.params.at("sigma");
-  p.threshold_row = c.param("threshold_row");
-  p.pseudo_factor = c.params.at("pseudo_factor");
-  p.small_size = c.param("small_size");
-  p.statistic_update = c.param("statistic_update");
-  return p;
-}
-
 // The program streams frames to its file as the run makes them; the file must
 // hold, frame for frame, what the library collects in memory without a sink.
 TEST(Conformance, StreamedFramesEqualTheFramesTheLibraryCollects) {
@@ -121,7 +102,7 @@ TEST(Conformance, StreamedFramesEqualTheFramesTheLibraryCollects) {
     const image_view view{c.image.data(), c.size_x, c.size_y, c.size_z};
     options collected;
     collected.line_sink = [](std::string_view) {};
-    const segmentation in_memory = segment(view, parameters_of(c), collected);
+    const segmentation in_memory = segment(view, splitmerge::testing::parameters_of(c), collected);
     ASSERT_EQ(in_memory.status, 0);
     testing::scratch_folder work;
     std::filesystem::copy_file(dir / "input.npy", work / "input.npy");
