@@ -34,22 +34,6 @@ rgb = double(imread(file));
 I = uint8(round(0.299 * rgb(:, :, 1) + 0.587 * rgb(:, :, 2) + 0.114 * rgb(:, :, 3)));
 end
 
-function check(condition, varargin)
-if ~condition
-  error('test:failed', varargin{:});
-end
-end
-
-function err = expect_error(id, f)
-try
-  f();
-catch err
-  check(strcmp(err.identifier, id), 'expected %s, got %s (%s)', id, err.identifier, err.message);
-  return;
-end
-error('test:failed', 'expected %s, the call succeeded', id);
-end
-
 function labels = raw_labels(img, p)
 evalc('labels = splitmerge(img, p{:});');
 end

@@ -47,22 +47,6 @@ function [labels, frames, text] = run_quietly(img, p)
 text = evalc('[labels, frames] = splitmerge(img, p{:});');
 end
 
-function check(condition, varargin)
-if ~condition
-  error('test:failed', varargin{:});
-end
-end
-
-function err = expect_error(id, f)
-try
-  f();
-catch err
-  check(strcmp(err.identifier, id), 'expected %s, got %s (%s)', id, err.identifier, err.message);
-  return;
-end
-error('test:failed', 'expected %s, the call succeeded', id);
-end
-
 function [a, b, c, d] = four_outputs(img, p) %#ok<STOUT>
 [a, b, c, d] = splitmerge(img, p{:});
 end
