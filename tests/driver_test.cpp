@@ -35,6 +35,8 @@ struct run_setup {
   std::string filename = "regions.txt";
   double rejection = 0.2, sigma = 4.0, pseudo_factor = 1.0;
   std::int32_t threads = 1;
+  // Records per arena request: small, so that failures strike mid-phase.
+  std::uint32_t block_chunk = 3, entry_chunk = 5;
 };
 
 struct run_result {
@@ -52,8 +54,8 @@ run_result run(const run_setup& s, std::uint64_t fail_at = 0) {
   run_result r;
   run_context ctx;
   // Small arena chunks: every few records is a request that can fail.
-  ctx.blocks.set_chunk(3);
-  ctx.entries.set_chunk(5);
+  ctx.blocks.set_chunk(s.block_chunk);
+  ctx.entries.set_chunk(s.entry_chunk);
   ctx.threads = s.threads;
   ctx.thread_grain = 1;  // split even the smallest images over the threads
   ctx.out = [&](std::string_view t) { r.printed.append(t); };
@@ -367,6 +369,10 @@ std::vector<sweep_config> sweep_configs(const testing::temp_folder& folder) {
   add("volume chi-square parallel", 8, 4, 3, 1, 2, 4, 1, 5, 1, 1, 20);
   add("volume pseudo-variance sequential", 8, 8, 3, 0, 1, 5, 0, 3, 0, 1, 25);
   add("noisy plane with many frames", 32, 1, 5, 5, 3, 1, 0, 3, 1, 1, 100);
+  // Wide codes (more than 8 levels): larger chunks keep the request count low.
+  add("wide plane with 64-bit codes", 512, 1, 9, 9, 3, 4, 1, 4, 1, 0, 30);
+  configs.back().setup.block_chunk = 1 << 14;
+  configs.back().setup.entry_chunk = 1 << 16;
   return configs;
 }
 
@@ -590,7 +596,7 @@ TEST(Interface, PromiseCollectedRegionsEqualTheRegionListFile) {
   for (const region_record& r : out.regions) {
     std::getline(in, line);
     EXPECT_EQ(line, std::to_string(r.statistics[0]) + " " + std::to_string(r.statistics[1]));
-    for (const std::uint32_t code : r.codes) {
+    for (const std::uint64_t code : r.codes) {
       std::getline(in, line);
       EXPECT_EQ(std::stoul(line, nullptr, 16), code);
     }

@@ -83,7 +83,7 @@ TEST(VarianceTest, SinglePrecisionFailureSplitsTheBlockInAWholeRun) {
   // Every mean is within 10 of 183: one region. The failed block 0x100 is
   // there as its eight sons 0x110..0x180, which pass (variance at most 4).
   ASSERT_EQ(out.regions.size(), 1u);
-  const std::vector<std::uint32_t>& codes = out.regions[0].codes;
+  const std::vector<std::uint64_t>& codes = out.regions[0].codes;
   EXPECT_EQ(std::count(codes.begin(), codes.end(), 0x100u), 0);
   for (std::uint32_t son = 1; son <= 8; ++son)
     EXPECT_EQ(std::count(codes.begin(), codes.end(), 0x100u + (son << 4)), 1) << son;

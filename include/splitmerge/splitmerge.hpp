@@ -99,7 +99,9 @@ struct options {
 
 struct region_record {
   std::int64_t statistics[2] = {0, 0};
-  std::vector<std::uint32_t> codes;       // locational codes of the region's blocks
+  // Locational codes of the region's blocks (64 bits wide for images of more
+  // than 2^8 pixels along an edge; below that every code fits 32 bits).
+  std::vector<std::uint64_t> codes;
   std::vector<std::int32_t> neighbours;   // labels of adjacent regions
 };
 

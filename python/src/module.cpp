@@ -122,12 +122,19 @@ splitmerge::image_view view_of(const py::array& image) {
   return view;
 }
 
-py::list regions_of(std::vector<splitmerge::region_record>&& records) {
+// Codes are uint32 for images of up to 256 pixels along an edge, uint64 above.
+py::list regions_of(std::vector<splitmerge::region_record>&& records, bool wide_codes) {
   py::list out;
   for (auto& r : records) {
     const auto codes = static_cast<py::ssize_t>(r.codes.size());
     const auto neighbours = static_cast<py::ssize_t>(r.neighbours.size());
-    out.append(py::make_tuple(r.statistics[0], r.statistics[1], adopt(std::move(r.codes), {codes}),
+    py::array code_array;
+    if (wide_codes) {
+      code_array = adopt(std::move(r.codes), {codes});
+    } else {
+      code_array = adopt(std::vector<std::uint32_t>(r.codes.begin(), r.codes.end()), {codes});
+    }
+    out.append(py::make_tuple(r.statistics[0], r.statistics[1], code_array,
                               adopt(std::move(r.neighbours), {neighbours})));
   }
   return out;
@@ -174,7 +181,7 @@ py::dict run(const py::array& image, const py::dict& params, bool frames, bool l
   py::list line_list;
   for (const auto& line : result.lines) line_list.append(decoded(line));
   out["lines"] = line_list;
-  out["regions"] = regions_of(std::move(result.regions));
+  out["regions"] = regions_of(std::move(result.regions), view.size_x > 256);
   py::list warning_list;
   for (const auto& w : state.warnings) warning_list.append(decoded(w));
   out["warnings"] = warning_list;

@@ -13,6 +13,7 @@ namespace splitmerge {
 // every kind of request.
 enum class alloc_site : std::uint8_t {
   blocks_perlevel_table,
+  code_table,
   pixels_perblock_table,
   var_thresh_table,
   median_scratch,

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <string_view>
+#include <type_traits>
 
 #include "context/allocator.hpp"
 #include "context/record_arena.hpp"
@@ -77,11 +78,40 @@ class run_context {
   // --- per-run tables ---
   // Pixel offset of each digit at each level: a block's first pixel is the
   // sum over its code's digits, with no decoding of coordinates.
-  std::int32_t digit_offset[8][16] = {};
-  [[nodiscard]] std::int32_t first_pixel(std::uint32_t code) const noexcept {
+  static constexpr std::int32_t offset_levels = 12;
+  std::int32_t digit_offset[offset_levels][16] = {};
+  template <class Code = std::uint32_t>
+  [[nodiscard]] std::int32_t first_pixel(std::type_identity_t<Code> code) const noexcept {
+    constexpr std::int32_t levels =
+        2 * sizeof(Code) < offset_levels ? 2 * sizeof(Code) : offset_levels;
     std::int32_t at = 0;
-    for (std::int32_t l = 0; l < 8; ++l, code >>= 4) at += digit_offset[l][code & 0xFu];
+    for (std::int32_t l = 0; l < levels; ++l, code >>= 4) at += digit_offset[l][code & 0xFu];
     return at;
+  }
+  // Runs of more than 8 levels: the digits of levels 8 to 11 of every block,
+  // by block index (a block's `code` holds those of levels 0 to 7).
+  std::uint16_t* code_high = nullptr;
+  // A block's code at the run's width.
+  template <class Code>
+  [[nodiscard]] Code code_of(const block* b) const noexcept {
+    if constexpr (sizeof(Code) == sizeof(std::uint32_t)) {
+      return b->code;
+    } else {
+      return Code{b->code} | (Code{code_high[id(b)]} << 32);
+    }
+  }
+  template <class Code>
+  void set_code(block* b, std::type_identity_t<Code> code) noexcept {
+    b->code = static_cast<std::uint32_t>(code);
+    if constexpr (sizeof(Code) > sizeof(std::uint32_t))
+      code_high[id(b)] = static_cast<std::uint16_t>(code >> 32);
+  }
+  // Tests: 64-bit codes even for images of up to 8 levels, so that both
+  // widths can be compared on the same runs.
+  bool force_wide_codes = false;
+  // A block's code whatever the run's width.
+  [[nodiscard]] std::uint64_t full_code(const block* b) const noexcept {
+    return code_high == nullptr ? std::uint64_t{b->code} : code_of<std::uint64_t>(b);
   }
   std::int32_t* blocks_perlevel = nullptr;
   std::int32_t* pixels_perblock = nullptr;
@@ -119,6 +149,14 @@ class run_context {
   // --- results that callers of the C++ interface may ask for ---
   std::function<void(regionlist)> inspect_regions;  // called before the region list file
 };
+
+// Calls f with the run's code width: f(std::uint32_t{}) for runs of up to 8
+// levels, f(std::uint64_t{}) for wider ones.
+template <class F>
+decltype(auto) with_code_width(const run_context& ctx, F&& f) {
+  if (ctx.code_high != nullptr) return f(std::uint64_t{});
+  return f(std::uint32_t{});
+}
 
 template <class T>
 T* create_array(run_context& ctx, std::size_t n, alloc_site site) noexcept {

@@ -117,11 +117,14 @@ void smg_dfill_block(run_context& ctx, std::int32_t column, std::int32_t row, st
 }
 
 void smg_dfill_region(run_context& ctx, std::int32_t value, const block* head) noexcept {
-  for (const block* b = head; b != nullptr; b = ctx.block_at(b->next_block)) {
-    const std::int32_t lvl = level(ctx, b->code);
-    smg_dfill_block(ctx, coordinates(ctx, b->code, lvl), sizes_block(ctx, lvl),
-                    static_cast<std::uint32_t>(value));
-  }
+  with_code_width(ctx, [&]<class Code>(Code) {
+    for (const block* b = head; b != nullptr; b = ctx.block_at(b->next_block)) {
+      const Code code = ctx.code_of<Code>(b);
+      const std::int32_t lvl = level<Code>(ctx, code);
+      smg_dfill_block(ctx, coordinates<Code>(ctx, code, lvl), sizes_block(ctx, lvl),
+                      static_cast<std::uint32_t>(value));
+    }
+  });
   smg_display_im(ctx);
 }
 
@@ -131,8 +134,11 @@ void hand_over_last_frame(run_context& ctx) noexcept {
 }
 
 std::int32_t frame_colour_at(const run_context& ctx, const block* head) noexcept {
-  const block_position p = coordinates(ctx, head->code, level(ctx, head->code));
-  return ctx.smg_disp_cur->pixels[p.first_pixel()];
+  const std::int32_t at = with_code_width(ctx, [&]<class Code>(Code) {
+    const Code code = ctx.code_of<Code>(head);
+    return coordinates<Code>(ctx, code, level<Code>(ctx, code)).first_pixel();
+  });
+  return ctx.smg_disp_cur->pixels[at];
 }
 
 }  // namespace splitmerge

@@ -22,11 +22,16 @@ void free_variables(run_context& ctx) noexcept {
   ctx.var_thresh = nullptr;
   ctx.allocator.release(ctx.hulp_array);
   ctx.hulp_array = nullptr;
+  ctx.allocator.release(ctx.code_high);
+  ctx.code_high = nullptr;
 }
 
-list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
+namespace {
+
+template <class Code>
+list_result<regionlist> split_merge_at(run_context& ctx, std::int32_t display) {
   using result = list_result<regionlist>;
-  const auto built = init_blocklist(ctx);
+  const auto built = init_blocklist<Code>(ctx);
   if (display != 0) init_smg_display(ctx);
   ctx.phase_status = check_pointer(built);
   if (ctx.phase_status != 0) return result::failure(ctx.phase_status);
@@ -34,9 +39,9 @@ list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
   ctx.print("finished initialisation\n");
 
   if (display != 0) {
-    smg_merge_disp(ctx, list);
+    smg_merge_disp<Code>(ctx, list);
   } else {
-    smg_merge(ctx, list);
+    smg_merge<Code>(ctx, list);
   }
   ctx.print("finished merging\n");
   if (ctx.interrupt_requested()) {
@@ -47,13 +52,13 @@ list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
   block* first = list[0];
   if (first->next_block == 0) {
     // The whole image is one homogeneous block.
-    make_one_region(ctx, first);
+    make_one_region<Code>(ctx, first);
     ctx.allocator.release(list);
     ctx.print("finished calculating region\n");
     return result{first, 0};
   }
 
-  ctx.phase_status = display != 0 ? smg_split_disp(ctx, list) : smg_split(ctx, list);
+  ctx.phase_status = display != 0 ? smg_split_disp<Code>(ctx, list) : smg_split<Code>(ctx, list);
   if (check_pointer(ctx.phase_status) != 0) return result::failure(ctx.phase_status);
   ctx.print("finished splitting\n");
   if (ctx.interrupt_requested()) {
@@ -61,7 +66,7 @@ list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
     return result::failure(status_interrupted);
   }
 
-  const auto regions = group_init(ctx, list);
+  const auto regions = group_init<Code>(ctx, list);
   ctx.phase_status = check_pointer(regions);
   if (ctx.phase_status != 0) return result::failure(ctx.phase_status);
   regionlist head = regions.value;
@@ -111,6 +116,13 @@ list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
   return sorted;
 }
 
+}  // namespace
+
+list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
+  return with_code_width(ctx,
+                         [&]<class Code>(Code) { return split_merge_at<Code>(ctx, display); });
+}
+
 std::int32_t prepare_run(run_context& ctx, const run_arguments& a) {
   ctx.my_image = a.image;
   ctx.smg_img_size = a.size_y * a.size_x * a.size_z;
@@ -143,6 +155,16 @@ std::int32_t prepare_run(run_context& ctx, const run_arguments& a) {
   ctx.entries.set_capacity(7 * voxels + 64);
 
   if (fill_blocks_per_level(ctx) != 0) return status_no_memory;
+  if (ctx.max_level > narrow_code_levels || ctx.force_wide_codes) {
+    // The high digits of every block the arena can hold; pages become memory
+    // only as blocks are made.
+    ctx.code_high = static_cast<std::uint16_t*>(ctx.allocator.allocate_uninitialised(
+        (voxels + 64 + 1) * sizeof(std::uint16_t), alloc_site::code_table));
+    if (ctx.code_high == nullptr) {
+      free_variables(ctx);
+      return status_no_memory;
+    }
+  }
   if (fill_pixels_per_block(ctx) != 0) {
     free_variables(ctx);
     return status_no_memory;

@@ -34,7 +34,7 @@ std::vector<region_record> collect(const run_context& ctx, regionlist head) {
     r.statistics[0] = h->variables[0];
     r.statistics[1] = h->variables[1];
     for (const block* b = h; b != nullptr; b = ctx.block_at(b->next_block))
-      r.codes.push_back(b->code);
+      r.codes.push_back(ctx.full_code(b));
     out.push_back(std::move(r));
     kept.push_back(h->variables[0]);
   }

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "driver/driver.hpp"
+#include "geometry/geometry.hpp"
 
 namespace splitmerge {
 
@@ -18,11 +19,18 @@ std::string describe(const char* name, double value, const std::string& allowed)
 }  // namespace
 
 std::string validate_parameters(const run_arguments& a) {
-  if (a.max_level < 1 || a.max_level > 8)
-    return describe("max_level", a.max_level, "must be 1 to 8");
+  if (a.max_level < 1 || a.max_level > max_levels_2d)
+    return describe("max_level", a.max_level,
+                    "must be 1 to " + std::to_string(max_levels_2d) + " (1 to " +
+                        std::to_string(max_levels_3d) + " for a volume)");
   if (a.lim_oct_level < 0 || a.lim_oct_level > a.max_level)
     return describe("lim_oct_level", a.lim_oct_level,
                     "must be 0 to max_level (" + std::to_string(a.max_level) + ")");
+  if (a.lim_oct_level < a.max_level && a.max_level > max_levels_3d)
+    return describe("max_level", a.max_level,
+                    "must be at most " + std::to_string(max_levels_3d) +
+                        " for a volume (an edge of " + std::to_string(1 << max_levels_3d) +
+                        " voxels); only 2-D images go up to " + std::to_string(max_levels_2d));
   if (a.init_level < 0 || a.init_level > a.max_level - 1)
     return describe("init_level", a.init_level,
                     "must be 0 to max_level - 1 (" + std::to_string(a.max_level - 1) + ")");

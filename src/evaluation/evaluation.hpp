@@ -44,6 +44,7 @@ std::int32_t find_median(run_context& ctx, std::int32_t column_start, std::int32
 // --- region statistics and merge predicates ---
 std::int32_t update_evalvar(const run_context& ctx, const block* child, std::int64_t& acc0,
                             std::int64_t& acc1, std::int32_t k, std::int32_t lvl) noexcept;
+template <class Code = std::uint32_t>
 void calc_eval_var_region(const run_context& ctx, block* head) noexcept;
 std::int32_t eval_grow(const run_context& ctx, const block* region, block* candidate) noexcept;
 // Whether candidate would join region, without marking it.

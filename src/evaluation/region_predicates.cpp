@@ -29,12 +29,14 @@ std::int32_t update_evalvar(const run_context& ctx, const block* child, std::int
   return evaluation_block(ctx, acc0, acc1, lvl + 1);
 }
 
+template <class Code>
 void calc_eval_var_region(const run_context& ctx, block* head) noexcept {
   if (ctx.pred_choice == 4 || ctx.pred_choice == 5) {
-    head->variables[1] = ctx.pixels_perblock[level(ctx, head->code)];
+    head->variables[1] = ctx.pixels_perblock[level<Code>(ctx, ctx.code_of<Code>(head))];
   } else if (ctx.pred_choice == 2) {
-    const std::int32_t lvl = level(ctx, head->code);
-    const block_position p = coordinates(ctx, head->code, lvl);
+    const Code code = ctx.code_of<Code>(head);
+    const std::int32_t lvl = level<Code>(ctx, code);
+    const block_position p = coordinates<Code>(ctx, code, lvl);
     const block_extent e = sizes_block(ctx, lvl);
     std::int64_t sum = 0;
     for (std::int32_t s = p.slice; s < p.slice + e.slice_span; s += ctx.voxels_slice)
@@ -47,6 +49,9 @@ void calc_eval_var_region(const run_context& ctx, block* head) noexcept {
   }
   head->status = 0;
 }
+
+template void calc_eval_var_region<std::uint32_t>(const run_context&, block*) noexcept;
+template void calc_eval_var_region<std::uint64_t>(const run_context&, block*) noexcept;
 
 bool joins_region(const run_context& ctx, const block* region, const block* candidate) noexcept {
   bool joins;

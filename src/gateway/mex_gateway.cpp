@@ -77,16 +77,22 @@ mxArray* row_of(mxClassID class_id, const T* values, std::size_t count) {
   return a;
 }
 
-// Output 2: one struct per region, in label order.
-mxArray* regions_output(const std::vector<region_record>& regions) {
+// Output 2: one struct per region, in label order. Codes are uint32 for
+// images of up to 256 pixels along an edge and uint64 above.
+mxArray* regions_output(const std::vector<region_record>& regions, bool wide_codes) {
   const char* fields[] = {"statistics", "codes", "neighbours"};
   owned_array out(mxCreateStructMatrix(1, static_cast<mwSize>(regions.size()), 3, fields));
   for (std::size_t k = 0; k < regions.size(); ++k) {
     const region_record& region = regions[k];
     const auto index = static_cast<mwIndex>(k);
     mxSetField(out.get(), index, "statistics", row_of(mxINT64_CLASS, region.statistics, 2));
-    mxSetField(out.get(), index, "codes",
-               row_of(mxUINT32_CLASS, region.codes.data(), region.codes.size()));
+    if (wide_codes) {
+      mxSetField(out.get(), index, "codes",
+                 row_of(mxUINT64_CLASS, region.codes.data(), region.codes.size()));
+    } else {
+      const std::vector<std::uint32_t> narrow(region.codes.begin(), region.codes.end());
+      mxSetField(out.get(), index, "codes", row_of(mxUINT32_CLASS, narrow.data(), narrow.size()));
+    }
     mxSetField(out.get(), index, "neighbours",
                row_of(mxINT32_CLASS, region.neighbours.data(), region.neighbours.size()));
   }
@@ -135,7 +141,8 @@ void segment_call(int nlhs, mxArray* plhs[], const call& c, call_settings& setti
   std::copy(result.labels.begin(), result.labels.end(),
             static_cast<std::int32_t*>(mxGetData(labels.get())));
   // Only the slots the host provides: max(nlhs, 1).
-  owned_array regions(nlhs >= 3 ? regions_output(result.regions) : nullptr);
+  const bool wide_codes = c.image.size_x > 256;  // more than 8 levels
+  owned_array regions(nlhs >= 3 ? regions_output(result.regions, wide_codes) : nullptr);
   if (want_frames) {
     owned_array frames(frames_output(store, c, r));
     if (r.failed()) return;

@@ -6,32 +6,35 @@
 
 namespace splitmerge {
 
-std::int32_t level(const run_context& ctx, std::uint32_t code) noexcept {
+template <class Code>
+std::int32_t level(const run_context& ctx, std::type_identity_t<Code> code) noexcept {
   if (code == 0) return ctx.max_level;
   // Number of zero nibbles below the lowest non-zero one.
   return std::countr_zero(code) / 4;
 }
 
-std::uint32_t entry(const run_context& ctx, std::uint32_t code) noexcept {
-  if (ctx.init_level >= 8) return 0;
-  std::uint32_t v = code >> (4 * ctx.init_level);
+template <class Code>
+std::uint32_t entry(const run_context& ctx, std::type_identity_t<Code> code) noexcept {
+  if (ctx.init_level >= code_digits<Code>) return 0;
+  Code v = code >> (4 * ctx.init_level);
   std::uint32_t sum = 0;
   std::uint32_t weight = 1;
   for (std::int32_t l = ctx.init_level; v != 0; ++l, v >>= 4) {
-    const std::uint32_t n = v & 0xFu;
+    const auto n = static_cast<std::uint32_t>(v & 0xFu);
     if (n != 0) sum += (n - 1) * weight;
     weight *= static_cast<std::uint32_t>(ctx.blocks_perlevel[l]);
   }
   return sum;
 }
 
-std::uint32_t next_code(const run_context& ctx, std::uint32_t code, std::int32_t lvl) noexcept {
+template <class Code>
+Code next_code(const run_context& ctx, std::type_identity_t<Code> code, std::int32_t lvl) noexcept {
   if (lvl >= ctx.max_level) return 0;
-  const std::uint32_t c = code & level_mask[lvl];
+  const Code c = code & level_mask<Code>[lvl];
   const std::uint32_t n = nibble(c, lvl);
-  const std::uint32_t one = 1u << (4 * lvl);
+  const Code one = Code{1} << (4 * lvl);
   if (n != static_cast<std::uint32_t>(ctx.blocks_perlevel[lvl])) return c + one;
-  const std::uint32_t r = next_code(ctx, c, lvl + 1);
+  const Code r = next_code<Code>(ctx, c, lvl + 1);
   return r == 0 ? 0 : r + one;
 }
 
@@ -44,7 +47,9 @@ block_extent sizes_block(const run_context& ctx, std::int32_t lvl) noexcept {
   return e;
 }
 
-block_position coordinates(const run_context& ctx, std::uint32_t code, std::int32_t lvl) noexcept {
+template <class Code>
+block_position coordinates(const run_context& ctx, std::type_identity_t<Code> code,
+                           std::int32_t lvl) noexcept {
   block_position p;
   std::int32_t x = 0;
   std::int32_t y = 0;
@@ -64,7 +69,7 @@ block_position coordinates(const run_context& ctx, std::uint32_t code, std::int3
 }
 
 void fill_digit_offsets(run_context& ctx) noexcept {
-  for (std::int32_t j = 0; j < 8; ++j)
+  for (std::int32_t j = 0; j < run_context::offset_levels; ++j)
     for (std::uint32_t n = 0; n < 16; ++n) {
       std::int32_t at = 0;
       if (j < ctx.max_level && n != 0) {
@@ -99,5 +104,14 @@ std::int32_t fill_pixels_per_block(run_context& ctx) noexcept {
   }
   return 0;
 }
+
+#define SPLITMERGE_GEOMETRY_FOR(Code)                                                    \
+  template std::int32_t level<Code>(const run_context&, Code) noexcept;                 \
+  template std::uint32_t entry<Code>(const run_context&, Code) noexcept;                \
+  template Code next_code<Code>(const run_context&, Code, std::int32_t) noexcept;       \
+  template block_position coordinates<Code>(const run_context&, Code, std::int32_t) noexcept;
+SPLITMERGE_GEOMETRY_FOR(std::uint32_t)
+SPLITMERGE_GEOMETRY_FOR(std::uint64_t)
+#undef SPLITMERGE_GEOMETRY_FOR
 
 }  // namespace splitmerge

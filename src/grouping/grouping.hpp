@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "context/run_context.hpp"
 #include "records/records.hpp"
@@ -12,9 +13,13 @@ namespace splitmerge {
 
 class run_context;
 
+// The phases and helpers that read codes take the run's code width (see
+// geometry.hpp).
+template <class Code = std::uint32_t>
 list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept;
-std::uint32_t find_adjacent(const run_context& ctx, std::uint32_t code, std::int32_t lvl,
-                            std::int32_t axis) noexcept;
+template <class Code = std::uint32_t>
+Code find_adjacent(const run_context& ctx, std::type_identity_t<Code> code, std::int32_t lvl,
+                   std::int32_t axis) noexcept;
 
 // Where the neighbours found for one block go: consecutive block indices.
 struct pair_sink {
@@ -27,9 +32,10 @@ struct pair_sink {
 // of each initial-level cell's first leaf. Codes increase strictly along the
 // chain, so the leaf that holds or starts a code is found by a binary search
 // within its cell instead of a walk along the chain.
+template <class Code = std::uint32_t>
 struct leaf_index {
   block** leaves = nullptr;
-  std::uint32_t* codes = nullptr;
+  Code* codes = nullptr;
   std::uint32_t* cell_start = nullptr;
   // For every cell, the nearest slot at or below it that holds a block: the
   // cell's own slot, or that of the larger block covering it.
@@ -37,20 +43,36 @@ struct leaf_index {
   std::size_t count = 0;
 
   // The first leaf from `from` on whose code is not below a, before `limit`.
-  [[nodiscard]] std::size_t lower_bound(std::uint32_t a, std::size_t from,
-                                        std::size_t limit) const noexcept;
+  [[nodiscard]] std::size_t lower_bound(Code a, std::size_t from,
+                                        std::size_t limit) const noexcept {
+    std::size_t lo = from;
+    std::size_t hi = limit;
+    while (lo < hi) {
+      const std::size_t mid = lo + (hi - lo) / 2;
+      if (codes[mid] < a) {
+        lo = mid + 1;
+      } else {
+        hi = mid;
+      }
+    }
+    return lo;
+  }
 };
 
 // The neighbours of leaf number `position` (of level lvl) that precede it
 // along one axis, in the order they touch it. Reads only the tree, so
 // several threads may look for the neighbours of different leaves at once.
-void pair_along(const run_context& ctx, blocklist list, const leaf_index& index,
+template <class Code = std::uint32_t>
+void pair_along(const run_context& ctx, blocklist list, const leaf_index<Code>& index,
                 std::size_t position, std::int32_t lvl, std::int32_t axis,
                 pair_sink& sink) noexcept;
+template <class Code = std::uint32_t>
 block* find_smaller_nbxy(const run_context& ctx, block* p, blocklist list, std::int32_t lvl,
                          std::int32_t axis, pair_sink& sink) noexcept;
+template <class Code = std::uint32_t>
 block* find_smaller_nbz(const run_context& ctx, block* p, blocklist list, std::int32_t lvl,
                         pair_sink& sink) noexcept;
+template <class Code = std::uint32_t>
 block* make_one_region(run_context& ctx, block* b) noexcept;
 
 // Follows absorbed regions to their absorbers until the entry names a live

@@ -28,10 +28,11 @@ struct pair_table {
 
 // Orders the leaves into the region list (largest level first, chain order
 // within a level) and makes each a region of its own.
+template <class Code>
 void make_initial_regions(run_context& ctx, block* first, block** table, block*& head) {
   for (block* cur = first; cur != nullptr; cur = ctx.block_at(cur->next_block)) {
-    calc_eval_var_region(ctx, cur);
-    const std::int32_t lvl = level(ctx, cur->code);
+    calc_eval_var_region<Code>(ctx, cur);
+    const std::int32_t lvl = level<Code>(ctx, ctx.code_of<Code>(cur));
     cur->region_pointer = ctx.id(cur);
     cur->pixels = static_cast<std::uint32_t>(ctx.pixels_perblock[lvl]);
     if (cur == first) {
@@ -53,12 +54,13 @@ void make_initial_regions(run_context& ctx, block* first, block** table, block*&
   }
 }
 
+template <class Code>
 void fill_leaf_index(const run_context& ctx, blocklist list, block* first, std::size_t cells,
-                     leaf_index& index) {
+                     leaf_index<Code>& index) {
   std::size_t i = 0;
   for (block* b = first; b != nullptr; b = ctx.block_at(b->next_block), ++i) {
     index.leaves[i] = b;
-    index.codes[i] = b->code;
+    index.codes[i] = ctx.code_of<Code>(b);
   }
   // Empty slots lie inside a block that starts earlier; they are never searched.
   i = 0;
@@ -75,7 +77,8 @@ void fill_leaf_index(const run_context& ctx, blocklist list, block* first, std::
 // Finds the lower neighbours of every leaf. A leaf finds at most three times
 // its pixel count (one neighbour per pixel face on each lower side), so part
 // t writes from three times the pixels of the leaves before it on.
-void find_pairs(const run_context& ctx, blocklist list, const leaf_index& index,
+template <class Code>
+void find_pairs(const run_context& ctx, blocklist list, const leaf_index<Code>& index,
                 const std::size_t* part_start, std::size_t parts, pair_table& pairs) {
   run_parts(parts, [&](std::size_t t) {
     const std::size_t begin = part_begin(index.count, parts, t);
@@ -85,9 +88,9 @@ void find_pairs(const run_context& ctx, blocklist list, const leaf_index& index,
       pairs.found_begin[p] = static_cast<std::uint32_t>(at);
       pair_sink sink{pairs.found + at, 0};
       if (p != 0) {
-        const std::int32_t lvl = level(ctx, index.leaves[p]->code);
+        const std::int32_t lvl = level<Code>(ctx, index.codes[p]);
         for (std::int32_t axis = 0; axis < 3; ++axis)
-          pair_along(ctx, list, index, p, lvl, axis, sink);
+          pair_along<Code>(ctx, list, index, p, lvl, axis, sink);
       }
       pairs.found_count[p] = sink.count;
       at += sink.count;
@@ -96,7 +99,8 @@ void find_pairs(const run_context& ctx, blocklist list, const leaf_index& index,
 }
 
 // Lays out every list as one run of entries starting at `base`.
-void place_lists(run_context& ctx, const leaf_index& index, pair_table& pairs, entry_id base) {
+template <class Code>
+void place_lists(run_context& ctx, const leaf_index<Code>& index, pair_table& pairs, entry_id base) {
   nb_node* entries = base == 0 ? nullptr : ctx.entry_at(base) - base;
   entry_id at = base;
   for (std::size_t p = 0; p < index.count; ++p) {
@@ -127,6 +131,7 @@ void place_lists(run_context& ctx, const leaf_index& index, pair_table& pairs, e
 
 }  // namespace
 
+template <class Code>
 list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   block* first = list[0];
   auto table =
@@ -138,21 +143,21 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   };
   if (table == nullptr) return fail(nullptr);
   block* head = nullptr;
-  make_initial_regions(ctx, first, table, head);
+  make_initial_regions<Code>(ctx, first, table, head);
 
-  leaf_index index;
+  leaf_index<Code> index;
   for (const block* b = first; b != nullptr; b = ctx.block_at(b->next_block)) ++index.count;
   const auto cells =
       static_cast<std::size_t>(ctx.voxels_image / ctx.pixels_perblock[ctx.init_level]);
   const std::size_t ids = ctx.blocks.end();
   auto* scratch = static_cast<std::uint32_t*>(ctx.allocator.allocate_uninitialised(
-      index.count * (sizeof(block*) + 3 * sizeof(std::uint32_t)) +
+      index.count * (sizeof(block*) + sizeof(Code) + 2 * sizeof(std::uint32_t)) +
           (2 * cells + ids) * sizeof(std::uint32_t),
       alloc_site::leaf_index));
   if (scratch == nullptr) return fail(nullptr);
   index.leaves = reinterpret_cast<block**>(scratch);
-  index.codes = reinterpret_cast<std::uint32_t*>(index.leaves + index.count);
-  index.cell_start = index.codes + index.count;
+  index.codes = reinterpret_cast<Code*>(index.leaves + index.count);
+  index.cell_start = reinterpret_cast<std::uint32_t*>(index.codes + index.count);
   index.covering_slot = index.cell_start + cells;
   pair_table pairs;
   pairs.found_begin = index.covering_slot + cells;
@@ -169,7 +174,7 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
     std::size_t t = 1;
     for (std::size_t p = 0; p < index.count && t < parts; ++p) {
       if (p == part_begin(index.count, parts, t)) part_start[t++] = 3 * pixels;
-      pixels += static_cast<std::size_t>(ctx.pixels_perblock[level(ctx, index.leaves[p]->code)]);
+      pixels += static_cast<std::size_t>(ctx.pixels_perblock[level<Code>(ctx, index.codes[p])]);
     }
   }
   // Only what is written becomes memory: the bound is rarely reached.
@@ -201,5 +206,8 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   ctx.phase_status = 0;
   return list_result<regionlist>{head, 0};
 }
+
+template list_result<regionlist> group_init<std::uint32_t>(run_context&, blocklist) noexcept;
+template list_result<regionlist> group_init<std::uint64_t>(run_context&, blocklist) noexcept;
 
 }  // namespace splitmerge

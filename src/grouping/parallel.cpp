@@ -64,9 +64,14 @@ bool seed_turn(run_context& ctx, seed_table& seeds, block* s) {
 
 template <bool Display>
 list_result<regionlist> parallel_phase(run_context& ctx, regionlist head) {
-  const std::int32_t head_level = level(ctx, head->code);
+  const auto level_of = [&](const block* x) {
+    return with_code_width(ctx, [&]<class Code>(Code) {
+      return level<Code>(ctx, ctx.code_of<Code>(x));
+    });
+  };
+  const std::int32_t head_level = level_of(head);
   const auto takes_seed = [&](const block* x) {
-    return ctx.use_all_seeds != 0 || level(ctx, x->code) == head_level;
+    return ctx.use_all_seeds != 0 || level_of(x) == head_level;
   };
   // A run never has more seeds than regions: size the table by what it takes.
   std::int32_t wanted = 1;

@@ -9,12 +9,14 @@ namespace splitmerge {
 
 namespace {
 
+template <class Code>
 void fill_block(const run_context& ctx, const block& b, std::int32_t label,
                 std::int32_t* output) noexcept {
-  const std::int32_t lvl = level(ctx, b.code);
+  const Code code = ctx.code_of<Code>(&b);
+  const std::int32_t lvl = level<Code>(ctx, code);
   const std::int32_t side = 1 << lvl;
   const std::int32_t slices = lvl > ctx.lim_oct_level ? 1 << (lvl - ctx.lim_oct_level) : 1;
-  std::int32_t* slice = output + ctx.first_pixel(b.code);
+  std::int32_t* slice = output + ctx.first_pixel<Code>(code);
   for (std::int32_t s = 0; s < slices; ++s, slice += ctx.voxels_slice) {
     std::int32_t* row = slice;
     for (std::int32_t r = 0; r < side; ++r, row += ctx.im_format_xy)
@@ -22,9 +24,8 @@ void fill_block(const run_context& ctx, const block& b, std::int32_t label,
   }
 }
 
-}  // namespace
-
-void make_output(const run_context& ctx, regionlist head, std::int32_t* output) noexcept {
+template <class Code>
+void label_regions(const run_context& ctx, regionlist head, std::int32_t* output) noexcept {
   if (head->next_region == 0) {
     const auto n = static_cast<std::size_t>(ctx.im_format_xy) *
                    static_cast<std::size_t>(ctx.im_format_xy) *
@@ -56,8 +57,14 @@ void make_output(const run_context& ctx, regionlist head, std::int32_t* output) 
     for (const block* h = part_head[t]; h != part_head[t + 1];
          h = ctx.block_at(h->next_region), ++label)
       for (const block* b = h; b != nullptr; b = ctx.block_at(b->next_block))
-        fill_block(ctx, *b, label, output);
+        fill_block<Code>(ctx, *b, label, output);
   });
+}
+
+}  // namespace
+
+void make_output(const run_context& ctx, regionlist head, std::int32_t* output) noexcept {
+  with_code_width(ctx, [&]<class Code>(Code) { label_regions<Code>(ctx, head, output); });
 }
 
 }  // namespace splitmerge

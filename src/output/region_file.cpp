@@ -38,7 +38,7 @@ std::int32_t save_regionlist(run_context& ctx, regionlist head, const char* path
     const block* h = saved[i].head;
     std::fprintf(file, "%" PRId64 " %" PRId64 "\n", saved[i].value, h->variables[1]);
     for (const block* b = h; b != nullptr; b = ctx.block_at(b->next_block))
-      std::fprintf(file, "%x\n", static_cast<unsigned>(b->code));
+      std::fprintf(file, "%" PRIx64 "\n", ctx.full_code(b));
     std::fprintf(file, "%d\n", 0);
     for (const nb_node* e = ctx.entry_at(h->nb_pointers[0]); e != nullptr;
          e = ctx.entry_at(e->next))

@@ -104,7 +104,7 @@ void print_region(run_context& ctx, const block& b) {
   char line[128];
   // Links are indices into the run's arenas; they are printed as such.
   const auto low = [](std::uint32_t link) { return static_cast<unsigned>(link); };
-  std::snprintf(line, sizeof line, "code = %x\n", static_cast<unsigned>(b.code));
+  std::snprintf(line, sizeof line, "code = %" PRIx64 "\n", ctx.full_code(&b));
   ctx.print(line);
   std::snprintf(line, sizeof line, "variables = %" PRId64 ", %" PRId64 "\n", b.variables[0],
                 b.variables[1]);

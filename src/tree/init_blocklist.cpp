@@ -6,20 +6,21 @@
 
 namespace splitmerge {
 
+template <class Code>
 list_result<blocklist> init_blocklist(run_context& ctx) noexcept {
   const std::int32_t cells = ctx.voxels_image / ctx.pixels_perblock[ctx.init_level];
   const block_extent extent = sizes_block(ctx, ctx.init_level);
   auto list = create_array<block*>(ctx, static_cast<std::size_t>(cells), alloc_site::block_list);
   if (list == nullptr) return list_result<blocklist>::failure(status_no_memory);
 
-  std::uint32_t code = 0;
-  for (std::int32_t l = ctx.init_level; l < ctx.max_level; ++l) code |= 1u << (4 * l);
+  Code code = 0;
+  for (std::int32_t l = ctx.init_level; l < ctx.max_level; ++l) code |= Code{1} << (4 * l);
   block* first = new_block(ctx);
   if (first == nullptr) {
     ctx.allocator.release(list);
     return list_result<blocklist>::failure(status_no_memory);
   }
-  first->code = code;
+  ctx.set_code<Code>(first, code);
   list[0] = first;
 
   const auto n = static_cast<std::int32_t>(ctx.blocks_perlevel[ctx.init_level]);
@@ -32,9 +33,10 @@ list_result<blocklist> init_blocklist(run_context& ctx) noexcept {
     }
     prev->next_block = ctx.id(b);
     const std::int32_t digit = i % n;
-    b->code = digit != 0 ? changed_code(static_cast<std::uint32_t>(digit) + 1, ctx.init_level,
-                                        prev->code)
-                         : next_code(ctx, prev->code, ctx.init_level);
+    const Code prev_code = ctx.code_of<Code>(prev);
+    ctx.set_code<Code>(b, digit != 0 ? changed_code<Code>(static_cast<std::uint32_t>(digit) + 1,
+                                                          ctx.init_level, prev_code)
+                                     : next_code<Code>(ctx, prev_code, ctx.init_level));
     list[i] = b;
     prev = b;
   }
@@ -51,10 +53,13 @@ list_result<blocklist> init_blocklist(run_context& ctx) noexcept {
                       thread_count(ctx.threads), 64 * ctx.thread_grain);
   run_parts(parts, [&](std::size_t t) {
     for (std::size_t i = part_begin(count, parts, t); i < part_begin(count, parts, t + 1); ++i)
-      calc_evalvar(ctx, coordinates(ctx, list[i]->code, ctx.init_level), extent, ctx.init_level,
+      calc_evalvar(ctx, coordinates<Code>(ctx, ctx.code_of<Code>(list[i]), ctx.init_level), extent, ctx.init_level,
                    list[i]);
   });
   return list_result<blocklist>{list, 0};
 }
+
+template list_result<blocklist> init_blocklist<std::uint32_t>(run_context&) noexcept;
+template list_result<blocklist> init_blocklist<std::uint64_t>(run_context&) noexcept;
 
 }  // namespace splitmerge

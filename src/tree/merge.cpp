@@ -10,9 +10,10 @@ namespace {
 
 // Replaces the group g..last (n blocks of level lvl) by their parent, kept in
 // g's record.
+template <class Code>
 void merge_group(run_context& ctx, blocklist list, block* g, block* last, std::int32_t lvl,
                  std::int32_t n, std::uint32_t stride, std::int64_t acc0, std::int64_t acc1) {
-  g->code = changed_code(0, lvl, g->code);
+  ctx.set_code<Code>(g, changed_code<Code>(0, lvl, ctx.code_of<Code>(g)));
   g->variables[0] = acc0;
   g->variables[1] = acc1;
   block* child = ctx.block_at(g->next_block);
@@ -22,11 +23,11 @@ void merge_group(run_context& ctx, blocklist list, block* g, block* last, std::i
     release_block(ctx, child);
     child = next;
   }
-  const std::uint32_t e = entry(ctx, g->code);
+  const std::uint32_t e = entry<Code>(ctx, ctx.code_of<Code>(g));
   for (std::int32_t j = 1; j < n; ++j) list[e + static_cast<std::uint32_t>(j) * stride] = nullptr;
 }
 
-template <bool Display>
+template <class Code, bool Display>
 void merge_phase(run_context& ctx, blocklist list) noexcept {
   std::uint32_t stride = 1;
   for (std::int32_t lvl = ctx.init_level;; ++lvl) {
@@ -38,17 +39,18 @@ void merge_phase(run_context& ctx, blocklist list) noexcept {
     std::int64_t acc0 = 0;
     std::int64_t acc1 = 0;
     while (b != nullptr) {
-      if (level(ctx, b->code) == lvl) {
+      if (level<Code>(ctx, ctx.code_of<Code>(b)) == lvl) {
         ++k;
         if (update_evalvar(ctx, b, acc0, acc1, k, lvl) != 0) {
           if (k < n) {
             b = ctx.block_at(b->next_block);
             continue;
           }
-          merge_group(ctx, list, g, b, lvl, n, stride, acc0, acc1);
+          merge_group<Code>(ctx, list, g, b, lvl, n, stride, acc0, acc1);
           if constexpr (Display) {
-            smg_dfill_block(ctx, coordinates(ctx, g->code, lvl + 1), sizes_block(ctx, lvl + 1),
-                            nibble(g->code, lvl + 1));
+            const Code code = ctx.code_of<Code>(g);
+            smg_dfill_block(ctx, coordinates<Code>(ctx, code, lvl + 1),
+                            sizes_block(ctx, lvl + 1), nibble(code, lvl + 1));
             smg_display_im(ctx);
           }
           merged = true;
@@ -60,9 +62,9 @@ void merge_phase(run_context& ctx, blocklist list) noexcept {
         }
       }
       // Give up the group: jump to the first block of the next cell.
-      const std::uint32_t c = next_code(ctx, b->code, lvl + 1);
+      const Code c = next_code<Code>(ctx, ctx.code_of<Code>(b), lvl + 1);
       if (c == 0) break;
-      g = list[entry(ctx, c)];
+      g = list[entry<Code>(ctx, c)];
       b = g;
       k = 0;
       acc0 = acc1 = 0;
@@ -74,7 +76,18 @@ void merge_phase(run_context& ctx, blocklist list) noexcept {
 
 }  // namespace
 
-void smg_merge(run_context& ctx, blocklist list) noexcept { merge_phase<false>(ctx, list); }
-void smg_merge_disp(run_context& ctx, blocklist list) noexcept { merge_phase<true>(ctx, list); }
+template <class Code>
+void smg_merge(run_context& ctx, blocklist list) noexcept {
+  merge_phase<Code, false>(ctx, list);
+}
+template <class Code>
+void smg_merge_disp(run_context& ctx, blocklist list) noexcept {
+  merge_phase<Code, true>(ctx, list);
+}
+
+template void smg_merge<std::uint32_t>(run_context&, blocklist) noexcept;
+template void smg_merge<std::uint64_t>(run_context&, blocklist) noexcept;
+template void smg_merge_disp<std::uint32_t>(run_context&, blocklist) noexcept;
+template void smg_merge_disp<std::uint64_t>(run_context&, blocklist) noexcept;
 
 }  // namespace splitmerge

@@ -8,16 +8,16 @@ namespace splitmerge {
 
 namespace {
 
-template <bool Display>
+template <class Code, bool Display>
 std::int32_t sons_of(run_context& ctx, block* b, std::int32_t lvl, block_position at,
                      block_extent extent) noexcept {
   const block_extent son_extent{
       extent.side / 2, extent.row_span / 2,
       lvl >= ctx.lim_oct_level ? extent.slice_span / 2 : extent.slice_span};
   const std::int32_t n = ctx.blocks_perlevel[lvl];
-  const std::uint32_t parent_code = b->code;
+  const Code parent_code = ctx.code_of<Code>(b);
   const block_id successor = b->next_block;
-  b->code = changed_code(1, lvl, parent_code);
+  ctx.set_code<Code>(b, changed_code<Code>(1, lvl, parent_code));
 
   const auto position_of = [&](std::int32_t k) {
     const std::int32_t d = k - 1;
@@ -46,7 +46,7 @@ std::int32_t sons_of(run_context& ctx, block* b, std::int32_t lvl, block_positio
     }
     son->next_block = ctx.id(next);
     if (son->variables[0] < 0 && lvl > 0) {
-      const std::int32_t r = sons_of<Display>(ctx, son, lvl - 1, p, son_extent);
+      const std::int32_t r = sons_of<Code, Display>(ctx, son, lvl - 1, p, son_extent);
       ctx.phase_status = r;
       if (check_pointer(r) != 0) {
         // Keep the chain whole so that the release reaches every record.
@@ -54,29 +54,29 @@ std::int32_t sons_of(run_context& ctx, block* b, std::int32_t lvl, block_positio
         return r;
       }
     }
-    next->code = changed_code(static_cast<std::uint32_t>(k) + 1, lvl, parent_code);
+    ctx.set_code<Code>(next, changed_code<Code>(static_cast<std::uint32_t>(k) + 1, lvl, parent_code));
     son = next;
   }
   const block_position p = position_of(n);
   evaluate(son, n, p);
   son->next_block = successor;
   if (son->variables[0] < 0 && lvl > 0) {
-    const std::int32_t r = sons_of<Display>(ctx, son, lvl - 1, p, son_extent);
+    const std::int32_t r = sons_of<Code, Display>(ctx, son, lvl - 1, p, son_extent);
     ctx.phase_status = r;
     return r;
   }
   return 0;
 }
 
-template <bool Display>
+template <class Code, bool Display>
 std::int32_t split_phase(run_context& ctx, blocklist list) noexcept {
   if (ctx.init_level == 0) return 0;  // single pixels have no sons
   const block_extent extent = sizes_block(ctx, ctx.init_level);
   for (block* b = list[0]; b != nullptr;) {
     block* next = ctx.block_at(b->next_block);
     if (b->variables[0] < 0) {
-      const block_position at = coordinates(ctx, b->code, ctx.init_level);
-      const std::int32_t r = sons_of<Display>(ctx, b, ctx.init_level - 1, at, extent);
+      const block_position at = coordinates<Code>(ctx, ctx.code_of<Code>(b), ctx.init_level);
+      const std::int32_t r = sons_of<Code, Display>(ctx, b, ctx.init_level - 1, at, extent);
       ctx.phase_status = r;
       if (check_pointer(r) != 0) return free_blocklist(ctx, list);
     }
@@ -87,21 +87,38 @@ std::int32_t split_phase(run_context& ctx, blocklist list) noexcept {
 
 }  // namespace
 
+template <class Code>
 std::int32_t smg_split(run_context& ctx, blocklist list) noexcept {
-  return split_phase<false>(ctx, list);
+  return split_phase<Code, false>(ctx, list);
 }
+template <class Code>
 std::int32_t smg_split_disp(run_context& ctx, blocklist list) noexcept {
-  return split_phase<true>(ctx, list);
+  return split_phase<Code, true>(ctx, list);
 }
+template <class Code>
 std::int32_t make_sons(run_context& ctx, block* b, std::int32_t lvl, std::int32_t column,
                        std::int32_t row, std::int32_t slice, std::int32_t side,
                        std::int32_t row_span, std::int32_t slice_span) noexcept {
-  return sons_of<false>(ctx, b, lvl, {column, row, slice}, {side, row_span, slice_span});
+  return sons_of<Code, false>(ctx, b, lvl, {column, row, slice}, {side, row_span, slice_span});
 }
+template <class Code>
 std::int32_t make_sons_disp(run_context& ctx, block* b, std::int32_t lvl, std::int32_t column,
                             std::int32_t row, std::int32_t slice, std::int32_t side,
                             std::int32_t row_span, std::int32_t slice_span) noexcept {
-  return sons_of<true>(ctx, b, lvl, {column, row, slice}, {side, row_span, slice_span});
+  return sons_of<Code, true>(ctx, b, lvl, {column, row, slice}, {side, row_span, slice_span});
 }
+
+#define SPLITMERGE_SPLIT_FOR(Code)                                                          \
+  template std::int32_t smg_split<Code>(run_context&, blocklist) noexcept;                  \
+  template std::int32_t smg_split_disp<Code>(run_context&, blocklist) noexcept;             \
+  template std::int32_t make_sons<Code>(run_context&, block*, std::int32_t, std::int32_t,   \
+                                        std::int32_t, std::int32_t, std::int32_t,           \
+                                        std::int32_t, std::int32_t) noexcept;               \
+  template std::int32_t make_sons_disp<Code>(run_context&, block*, std::int32_t,            \
+                                             std::int32_t, std::int32_t, std::int32_t,      \
+                                             std::int32_t, std::int32_t, std::int32_t) noexcept;
+SPLITMERGE_SPLIT_FOR(std::uint32_t)
+SPLITMERGE_SPLIT_FOR(std::uint64_t)
+#undef SPLITMERGE_SPLIT_FOR
 
 }  // namespace splitmerge

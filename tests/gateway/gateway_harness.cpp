@@ -104,7 +104,7 @@ gateway_result call_with(int nlhs, const std::function<void(mxArray**)>& call) {
       region.statistics[0] = stats.at(0);
       region.statistics[1] = stats.at(1);
       for (std::int64_t c : fake_mex::integer_values(mxGetField(plhs[2], index, "codes")))
-        region.codes.push_back(static_cast<std::uint32_t>(c));
+        region.codes.push_back(static_cast<std::uint64_t>(c));
       for (std::int64_t n : fake_mex::integer_values(mxGetField(plhs[2], index, "neighbours")))
         region.neighbours.push_back(static_cast<std::int32_t>(n));
       r.regions.push_back(std::move(region));
