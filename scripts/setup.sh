@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project needs, only those that are missing.
-# Usage: scripts/setup.sh [core|test|bench]   (each level includes the ones before it)
+# Usage: scripts/setup.sh [core|test|data|bench]
+#   core: what builds the library, the program and the Python package; test: core and
+#   what the tests need; data: test and what regenerates the checked-in test data;
+#   bench: test and what the benchmarks need.
 set -euo pipefail
 level="${1:-test}"
 
@@ -10,14 +13,17 @@ core=(cmake g++ make pkg-config zlib1g-dev libcli11-dev libpng-dev libtiff-dev l
       python3-dev pybind11-dev python3-venv python3-pip python3-setuptools python3-wheel
       python3-distributed python3-nibabel python3-tqdm python3-tifffile python3-pil)
 test=(libgtest-dev libgmock-dev clang-14 libclang-rt-14-dev octave liboctave-dev python3-pytest)
+# regenerates the checked-in test data (tests/data/*.py)
+data=(python3-scipy)
 bench=(libbenchmark-dev python3-skimage octave-image time python3-matplotlib)
 
 want=("${core[@]}")
 case "$level" in
   core) ;;
   test) want+=("${test[@]}") ;;
+  data) want+=("${test[@]}" "${data[@]}") ;;
   bench) want+=("${test[@]}" "${bench[@]}") ;;
-  *) echo "usage: $0 [core|test|bench]" >&2; exit 2 ;;
+  *) echo "usage: $0 [core|test|data|bench]" >&2; exit 2 ;;
 esac
 
 missing=()

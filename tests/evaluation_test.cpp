@@ -185,11 +185,9 @@ TEST(Thresholds, VolumeLevelsUseTheColumnsOfTheirPixelCounts) {
   }
 }
 
-TEST(Thresholds, ExtraColumnsCoverTheLargestOctreeLevels) {
-  EXPECT_EQ(s_th[0][19], 0.9999987f);
-  EXPECT_EQ(s_th[1][20], 1.0009311f);
-  EXPECT_EQ(s_th[2][21], 1.0012517f);
-  // Every column from 2 on decreases towards 1 in rows 2 and 3.
+TEST(Thresholds, RowsTwoAndThreeDecreaseTowardsOne) {
+  // The values themselves are checked against computed ratios in
+  // thresholds_table_test.cpp.
   for (int e = 3; e < s_th_columns; ++e) {
     EXPECT_LT(s_th[1][e], s_th[1][e - 1]);
     EXPECT_LT(s_th[2][e], s_th[2][e - 1]);

@@ -24,7 +24,7 @@ std::int32_t evaluation_block(const run_context& ctx, std::int64_t first, std::i
 
 // --- variance threshold tables ---
 // Chi-square quantile ratios by threshold row (1..3) and log2 of the pixel count.
-inline constexpr int s_th_columns = 22;
+inline constexpr int s_th_columns = 25;
 extern const float s_th[3][s_th_columns];
 std::int32_t fill_chi_variance(run_context& ctx, std::int32_t threshold_row,
                                double variance) noexcept;
