@@ -571,10 +571,14 @@ TEST(Determinism, PromiseRepeatedRunsAreBitIdentical) {
 namespace splitmerge {
 namespace {
 
-// The region list collected through the C++ interface is the region list file.
-TEST(Interface, PromiseCollectedRegionsEqualTheRegionListFile) {
+// The region list collected through the C++ interface is the region list
+// file, with 32-bit codes and (beyond 256 pixels along an edge) 64-bit ones.
+class CollectedRegions : public ::testing::TestWithParam<std::pair<int, int>> {};
+
+TEST_P(CollectedRegions, PromiseCollectedRegionsEqualTheRegionListFile) {
+  const auto [edge, slices] = GetParam();
   std::mt19937 rng(8);
-  const std::vector<std::int32_t> img = testing::blob_image(rng, 16, 2, 20);
+  const std::vector<std::int32_t> img = testing::blob_image(rng, edge, slices, 20);
   parameters p;
   p.pred_choice = 2;
   p.small_size = 4;
@@ -584,7 +588,7 @@ TEST(Interface, PromiseCollectedRegionsEqualTheRegionListFile) {
   const testing::temp_folder folder;
   const auto path = folder.file("collect.txt");
   o.region_file = path;
-  const segmentation out = segment(image_view{img.data(), 16, 16, 2}, p, o);
+  const segmentation out = segment(image_view{img.data(), edge, edge, slices}, p, o);
   ASSERT_EQ(out.status, status_ok) << out.error;
   std::ifstream in(path);
   std::string line;
@@ -593,12 +597,14 @@ TEST(Interface, PromiseCollectedRegionsEqualTheRegionListFile) {
   ASSERT_EQ(std::stoul(line), out.regions.size());
   std::getline(in, line);
   EXPECT_EQ(std::stoi(line), 2);
+  const bool wide = edge > 256;
   for (const region_record& r : out.regions) {
     std::getline(in, line);
     EXPECT_EQ(line, std::to_string(r.statistics[0]) + " " + std::to_string(r.statistics[1]));
     for (const std::uint64_t code : r.codes) {
       std::getline(in, line);
-      EXPECT_EQ(std::stoul(line, nullptr, 16), code);
+      EXPECT_EQ(std::stoull(line, nullptr, 16), code);
+      EXPECT_EQ(code > 0xFFFF'FFFFu, wide) << line;
     }
     std::getline(in, line);
     EXPECT_EQ(line, "0");
@@ -616,6 +622,9 @@ TEST(Interface, PromiseCollectedRegionsEqualTheRegionListFile) {
   for (const std::int32_t l : out.labels) ++sizes[static_cast<std::size_t>(l)];
   EXPECT_TRUE(std::is_sorted(sizes.rbegin(), sizes.rend()));
 }
+
+INSTANTIATE_TEST_SUITE_P(Interface, CollectedRegions,
+                         ::testing::Values(std::pair{16, 2}, std::pair{512, 1}));
 
 }  // namespace
 }  // namespace splitmerge
