@@ -148,7 +148,8 @@ def test_help_shows_every_parameter_with_its_range_and_default() -> None:
     for name in splitmerge.PARAMETER_NAMES:
         assert f"{name} : " in text
         assert "default" in entries[name].lower(), name
-    assert "1..8" in entries["max_level"] and "1..5" in entries["pred_choice"]
+    assert "1..12" in entries["max_level"] and "1..9 for a volume" in entries["max_level"]
+    assert "1..5" in entries["pred_choice"]
     assert "0..max_level-1" in entries["init_level"]
     for name in ("fit", "rescale", "frames", "regions", "lines", "progress", "region_file",
                  "frame_budget"):
