@@ -130,7 +130,7 @@ expect_error('smsegment:imageSize', @() smsegment(patchy_image([1024 1024 2])));
 expect_error('smsegment:imageSize', @() smsegment(patchy_image([16 16 5])));
 expect_error('smsegment:imageSize', @() smsegment(patchy_image([5000 20]), 'Fit', 'pad'));
 err = expect_error('smsegment:imageSize', ...
-                   @() smsegment(patchy_image([600 20 3]), 'Fit', 'pad'));
+                   @() smsegment(patchy_image([600 20 5]), 'Fit', 'pad'));
 check(~isempty(strfind(err.message, 'edge of 1024, more than 512')), '%s', err.message);
 end
 

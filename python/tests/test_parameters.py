@@ -91,7 +91,8 @@ def test_every_value_the_library_accepts_is_accepted(image: np.ndarray, extreme)
     (dict(init_level=5), r"^invalid parameter init_level = 5: must be 0 to max_level - 1 \(4\)"),
     (dict(init_level=-2), r"^invalid parameter init_level = -2: "),
     (dict(lim_oct_level=6), r"^invalid parameter lim_oct_level = 6: must be 0 to max_level"),
-    (dict(max_level=9), r"^invalid parameter max_level = 9: must be 1 to 8$"),
+    (dict(max_level=13), r"^invalid parameter max_level = 13: must be 1 to 12 \(1 to 9 for a "
+                         r"volume\)$"),
     (dict(sigma=float("nan")), r"^invalid parameter sigma = nan: must be finite$"),
     (dict(pseudo_factor=float("inf")), r"^invalid parameter pseudo_factor = inf: "),
     (dict(rejection=21474836.48), r"^invalid parameter rejection = 2\.14748e\+07: must be a "
