@@ -99,12 +99,12 @@ target_size fitted_size(const io::grey_image& image, fit_mode mode) {
     const std::int64_t edge = std::max(
         {power_of_two_at_least(std::max(image.size_x, image.size_y)), slices, std::int64_t{2}});
     if (edge > largest_edge(slices))
-      throw usage_error(
-          "--fit pad would need an edge of " + std::to_string(edge) + " pixels for a " +
-          size_text(image.size_x, image.size_y, image.size_z, image.dimensions) +
-          " image, above the largest" + (slices > 1 ? " for a volume" : "") + ", " +
-          std::to_string(largest_edge(slices)) + ": use --fit crop" +
-          (slices > 1 ? " (or --slice K for one slice)" : ""));
+      throw usage_error("--fit pad would need an edge of " + std::to_string(edge) +
+                        " pixels for a " +
+                        size_text(image.size_x, image.size_y, image.size_z, image.dimensions) +
+                        " image, above the largest" + (slices > 1 ? " for a volume" : "") + ", " +
+                        std::to_string(largest_edge(slices)) + ": use --fit crop" +
+                        (slices > 1 ? " (or --slice K for one slice)" : ""));
     return {edge, slices};
   }
   // A crop keeps two slices or more of an input that has two or more, so the
