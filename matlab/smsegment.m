@@ -25,8 +25,8 @@ function [L, n, info] = smsegment(I, varargin)
 %   double) or logical. Its values must be whole numbers from 0 to 255
 %   unless 'Rescale' is true; a logical image is read as 0 and 255. X-by-Y
 %   images and X-by-Y-by-Z volumes are segmented as they are when X = Y is a
-%   power of two from 2 to 256 and Z a power of two no larger than X;
-%   otherwise set 'Fit'. An X-by-Y-by-3 array is taken for an RGB image and
+%   power of two from 2 to 4096 (to 512 when Z > 1) and Z a power of two no
+%   larger than X; otherwise set 'Fit'. An X-by-Y-by-3 array is taken for an RGB image and
 %   segmented as its grey levels, round(0.299 R + 0.587 G + 0.114 B), unless
 %   'Volume' is true.
 %
@@ -68,10 +68,11 @@ function [L, n, info] = smsegment(I, varargin)
 %                     log2(edge) - 1. Default min(3, log2(edge) - 1).
 %   'Fit'             'none': I must have a size the run takes (see above);
 %                     'pad': I is padded with 0 around it (centred) up to the
-%                     next such size, at most 256, and L has the size of I;
-%                     'crop': the centred box of the largest such size that
-%                     fits is segmented, and L has the size of that box
-%                     (INFO.Origin says where it lies). Default 'none'.
+%                     next such size, at most 4096 (512 for more than one
+%                     slice), and L has the size of I; 'crop': the centred
+%                     box of the largest such size that fits is segmented,
+%                     and L has the size of that box (INFO.Origin says where
+%                     it lies). Default 'none'.
 %   'Rescale'         true: the value range of I is mapped linearly onto
 %                     0..255 (rounded). Default false.
 %   'ZeroBased'       true: L numbers the regions from 0, as the SPLITMERGE
@@ -92,7 +93,8 @@ function [L, n, info] = smsegment(I, varargin)
 %                     struct per label of L, in label order: Statistics (the
 %                     region's two statistics, int64, whose meaning depends
 %                     on the predicate), Codes (the locational codes of its
-%                     blocks, uint32) and Neighbours (the labels of the
+%                     blocks: uint32 for an edge of up to 256 pixels, uint64
+%                     above) and Neighbours (the labels of the
 %                     regions next to it, in L's numbering; the run's list
 %                     may name the region itself). The run then records
 %                     frames too, which costs their time and memory.
@@ -357,16 +359,17 @@ if takes_size(sizes)
 end
 switch fit
   case 'none'
-    error('smsegment:imageSize', ['I is %s: the run takes square slices of 2, 4, ..., 256 ' ...
-                                  'pixels and a power-of-two slice count no larger than the ' ...
-                                  'edge; use ''Fit'', ''pad'' or ''Fit'', ''crop'''], ...
-          size_text(sizes));
+    error('smsegment:imageSize', ['I is %s: the run takes square slices of 2, 4, ..., 4096 ' ...
+                                  'pixels (512 with more than one slice) and a power-of-two ' ...
+                                  'slice count no larger than the edge; use ''Fit'', ''pad'' ' ...
+                                  'or ''Fit'', ''crop'''], size_text(sizes));
   case 'pad'
     edge = max(2, 2^ceil(log2(max(sizes))));
     depth = 2^ceil(log2(sizes(3)));
-    if edge > 256
+    if edge > largest_edge(depth)
       error('smsegment:imageSize', ['I is %s: padding would need an edge of %d, more than ' ...
-                                    '256; use ''Fit'', ''crop'''], size_text(sizes), edge);
+                                    '%d; use ''Fit'', ''crop'''], size_text(sizes), edge, ...
+            largest_edge(depth));
     end
     target = [edge, edge, depth];
     first = floor((target - sizes) / 2) + 1;
@@ -378,7 +381,8 @@ switch fit
     origin.inner = {first(1):first(1) + sizes(1) - 1, first(2):first(2) + sizes(2) - 1, ...
                     first(3):first(3) + sizes(3) - 1};
   case 'crop'
-    edge = min(256, 2^floor(log2(min(sizes(1:2)))));
+    % A crop keeps two slices or more of an I that has two or more.
+    edge = min(largest_edge(sizes(3)), 2^floor(log2(min(sizes(1:2)))));
     depth = min(edge, 2^floor(log2(sizes(3))));
     if edge < 2
       error('smsegment:imageSize', 'I is %s: too small to crop to 2-by-2', size_text(sizes));
@@ -393,8 +397,19 @@ end
 
 function ok = takes_size(sizes)
 edge = sizes(1);
-ok = edge == sizes(2) && edge >= 2 && edge <= 256 && is_power_of_two(edge) ...
+ok = edge == sizes(2) && edge >= 2 && edge <= largest_edge(sizes(3)) ...
+     && is_power_of_two(edge) ...
      && is_power_of_two(sizes(3)) && sizes(3) <= edge;
+end
+
+% The run takes 2-D images of up to 4096 pixels along an edge, volumes of
+% more than one slice up to 512.
+function edge = largest_edge(slices)
+if slices > 1
+  edge = 512;
+else
+  edge = 4096;
+end
 end
 
 function ok = is_power_of_two(v)

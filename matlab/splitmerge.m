@@ -15,7 +15,8 @@ function varargout = splitmerge(varargin)
 %                    values 0 to 255 (use int32(img); rescale other ranges).
 %                    X = Y = 2^MAX_LEVEL pixels, Z = 2^(MAX_LEVEL -
 %                    LIM_OCT_LEVEL) slices (1 for a 2-D image).
-%   MAX_LEVEL        level of the whole image, 1 to 8 (edge 2 to 256 pixels).
+%   MAX_LEVEL        level of the whole image, 1 to 12 (edge 2 to 4096
+%                    pixels); 1 to 9 in a volume (edge 2 to 512).
 %   LIM_OCT_LEVEL    lowest level whose blocks are divided in z too, 0 to
 %                    MAX_LEVEL; MAX_LEVEL for a 2-D image.
 %   INIT_LEVEL       level of the initial blocks (edge 2^INIT_LEVEL pixels),
@@ -68,8 +69,8 @@ function varargout = splitmerge(varargin)
 %
 %   REGIONS struct array, one element per label in label order: statistics
 %           (int64 1-by-2, the region's two statistics, whose meaning
-%           depends on PRED_CHOICE), codes (uint32, the locational codes of
-%           its blocks) and neighbours (int32, the labels of the regions next
+%           depends on PRED_CHOICE), codes (the locational codes of its
+%           blocks: uint32 for an edge of up to 256 pixels, uint64 above) and neighbours (int32, the labels of the regions next
 %           to it; the list may name the region itself). Asking for it
 %           records the frames too.
 %

@@ -15,9 +15,10 @@ constexpr const char* description =
     "neighbouring blocks are merged, inhomogeneous ones split, adjacent blocks grouped into\n"
     "regions, and regions below --small-size pixels absorbed. Labels number the regions\n"
     "0, 1, ... by decreasing size.\n\n"
-    "The image must have square slices of 2, 4, ..., 256 pixels, a power-of-two slice count\n"
-    "no larger than the edge and integer pixels 0..255; --fit, --slice and --rescale adapt\n"
-    "other images. Progress lines go to standard output, problems to standard error.\n"
+    "The image must have square slices of 2, 4, ..., 4096 pixels (at most 512 in a volume\n"
+    "of more than one slice), a power-of-two slice count no larger than the edge and integer\n"
+    "pixels 0..255; --fit, --slice and --rescale adapt other images. Progress lines go to\n"
+    "standard output, problems to standard error.\n"
     "Exit status: 0 done, 1 the segmentation or writing its results failed, 2 bad usage or\n"
     "an unusable input.\n";
 
@@ -115,7 +116,8 @@ void add_parameter_options(CLI::App& app, parameters& p, std::string& predicate)
     return app.add_option(name, value, wrapped(text))->group("Segmentation parameters");
   };
   add("--max-level", p.max_level,
-      "the image edge is 2^N pixels, 1..8 (default: from the image width)")
+      "the image edge is 2^N pixels, 1..12 (1..9 for a volume; default: from the image "
+      "width)")
       ->type_name("N");
   add("--lim-oct-level", p.lim_oct_level,
       "blocks of level N and below are one slice thick, so a volume has "

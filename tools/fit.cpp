@@ -9,7 +9,14 @@ namespace splitmerge::tool {
 
 namespace {
 
-constexpr std::int64_t largest_edge = 256;
+// The segmentation takes 2-D images of up to 4096 pixels along an edge and
+// volumes (more than one slice) of up to 512.
+constexpr std::int64_t largest_edge_2d = 4096;
+constexpr std::int64_t largest_edge_volume = 512;
+
+std::int64_t largest_edge(std::int64_t slices) {
+  return slices > 1 ? largest_edge_volume : largest_edge_2d;
+}
 
 std::int64_t power_of_two_at_least(std::int64_t v) {
   return static_cast<std::int64_t>(
@@ -71,9 +78,12 @@ io::grey_image padded(const io::grey_image& in, std::int64_t nx, std::int64_t ny
 std::string size_advice(const io::grey_image& image) {
   std::string s =
       "the image is " + size_text(image.size_x, image.size_y, image.size_z, image.dimensions) +
-      " pixels, but the segmentation needs square slices of 2, 4, 8, ..., 256 "
-      "pixels" +
-      (image.dimensions == 3 ? " and 1, 2, 4, ... slices, no more than the edge" : std::string()) +
+      " pixels, but the segmentation needs square slices of 2, 4, 8, ..., " +
+      std::to_string(largest_edge_2d) + " pixels" +
+      (image.dimensions == 3 ? " (" + std::to_string(largest_edge_volume) +
+                                   " at most with more than one slice) and 1, 2, 4, ... "
+                                   "slices, no more than the edge"
+                             : std::string()) +
       ": use --fit pad or --fit crop";
   if (image.dimensions == 3) s += " (or --slice K for one slice)";
   return s;
@@ -88,15 +98,19 @@ target_size fitted_size(const io::grey_image& image, fit_mode mode) {
     const std::int64_t slices = power_of_two_at_least(image.size_z);
     const std::int64_t edge = std::max(
         {power_of_two_at_least(std::max(image.size_x, image.size_y)), slices, std::int64_t{2}});
-    if (edge > largest_edge)
+    if (edge > largest_edge(slices))
       throw usage_error("--fit pad would need an edge of " + std::to_string(edge) +
                         " pixels for a " +
                         size_text(image.size_x, image.size_y, image.size_z, image.dimensions) +
-                        " image, above the largest, 256: use --fit crop");
+                        " image, above the largest" + (slices > 1 ? " for a volume" : "") + ", " +
+                        std::to_string(largest_edge(slices)) + ": use --fit crop" +
+                        (slices > 1 ? " (or --slice K for one slice)" : ""));
     return {edge, slices};
   }
-  const std::int64_t edge =
-      std::min(power_of_two_at_most(std::min(image.size_x, image.size_y)), largest_edge);
+  // A crop keeps two slices or more of an input that has two or more, so the
+  // input's slice count decides the largest edge.
+  const std::int64_t edge = std::min(power_of_two_at_most(std::min(image.size_x, image.size_y)),
+                                     largest_edge(image.size_z));
   if (edge < 2)
     throw usage_error("--fit crop needs at least 2 x 2 pixels; the image is " +
                       size_text(image.size_x, image.size_y, image.size_z, image.dimensions) +
@@ -173,7 +187,7 @@ void check_pixel_values(const io::grey_image& image) {
 }  // namespace
 
 bool is_segmentable_size(std::int64_t size_x, std::int64_t size_y, std::int64_t size_z) {
-  return size_x == size_y && size_x >= 2 && size_x <= largest_edge &&
+  return size_x == size_y && size_x >= 2 && size_x <= largest_edge(size_z) &&
          std::has_single_bit(static_cast<std::uint64_t>(size_x)) && size_z >= 1 &&
          size_z <= size_x && std::has_single_bit(static_cast<std::uint64_t>(size_z));
 }

@@ -1,6 +1,7 @@
 // Turning an image as a file holds it into one the segmentation accepts:
-// square slices of 2..256 pixels (a power of two), a power-of-two slice count
-// no larger than the edge, integer pixels 0..255.
+// square slices of 2..4096 pixels (a power of two; 2..512 for more than one
+// slice), a power-of-two slice count no larger than the edge, integer pixels
+// 0..255.
 #pragma once
 
 #include <cstdint>

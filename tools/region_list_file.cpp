@@ -22,8 +22,8 @@ void write_region_list(const std::string& path, std::int32_t size_x, std::int32_
     if (!written) break;
     written =
         std::fprintf(file, "%" PRId64 " %" PRId64 "\n", r.statistics[0], r.statistics[1]) >= 0;
-    for (const std::uint32_t code : r.codes)
-      written = written && std::fprintf(file, "%x\n", static_cast<unsigned>(code)) >= 0;
+    for (const std::uint64_t code : r.codes)
+      written = written && std::fprintf(file, "%" PRIx64 "\n", code) >= 0;
     written = written && std::fputs("0\n", file) >= 0;
     for (const std::int32_t n : r.neighbours)
       written = written && std::fprintf(file, "%d\n", static_cast<int>(n)) >= 0;

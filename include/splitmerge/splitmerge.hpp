@@ -1,11 +1,11 @@
 // splitmerge: split-and-merge segmentation of 2-D and 3-D grey images.
 //
-// The image is a cube of 2^max_level pixels along x and y and
-// 2^(max_level - lim_oct_level) slices along z, pixel values 0 to 255, pixel
-// index x + y * size_x + z * size_x * size_y. The run covers it with blocks of
-// level init_level, merges homogeneous sibling blocks upward, splits
-// inhomogeneous ones downward, grows regions from adjacent blocks, absorbs
-// regions below small_size pixels and labels the regions 0, 1, ... by
+// The image is a cube of 2^max_level pixels along x and y (2 to 4096; 2 to 512
+// for a volume) and 2^(max_level - lim_oct_level) slices along z, pixel values
+// 0 to 255, pixel index x + y * size_x + z * size_x * size_y. The run covers it
+// with blocks of level init_level, merges homogeneous sibling blocks upward,
+// splits inhomogeneous ones downward, grows regions from adjacent blocks,
+// absorbs regions below small_size pixels and labels the regions 0, 1, ... by
 // decreasing size.
 #pragma once
 
@@ -22,7 +22,8 @@ namespace splitmerge {
 // The fourteen run parameters. A value of -1 for max_level, lim_oct_level or
 // init_level means: derive it from the image (see resolve_parameters).
 struct parameters {
-  // Level of the whole image: the image edge is 2^max_level (1..8).
+  // Level of the whole image: the image edge is 2^max_level (1..12; 1..9 for a
+  // volume, an image of more than one slice).
   std::int32_t max_level = -1;
   // Lowest level whose blocks are divided in z too: a volume has
   // 2^(max_level - lim_oct_level) slices; equal to max_level for 2-D images.

@@ -10,7 +10,8 @@ tests = {@real_image_gives_labels_from_one, @labels_are_the_module_labels_plus_o
          @crop_takes_the_centred_box, @quiet_unless_verbose, @frames_only_when_asked, ...
          @meaningless_values_warn_but_run, @bad_options_are_refused, ...
          @input_is_left_unchanged, @region_list_in_label_order, ...
-         @rgb_images_are_segmented_as_grey};
+         @rgb_images_are_segmented_as_grey, @edge_of_512_without_fit, ...
+         @pad_of_300_by_300_runs_at_512, @codes_of_a_512_image_are_uint64};
 run_test_list(tests);
 end
 
@@ -125,9 +126,12 @@ end
 function sizes_that_do_not_fit_need_fit()
 expect_error('smsegment:imageSize', @() smsegment(patchy_image([32 16])));
 expect_error('smsegment:imageSize', @() smsegment(patchy_image([24 24])));
-expect_error('smsegment:imageSize', @() smsegment(patchy_image([512 512])));
+expect_error('smsegment:imageSize', @() smsegment(patchy_image([1024 1024 2])));
 expect_error('smsegment:imageSize', @() smsegment(patchy_image([16 16 5])));
-expect_error('smsegment:imageSize', @() smsegment(patchy_image([300 20]), 'Fit', 'pad'));
+expect_error('smsegment:imageSize', @() smsegment(patchy_image([5000 20]), 'Fit', 'pad'));
+err = expect_error('smsegment:imageSize', ...
+                   @() smsegment(patchy_image([600 20 5]), 'Fit', 'pad'));
+check(~isempty(strfind(err.message, 'edge of 1024, more than 512')), '%s', err.message);
 end
 
 function pad_keeps_the_size_of_the_image()
@@ -256,4 +260,62 @@ check(ismatrix(L) && n > 1, 'L is %s', mat2str(size(L)));
 expect_error('smsegment:imageSize', @() smsegment(patchy_image([32 32 3]), 'Volume', true));
 L3 = smsegment(patchy_image([32 32 3]), 'Volume', true, 'Fit', 'crop');
 check(isequal(size(L3), [32 32 2]), 'a 3-slice volume gives %s', mat2str(size(L3)));
+end
+
+function edge_of_512_without_fit()
+img = patchy_image([512 512]);
+[L, n, info] = smsegment(img);
+check(isequal(size(L), [512 512]) && n > 1, 'L is %s with %d regions', mat2str(size(L)), n);
+check(info.Levels.MaxLevel == 9, 'max level %d', info.Levels.MaxLevel);
+L3 = smsegment(patchy_image([512 512 2]));
+check(isequal(size(L3), [512 512 2]), 'a 512-by-512-by-2 volume gives %s', mat2str(size(L3)));
+end
+
+function pad_of_300_by_300_runs_at_512()
+img = patchy_image([300 300]);
+[L, n, info] = smsegment(img, 'Fit', 'pad');
+check(isequal(size(L), [300 300]) && isequal(unique(L(:))', 1:n), 'L is %s', ...
+      mat2str(size(L)));
+check(info.Parameters(1) == 9, 'max level %d', info.Parameters(1));
+% Inside, the run saw the image centred in 512 x 512 zeros.
+padded = zeros(512, 512, 'int32');
+padded(107:406, 107:406) = img;
+raw = raw_labels(padded, {9, 9, 3, 0, 8, 0, 4, 10, 0.1, 5, 3, 2, 30, 1});
+[~, ~, renumbered] = unique(raw(107:406, 107:406));
+check(isequal(L(:), renumbered), 'pad labels differ from the padded run');
+end
+
+% Above 256 pixels along an edge the codes need more than 32 bits: the
+% module's third output holds them as uint64, and each names a block of its
+% region (2-D: digit d - 1 has the x bit 1 and the y bit 2 at its level).
+function codes_of_a_512_image_are_uint64()
+img = zeros(512, 512, 'int32');
+img(1:256, :) = 80;
+img(300:400, 100:450) = 200;
+p = {9, 9, 3, 0, 8, 0, 4, 10, 0.1, 5, 3, 2, 30, 1};
+evalc('[labels, ~, regions] = splitmerge(img, p{:});');
+covered = zeros(512, 512);
+for k = 1:numel(regions)
+  codes = regions(k).codes;
+  check(isa(codes, 'uint64') && ~isempty(codes), 'region %d: codes of class %s', k, ...
+        class(codes));
+  for code = codes(:)'
+    check(code >= uint64(2)^32, 'code %s of region %d fits 32 bits', dec2hex(code), k);
+    digits = fliplr(dec2hex(code, 9)) - '0';
+    digits(digits > 9) = digits(digits > 9) - 7;  % 'A'..'F'
+    level = find(digits, 1) - 1;
+    x = 0;
+    y = 0;
+    for j = level:8
+      d = digits(j + 1) - 1;
+      x = x + bitand(d, 1) * 2^j;
+      y = y + bitand(d, 2) / 2 * 2^j;
+    end
+    side = 2^level;
+    block = labels(x + 1:x + side, y + 1:y + side);
+    check(all(block(:) == k - 1), 'a block of region %d holds other labels', k);
+    covered(x + 1:x + side, y + 1:y + side) = covered(x + 1:x + side, y + 1:y + side) + 1;
+  end
+end
+check(all(covered(:) == 1), 'the blocks do not cover the image once');
 end

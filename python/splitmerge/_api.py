@@ -35,7 +35,8 @@ class Region:
         "range" and "median" (inliers only for "median"); (sum of the pixel
         values, pixel count) for "mean", "chi2" and "pseudo".
     codes : numpy.ndarray
-        uint32 locational codes of the region's blocks, in chain order. With
+        Locational codes of the region's blocks, in chain order: uint32 for
+        images of up to 256 pixels along an edge, uint64 above. With
         ``fit="pad"`` they are codes of the padded image that was segmented,
         not of the input.
     neighbours : numpy.ndarray
@@ -146,13 +147,15 @@ def segment(
     ----------
     image : array_like
         2-D (Y, X) or 3-D (Z, Y, X) array, C order, x fastest. Slices must be
-        square with an edge of 2, 4, ..., 256 pixels and a volume must have
-        1, 2, 4, ... slices, no more than the edge (see `fit`). Values must be
+        square with an edge of 2, 4, ..., 4096 pixels (at most 512 for a
+        volume of more than one slice) and a volume must have 1, 2, 4, ...
+        slices, no more than the edge (see `fit`). Values must be
         whole numbers 0..255 (see `rescale`). An int32 C-contiguous array is
         used without a copy; other integer, boolean and floating-point
         dtypes and other memory orders are converted.
     max_level : int, optional
-        Level of the whole image, 1..8: the edge is ``2**max_level``.
+        Level of the whole image, 1..12 (1..9 for a volume of more than one
+        slice): the edge is ``2**max_level``.
         Default: derived from the image's width.
     lim_oct_level : int, optional
         Lowest level whose blocks are divided in z too, 0..max_level: a

@@ -17,7 +17,9 @@ import numpy.typing as npt
 
 __all__ = ["Box", "FittedImage", "Rescale", "fit_image", "is_segmentable_shape"]
 
-LARGEST_EDGE = 256
+# The largest edge of a 2-D image (one slice) and of a volume (more slices).
+LARGEST_EDGE = 4096
+LARGEST_VOLUME_EDGE = 512
 FIT_MODES = ("pad", "crop")
 
 
@@ -87,13 +89,17 @@ def _is_power_of_two(v: int) -> bool:
     return v > 0 and v & (v - 1) == 0
 
 
+def _largest_edge(slices: int) -> int:
+    return LARGEST_VOLUME_EDGE if slices > 1 else LARGEST_EDGE
+
+
 def is_segmentable_shape(shape: tuple[int, ...]) -> bool:
     """True for a (Y, X) or (Z, Y, X) shape the segmentation accepts as it is."""
     if len(shape) not in (2, 3):
         return False
     z = shape[0] if len(shape) == 3 else 1
     y, x = shape[-2], shape[-1]
-    return (x == y and 2 <= x <= LARGEST_EDGE and _is_power_of_two(x)
+    return (x == y and 2 <= x <= _largest_edge(z) and _is_power_of_two(x)
             and 1 <= z <= x and _is_power_of_two(z))
 
 
@@ -115,12 +121,17 @@ def _fitted_size(shape: tuple[int, ...], mode: str) -> tuple[int, int]:
     if mode == "pad":
         slices = _power_of_two_at_least(z)
         edge = max(_power_of_two_at_least(max(x, y)), slices, 2)
-        if edge > LARGEST_EDGE:
+        if edge > _largest_edge(slices):
+            volume = " for a volume" if slices > 1 else ""
+            or_slice = " (or slice=K for one slice)" if slices > 1 else ""
             raise ValueError(
                 f"fit='pad' would need an edge of {edge} pixels for a "
-                f"{_size_text(shape)} image, above the largest, 256: use fit='crop'")
+                f"{_size_text(shape)} image, above the largest{volume}, "
+                f"{_largest_edge(slices)}: use fit='crop'{or_slice}")
         return edge, slices
-    edge = min(_power_of_two_at_most(min(x, y)), LARGEST_EDGE)
+    # A crop keeps two slices or more of an input that has two or more, so the
+    # input's slice count decides the largest edge.
+    edge = min(_power_of_two_at_most(min(x, y)), _largest_edge(z))
     if edge < 2:
         raise ValueError(
             f"fit='crop' needs at least 2 x 2 pixels; the image is "

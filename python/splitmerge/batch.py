@@ -339,7 +339,7 @@ def _number_or_name(text: str) -> Any:
 
 
 _PARAMETER_HINTS = {
-    "max_level": "1..8; ",
+    "max_level": "1..12 (1..9 for a volume); ",
     "lim_oct_level": "0..max-level; ",
     "init_level": "0..max-level - 1; ",
     "group_mode": "sequential (0) or parallel (1); ",

@@ -93,13 +93,13 @@ def test_non_numeric_dtype_is_a_type_error(dtype) -> None:
 
 
 @pytest.mark.parametrize("shape, message", [
-    ((5, 5), r"^the image width 5 is not a power of two \(allowed: 2, 4, \.\.\., 256\)"),
+    ((5, 5), r"^the image width 5 is not a power of two \(allowed: 2, 4, \.\.\., 4096\)"),
     ((8, 16), r"^invalid parameter size_y = 8: must equal size_x = 16 \(square slices\)"),
     ((3, 8, 8), r"^the slice count 3 is not a power of two"),
     ((16, 8, 8), r"^invalid parameter lim_oct_level = -1: must be 0 to max_level \(3\)"),
-    ((512, 512), r"^invalid parameter max_level = 9: must be 1 to 8"),
+    ((2, 1024, 1024), r"^invalid parameter max_level = 10: must be at most 9 for a volume"),
     ((0, 0), r"^the image width 0 is not a power of two"),
-    ((1, 1), r"^invalid parameter max_level = 0: must be 1 to 8"),
+    ((1, 1), r"^invalid parameter max_level = 0: must be 1 to 12 \(1 to 9 for a volume\)"),
 ])
 def test_unsegmentable_shape_gives_the_library_message(shape, message) -> None:
     with pytest.raises(ValueError, match=message) as raised:
@@ -283,10 +283,14 @@ def test_fit_leaves_a_segmentable_image_alone(blocks_64: np.ndarray) -> None:
 
 
 def test_fit_errors_say_what_helps() -> None:
-    with pytest.raises(ValueError, match=r"^fit='pad' would need an edge of 512 pixels for a "
-                                         r"300 x 2 image, above the largest, 256: "
+    with pytest.raises(ValueError, match=r"^fit='pad' would need an edge of 8192 pixels for a "
+                                         r"5000 x 2 image, above the largest, 4096: "
                                          r"use fit='crop'$"):
-        splitmerge.segment(np.zeros((2, 300), np.int32), fit="pad")
+        splitmerge.segment(np.zeros((2, 5000), np.int32), fit="pad")
+    with pytest.raises(ValueError, match=r"^fit='pad' would need an edge of 1024 pixels for a "
+                                         r"2 x 600 x 3 image, above the largest for a volume, "
+                                         r"512: use fit='crop' \(or slice=K for one slice\)$"):
+        splitmerge.segment(np.zeros((3, 600, 2), np.int32), fit="pad")
     with pytest.raises(ValueError, match=r"^fit='crop' needs at least 2 x 2 pixels; the image "
                                          r"is 7 x 1: use fit='pad'$"):
         splitmerge.segment(np.zeros((1, 7), np.int32), fit="crop")

@@ -91,7 +91,8 @@ def test_every_value_the_library_accepts_is_accepted(image: np.ndarray, extreme)
     (dict(init_level=5), r"^invalid parameter init_level = 5: must be 0 to max_level - 1 \(4\)"),
     (dict(init_level=-2), r"^invalid parameter init_level = -2: "),
     (dict(lim_oct_level=6), r"^invalid parameter lim_oct_level = 6: must be 0 to max_level"),
-    (dict(max_level=9), r"^invalid parameter max_level = 9: must be 1 to 8$"),
+    (dict(max_level=13), r"^invalid parameter max_level = 13: must be 1 to 12 \(1 to 9 for a "
+                         r"volume\)$"),
     (dict(sigma=float("nan")), r"^invalid parameter sigma = nan: must be finite$"),
     (dict(pseudo_factor=float("inf")), r"^invalid parameter pseudo_factor = inf: "),
     (dict(rejection=21474836.48), r"^invalid parameter rejection = 2\.14748e\+07: must be a "
@@ -148,7 +149,8 @@ def test_help_shows_every_parameter_with_its_range_and_default() -> None:
     for name in splitmerge.PARAMETER_NAMES:
         assert f"{name} : " in text
         assert "default" in entries[name].lower(), name
-    assert "1..8" in entries["max_level"] and "1..5" in entries["pred_choice"]
+    assert "1..12" in entries["max_level"] and "1..9 for a volume" in entries["max_level"]
+    assert "1..5" in entries["pred_choice"]
     assert "0..max_level-1" in entries["init_level"]
     for name in ("fit", "rescale", "frames", "regions", "lines", "progress", "region_file",
                  "frame_budget"):

@@ -59,7 +59,8 @@ std::string resolve_parameters(const image_view& image, parameters& p) {
     p.max_level = log2_exact(image.size_x);
     if (p.max_level < 0)
       return "the image width " + std::to_string(image.size_x) +
-             " is not a power of two (allowed: 2, 4, ..., 256)";
+             " is not a power of two (allowed: 2, 4, ..., " +
+             std::to_string(std::int32_t{1} << max_levels_2d) + ")";
   }
   if (p.lim_oct_level == -1) {
     const std::int32_t z = log2_exact(image.size_z);

@@ -138,7 +138,7 @@ const std::vector<error_case>& error_cases() {
        },
        "in.npy",
        2,
-       {"16 x 8 pixels", "2, 4, 8, ..., 256", "--fit pad or --fit crop"}},
+       {"16 x 8 pixels", "2, 4, 8, ..., 4096", "--fit pad or --fit crop"}},
       {"TooManySlices",
        [](const scratch_folder& d) {
          write_npy_of(d, "in.npy", {8, 4, 4}, 0);
@@ -148,11 +148,27 @@ const std::vector<error_case>& error_cases() {
        {"4 x 4 x 8", "no more than the edge", "--slice K"}},
       {"TooLargeToPad",
        [](const scratch_folder& d) {
-         write_npy_of(d, "in.npy", {300, 2}, 0);
+         write_npy_of(d, "in.npy", {5000, 2}, 0);
        },
        "in.npy --fit pad",
        2,
-       {"edge of 512", "--fit crop"}},
+       {"edge of 8192", "2 x 5000 image", "above the largest, 4096", "--fit crop"}},
+      {"VolumeTooLargeToPad",
+       [](const scratch_folder& d) {
+         write_npy_of(d, "in.npy", {3, 600, 2}, 0);
+       },
+       "in.npy --fit pad",
+       2,
+       {"edge of 1024", "2 x 600 x 3 image", "above the largest for a volume, 512", "--fit crop",
+        "--slice K"}},
+      {"VolumeTooLargeToSegment",
+       [](const scratch_folder& d) {
+         write_npy_of(d, "in.npy", {2, 1024, 1024}, 0);
+       },
+       "in.npy",
+       2,
+       {"1024 x 1024 x 2 pixels", "..., 4096 pixels (512 at most with more than one slice)",
+        "--fit pad or --fit crop"}},
       {"TooSmallToCrop",
        [](const scratch_folder& d) {
          write_npy_of(d, "in.npy", {1, 1}, 0);

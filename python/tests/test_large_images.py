@@ -1,0 +1,134 @@
+"""Images beyond 256 pixels along an edge: 2-D up to 4096, volumes up to 512,
+with 64-bit block codes."""
+
+from __future__ import annotations
+
+import os
+import subprocess
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+import splitmerge
+from conftest import noise_image
+
+ARGS = dict(pred_choice="chi2", sigma=4.0, small_size=30)
+CLI = os.environ.get("SPLITMERGE_CLI")
+
+
+def region_file_codes(text: str) -> list[list[str]]:
+    """The hexadecimal block codes of every region in a region list file."""
+    lines = text.splitlines()[6:]
+    out: list[list[str]] = []
+    k = 0
+    while k < len(lines):
+        k += 1  # the statistics
+        codes = []
+        while lines[k] != "0":
+            codes.append(lines[k])
+            k += 1
+        out.append(codes)
+        k += 1
+        while lines[k] != "-1":
+            k += 1
+        k += 1
+    return out
+
+
+def block_of(code: int, edge: int) -> tuple[slice, slice]:
+    """The (y, x) pixels of a 2-D block: one digit 1..4 per level, 4 bits
+    each, zero below the block's own level."""
+    level = 0
+    while level < 16 and (code >> (4 * level)) & 0xF == 0:
+        level += 1
+    x = y = 0
+    for j in range(level, edge.bit_length() - 1):
+        d = ((code >> (4 * j)) & 0xF) - 1
+        x |= (d & 1) << j
+        y |= ((d >> 1) & 1) << j
+    side = 1 << level
+    return slice(y, y + side), slice(x, x + side)
+
+
+def test_512_image_runs_without_fit_and_gives_64_bit_codes(tmp_path: Path) -> None:
+    image = noise_image((512, 512), seed=3, levels=5)
+    result = splitmerge.segment(image, **ARGS, regions=True, region_file=tmp_path / "r.txt")
+    labels = result.labels
+    assert labels.shape == (512, 512) and labels.dtype == np.int32
+    assert labels.max() >= 1
+    covered = np.zeros(labels.shape, np.int32)
+    for label, region in enumerate(result.regions):
+        assert region.codes.dtype == np.uint64 and region.codes.size >= 1
+        for code in region.codes.tolist():
+            # Every block but the whole image has a digit at level 8: past 32 bits.
+            assert code >> 32 != 0
+            box = block_of(code, 512)
+            assert (labels[box] == label).all()
+            covered[box] += 1
+    assert (covered == 1).all()
+    written = region_file_codes((tmp_path / "r.txt").read_text())
+    assert written == [[f"{c:x}" for c in r.codes.tolist()] for r in result.regions]
+
+
+def test_256_image_keeps_32_bit_codes() -> None:
+    result = splitmerge.segment(noise_image((256, 256), seed=3), **ARGS, regions=True)
+    assert all(r.codes.dtype == np.uint32 for r in result.regions)
+
+
+def test_pad_to_512_gives_labels_of_the_inputs_shape() -> None:
+    image = noise_image((300, 300), seed=4)
+    fitted = splitmerge.fit_image(image, fit="pad")
+    assert fitted.pixels.shape == (512, 512)
+    assert fitted.padding == (slice(106, 406), slice(106, 406))
+    labels = splitmerge.segment(image, fit="pad", **ARGS)
+    assert labels.shape == (300, 300)
+    whole = splitmerge.segment(fitted.pixels, **ARGS)
+    # The padded run's labels at the input's place, renumbered 0, 1, ...
+    _, expected = np.unique(whole[fitted.padding], return_inverse=True)
+    np.testing.assert_array_equal(labels, expected.reshape(labels.shape))
+
+
+def test_crop_keeps_at_most_4096_pixels_along_an_edge() -> None:
+    wide = np.zeros((4100, 5000), np.uint8)
+    fitted = splitmerge.fit_image(wide, fit="crop")
+    assert fitted.pixels.shape == (4096, 4096)
+    assert fitted.box == (slice(2, 4098), slice(452, 4548))
+    image = noise_image((520, 600), seed=5)
+    result = splitmerge.segment(image, fit="crop", **ARGS, regions=True)
+    assert result.labels.shape == (512, 512)
+    assert result.box == (slice(4, 516), slice(44, 556))
+    np.testing.assert_array_equal(result.labels, splitmerge.segment(image[result.box], **ARGS))
+
+
+def test_volumes_pad_and_crop_to_at_most_512() -> None:
+    volume = noise_image((3, 300, 300), seed=6)
+    fitted = splitmerge.fit_image(volume, fit="pad")
+    assert fitted.pixels.shape == (4, 512, 512)
+    labels = splitmerge.segment(volume, fit="pad", **ARGS)
+    assert labels.shape == (3, 300, 300)
+    cropped = splitmerge.fit_image(np.zeros((4, 600, 700), np.uint8), fit="crop")
+    assert cropped.pixels.shape == (4, 512, 512)
+    # One slice is a 2-D image: the larger limit holds.
+    assert splitmerge.fit_image(np.zeros((1, 600, 700), np.uint8),
+                                fit="crop").pixels.shape == (1, 512, 512)
+    assert splitmerge.fit_image(np.zeros((1, 1100, 1100), np.uint8),
+                                fit="pad").pixels.shape == (1, 2048, 2048)
+    with pytest.raises(ValueError, match=r"^fit='pad' would need an edge of 1024 pixels for a "
+                                         r"600 x 600 x 3 image, above the largest for a "
+                                         r"volume, 512: use fit='crop'"):
+        splitmerge.segment(np.zeros((3, 600, 600), np.uint8), fit="pad")
+
+
+@pytest.mark.skipif(not CLI, reason="SPLITMERGE_CLI (the command-line program) not given")
+def test_command_line_region_list_file_has_the_same_64_bit_codes(tmp_path: Path) -> None:
+    image = noise_image((512, 512), seed=7, levels=5)
+    np.save(tmp_path / "in.npy", image)
+    splitmerge.segment(image, pred_choice="chi2", sigma=4.0, small_size=30, interval_length=10,
+                       threshold_row=3, region_file=tmp_path / "python.txt")
+    options = ["--pred-choice", "chi2", "--sigma", "4", "--small-size", "30",
+               "--interval-length", "10", "--threshold-row", "3"]
+    done = subprocess.run([CLI, "in.npy", "--quiet", *options, "--regions", "cli.txt"],
+                          cwd=tmp_path, capture_output=True, text=True, timeout=60)
+    assert done.returncode == 0, done.stderr
+    assert (tmp_path / "cli.txt").read_text() == (tmp_path / "python.txt").read_text()
