@@ -3,6 +3,7 @@
     make_table.py RESULTS.jsonl MICRO.json MACHINE_LINE
 """
 import json
+import statistics
 import sys
 
 PHASES = ["setup", "initial_blocks", "merge", "split", "adjacency", "grouping",
@@ -118,6 +119,85 @@ def peer_table(peers, whole):
               f"| {mb(r['peak_rss_bytes'])} ({mb(r['baseline_rss_bytes'])}) |")
 
 
+def versions_table(runs):
+    """Earlier versions against this one, run in turn on the same cases.
+
+    Each cell is the median over the invocations of their medians; the peak
+    is the largest. Baselines run as they were built (one thread); this
+    version runs with one thread and with every core ("threads" 0).
+    """
+    now = runs[-1]["version"]  # the script runs this version last in every round
+    cases, groups = [], {}
+    for r in runs:
+        key = (r["name"], r["group_mode"])
+        if key not in groups:
+            cases.append(key)
+            groups[key] = {}
+        side = "all" if r["version"] == now and r.get("threads") == 0 else \
+            "one" if r["version"] == now else r["version"]
+        groups[key].setdefault(side, []).append(r)
+    baselines = list(dict.fromkeys(r["version"] for r in runs if r["version"] != now))
+
+    def summary(lines):
+        if not lines:
+            return None
+        return {"median_s": statistics.median(r["median_s"] for r in lines),
+                "peak": max(r["peak_rss_bytes"] for r in lines),
+                "regions": {r["regions"] for r in lines},
+                "checksums": {r["labels_checksum"] for r in lines if "labels_checksum" in r},
+                "invocations": len(lines),
+                "repetitions": lines[0]["repetitions"]}
+
+    print(f"| case | grouping | baseline | invocations × runs | baseline ms | {now} 1 thread ms "
+          "| × | all threads ms | × | peak MB baseline / now | regions | same result |")
+    print("|---|---|---|--:|--:|--:|--:|--:|--:|--:|--:|---|")
+    for key in cases:
+        one, every = summary(groups[key].get("one")), summary(groups[key].get("all"))
+        for version in baselines:
+            old = summary(groups[key].get(version))
+            if old is None or one is None:
+                continue
+            ours = [s for s in (one, every) if s is not None]
+            regions = set().union(old["regions"], *(s["regions"] for s in ours))
+            same = len(regions) == 1
+            checksums = set().union(*(s["checksums"] for s in ours))
+            if old["checksums"]:
+                checksums |= old["checksums"]
+                check = "yes (regions, labels)" if same and len(checksums) == 1 else "**no**"
+            else:
+                check = ("yes (regions" + (", labels across threads)" if len(checksums) == 1
+                                           else ")")) if same else "**no**"
+            speedup_one = old["median_s"] / one["median_s"]
+            speedup_all = "–" if every is None else f"{old['median_s'] / every['median_s']:.2f}"
+            print(f"| {key[0]} | {grouping(key[1])} | {version} "
+                  f"| {old['invocations']} × {old['repetitions']} "
+                  f"| {ms(old['median_s'])} | {ms(one['median_s'])} | {speedup_one:.2f} "
+                  f"| {'–' if every is None else ms(every['median_s'])} | {speedup_all} "
+                  f"| {mb(old['peak'])} / {mb(one['peak'])} "
+                  f"| {' / '.join(str(n) for n in sorted(regions))} | {check} |")
+
+
+def large_table(large, cli):
+    print("| case | size | run by | grouping | threads | runs | median ms | Mvox/s "
+          "| peak MB (input+labels) | regions |")
+    print("|---|---|---|---|--:|--:|--:|--:|--:|--:|")
+    for r in cli:
+        if "note" in r:
+            print(f"| {r['name']} | – | `{r['command']}` | – | – | – | – | – | – "
+                  f"| refused: {r['note']} |")
+            continue
+        print(f"| {r['name']} | {r['size']} | `{r['command']}` | sequential | all "
+              f"| {r['repetitions']} | {ms(r['median_s'])} | {r['mvoxels_per_s']:.3g} "
+              f"| {mb(r['peak_rss_bytes'])} | {r['regions']} |")
+    for r in large:
+        held = 2 * 4 * r["voxels"]
+        threads = "all" if r.get("threads") == 0 else r.get("threads", 1)
+        print(f"| {r['name']} | {r['size']} | bench_whole_run | {grouping(r['group_mode'])} "
+              f"| {threads} | {r['repetitions']} | {ms(r['median_s'])} "
+              f"| {r['mvoxels_per_s']:.3g} | {mb(r['peak_rss_bytes'])} ({mb(held)}) "
+              f"| {r['regions']} |")
+
+
 def micro_tables(micro):
     rates = {}
     adjacency = []
@@ -162,7 +242,10 @@ def main():
             micro = json.load(f)
     except (OSError, ValueError):
         micro = {}
-    whole = [r for r in lines if r["kind"] == "whole"]
+    whole = [r for r in lines if r["kind"] == "whole" and "version" not in r and "size" not in r]
+    versions = [r for r in lines if r["kind"] == "whole" and "version" in r]
+    large = [r for r in lines if r["kind"] == "whole" and "size" in r]
+    cli = [r for r in lines if r["kind"] == "cli"]
     phases = [r for r in lines if r["kind"] == "phases"]
     peers = [r for r in lines if r["kind"] == "peer"]
 
@@ -176,6 +259,19 @@ def main():
     whole_table(whole, phases)
     print("\nPhases (display off), median ms:\n")
     phase_table(phases)
+    if versions:
+        print("\nEarlier versions side by side (display off), taking turns invocation by "
+              "invocation: each invocation's median over its runs, then the median over the "
+              "invocations; × is the earlier version's time over this one's. Earlier versions "
+              "run single-threaded. Same result: the region counts agree, and where both "
+              "carry a checksum of the label image, the labels too.\n")
+        versions_table(versions)
+    if large or cli:
+        print("\nLarge images (display off). The command-line run is timed around the whole "
+              "process (reading the .png, the run with every core, writing the labels) with "
+              "its peak from /usr/bin/time -v; the others are whole runs through segment() "
+              "as above.\n")
+        large_table(large, cli)
     print("\nPeers on the same data (peak MB with the process's resident memory before the "
           "first run in brackets):\n")
     peer_table(peers, whole)

@@ -4,12 +4,14 @@
 //    least any labelling of the image can cost;
 //  - one display frame copy: a fresh frame filled from the previous one, what
 //    the recorder pays per frame.
-// Prints one JSON line with medians, the peak resident memory of the process
-// and its resident memory before the first run (input image loaded).
+// Prints one JSON line with medians, the peak resident memory of the process,
+// its resident memory before the first run (input image loaded) and a checksum
+// of the last run's labels.
 #include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "bench_options.hpp"
@@ -52,6 +54,22 @@ double frame_copy_seconds(const int32_image& image) {
   return median(times);
 }
 
+// FNV-1a over the labels: equal for equal label images, so runs of two
+// versions or thread counts can be checked against each other cheaply.
+std::string labels_checksum(const std::vector<std::int32_t>& labels) {
+  std::uint64_t hash = 14695981039346656037ull;
+  for (const std::int32_t label : labels) {
+    auto bits = static_cast<std::uint32_t>(label);
+    for (int byte = 0; byte < 4; ++byte, bits >>= 8) {
+      hash ^= bits & 0xffu;
+      hash *= 1099511628211ull;
+    }
+  }
+  char text[17];
+  std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
+  return text;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -66,6 +84,7 @@ int main(int argc, char** argv) {
     std::vector<double> times;
     std::int32_t regions = 0;
     std::int32_t frames = 0;
+    std::string checksum;
     for (std::int32_t rep = 0; rep < o.repetitions; ++rep) {
       const auto start = bench_clock::now();
       const splitmerge::segmentation s = splitmerge::segment(image.view(), o.params, run_options);
@@ -77,6 +96,7 @@ int main(int argc, char** argv) {
       }
       regions = s.labels.empty() ? 0 : *std::max_element(s.labels.begin(), s.labels.end()) + 1;
       frames = s.frame_count;
+      if (rep + 1 == o.repetitions) checksum = labels_checksum(s.labels);
     }
     const std::uint64_t peak = peak_rss_bytes();
 
@@ -94,6 +114,7 @@ int main(int argc, char** argv) {
         .add("min_s", *std::min_element(times.begin(), times.end()))
         .add("mvoxels_per_s", static_cast<double>(image.count()) / run_s / 1e6)
         .add("regions", regions)
+        .add("labels_checksum", checksum)
         .add("frames", frames)
         .add("peak_rss_bytes", peak)
         .add("baseline_rss_bytes", baseline)
