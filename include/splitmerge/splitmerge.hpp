@@ -145,6 +145,11 @@ std::string check_parameters(const image_view& image, const parameters& p);
 // options can hold at once, output labels included; 0 when the parameters
 // are invalid.
 std::uint64_t worst_case_memory(const image_view& image, parameters p, const options& opts = {});
+// Bytes this machine can give a run now: MemAvailable of /proc/meminfo, else
+// the physical memory, else 0 (unknown: no limit).
+std::uint64_t available_memory() noexcept;
+// A size for people: "512 bytes", "1.5 KiB", "300.0 MiB", "1.5 GiB".
+std::string format_bytes(std::uint64_t bytes);
 
 segmentation segment(const image_view& image, parameters p, const options& opts = {});
 

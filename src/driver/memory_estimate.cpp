@@ -9,6 +9,7 @@
 
 #include "display/display.hpp"
 #include "records/records.hpp"
+#include "splitmerge/splitmerge.hpp"
 
 namespace splitmerge {
 

@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
 
 namespace splitmerge {
 
@@ -26,11 +25,6 @@ struct run_shape {
 // labels included, the caller's image not.
 std::uint64_t worst_case_bytes(const run_shape& s) noexcept;
 
-// Bytes this machine can give a run now: MemAvailable of /proc/meminfo,
-// else the physical memory, else 0 (unknown: no limit).
-std::uint64_t available_memory() noexcept;
-
-// "1.5 GiB", "300.0 MiB", "12.0 KiB".
-std::string format_bytes(std::uint64_t bytes);
+// available_memory and format_bytes are declared in the public header.
 
 }  // namespace splitmerge
