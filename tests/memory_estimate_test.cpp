@@ -73,14 +73,14 @@ TEST(MemoryEstimate, CoversTheMeasuredPeakOfWorstCaseImagesWithinThreeTimes) {
     int size_x;
     int size_z;
   };
-  for (const size_case c : {size_case{32, 1}, size_case{64, 1},
-                            size_case{8, 8}, size_case{16, 16}, size_case{32, 8}})
+  for (const size_case c :
+       {size_case{32, 1}, size_case{64, 1}, size_case{8, 8}, size_case{16, 16}, size_case{32, 8}})
     for (int kind = 0; kind < 2; ++kind)
       for (const bool display : {false, true}) {
         const auto image = kind == 0 ? checkerboard(c.size_x, c.size_z)
                                      : noise(c.size_x, c.size_z, 17u + c.size_x);
-        SCOPED_TRACE((kind == 0 ? "checkerboard " : "noise ") + std::to_string(c.size_x) +
-                     " x " + std::to_string(c.size_z) + (display ? " display" : ""));
+        SCOPED_TRACE((kind == 0 ? "checkerboard " : "noise ") + std::to_string(c.size_x) + " x " +
+                     std::to_string(c.size_z) + (display ? " display" : ""));
         const parameters p = worst_parameters(c.size_x, c.size_z);
         options o;
         o.display = display;

@@ -330,9 +330,9 @@ parse_result parse_command_line(int argc, const char* const* argv) {
     if (!memory_limit.empty()) {
       const auto bytes = parse_byte_size(memory_limit);
       if (!bytes)
-        throw CLI::ValidationError("--memory-limit",
-                                   "expected bytes such as 512M, 4G or 1000000, got '" +
-                                       memory_limit + "'");
+        throw CLI::ValidationError(
+            "--memory-limit",
+            "expected bytes such as 512M, 4G or 1000000, got '" + memory_limit + "'");
       s.memory_limit = *bytes;
     }
     s.fit.rescale = rescale->count() > 0;

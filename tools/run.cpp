@@ -131,8 +131,7 @@ std::uint64_t checked_memory_limit(const image_view& view, const parameters& par
   if (limit != 0 && needed > limit)
     throw usage_error("the run may need up to " + format_bytes(needed) + " of memory, but " +
                       format_bytes(limit) +
-                      (s.memory_limit != 0 ? " is allowed by --memory-limit"
-                                           : " is available") +
+                      (s.memory_limit != 0 ? " is allowed by --memory-limit" : " is available") +
                       ": crop the image with --fit crop or give a smaller --max-level");
   return limit;
 }
@@ -248,7 +247,8 @@ int run(const tool_settings& s) {
       }
     }
     frame_stream* frame_output = frames ? &*frames : nullptr;
-    const segmentation result = segment_with_progress(view, params, s, memory_limit, frame_output, progress);
+    const segmentation result =
+        segment_with_progress(view, params, s, memory_limit, frame_output, progress);
     if (frame_output != nullptr && frame_output->failed()) {
       try {
         std::vector<std::string> unused;

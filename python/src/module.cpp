@@ -187,8 +187,8 @@ py::dict run(const py::array& image, const py::dict& params, bool frames, bool l
 // result could not be allocated.
 py::dict run_or_memory_error(const py::array& image, const py::dict& params, bool frames,
                              bool lines, bool regions, std::optional<py::bytes> region_file,
-                             std::uint64_t frame_budget, py::object progress,
-                             std::int32_t threads, std::uint64_t memory_limit) {
+                             std::uint64_t frame_budget, py::object progress, std::int32_t threads,
+                             std::uint64_t memory_limit) {
   try {
     return run(image, params, frames, lines, regions, std::move(region_file), frame_budget,
                std::move(progress), threads, memory_limit);

@@ -64,8 +64,7 @@ std::uint64_t worst_case_bytes(const run_shape& s) noexcept {
   const std::uint64_t pair_search = 44 * n + 1024;
   const std::uint64_t order_keys = (std::max<std::uint64_t>(7 * n + 64, arena_minimum) + 1) * 8;
   const std::uint64_t slots =
-      ((s.volume ? slots_per_pixel_volume : slots_per_pixel_plane) * n + slots_fixed) *
-      slot_bytes;
+      ((s.volume ? slots_per_pixel_volume : slots_per_pixel_plane) * n + slots_fixed) * slot_bytes;
   const std::uint64_t scratch = std::max(pair_search, order_keys + slots);
 
   const std::uint64_t frame = n * frame_pixel_bytes;
@@ -76,15 +75,15 @@ std::uint64_t worst_case_bytes(const run_shape& s) noexcept {
     // at the first tick and every 1001st after it.
     const std::uint64_t ticks = 4 * n + 1;
     const std::uint64_t most = 2 + ticks / (frame_interval + 1);
-    const std::uint64_t within = frame == 0 ? most : std::max<std::uint64_t>(1, s.frame_budget / frame);
+    const std::uint64_t within =
+        frame == 0 ? most : std::max<std::uint64_t>(1, s.frame_budget / frame);
     // One more while the frames are copied into the result.
     frames = (std::min(most, within) + 1) * frame;
   }
   const std::uint64_t labels = n * sizeof(std::int32_t);
   // Region list for the caller: a record per region, a code per block and
   // a neighbour per entry.
-  const std::uint64_t regions =
-      s.collect_regions ? n * (64 + 4) + entry_records * 4 : 0;
+  const std::uint64_t regions = s.collect_regions ? n * (64 + 4) + entry_records * 4 : 0;
 
   const std::uint64_t parts = blocks + entries + scratch + frames + labels + regions;
   return parts / margin_denominator * margin_numerator + fixed_bytes;

@@ -337,18 +337,17 @@ TEST(Help, ExplainsEveryOptionAndExitsZero) {
   const auto result = testing::run_tool(dir, "--help");
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "");
-  for (const char* option : {"--labels",        "--frames",      "--regions",
-                             "--save-input",    "--no-display",  "--quiet",
-                             "--frame-budget",  "--fit",         "--slice",
-                             "--rescale",       "--max-level",   "--lim-oct-level",
-                             "--init-level",    "--group-mode",  "--max-seed",
-                             "--use-all-seeds", "--pred-choice", "--interval-length",
-                             "--rejection",     "--sigma",       "--threshold-row",
-                             "--pseudo-factor", "--small-size",  "--statistic-update",
-                             ".nii.gz",         ".gif",          "Exit status",
-                             "--overlay",       "--version",     "percentiles",
-                             "--threads",       "with a warning",
-                             "--memory-limit"})
+  for (const char* option : {"--labels",        "--frames",       "--regions",
+                             "--save-input",    "--no-display",   "--quiet",
+                             "--frame-budget",  "--fit",          "--slice",
+                             "--rescale",       "--max-level",    "--lim-oct-level",
+                             "--init-level",    "--group-mode",   "--max-seed",
+                             "--use-all-seeds", "--pred-choice",  "--interval-length",
+                             "--rejection",     "--sigma",        "--threshold-row",
+                             "--pseudo-factor", "--small-size",   "--statistic-update",
+                             ".nii.gz",         ".gif",           "Exit status",
+                             "--overlay",       "--version",      "percentiles",
+                             "--threads",       "with a warning", "--memory-limit"})
     EXPECT_NE(result.out.find(option), std::string::npos) << option;
 }
 
