@@ -92,6 +92,47 @@ TEST(MemoryEstimate, CoversTheMeasuredPeakOfWorstCaseImagesWithinThreeTimes) {
       }
 }
 
+TEST(MemoryEstimate, CoversTheOtherGroupingAndTheMedianPredicate) {
+  for (int kind = 0; kind < 2; ++kind) {
+    const auto image = kind == 0 ? checkerboard(64, 1) : noise(16, 16, 9);
+    const int size_x = kind == 0 ? 64 : 16;
+    const int size_z = kind == 0 ? 1 : 16;
+    parameters p = worst_parameters(size_x, size_z);
+    p.group_mode = 1;
+    p.pred_choice = 3;
+    p.init_level = p.max_level - 1;  // the largest median scratch
+    const std::uint64_t estimate =
+        worst_case_memory(image_view{image.data(), size_x, size_x, size_z}, p, options{});
+    const std::uint64_t peak = measured_peak(image, size_x, size_z, p, true);
+    EXPECT_GE(estimate, peak);
+    EXPECT_LE(estimate, 3 * peak);
+  }
+}
+
+// The high-water mark the estimate is fitted to: small pieces count their
+// size class, large ones their size, reserved ranges only what is granted.
+TEST(AllocatorBytes, CountsWhatIsHeldAndTheMostHeldAtOnce) {
+  run_allocator a;
+  void* small = a.allocate(100, alloc_site::level_table);  // class of 104 bytes
+  EXPECT_EQ(a.live_bytes(), 104u);
+  void* large = a.allocate_uninitialised(1000, alloc_site::sort_array);
+  EXPECT_EQ(a.live_bytes(), 1104u);
+  void* range = a.reserve(std::size_t{1} << 20, alloc_site::block_record);
+  EXPECT_EQ(a.live_bytes(), 1104u) << "a reservation is not memory yet";
+  ASSERT_TRUE(a.grant(alloc_site::block_record, 480));
+  EXPECT_EQ(a.live_bytes(), 1584u);
+  a.release(large);
+  EXPECT_EQ(a.live_bytes(), 584u);
+  a.ungrant(480);
+  a.release(range);
+  a.release(small);
+  EXPECT_EQ(a.live_bytes(), 0u);
+  EXPECT_EQ(a.peak_bytes(), 1584u);
+  a.fail_at(a.requests() + 1);
+  EXPECT_FALSE(a.grant(alloc_site::block_record, 480));
+  EXPECT_EQ(a.live_bytes(), 0u) << "a refused grant counts nothing";
+}
+
 TEST(MemoryEstimate, FramesHandedToASinkAreNotCounted) {
   const auto image = checkerboard(64, 1);
   const image_view view{image.data(), 64, 64, 1};

@@ -29,6 +29,13 @@ struct header {
 };
 static_assert(sizeof(header) == 8);
 
+// Bytes counted for a request: small ones by their size class, whether or
+// not the pool serves them, so that counts agree in every build.
+std::size_t counted_size(std::size_t bytes, std::size_t granule, std::size_t small_limit) {
+  if (bytes == 0) bytes = 1;
+  return bytes <= small_limit ? (bytes + granule - 1) / granule * granule : bytes;
+}
+
 }  // namespace
 
 run_allocator::~run_allocator() {
@@ -90,12 +97,13 @@ void* run_allocator::allocate(std::size_t bytes, alloc_site site) noexcept {
     // already, so the parts a run never writes never become memory.
     auto* h = static_cast<header*>(std::calloc(1, sizeof(header) + bytes));
     if (h == nullptr) return nullptr;
-    h->size_class = class_count + bytes;
-    count(bytes);
+    const std::size_t counted = counted_size(bytes, granule, small_limit);
+    h->size_class = class_count + counted;
+    count(counted);
     ++live_;
     return h + 1;
   }
-  void* p = obtain(bytes, bytes);
+  void* p = obtain(bytes, counted_size(bytes, granule, small_limit));
   if (p == nullptr) return nullptr;
   std::memset(p, 0, bytes);
   ++live_;
@@ -104,7 +112,7 @@ void* run_allocator::allocate(std::size_t bytes, alloc_site site) noexcept {
 
 void* run_allocator::allocate_uninitialised(std::size_t bytes, alloc_site site) noexcept {
   if (!admit(site)) return nullptr;
-  void* p = obtain(bytes, bytes);
+  void* p = obtain(bytes, counted_size(bytes, granule, small_limit));
   if (p != nullptr) ++live_;
   return p;
 }
