@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cctype>
 #include <iostream>
 #include <map>
 
@@ -198,6 +199,25 @@ parameters default_parameters() {
   return p;
 }
 
+std::optional<std::uint64_t> parse_byte_size(const std::string& text) {
+  std::size_t digits = 0;
+  while (digits < text.size() && text[digits] >= '0' && text[digits] <= '9') ++digits;
+  if (digits == 0 || digits > 19) return std::nullopt;
+  std::string unit = text.substr(digits);
+  for (char& c : unit) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  int shift = 0;
+  if (!unit.empty()) {
+    const std::string prefixes = "KMGT";
+    const std::size_t at = prefixes.find(unit[0]);
+    if (at == std::string::npos) return std::nullopt;
+    if (unit.size() > 1 && unit.substr(1) != "B" && unit.substr(1) != "IB") return std::nullopt;
+    shift = 10 * static_cast<int>(at + 1);
+  }
+  const std::uint64_t value = std::stoull(text.substr(0, digits));
+  if (value > (~std::uint64_t{0} >> shift)) return std::nullopt;
+  return value << shift;
+}
+
 parse_result parse_command_line(int argc, const char* const* argv) {
   tool_settings s;
   s.params = default_parameters();
@@ -264,6 +284,14 @@ parse_result parse_command_line(int argc, const char* const* argv) {
           "", "non-negative"))
       ->group("Running");
 
+  std::string memory_limit;
+  app.add_option("--memory-limit", memory_limit,
+                 wrapped("refuse to start a run whose worst case needs more memory than SIZE "
+                         "bytes, e.g. 512M, 4G or 1000000 (K, M, G, T: powers of 1024); 0 (the "
+                         "default) allows what the machine has available"))
+      ->type_name("SIZE")
+      ->group("Running");
+
   const std::string fitting = "Fitting the input";
   app.add_option(
          "--fit", fit,
@@ -301,6 +329,14 @@ parse_result parse_command_line(int argc, const char* const* argv) {
     }
     if (s.image.empty()) throw CLI::ValidationError("IMAGE", "the image path is empty");
     s.frame_budget = static_cast<std::uint64_t>(frame_budget);
+    if (!memory_limit.empty()) {
+      const auto bytes = parse_byte_size(memory_limit);
+      if (!bytes)
+        throw CLI::ValidationError(
+            "--memory-limit",
+            "expected bytes such as 512M, 4G or 1000000, got '" + memory_limit + "'");
+      s.memory_limit = *bytes;
+    }
     s.fit.rescale = rescale->count() > 0;
     if (s.fit.rescale && !rescale_window.empty())
       parse_percentile_window(rescale_window, s.fit.low_percentile, s.fit.high_percentile);

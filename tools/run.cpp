@@ -117,16 +117,36 @@ parameters checked_parameters(const image_view& view, const parameters& given) {
   return params;
 }
 
+// Refuses, before any output file is begun, a run whose worst case exceeds
+// --memory-limit or the memory available; the run is then given the same
+// limit, so it makes the same decision.
+std::uint64_t checked_memory_limit(const image_view& view, const parameters& params,
+                                   const tool_settings& s) {
+  options planned;
+  planned.display = s.frames.has_value();
+  if (s.frames) planned.frame_sink = [](const std::int32_t*, std::int32_t) {};
+  planned.collect_regions = s.regions.has_value();
+  const std::uint64_t limit = s.memory_limit != 0 ? s.memory_limit : available_memory();
+  const std::uint64_t needed = worst_case_memory(view, params, planned);
+  if (limit != 0 && needed > limit)
+    throw usage_error("the run may need up to " + format_bytes(needed) + " of memory, but " +
+                      format_bytes(limit) +
+                      (s.memory_limit != 0 ? " is allowed by --memory-limit" : " is available") +
+                      ": crop the image with --fit crop or give a smaller --max-level");
+  return limit;
+}
+
 // The library ends its progress lines with this one when it writes no region
 // list file; the program writes that file itself and prints, once it is
 // written, the lines the library prints around its own writing.
 constexpr std::string_view no_region_file_line = "No save_regionlist specified\n";
 
 segmentation segment_with_progress(const image_view& view, const parameters& params,
-                                   const tool_settings& s, frame_stream* frames,
-                                   terminal_progress& progress) {
+                                   const tool_settings& s, std::uint64_t memory_limit,
+                                   frame_stream* frames, terminal_progress& progress) {
   options opts;
   opts.threads = s.threads;
+  opts.memory_limit = memory_limit;
   opts.display = frames != nullptr;  // frames cost time: only when asked for
   if (frames != nullptr) {
     opts.frame_sink = [frames](const std::int32_t* frame, std::int32_t) { frames->add(frame); };
@@ -155,6 +175,7 @@ void print_progress(const tool_settings& s, terminal_progress& progress, const s
 
 int report_failed_run(const segmentation& result, terminal_progress& progress) {
   progress.stop();
+
   std::cerr << "splitmerge: the segmentation failed"
             << (result.error.empty() ? std::string(" (out of memory)") : ": " + result.error)
             << '\n';
@@ -212,6 +233,7 @@ int run(const tool_settings& s) {
     if (!s.quiet) print_notes(image.notes);
     const image_view view{image.pixels.data(), image.size_x, image.size_y, image.size_z};
     const parameters params = checked_parameters(view, s.params);
+    const std::uint64_t memory_limit = checked_memory_limit(view, params, s);
     const staged_outputs files(s);
     std::optional<frame_stream> frames;
     if (files.frames) {
@@ -225,7 +247,8 @@ int run(const tool_settings& s) {
       }
     }
     frame_stream* frame_output = frames ? &*frames : nullptr;
-    const segmentation result = segment_with_progress(view, params, s, frame_output, progress);
+    const segmentation result =
+        segment_with_progress(view, params, s, memory_limit, frame_output, progress);
     if (frame_output != nullptr && frame_output->failed()) {
       try {
         std::vector<std::string> unused;

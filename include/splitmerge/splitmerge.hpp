@@ -96,6 +96,10 @@ struct options {
   // for adjacent blocks, the label image); 0 uses every core, 1 runs
   // single-threaded. Results are identical for every count.
   std::int32_t threads = 0;
+  // Bytes the run may take at most (see worst_case_memory); a run whose
+  // worst case is larger is refused before it takes any memory. 0: the
+  // memory available on this machine now (no limit when that is unknown).
+  std::uint64_t memory_limit = 0;
 };
 
 struct region_record {
@@ -128,6 +132,10 @@ struct segmentation {
   std::vector<std::string> lines;
   std::vector<region_record> regions;
   std::string error;  // the parameter problem when status is -1 before the run
+  // Set when the run was refused because its worst case exceeds the memory
+  // limit (status_failed, `error` says so): the worst case and the limit.
+  std::uint64_t memory_needed = 0;
+  std::uint64_t memory_limit = 0;
 };
 
 // Fills in the derived parameters for an image; an error message when the
@@ -135,6 +143,16 @@ struct segmentation {
 std::string resolve_parameters(const image_view& image, parameters& p);
 // Empty when image and parameters make a valid run, else the problem.
 std::string check_parameters(const image_view& image, const parameters& p);
+
+// The most memory, in bytes, a run of this image with these parameters and
+// options can hold at once, output labels included; 0 when the parameters
+// are invalid.
+std::uint64_t worst_case_memory(const image_view& image, parameters p, const options& opts = {});
+// Bytes this machine can give a run now: MemAvailable of /proc/meminfo, else
+// the physical memory, else 0 (unknown: no limit).
+std::uint64_t available_memory() noexcept;
+// A size for people: "512 bytes", "1.5 KiB", "300.0 MiB", "1.5 GiB".
+std::string format_bytes(std::uint64_t bytes);
 
 segmentation segment(const image_view& image, parameters p, const options& opts = {});
 

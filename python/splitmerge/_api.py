@@ -94,6 +94,8 @@ def _raise_for_status(run: dict, region_file: Optional[str], shape_hint: bool) -
     message = run["error"]
     if not message:
         raise MemoryError("the segmentation ran out of memory")
+    if run["memory_needed"]:
+        raise MemoryError(message)
     if shape_hint and message.startswith(_SHAPE_PROBLEMS):
         message += "; fit='pad' or fit='crop' makes any shape fit"
     raise ValueError(message)
@@ -106,6 +108,18 @@ def _checked_threads(threads: int) -> int:
     if not 0 <= count < 2**31:
         raise ValueError(f"threads = {count} must be 0 (every core) to 2**31 - 1")
     return count
+
+
+def _checked_memory_limit(memory_limit: Optional[int]) -> int:
+    if memory_limit is None:
+        return 0
+    if isinstance(memory_limit, bool) or not isinstance(memory_limit, (int, np.integer)):
+        raise TypeError(
+            f"memory_limit must be an int or None, not {type(memory_limit).__name__}")
+    limit = int(memory_limit)
+    if not 1 <= limit < 2**64:
+        raise ValueError(f"memory_limit = {limit} must be 1 to 2**64 - 1 bytes, or None")
+    return limit
 
 
 def segment(
@@ -134,6 +148,7 @@ def segment(
     region_file: Optional[Union[str, os.PathLike]] = None,
     frame_budget: int = DEFAULT_FRAME_BUDGET,
     threads: int = 0,
+    memory_limit: Optional[int] = None,
 ) -> Union[np.ndarray, Segmentation]:
     """Segment a 2-D or 3-D grey image by split and merge.
 
@@ -238,6 +253,10 @@ def segment(
         Threads of one run, for the steps that can share the work: 0 (the
         default) uses every core, 1 runs single-threaded. The results are
         identical for every count.
+    memory_limit : int, optional
+        Bytes the run may take at most; a run whose worst case needs more
+        is refused with MemoryError before it starts. None (the default)
+        allows the memory available on this machine.
 
     Returns
     -------
@@ -255,7 +274,8 @@ def segment(
         The image's shape or values, or a parameter, cannot be used; the
         message is the library's one line (or says which option helps).
     MemoryError
-        The run ran out of memory.
+        The run ran out of memory, or its worst case exceeds `memory_limit`
+        (the message says how much it may need and how much is allowed).
     OSError
         The region list file cannot be written.
     KeyboardInterrupt
@@ -289,12 +309,13 @@ def segment(
     if not 0 <= budget < 2**64:
         raise ValueError(f"frame_budget = {budget} must be 0 to 2**64 - 1 bytes")
     thread_count = _checked_threads(threads)
+    limit = _checked_memory_limit(memory_limit)
     fitted = fit_image(image, fit=fit, rescale=rescale)
     path = None if region_file is None else os.fspath(region_file)
     run = _core.run(
         fitted.pixels, params, frames=bool(frames), lines=bool(lines), regions=bool(regions),
         region_file=None if path is None else os.fsencode(path), frame_budget=budget,
-        progress=progress, threads=thread_count)
+        progress=progress, threads=thread_count, memory_limit=limit)
     shape_hint = fit is None and max_level is None and lim_oct_level is None
     _raise_for_status(run, None if path is None else os.fsdecode(path), shape_hint)
     for message in run["warnings"]:

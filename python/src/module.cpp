@@ -142,7 +142,7 @@ py::list regions_of(std::vector<splitmerge::region_record>&& records, bool wide_
 
 py::dict run(const py::array& image, const py::dict& params, bool frames, bool lines, bool regions,
              std::optional<py::bytes> region_file, std::uint64_t frame_budget, py::object progress,
-             std::int32_t threads) {
+             std::int32_t threads, std::uint64_t memory_limit) {
   const splitmerge::image_view view = view_of(image);
   const splitmerge::parameters p = parameters_from(params);
   run_state state;
@@ -154,6 +154,7 @@ py::dict run(const py::array& image, const py::dict& params, bool frames, bool l
   opts.collect_regions = regions;
   opts.frame_budget = frame_budget;
   opts.threads = threads;
+  opts.memory_limit = memory_limit;
   if (region_file) opts.region_file = std::string(*region_file);
   if (!state.progress.is_none())
     opts.line_sink = [&state](std::string_view text) { deliver_lines(state, text); };
@@ -171,6 +172,7 @@ py::dict run(const py::array& image, const py::dict& params, bool frames, bool l
   py::dict out;
   out["status"] = result.status;
   out["error"] = decoded(result.error);
+  out["memory_needed"] = result.memory_needed;  // non-zero: refused for memory
   out["labels"] = adopt(std::move(result.labels), shape);
   if (frames) {
     shape.insert(shape.begin(), result.frame_count);
@@ -192,11 +194,11 @@ py::dict run(const py::array& image, const py::dict& params, bool frames, bool l
 // result could not be allocated.
 py::dict run_or_memory_error(const py::array& image, const py::dict& params, bool frames,
                              bool lines, bool regions, std::optional<py::bytes> region_file,
-                             std::uint64_t frame_budget, py::object progress,
-                             std::int32_t threads) {
+                             std::uint64_t frame_budget, py::object progress, std::int32_t threads,
+                             std::uint64_t memory_limit) {
   try {
     return run(image, params, frames, lines, regions, std::move(region_file), frame_budget,
-               std::move(progress), threads);
+               std::move(progress), threads, memory_limit);
   } catch (const std::bad_alloc&) {
     PyErr_SetString(PyExc_MemoryError, "the segmentation ran out of memory");
     throw py::error_already_set();
@@ -209,7 +211,7 @@ PYBIND11_MODULE(_core, m) {
   m.doc() = "Binding of the splitmerge C++ library; use splitmerge.segment instead.";
   m.def("run", &run_or_memory_error, py::arg("image"), py::arg("params"), py::arg("frames"),
         py::arg("lines"), py::arg("regions"), py::arg("region_file"), py::arg("frame_budget"),
-        py::arg("progress"), py::arg("threads"),
+        py::arg("progress"), py::arg("threads"), py::arg("memory_limit"),
         "Runs one segmentation; the image must be int32, C-contiguous, 2-D or 3-D.");
   m.attr("status_ok") = splitmerge::status_ok;
   m.attr("status_failed") = splitmerge::status_failed;

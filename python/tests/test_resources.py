@@ -173,3 +173,23 @@ def test_memory_exhaustion_is_a_memory_error(headroom_mb: int) -> None:
                           timeout=300)
     assert done.returncode == 0, done.stderr
     assert done.stdout.splitlines() == ["MemoryError: the segmentation ran out of memory", "0"]
+
+
+def test_a_run_above_memory_limit_is_refused_with_memory_error() -> None:
+    image = noise_image((32, 32), seed=4)
+    with pytest.raises(MemoryError) as refused:
+        splitmerge.segment(image, memory_limit=64 * 1024)
+    message = str(refused.value)
+    assert message.startswith("the run may need up to ")
+    assert "but 64.0 KiB is allowed" in message
+    assert "crop" in message and "smaller max_level" in message
+    # A generous limit runs, and the default (None) allows what is available.
+    limited = splitmerge.segment(image, memory_limit=2**30)
+    np.testing.assert_array_equal(limited, splitmerge.segment(image))
+
+
+@pytest.mark.parametrize("bad, error", [(0, ValueError), (-1, ValueError), (2**64, ValueError),
+                                        (1.5, TypeError), (True, TypeError), ("1G", TypeError)])
+def test_memory_limit_must_be_a_positive_int(bad: object, error: type) -> None:
+    with pytest.raises(error, match="memory_limit"):
+        splitmerge.segment(noise_image((8, 8), seed=1), memory_limit=bad)  # type: ignore[arg-type]

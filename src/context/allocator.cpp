@@ -20,14 +20,21 @@ namespace splitmerge {
 
 namespace {
 
-// Every piece starts with a header: its size class, or `large` for memory
-// from the general allocator. Records hold at most 8-byte fields, so pieces
-// need only 8-byte alignment; large arrays keep the general allocator's.
+// Every piece starts with a header: its size class, or, for memory from the
+// general allocator, `large` plus the bytes counted for it. Records hold at
+// most 8-byte fields, so pieces need only 8-byte alignment; large arrays keep
+// the general allocator's.
 struct header {
   std::size_t size_class;
 };
 static_assert(sizeof(header) == 8);
-constexpr std::size_t large = ~std::size_t{0};
+
+// Bytes counted for a request: small ones by their size class, whether or
+// not the pool serves them, so that counts agree in every build.
+std::size_t counted_size(std::size_t bytes, std::size_t granule, std::size_t small_limit) {
+  if (bytes == 0) bytes = 1;
+  return bytes <= small_limit ? (bytes + granule - 1) / granule * granule : bytes;
+}
 
 }  // namespace
 
@@ -49,7 +56,7 @@ bool run_allocator::admit(alloc_site site) noexcept {
   return true;
 }
 
-void* run_allocator::obtain(std::size_t bytes) noexcept {
+void* run_allocator::obtain(std::size_t bytes, std::size_t counted) noexcept {
   if (bytes == 0) bytes = 1;
   if (SPLITMERGE_POOL && bytes <= small_limit) {
     const std::size_t c = (bytes - 1) / granule;
@@ -73,11 +80,13 @@ void* run_allocator::obtain(std::size_t bytes) noexcept {
     free_[c] = f->next;
     auto* h = reinterpret_cast<header*>(f);
     h->size_class = c;
+    count((c + 1) * granule);
     return h + 1;
   }
   auto* h = static_cast<header*>(std::malloc(sizeof(header) + bytes));
   if (h == nullptr) return nullptr;
-  h->size_class = large;
+  h->size_class = class_count + counted;
+  count(counted);
   return h + 1;
 }
 
@@ -88,11 +97,13 @@ void* run_allocator::allocate(std::size_t bytes, alloc_site site) noexcept {
     // already, so the parts a run never writes never become memory.
     auto* h = static_cast<header*>(std::calloc(1, sizeof(header) + bytes));
     if (h == nullptr) return nullptr;
-    h->size_class = large;
+    const std::size_t counted = counted_size(bytes, granule, small_limit);
+    h->size_class = class_count + counted;
+    count(counted);
     ++live_;
     return h + 1;
   }
-  void* p = obtain(bytes);
+  void* p = obtain(bytes, counted_size(bytes, granule, small_limit));
   if (p == nullptr) return nullptr;
   std::memset(p, 0, bytes);
   ++live_;
@@ -101,19 +112,31 @@ void* run_allocator::allocate(std::size_t bytes, alloc_site site) noexcept {
 
 void* run_allocator::allocate_uninitialised(std::size_t bytes, alloc_site site) noexcept {
   if (!admit(site)) return nullptr;
-  void* p = obtain(bytes);
+  void* p = obtain(bytes, counted_size(bytes, granule, small_limit));
   if (p != nullptr) ++live_;
   return p;
+}
+
+void* run_allocator::reserve(std::size_t bytes, alloc_site site) noexcept {
+  if (!admit(site)) return nullptr;
+  // Always from the general allocator: a range is never a small piece.
+  auto* h = static_cast<header*>(std::malloc(sizeof(header) + (bytes == 0 ? 1 : bytes)));
+  if (h == nullptr) return nullptr;
+  h->size_class = class_count;  // nothing counted
+  ++live_;
+  return h + 1;
 }
 
 void run_allocator::release(void* p) noexcept {
   if (p == nullptr) return;
   --live_;
   header* h = static_cast<header*>(p) - 1;
-  if (h->size_class == large) {
+  if (h->size_class >= class_count) {
+    live_bytes_ -= h->size_class - class_count;
     std::free(h);
     return;
   }
+  live_bytes_ -= (h->size_class + 1) * granule;
   const std::size_t c = h->size_class;  // read before the link overwrites it
   auto* f = reinterpret_cast<free_piece*>(h);
   f->next = free_[c];

@@ -45,14 +45,29 @@ class run_allocator {
   // Memory whose contents the caller overwrites at once.
   void* allocate_uninitialised(std::size_t bytes, alloc_site site) noexcept;
   void release(void* p) noexcept;
+  // An address range whose pages become memory only as they are granted
+  // (a record arena): its bytes are counted by grant, not here.
+  void* reserve(std::size_t bytes, alloc_site site) noexcept;
   // Counts one request that obtains no memory of its own (an arena growing
-  // into its reserved range); false when that request is the one to fail.
-  bool grant(alloc_site site) noexcept { return admit(site); }
+  // by `bytes` into its reserved range); false when that request is the one
+  // to fail.
+  bool grant(alloc_site site, std::size_t bytes) noexcept {
+    if (!admit(site)) return false;
+    count(bytes);
+    return true;
+  }
+  // Gives back bytes counted by grant (the arena released its range).
+  void ungrant(std::size_t bytes) noexcept { live_bytes_ -= bytes; }
 
   // Makes request number k (counting from 1) fail; 0 disables the hook.
   void fail_at(std::uint64_t k) noexcept { fail_at_ = k; }
   [[nodiscard]] std::uint64_t requests() const noexcept { return requests_; }
   [[nodiscard]] std::int64_t live() const noexcept { return live_; }
+  // Bytes held now and the most held at once during the run: every request's
+  // size (small ones rounded to their size class, without headers) and the
+  // granted part of each reserved range.
+  [[nodiscard]] std::uint64_t live_bytes() const noexcept { return live_bytes_; }
+  [[nodiscard]] std::uint64_t peak_bytes() const noexcept { return peak_bytes_; }
   [[nodiscard]] bool site_requested(alloc_site s) const noexcept {
     return requested_[static_cast<std::size_t>(s)];
   }
@@ -76,11 +91,17 @@ class run_allocator {
   };
 
   bool admit(alloc_site site) noexcept;
-  void* obtain(std::size_t bytes) noexcept;
+  void* obtain(std::size_t bytes, std::size_t counted) noexcept;
+  void count(std::size_t bytes) noexcept {
+    live_bytes_ += bytes;
+    if (live_bytes_ > peak_bytes_) peak_bytes_ = live_bytes_;
+  }
 
   std::uint64_t fail_at_ = 0;
   std::uint64_t requests_ = 0;
   std::int64_t live_ = 0;
+  std::uint64_t live_bytes_ = 0;
+  std::uint64_t peak_bytes_ = 0;
   std::array<bool, alloc_site_count> requested_{};
   std::array<bool, alloc_site_count> failed_{};
   std::array<free_piece*, class_count> free_{};

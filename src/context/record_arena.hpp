@@ -62,11 +62,10 @@ class record_arena {
       free_ = base_[i].*FreeLink;
     } else {
       if (used_ == granted_) {
-        if (granted_ == limit_ || !allocator_.grant(site_)) {
+        if (granted_ == limit_ || !grow()) {
           if (live_ == 0) release_all();  // nothing holds the range
           return nullptr;
         }
-        granted_ = limit_ - granted_ > chunk_ ? granted_ + chunk_ : limit_;
       }
       i = used_++;
       SPLITMERGE_UNPOISON(base_ + i, sizeof(T));
@@ -87,11 +86,10 @@ class record_arena {
       return 0;
     }
     while (granted_ - used_ < n) {
-      if (!allocator_.grant(site_)) {
+      if (!grow()) {
         if (live_ == 0) release_all();
         return 0;
       }
-      granted_ = limit_ - granted_ > chunk_ ? granted_ + chunk_ : limit_;
     }
     const std::uint32_t first = used_;
     SPLITMERGE_UNPOISON(base_ + first, std::size_t{n} * sizeof(T));
@@ -110,7 +108,10 @@ class record_arena {
 
   // Gives back every record at once.
   void release_all() noexcept {
-    if (base_ != nullptr) SPLITMERGE_UNPOISON(base_, std::size_t{limit_} * sizeof(T));
+    if (base_ != nullptr) {
+      SPLITMERGE_UNPOISON(base_, std::size_t{limit_} * sizeof(T));
+      allocator_.ungrant(std::size_t{granted_ - 1} * sizeof(T));
+    }
     allocator_.release(base_);
     base_ = nullptr;
     used_ = granted_ = limit_ = free_ = 0;
@@ -130,12 +131,21 @@ class record_arena {
   bool reserve() noexcept {
     const std::size_t n = (capacity_ < minimum_capacity ? minimum_capacity : capacity_) + 1;
     if (n > std::size_t{0xFFFFFFFFu}) return false;
-    base_ = static_cast<T*>(allocator_.allocate_uninitialised(n * sizeof(T), site_));
+    base_ = static_cast<T*>(allocator_.reserve(n * sizeof(T), site_));
     if (base_ == nullptr) return false;
     limit_ = static_cast<std::uint32_t>(n);
     used_ = granted_ = 1;  // index 0 is the empty link
     SPLITMERGE_POISON(base_, n * sizeof(T));
     free_ = 0;
+    return true;
+  }
+
+  // Grants the next chunk of the reserved range; false when the allocator
+  // refuses it.
+  bool grow() noexcept {
+    const std::uint32_t next = limit_ - granted_ > chunk_ ? granted_ + chunk_ : limit_;
+    if (!allocator_.grant(site_, std::size_t{next - granted_} * sizeof(T))) return false;
+    granted_ = next;
     return true;
   }
 

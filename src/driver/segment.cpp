@@ -5,6 +5,7 @@
 
 #include "display/display.hpp"
 #include "driver/driver.hpp"
+#include "driver/memory_estimate.hpp"
 #include "geometry/geometry.hpp"
 #include "splitmerge/splitmerge.hpp"
 
@@ -52,7 +53,32 @@ std::vector<region_record> collect(const run_context& ctx, regionlist head) {
   return out;
 }
 
+run_shape shape_of(const image_view& image, const parameters& p, const options& opts) {
+  run_shape s;
+  s.voxels = static_cast<std::uint64_t>(image.size_x) * static_cast<std::uint64_t>(image.size_y) *
+             static_cast<std::uint64_t>(image.size_z);
+  s.volume = image.size_z > 1;
+  s.max_level = p.max_level;
+  s.init_level = p.init_level;
+  s.display = opts.display;
+  s.frames_to_sink = static_cast<bool>(opts.frame_sink);
+  s.frame_budget = opts.frame_budget;
+  s.collect_regions = opts.collect_regions;
+  return s;
+}
+
+std::string refusal(std::uint64_t needed, std::uint64_t limit, bool machine) {
+  return "the run may need up to " + format_bytes(needed) + " of memory, but " +
+         format_bytes(limit) + (machine ? " is available" : " is allowed") +
+         ": segment a smaller image (crop it) or use a smaller max_level";
+}
+
 }  // namespace
+
+std::uint64_t worst_case_memory(const image_view& image, parameters p, const options& opts) {
+  if (!resolve_parameters(image, p).empty() || !check_parameters(image, p).empty()) return 0;
+  return worst_case_bytes(shape_of(image, p, opts));
+}
 
 std::string resolve_parameters(const image_view& image, parameters& p) {
   if (p.max_level == -1) {
@@ -81,6 +107,16 @@ segmentation segment(const image_view& image, parameters p, const options& opts)
   segmentation result;
   std::string problem = resolve_parameters(image, p);
   if (problem.empty()) problem = check_parameters(image, p);
+  if (problem.empty()) {
+    // Refused before any of the run's memory is taken.
+    const std::uint64_t limit = opts.memory_limit != 0 ? opts.memory_limit : available_memory();
+    const std::uint64_t needed = worst_case_bytes(shape_of(image, p, opts));
+    if (limit != 0 && needed > limit) {
+      problem = refusal(needed, limit, opts.memory_limit == 0);
+      result.memory_needed = needed;
+      result.memory_limit = limit;
+    }
+  }
   if (!problem.empty()) {
     // Rejected before anything is built, with the one message the entry gives.
     result.status = status_failed;

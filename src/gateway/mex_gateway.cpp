@@ -109,6 +109,7 @@ void segment_call(int nlhs, mxArray* plhs[], const call& c, call_settings& setti
   options opts;
   opts.display = want_frames;
   opts.collect_regions = nlhs >= 3;
+  opts.memory_limit = settings.memory_limit;
   opts.line_sink = print_to_host;
   opts.error_sink = [](std::string_view) {};  // the status says what went wrong
   opts.interrupt = [&store_failed] { return store_failed || host_interrupt_pending(); };
@@ -125,6 +126,11 @@ void segment_call(int nlhs, mxArray* plhs[], const call& c, call_settings& setti
   }
   if (result.status == status_interrupted) {
     r.fail("splitmerge:interrupted", "interrupted by the user; nothing is returned");
+    return;
+  }
+  if (result.memory_needed != 0) {
+    // Refused before the run: the message says how much and the way out.
+    r.fail("splitmerge:memory", "%s", result.error.c_str());
     return;
   }
   if (result.status == status_failed && result.error.empty()) {

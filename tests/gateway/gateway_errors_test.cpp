@@ -231,6 +231,26 @@ TEST(GatewayErrors, InterruptAtAnyPollEndsTheCallWithNothingLeft) {
   EXPECT_EQ(after.frames, clean.frames);
 }
 
+TEST(GatewayErrors, RunAboveTheMemoryLimitIsRefusedWithItsIdentifier) {
+  const image img = patchy_image({32, 32, 4});
+  host_inputs in(img, host_parameters{});
+  for (int nlhs : {1, 2, 3}) {
+    SCOPED_TRACE(nlhs);
+    gateway::call_settings settings;
+    settings.memory_limit = 64 * 1024;
+    const gateway_result r = call_gateway(in, nlhs, settings);
+    expect_failed_cleanly(r, "splitmerge:memory");
+    EXPECT_EQ(r.error_text.rfind("the run may need up to ", 0), 0u) << r.error_text;
+    EXPECT_NE(r.error_text.find("but 64.0 KiB is allowed"), std::string::npos) << r.error_text;
+    EXPECT_NE(r.error_text.find("smaller max_level"), std::string::npos) << r.error_text;
+    EXPECT_EQ(r.frame_requests, 0u) << "no frame was stored";
+    EXPECT_EQ(r.printed, "") << "the run never started";
+  }
+  gateway::call_settings generous;
+  generous.memory_limit = std::uint64_t{1} << 30;
+  EXPECT_EQ(call_gateway(in, 2, generous).error_id, "");
+}
+
 TEST(GatewayErrors, HostArrayThatCannotBeCreated) {
   const image img = patchy_image({32, 32, 4});
   for (int k : {1, 2}) {  // the labels, then the frames

@@ -9,6 +9,7 @@
 #include <limits>
 #include <vector>
 
+#include "command_line.hpp"
 #include "npy.hpp"
 #include "test_images.hpp"
 #include "tool_runner.hpp"
@@ -52,6 +53,18 @@ const std::vector<error_case>& error_cases() {
       {"UnknownOption", write_halves, "in.npy --colour", 2, {"--colour", "--help"}},
       {"ParameterNotANumber", write_halves, "in.npy --sigma abc", 2, {"--sigma", "abc"}},
       {"UnknownFitMode", write_halves, "in.npy --fit stretch", 2, {"expected pad or crop"}},
+      {"MemoryLimitNotASize",
+       write_halves,
+       "in.npy --memory-limit 4X",
+       2,
+       {"--memory-limit", "512M, 4G or 1000000", "4X"}},
+      {"MemoryLimitNegative", write_halves, "in.npy --memory-limit -5", 2, {"--memory-limit"}},
+      {"RunAboveTheMemoryLimit",
+       write_halves,
+       "in.npy --memory-limit 64K",
+       2,
+       {"the run may need up to ", "64.0 KiB is allowed by --memory-limit", "--fit crop",
+        "smaller --max-level"}},
       {"UnknownPredicateName",
        write_halves,
        "in.npy --pred-choice gauss",
@@ -313,22 +326,44 @@ TEST(RunFailure, OutOfMemory) {
   EXPECT_EQ(dir.file_names(), std::vector<std::string>{"in.npy"});
 }
 
+TEST(MemoryLimit, SizesAreBytesOrPowersOf1024) {
+  EXPECT_EQ(parse_byte_size("1000000"), 1000000u);
+  EXPECT_EQ(parse_byte_size("0"), 0u);
+  EXPECT_EQ(parse_byte_size("512K"), 512u << 10);
+  EXPECT_EQ(parse_byte_size("512M"), 512u << 20);
+  EXPECT_EQ(parse_byte_size("512m"), 512u << 20);
+  EXPECT_EQ(parse_byte_size("4G"), std::uint64_t{4} << 30);
+  EXPECT_EQ(parse_byte_size("4GiB"), std::uint64_t{4} << 30);
+  EXPECT_EQ(parse_byte_size("4GB"), std::uint64_t{4} << 30);
+  EXPECT_EQ(parse_byte_size("2T"), std::uint64_t{2} << 40);
+  for (const char* bad : {"", "G", "4X", "4GX", "-1", "1.5G", "4 G", "16777216T"})
+    EXPECT_EQ(parse_byte_size(bad), std::nullopt) << bad;
+}
+
+TEST(MemoryLimit, ARunWithinTheLimitRuns) {
+  scratch_folder dir;
+  write_halves(dir);
+  const auto result = testing::run_tool(dir, "in.npy --memory-limit 1G --labels l.npy --quiet");
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.err, "");
+}
+
 TEST(Help, ExplainsEveryOptionAndExitsZero) {
   scratch_folder dir;
   const auto result = testing::run_tool(dir, "--help");
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "");
-  for (const char* option : {"--labels",        "--frames",      "--regions",
-                             "--save-input",    "--no-display",  "--quiet",
-                             "--frame-budget",  "--fit",         "--slice",
-                             "--rescale",       "--max-level",   "--lim-oct-level",
-                             "--init-level",    "--group-mode",  "--max-seed",
-                             "--use-all-seeds", "--pred-choice", "--interval-length",
-                             "--rejection",     "--sigma",       "--threshold-row",
-                             "--pseudo-factor", "--small-size",  "--statistic-update",
-                             ".nii.gz",         ".gif",          "Exit status",
-                             "--overlay",       "--version",     "percentiles",
-                             "--threads",       "with a warning"})
+  for (const char* option : {"--labels",        "--frames",       "--regions",
+                             "--save-input",    "--no-display",   "--quiet",
+                             "--frame-budget",  "--fit",          "--slice",
+                             "--rescale",       "--max-level",    "--lim-oct-level",
+                             "--init-level",    "--group-mode",   "--max-seed",
+                             "--use-all-seeds", "--pred-choice",  "--interval-length",
+                             "--rejection",     "--sigma",        "--threshold-row",
+                             "--pseudo-factor", "--small-size",   "--statistic-update",
+                             ".nii.gz",         ".gif",           "Exit status",
+                             "--overlay",       "--version",      "percentiles",
+                             "--threads",       "with a warning", "--memory-limit"})
     EXPECT_NE(result.out.find(option), std::string::npos) << option;
 }
 
