@@ -132,7 +132,9 @@ std::uint64_t checked_memory_limit(const image_view& view, const parameters& par
     throw usage_error("the run may need up to " + format_bytes(needed) + " of memory, but " +
                       format_bytes(limit) +
                       (s.memory_limit != 0 ? " is allowed by --memory-limit" : " is available") +
-                      ": crop the image with --fit crop or give a smaller --max-level");
+                      ": crop the image with --fit crop or give a smaller --max-level, or allow "
+                      "more with --memory-limit (the estimate is for the worst case, every pixel "
+                      "a block of its own; smooth images need far less)");
   return limit;
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "display/display.hpp"
+#include "geometry/geometry.hpp"
 #include "records/records.hpp"
 #include "splitmerge/splitmerge.hpp"
 
@@ -43,8 +44,8 @@ std::uint64_t arena_records(std::uint64_t capacity, std::uint64_t used_bound) {
 }  // namespace
 
 std::size_t block_record_bytes(std::int32_t max_level) noexcept {
-  // Images above level 8 need wider block records.
-  return max_level > 8 ? std::size_t{56} : sizeof(block);
+  // Runs of more than 8 levels keep each block's high code digits beside it.
+  return max_level > narrow_code_levels ? sizeof(block) + sizeof(std::uint16_t) : sizeof(block);
 }
 
 std::uint64_t worst_case_bytes(const run_shape& s) noexcept {
