@@ -26,7 +26,8 @@ bench_options parse_bench_options(int argc, char** argv) {
       "usage: " + std::string(argc > 0 ? argv[0] : "bench") +
       " --image FILE.npy [--name NAME] [--reps N] [--display] [--pred P] [--sigma S]"
       " [--threshold-row T] [--interval I] [--init-level L] [--small-size N]"
-      " [--statistic-update U] [--group-mode G] [--max-seed M] [--threads N]";
+      " [--statistic-update U] [--group-mode G] [--max-seed M] [--threads N]"
+      " [--memory-limit BYTES]";
   for (int i = 1; i < argc; ++i) {
     const std::string_view key = argv[i];
     if (key == "--display") {
@@ -62,6 +63,8 @@ bench_options parse_bench_options(int argc, char** argv) {
       o.params.max_seed = number();
     } else if (key == "--threads") {
       o.threads = number();
+    } else if (key == "--memory-limit") {
+      o.memory_limit = std::stoull(value);
     } else {
       throw std::runtime_error(usage);
     }

@@ -16,6 +16,8 @@ struct bench_options {
   std::int32_t repetitions = 5;
   bool display = false;
   std::int32_t threads = 1;  // --threads: 1 single-threaded, 0 every core
+  // --memory-limit: bytes a run may need at worst; 0 the memory available.
+  std::uint64_t memory_limit = 0;
   parameters params;
 };
 

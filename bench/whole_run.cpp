@@ -79,6 +79,7 @@ int main(int argc, char** argv) {
     splitmerge::options run_options;
     run_options.display = o.display;
     run_options.threads = o.threads;
+    run_options.memory_limit = o.memory_limit;
 
     const std::uint64_t baseline = current_rss_bytes();
     std::vector<double> times;
