@@ -111,8 +111,13 @@ segmentation segment(const image_view& image, parameters p, const options& opts)
   if (problem.empty()) problem = check_parameters(image, p);
   if (problem.empty()) {
     // Refused before any of the run's memory is taken.
-    const std::uint64_t limit = opts.memory_limit != 0 ? opts.memory_limit : available_memory();
+    // Reading the machine's free memory costs more than a run of a small image
+    // takes, and such a run cannot exhaust any machine: it is not asked then.
+    constexpr std::uint64_t small_run_bytes = std::uint64_t{64} << 20;
     const std::uint64_t needed = worst_case_bytes(shape_of(image, p, opts));
+    const std::uint64_t limit = opts.memory_limit != 0   ? opts.memory_limit
+                                : needed > small_run_bytes ? available_memory()
+                                                           : 0;
     if (limit != 0 && needed > limit) {
       problem = refusal(needed, limit, opts.memory_limit == 0);
       result.memory_needed = needed;
