@@ -84,8 +84,8 @@ TEST(Conformance, EveryReferenceCaseMatchesExactly) {
     // The steps that run on several threads give the same results for every
     // count, and 64-bit codes (those of images beyond 256 pixels) the same
     // results as 32-bit ones.
-    const std::pair<std::int32_t, bool> runs[] = {{1, false}, {2, false}, {7, false},
-                                                  {1, true},  {2, true}};
+    const std::pair<std::int32_t, bool> runs[] = {
+        {1, false}, {2, false}, {7, false}, {1, true}, {2, true}};
     for (const auto& [threads, wide] : runs) {
       SCOPED_TRACE("case " + c.name + ", " + std::to_string(threads) + " threads" +
                    (wide ? ", 64-bit codes" : ""));

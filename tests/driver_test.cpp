@@ -62,12 +62,11 @@ run_result run(const run_setup& s, std::uint64_t fail_at = 0) {
   ctx.err = [&](std::string_view t) { r.errors.append(t); };
   ctx.allocator.fail_at(fail_at);
   r.labels.assign(s.image.size(), 0);
-  r.status = split_merge_group(ctx, s.image.data(), s.size_x, s.size_x, s.size_z, s.max_level,
-                               s.lim_oct_level, r.labels.data(), s.init_level, s.group_mode,
-                               s.max_seed, s.use_all_seeds, s.pred_choice, s.interval_length,
-                               s.threshold_row, s.small_size, s.statistic_update, s.save_flag,
-                               s.display, s.filename.c_str(), s.rejection, s.sigma,
-                               s.pseudo_factor);
+  r.status = split_merge_group(
+      ctx, s.image.data(), s.size_x, s.size_x, s.size_z, s.max_level, s.lim_oct_level,
+      r.labels.data(), s.init_level, s.group_mode, s.max_seed, s.use_all_seeds, s.pred_choice,
+      s.interval_length, s.threshold_row, s.small_size, s.statistic_update, s.save_flag, s.display,
+      s.filename.c_str(), s.rejection, s.sigma, s.pseudo_factor);
   for (const disp_frame* f = ctx.smg_disp; f != nullptr; f = f->next)
     r.frames.emplace_back(f->pixels, f->pixels + s.image.size());
   ctx.release_frames();
@@ -257,7 +256,8 @@ void check_labels(const run_setup& s, const segmentation& out) {
     ASSERT_GE(v, 0);
     ++sizes[static_cast<std::size_t>(v)];
   }
-  for (int i = 0; i < regions; ++i) ASSERT_GT(sizes[static_cast<std::size_t>(i)], 0) << "gap at " << i;
+  for (int i = 0; i < regions; ++i)
+    ASSERT_GT(sizes[static_cast<std::size_t>(i)], 0) << "gap at " << i;
   for (int i = 1; i < regions; ++i)
     ASSERT_GE(sizes[static_cast<std::size_t>(i - 1)], sizes[static_cast<std::size_t>(i)]);
   if (s.small_size > 0 && regions > 1) {
@@ -344,9 +344,8 @@ struct sweep_config {
 std::vector<sweep_config> sweep_configs(const testing::temp_folder& folder) {
   std::mt19937 rng(77);
   std::vector<sweep_config> configs;
-  const auto add = [&](const char* name, int size_x, int size_z, int max_level, int lim,
-                       int init, int pred, int group_mode, int small, int save, int display,
-                       int noise) {
+  const auto add = [&](const char* name, int size_x, int size_z, int max_level, int lim, int init,
+                       int pred, int group_mode, int small, int save, int display, int noise) {
     run_setup s;
     s.image = testing::blob_image(rng, size_x, size_z, noise);
     s.size_x = size_x;

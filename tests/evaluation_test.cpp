@@ -256,7 +256,8 @@ TEST(Selection, AgreesWithSortingOnRandomArraysWithRepeats) {
     std::vector<std::int32_t> range(work.begin() + i, work.begin() + j + 1);
     std::sort(range.begin(), range.end());
     ASSERT_EQ(range, sorted) << "the range is only reordered";
-    ASSERT_TRUE(std::equal(a.begin(), a.begin() + i, work.begin())) << "outside the range untouched";
+    ASSERT_TRUE(std::equal(a.begin(), a.begin() + i, work.begin()))
+        << "outside the range untouched";
   }
 }
 

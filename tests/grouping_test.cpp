@@ -10,6 +10,7 @@
 
 #include "geometry/geometry.hpp"
 #include "grouping/grouping.hpp"
+#include "support/block_boxes.hpp"
 #include "support/random_images.hpp"
 #include "support/run_setup.hpp"
 #include "tree/tree.hpp"
@@ -17,8 +18,8 @@
 namespace splitmerge {
 namespace {
 
-using testing::image_spec;
 using testing::chain;
+using testing::image_spec;
 using testing::plane_example;
 using testing::prepared_run;
 
@@ -52,7 +53,8 @@ std::vector<std::uint32_t> neighbours(const run_context& ctx, const block* b) {
 
 std::vector<std::uint32_t> resolved_neighbours(const run_context& ctx, const block* b) {
   std::vector<std::uint32_t> codes;
-  for (nb_node* e = ctx.entry_at(b->nb_pointers[0]); e != nullptr; e = ctx.entry_at(e->next)) codes.push_back(resolve(ctx, e)->code);
+  for (nb_node* e = ctx.entry_at(b->nb_pointers[0]); e != nullptr; e = ctx.entry_at(e->next))
+    codes.push_back(resolve(ctx, e)->code);
   return codes;
 }
 
@@ -69,8 +71,9 @@ TEST(Adjacency, FourByFourPlane) {
   EXPECT_EQ(region_order(run.ctx, head),
             (std::vector<std::uint32_t>{0x20, 0x30, 0x40, 0x11, 0x12, 0x13, 0x14}));
   const std::map<std::uint32_t, std::vector<std::uint32_t>> expected = {
-      {0x11, {0x12, 0x13}},       {0x12, {0x11, 0x14, 0x20}}, {0x13, {0x11, 0x14, 0x30}},
-      {0x14, {0x12, 0x13, 0x20, 0x30}}, {0x20, {0x14, 0x12, 0x40}}, {0x30, {0x14, 0x13, 0x40}},
+      {0x11, {0x12, 0x13}},       {0x12, {0x11, 0x14, 0x20}},
+      {0x13, {0x11, 0x14, 0x30}}, {0x14, {0x12, 0x13, 0x20, 0x30}},
+      {0x20, {0x14, 0x12, 0x40}}, {0x30, {0x14, 0x13, 0x40}},
       {0x40, {0x20, 0x30}}};
   for (block* h = head; h != nullptr; h = run.ctx.block_at(h->next_region)) {
     EXPECT_EQ(neighbours(run.ctx, h), expected.at(h->code)) << std::hex << h->code;
@@ -93,11 +96,13 @@ TEST(Adjacency, FourByFourByTwoVolume) {
   prepared_run run(img, {4, 2, 2, 1, 1, 1, 10});
   block* head = build_regions(run);
   ASSERT_NE(head, nullptr);
-  EXPECT_EQ(region_order(run.ctx, head), (std::vector<std::uint32_t>{0x20, 0x30, 0x40, 0x50, 0x60, 0x70,
-                                                            0x80, 0x11, 0x12, 0x13, 0x14}));
+  EXPECT_EQ(region_order(run.ctx, head),
+            (std::vector<std::uint32_t>{0x20, 0x30, 0x40, 0x50, 0x60, 0x70, 0x80, 0x11, 0x12, 0x13,
+                                        0x14}));
   EXPECT_EQ(neighbours(run.ctx, find(run.ctx, head, 0x50)),
             (std::vector<std::uint32_t>{0x14, 0x13, 0x12, 0x11, 0x60, 0x70}));
-  EXPECT_EQ(neighbours(run.ctx, find(run.ctx, head, 0x60)), (std::vector<std::uint32_t>{0x20, 0x50, 0x80}));
+  EXPECT_EQ(neighbours(run.ctx, find(run.ctx, head, 0x60)),
+            (std::vector<std::uint32_t>{0x20, 0x50, 0x80}));
   free_regionlist(run.ctx, head);
 }
 
@@ -111,35 +116,9 @@ TEST(Adjacency, FindAdjacentCodes) {
   EXPECT_EQ(find_adjacent(run.ctx, 0, 3, 0), 0u);
 }
 
-struct box {
-  int lo[3];
-  int hi[3];  // exclusive
-};
-
-box box_of(const run_context& ctx, std::uint32_t code) {
-  const int lvl = level(ctx, code);
-  const block_position p = coordinates(ctx, code, lvl);
-  const block_extent e = sizes_block(ctx, lvl);
-  box b{};
-  b.lo[0] = p.column;
-  b.lo[1] = p.row / ctx.im_format_xy;
-  b.lo[2] = p.slice / ctx.voxels_slice;
-  b.hi[0] = b.lo[0] + e.side;
-  b.hi[1] = b.lo[1] + e.side;
-  b.hi[2] = b.lo[2] + e.slice_span / ctx.voxels_slice;
-  return b;
-}
-
-bool share_face(const box& a, const box& b) {
-  for (int axis = 0; axis < 3; ++axis) {
-    if (a.hi[axis] != b.lo[axis] && b.hi[axis] != a.lo[axis]) continue;
-    bool overlap = true;
-    for (int other = 0; other < 3; ++other)
-      if (other != axis) overlap = overlap && a.lo[other] < b.hi[other] && b.lo[other] < a.hi[other];
-    if (overlap) return true;
-  }
-  return false;
-}
+using testing::box;
+using testing::box_of;
+using testing::share_face;
 
 TEST(Adjacency, MatchesBruteForceOnRandomTilings) {
   std::mt19937 rng(2024);
@@ -152,9 +131,10 @@ TEST(Adjacency, MatchesBruteForceOnRandomTilings) {
   for (const auto& s : shapes) {
     for (int init = 0; init < s.max_level; ++init) {
       for (int round = 0; round < 12; ++round, ++trials) {
-        prepared_run run(testing::blob_image(rng, s.size_x, s.size_z, static_cast<int>(rng() % 3) * 6),
-                         {s.size_x, s.size_z, s.max_level, s.lim_oct_level, init, 1,
-                          static_cast<std::int32_t>(rng() % 40)});
+        prepared_run run(
+            testing::blob_image(rng, s.size_x, s.size_z, static_cast<int>(rng() % 3) * 6),
+            {s.size_x, s.size_z, s.max_level, s.lim_oct_level, init, 1,
+             static_cast<std::int32_t>(rng() % 40)});
         ASSERT_TRUE(run.ok);
         block* head = build_regions(run);
         if (head == nullptr) continue;  // uniform image
@@ -175,7 +155,8 @@ TEST(Adjacency, MatchesBruteForceOnRandomTilings) {
         for (block* b : blocks) boxes.push_back(box_of(run.ctx, b->code));
         for (std::size_t i = 0; i < blocks.size(); ++i) {
           std::multiset<const block*> listed;
-          for (const nb_node* e = run.ctx.entry_at(blocks[i]->nb_pointers[0]); e != nullptr; e = run.ctx.entry_at(e->next))
+          for (const nb_node* e = run.ctx.entry_at(blocks[i]->nb_pointers[0]); e != nullptr;
+               e = run.ctx.entry_at(e->next))
             listed.insert(run.ctx.block_at(e->region));
           std::multiset<const block*> truth;
           for (std::size_t j = 0; j < blocks.size(); ++j)
@@ -210,7 +191,8 @@ TEST(SequentialGrouping, AcceptingEveryCandidateGrowsDepthFirst) {
   block* result = sequential_grouping(run.ctx, head);
   EXPECT_EQ(printed, "finished sequential grouping\n");
   EXPECT_EQ(result->code, 0x20u);
-  EXPECT_EQ(chain(run.ctx, result), (std::vector<std::uint32_t>{0x20, 0x14, 0x12, 0x11, 0x13, 0x30, 0x40}));
+  EXPECT_EQ(chain(run.ctx, result),
+            (std::vector<std::uint32_t>{0x20, 0x14, 0x12, 0x11, 0x13, 0x30, 0x40}));
   EXPECT_EQ(result->nb_pointers[0], 0u);
   EXPECT_EQ(result->nb_pointers[1], 0u);
   EXPECT_EQ(result->next_region, 0u);
@@ -287,7 +269,8 @@ TEST(ParallelGrouping, TwoSeedsOfTheLargestLevel) {
   EXPECT_EQ(first->code, 0x30u);
   EXPECT_EQ(chain(run.ctx, first), (std::vector<std::uint32_t>{0x30, 0x20, 0x40}));
   ASSERT_NE(first->next_region, 0u);
-  EXPECT_EQ(chain(run.ctx, run.ctx.block_at(first->next_region)), (std::vector<std::uint32_t>{0x11, 0x12, 0x14, 0x13}));
+  EXPECT_EQ(chain(run.ctx, run.ctx.block_at(first->next_region)),
+            (std::vector<std::uint32_t>{0x11, 0x12, 0x14, 0x13}));
   EXPECT_EQ(run.ctx.block_at(first->next_region)->next_region, 0u);
   free_regionlist(run.ctx, first);
   EXPECT_EQ(run.ctx.allocator.live(), 4);
@@ -304,7 +287,8 @@ TEST(ParallelGrouping, FiveSeedsOfAnyLevel) {
   block* first = result.value;
   EXPECT_EQ(chain(run.ctx, first), (std::vector<std::uint32_t>{0x30, 0x20, 0x40}));
   ASSERT_NE(first->next_region, 0u);
-  EXPECT_EQ(chain(run.ctx, run.ctx.block_at(first->next_region)), (std::vector<std::uint32_t>{0x12, 0x11, 0x14, 0x13}));
+  EXPECT_EQ(chain(run.ctx, run.ctx.block_at(first->next_region)),
+            (std::vector<std::uint32_t>{0x12, 0x11, 0x14, 0x13}));
   EXPECT_EQ(run.ctx.block_at(first->next_region)->status, 2);
   free_regionlist(run.ctx, first);
 }

@@ -13,6 +13,7 @@
 #include "geometry/geometry.hpp"
 #include "grouping/grouping.hpp"
 #include "splitmerge/splitmerge.hpp"
+#include "support/block_boxes.hpp"
 #include "support/random_images.hpp"
 #include "support/run_setup.hpp"
 #include "tree/tree.hpp"
@@ -35,7 +36,8 @@ struct plane_tables {
     ctx.init_level = init_level;
     ctx.im_format_xy = 1 << max_level;
     ctx.voxels_slice = ctx.im_format_xy * ctx.im_format_xy;
-    for (std::int32_t l = 0; l < max_level; ++l) per_level[static_cast<std::size_t>(l)] = l < lim_oct_level ? 4 : 8;
+    for (std::int32_t l = 0; l < max_level; ++l)
+      per_level[static_cast<std::size_t>(l)] = l < lim_oct_level ? 4 : 8;
     ctx.blocks_perlevel = per_level.data();
   }
   ~plane_tables() { ctx.blocks_perlevel = nullptr; }
@@ -53,8 +55,10 @@ TEST(WideCodes, LevelsAboveEightAndTheirDigits) {
   EXPECT_EQ(nibble(wide{0x4321'0000'0000}, 11), 4u);
   EXPECT_EQ(nibble(wide{0x4321'0000'0000}, 8), 1u);
   EXPECT_EQ(changed_code<wide>(3, 9, 0x1111'1111'1111), wide{0x1131'1111'1111});
-  EXPECT_EQ(level_mask<wide>[9], wide{0xFFFF'FFF0'0000'0000});
-  EXPECT_EQ(mask<wide>[9], wide{0xF'0000'0000});
+  EXPECT_EQ(
+      level_mask<wide>[9], wide { 0xFFFF'FFF0'0000'0000 });
+  EXPECT_EQ(
+      mask<wide>[9], wide { 0xF'0000'0000 });
 }
 
 TEST(WideCodes, CoordinatesOfTheUpperHalvesOfA4096Image) {
@@ -109,24 +113,7 @@ TEST(WideCodes, AdjacentCodesAcrossThe256Boundary) {
   }
 }
 
-struct box {
-  std::int32_t lo[3];
-  std::int32_t hi[3];  // exclusive
-};
-
-box box_of(const run_context& ctx, wide code) {
-  const std::int32_t lvl = level<wide>(ctx, code);
-  const block_position p = coordinates<wide>(ctx, code, lvl);
-  const block_extent e = sizes_block(ctx, lvl);
-  box b{};
-  b.lo[0] = p.column;
-  b.lo[1] = p.row / ctx.im_format_xy;
-  b.lo[2] = p.slice / ctx.voxels_slice;
-  b.hi[0] = b.lo[0] + e.side;
-  b.hi[1] = b.lo[1] + e.side;
-  b.hi[2] = b.lo[2] + e.slice_span / ctx.voxels_slice;
-  return b;
-}
+using testing::box;
 
 // The tree phases and the adjacency build at 64 bits.
 regionlist build_wide_regions(prepared_run& run) {
@@ -152,9 +139,9 @@ TEST(WideCodes, AdjacencyMatchesAPixelRasterOn512Tilings) {
   for (const auto& s : shapes) {
     for (int round = 0; round < 4; ++round) {
       const std::int32_t init = 1 + static_cast<std::int32_t>(rng() % 5);
-      prepared_run run(testing::blob_image(rng, 512, s.size_z, static_cast<int>(rng() % 3) * 4),
-                       {512, s.size_z, 9, s.lim_oct_level, init, 1,
-                        static_cast<std::int32_t>(rng() % 40)});
+      prepared_run run(
+          testing::blob_image(rng, 512, s.size_z, static_cast<int>(rng() % 3) * 4),
+          {512, s.size_z, 9, s.lim_oct_level, init, 1, static_cast<std::int32_t>(rng() % 40)});
       ASSERT_TRUE(run.ok);
       ASSERT_NE(run.ctx.code_high, nullptr) << "nine levels take 64-bit codes";
       block* head = build_wide_regions(run);
@@ -164,7 +151,7 @@ TEST(WideCodes, AdjacencyMatchesAPixelRasterOn512Tilings) {
       std::vector<std::int32_t> owner(static_cast<std::size_t>(ctx.voxels_image), -1);
       std::vector<block*> leaves;
       for (block* h = head; h != nullptr; h = ctx.block_at(h->next_region)) {
-        const box b = box_of(ctx, ctx.code_of<wide>(h));
+        const box b = testing::box_of<wide>(ctx, ctx.code_of<wide>(h));
         const auto id = static_cast<std::int32_t>(leaves.size());
         leaves.push_back(h);
         for (std::int32_t z = b.lo[2]; z < b.hi[2]; ++z)
@@ -246,9 +233,9 @@ void expect_run_promises(const std::vector<std::int32_t>& labels, std::int32_t e
       const auto x = static_cast<std::int64_t>(at) % edge;
       const auto y = static_cast<std::int64_t>(at) / edge % edge;
       const auto z = static_cast<std::int64_t>(at) / plane;
-      const std::pair<bool, std::int64_t> steps[] = {
-          {x > 0, -1}, {x + 1 < edge, 1}, {y > 0, -edge}, {y + 1 < edge, edge},
-          {z > 0, -plane}, {z + 1 < slices, plane}};
+      const std::pair<bool, std::int64_t> steps[] = {{x > 0, -1},     {x + 1 < edge, 1},
+                                                     {y > 0, -edge},  {y + 1 < edge, edge},
+                                                     {z > 0, -plane}, {z + 1 < slices, plane}};
       for (const auto& [inside, d] : steps) {
         if (!inside) continue;
         const auto next = static_cast<std::size_t>(static_cast<std::int64_t>(at) + d);
@@ -265,8 +252,11 @@ TEST(WideCodes, RunsOf512And1024ImagesKeepTheirPromises) {
   struct trial {
     std::int32_t edge, slices, pred_choice, group_mode, small_size;
   };
-  const trial trials[] = {{512, 1, 4, 0, 30}, {512, 1, 1, 1, 20}, {1024, 1, 5, 0, 50},
-                          {1024, 1, 2, 1, 10}, {512, 4, 4, 0, 40}};
+  const trial trials[] = {{512, 1, 4, 0, 30},
+                          {512, 1, 1, 1, 20},
+                          {1024, 1, 5, 0, 50},
+                          {1024, 1, 2, 1, 10},
+                          {512, 4, 4, 0, 40}};
   for (const trial& t : trials) {
     SCOPED_TRACE(std::to_string(t.edge) + " x " + std::to_string(t.slices) + ", predicate " +
                  std::to_string(t.pred_choice));

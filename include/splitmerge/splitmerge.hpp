@@ -107,7 +107,7 @@ struct region_record {
   // Locational codes of the region's blocks (64 bits wide for images of more
   // than 2^8 pixels along an edge; below that every code fits 32 bits).
   std::vector<std::uint64_t> codes;
-  std::vector<std::int32_t> neighbours;   // labels of adjacent regions
+  std::vector<std::int32_t> neighbours;  // labels of adjacent regions
 };
 
 // Statuses of a run.

@@ -10,8 +10,8 @@ namespace splitmerge {
 namespace {
 
 disp_frame* new_frame(run_context& ctx, bool zeroed) noexcept {
-  auto* node = static_cast<disp_frame*>(
-      ctx.allocator.allocate(sizeof(disp_frame), alloc_site::frame_node));
+  auto* node =
+      static_cast<disp_frame*>(ctx.allocator.allocate(sizeof(disp_frame), alloc_site::frame_node));
   if (node == nullptr) return nullptr;
   const auto bytes = static_cast<std::size_t>(ctx.smg_img_size) * sizeof(std::int32_t);
   node->pixels = static_cast<std::int32_t*>(
@@ -77,8 +77,7 @@ void smg_display_im(run_context& ctx) noexcept {
     ctx.frames_stopped = true;
     return;
   }
-  std::copy(ctx.smg_disp_cur->pixels, ctx.smg_disp_cur->pixels + ctx.smg_img_size,
-            node->pixels);
+  std::copy(ctx.smg_disp_cur->pixels, ctx.smg_disp_cur->pixels + ctx.smg_img_size, node->pixels);
   ctx.smg_disp_cur->next = node;
   ctx.smg_disp_cur = node;
   ++ctx.smg_dsp_count;

@@ -119,8 +119,7 @@ list_result<regionlist> split_merge_at(run_context& ctx, std::int32_t display) {
 }  // namespace
 
 list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
-  return with_code_width(ctx,
-                         [&]<class Code>(Code) { return split_merge_at<Code>(ctx, display); });
+  return with_code_width(ctx, [&]<class Code>(Code) { return split_merge_at<Code>(ctx, display); });
 }
 
 std::int32_t prepare_run(run_context& ctx, const run_arguments& a) {
@@ -198,11 +197,10 @@ std::int32_t split_merge_group(run_context& ctx, const std::int32_t* image, std:
                                std::int32_t statistic_update, std::int32_t save_flag,
                                std::int32_t display, const char* filename, double rejection,
                                double sigma, double pseudo_factor) {
-  const run_arguments args{image,         size_x,          size_y,         size_z,
-                           max_level,     lim_oct_level,   init_level,     group_mode,
-                           max_seed,      use_all_seeds,   pred_choice,    interval_length,
-                           threshold_row, small_size,      statistic_update, rejection,
-                           sigma,         pseudo_factor};
+  const run_arguments args{
+      image,         size_x,     size_y,           size_z,        max_level,   lim_oct_level,
+      init_level,    group_mode, max_seed,         use_all_seeds, pred_choice, interval_length,
+      threshold_row, small_size, statistic_update, rejection,     sigma,       pseudo_factor};
   if (const std::string problem = validate_parameters(args); !problem.empty()) {
     ctx.warn("splitmerge: " + problem + "\n");
     return status_no_memory;

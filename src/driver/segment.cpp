@@ -19,12 +19,11 @@ std::int32_t log2_exact(std::int32_t v) {
 }
 
 run_arguments arguments_of(const image_view& image, const parameters& p) {
-  return run_arguments{image.data,        image.size_x,       image.size_y,
-                       image.size_z,      p.max_level,        p.lim_oct_level,
-                       p.init_level,      p.group_mode,       p.max_seed,
-                       p.use_all_seeds,   p.pred_choice,      p.interval_length,
-                       p.threshold_row,   p.small_size,       p.statistic_update,
-                       p.rejection,       p.sigma,            p.pseudo_factor};
+  return run_arguments{image.data,      image.size_x,    image.size_y,       image.size_z,
+                       p.max_level,     p.lim_oct_level, p.init_level,       p.group_mode,
+                       p.max_seed,      p.use_all_seeds, p.pred_choice,      p.interval_length,
+                       p.threshold_row, p.small_size,    p.statistic_update, p.rejection,
+                       p.sigma,         p.pseudo_factor};
 }
 
 std::vector<region_record> collect(const run_context& ctx, regionlist head) {
@@ -46,8 +45,7 @@ std::vector<region_record> collect(const run_context& ctx, regionlist head) {
   for (block* h = head; h != nullptr; h = ctx.block_at(h->next_region), ++k)
     for (const nb_node* e = ctx.entry_at(h->nb_pointers[0]); e != nullptr;
          e = ctx.entry_at(e->next))
-      out[k].neighbours.push_back(
-          static_cast<std::int32_t>(ctx.block_at(e->region)->variables[0]));
+      out[k].neighbours.push_back(static_cast<std::int32_t>(ctx.block_at(e->region)->variables[0]));
   k = 0;
   for (block* h = head; h != nullptr; h = ctx.block_at(h->next_region)) h->variables[0] = kept[k++];
   return out;
@@ -115,7 +113,7 @@ segmentation segment(const image_view& image, parameters p, const options& opts)
     // takes, and such a run cannot exhaust any machine: it is not asked then.
     constexpr std::uint64_t small_run_bytes = std::uint64_t{64} << 20;
     const std::uint64_t needed = worst_case_bytes(shape_of(image, p, opts));
-    const std::uint64_t limit = opts.memory_limit != 0   ? opts.memory_limit
+    const std::uint64_t limit = opts.memory_limit != 0     ? opts.memory_limit
                                 : needed > small_run_bytes ? available_memory()
                                                            : 0;
     if (limit != 0 && needed > limit) {
@@ -169,8 +167,8 @@ segmentation segment(const image_view& image, parameters p, const options& opts)
   const std::string path = opts.region_file.value_or(std::string{});
   result.status = split_merge_group(
       ctx, image.data, image.size_x, image.size_y, image.size_z, p.max_level, p.lim_oct_level,
-      result.labels.data(), p.init_level, p.group_mode, p.max_seed, p.use_all_seeds,
-      p.pred_choice, p.interval_length, p.threshold_row, p.small_size, p.statistic_update,
+      result.labels.data(), p.init_level, p.group_mode, p.max_seed, p.use_all_seeds, p.pred_choice,
+      p.interval_length, p.threshold_row, p.small_size, p.statistic_update,
       opts.region_file.has_value() ? 1 : 0, opts.display ? 1 : 0, path.c_str(), p.rejection,
       p.sigma, p.pseudo_factor);
 

@@ -31,8 +31,7 @@ static_assert(s_th_columns > 2 * (max_levels_2d - 1) && s_th_columns > 3 * (max_
 extern const float s_th[3][s_th_columns];
 std::int32_t fill_chi_variance(run_context& ctx, std::int32_t threshold_row,
                                double variance) noexcept;
-std::int32_t fill_pseudo_variance(run_context& ctx, double variance,
-                                  double pseudo_factor) noexcept;
+std::int32_t fill_pseudo_variance(run_context& ctx, double variance, double pseudo_factor) noexcept;
 
 // --- median selection ---
 std::int32_t find_pivot(std::int32_t i, std::int32_t j, const std::int32_t* a) noexcept;

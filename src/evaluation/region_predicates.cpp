@@ -61,8 +61,8 @@ bool joins_region(const run_context& ctx, const block* region, const block* cand
   } else {
     const float mean_r =
         static_cast<float>(region->variables[0]) / static_cast<float>(region->variables[1]);
-    const float mean_c = static_cast<float>(candidate->variables[0]) /
-                         static_cast<float>(candidate->variables[1]);
+    const float mean_c =
+        static_cast<float>(candidate->variables[0]) / static_cast<float>(candidate->variables[1]);
     joins = !(std::fabs(mean_c - mean_r) > static_cast<float>(ctx.interval_length));
   }
   return joins;

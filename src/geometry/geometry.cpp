@@ -92,8 +92,8 @@ std::int32_t fill_blocks_per_level(run_context& ctx) noexcept {
 }
 
 std::int32_t fill_pixels_per_block(run_context& ctx) noexcept {
-  ctx.pixels_perblock = create_array<std::int32_t>(
-      ctx, static_cast<std::size_t>(ctx.max_level) + 1, alloc_site::pixels_perblock_table);
+  ctx.pixels_perblock = create_array<std::int32_t>(ctx, static_cast<std::size_t>(ctx.max_level) + 1,
+                                                   alloc_site::pixels_perblock_table);
   if (ctx.pixels_perblock == nullptr) return -1;
   std::int32_t p = 1;
   std::int32_t l = 0;
@@ -105,10 +105,10 @@ std::int32_t fill_pixels_per_block(run_context& ctx) noexcept {
   return 0;
 }
 
-#define SPLITMERGE_GEOMETRY_FOR(Code)                                                    \
-  template std::int32_t level<Code>(const run_context&, Code) noexcept;                 \
-  template std::uint32_t entry<Code>(const run_context&, Code) noexcept;                \
-  template Code next_code<Code>(const run_context&, Code, std::int32_t) noexcept;       \
+#define SPLITMERGE_GEOMETRY_FOR(Code)                                             \
+  template std::int32_t level<Code>(const run_context&, Code) noexcept;           \
+  template std::uint32_t entry<Code>(const run_context&, Code) noexcept;          \
+  template Code next_code<Code>(const run_context&, Code, std::int32_t) noexcept; \
   template block_position coordinates<Code>(const run_context&, Code, std::int32_t) noexcept;
 SPLITMERGE_GEOMETRY_FOR(std::uint32_t)
 SPLITMERGE_GEOMETRY_FOR(std::uint64_t)

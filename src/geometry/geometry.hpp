@@ -29,13 +29,15 @@ namespace detail {
 template <class Code>
 constexpr std::array<Code, code_digits<Code>> make_level_masks() {
   std::array<Code, code_digits<Code>> t{};
-  for (std::int32_t l = 0; l < code_digits<Code>; ++l) t[l] = static_cast<Code>(~Code{0} << (4 * l));
+  for (std::int32_t l = 0; l < code_digits<Code>; ++l)
+    t[l] = static_cast<Code>(~Code{0} << (4 * l));
   return t;
 }
 template <class Code>
 constexpr std::array<Code, code_digits<Code>> make_masks() {
   std::array<Code, code_digits<Code>> t{};
-  for (std::int32_t l = 1; l < code_digits<Code>; ++l) t[l] = static_cast<Code>(Code{0xF} << (4 * (l - 1)));
+  for (std::int32_t l = 1; l < code_digits<Code>; ++l)
+    t[l] = static_cast<Code>(Code{0xF} << (4 * (l - 1)));
   return t;
 }
 }  // namespace detail

@@ -18,8 +18,7 @@ block* scan_children(const run_context& ctx, block* p, blocklist list, std::int3
     if (p_n[axis * 9 + k] == 0) {
       // Child k lies in the lower half and does not touch cur: skip its leaves.
       if (lvl >= ctx.init_level) {
-        const std::uint32_t e =
-            entry<Code>(ctx, next_code<Code>(ctx, ctx.code_of<Code>(p), lvl));
+        const std::uint32_t e = entry<Code>(ctx, next_code<Code>(ctx, ctx.code_of<Code>(p), lvl));
         p = e == 0 ? nullptr : list[e];
       } else if (nibble(ctx.code_of<Code>(p), lvl) == static_cast<std::uint32_t>(k)) {
         while (p != nullptr && nibble(ctx.code_of<Code>(p), lvl) == static_cast<std::uint32_t>(k))
@@ -124,14 +123,15 @@ void pair_along(const run_context& ctx, blocklist list, const leaf_index<Code>& 
   sink.add(ctx, passed);
 }
 
-#define SPLITMERGE_ADJACENCY_FOR(Code)                                                    \
-  template Code find_adjacent<Code>(const run_context&, Code, std::int32_t, std::int32_t) noexcept; \
-  template block* find_smaller_nbxy<Code>(const run_context&, block*, blocklist, std::int32_t,    \
-                                          std::int32_t, pair_sink&) noexcept;                    \
-  template block* find_smaller_nbz<Code>(const run_context&, block*, blocklist, std::int32_t,     \
-                                         pair_sink&) noexcept;                                   \
-  template block* make_one_region<Code>(run_context&, block*) noexcept;                          \
-  template void pair_along<Code>(const run_context&, blocklist, const leaf_index<Code>&,          \
+#define SPLITMERGE_ADJACENCY_FOR(Code)                                                         \
+  template Code find_adjacent<Code>(const run_context&, Code, std::int32_t,                    \
+                                    std::int32_t) noexcept;                                    \
+  template block* find_smaller_nbxy<Code>(const run_context&, block*, blocklist, std::int32_t, \
+                                          std::int32_t, pair_sink&) noexcept;                  \
+  template block* find_smaller_nbz<Code>(const run_context&, block*, blocklist, std::int32_t,  \
+                                         pair_sink&) noexcept;                                 \
+  template block* make_one_region<Code>(run_context&, block*) noexcept;                        \
+  template void pair_along<Code>(const run_context&, blocklist, const leaf_index<Code>&,       \
                                  std::size_t, std::int32_t, std::int32_t, pair_sink&) noexcept;
 SPLITMERGE_ADJACENCY_FOR(std::uint32_t)
 SPLITMERGE_ADJACENCY_FOR(std::uint64_t)

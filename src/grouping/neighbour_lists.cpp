@@ -100,7 +100,8 @@ void find_pairs(const run_context& ctx, blocklist list, const leaf_index<Code>& 
 
 // Lays out every list as one run of entries starting at `base`.
 template <class Code>
-void place_lists(run_context& ctx, const leaf_index<Code>& index, pair_table& pairs, entry_id base) {
+void place_lists(run_context& ctx, const leaf_index<Code>& index, pair_table& pairs,
+                 entry_id base) {
   nb_node* entries = base == 0 ? nullptr : ctx.entry_at(base) - base;
   entry_id at = base;
   for (std::size_t p = 0; p < index.count; ++p) {

@@ -1,5 +1,5 @@
-#include "display/display.hpp"
 #include "context/run_context.hpp"
+#include "display/display.hpp"
 #include "evaluation/evaluation.hpp"
 #include "geometry/geometry.hpp"
 #include "grouping/grouping.hpp"
@@ -65,9 +65,8 @@ bool seed_turn(run_context& ctx, seed_table& seeds, block* s) {
 template <bool Display>
 list_result<regionlist> parallel_phase(run_context& ctx, regionlist head) {
   const auto level_of = [&](const block* x) {
-    return with_code_width(ctx, [&]<class Code>(Code) {
-      return level<Code>(ctx, ctx.code_of<Code>(x));
-    });
+    return with_code_width(
+        ctx, [&]<class Code>(Code) { return level<Code>(ctx, ctx.code_of<Code>(x)); });
   };
   const std::int32_t head_level = level_of(head);
   const auto takes_seed = [&](const block* x) {
@@ -78,8 +77,7 @@ list_result<regionlist> parallel_phase(run_context& ctx, regionlist head) {
   for (block* x = ctx.block_at(head->next_region);
        x != nullptr && wanted < ctx.max_seed && takes_seed(x); x = ctx.block_at(x->next_region))
     ++wanted;
-  auto slots =
-      create_array<block*>(ctx, static_cast<std::size_t>(wanted), alloc_site::seed_table);
+  auto slots = create_array<block*>(ctx, static_cast<std::size_t>(wanted), alloc_site::seed_table);
   if (slots == nullptr) return list_result<regionlist>::failure(status_no_memory);
   seed_table seeds{slots, 0};
   slots[0] = head;

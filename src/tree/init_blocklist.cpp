@@ -53,8 +53,8 @@ list_result<blocklist> init_blocklist(run_context& ctx) noexcept {
                       thread_count(ctx.threads), 64 * ctx.thread_grain);
   run_parts(parts, [&](std::size_t t) {
     for (std::size_t i = part_begin(count, parts, t); i < part_begin(count, parts, t + 1); ++i)
-      calc_evalvar(ctx, coordinates<Code>(ctx, ctx.code_of<Code>(list[i]), ctx.init_level), extent, ctx.init_level,
-                   list[i]);
+      calc_evalvar(ctx, coordinates<Code>(ctx, ctx.code_of<Code>(list[i]), ctx.init_level), extent,
+                   ctx.init_level, list[i]);
   });
   return list_result<blocklist>{list, 0};
 }

@@ -49,8 +49,8 @@ void merge_phase(run_context& ctx, blocklist list) noexcept {
           merge_group<Code>(ctx, list, g, b, lvl, n, stride, acc0, acc1);
           if constexpr (Display) {
             const Code code = ctx.code_of<Code>(g);
-            smg_dfill_block(ctx, coordinates<Code>(ctx, code, lvl + 1),
-                            sizes_block(ctx, lvl + 1), nibble(code, lvl + 1));
+            smg_dfill_block(ctx, coordinates<Code>(ctx, code, lvl + 1), sizes_block(ctx, lvl + 1),
+                            nibble(code, lvl + 1));
             smg_display_im(ctx);
           }
           merged = true;

@@ -54,7 +54,8 @@ std::int32_t sons_of(run_context& ctx, block* b, std::int32_t lvl, block_positio
         return r;
       }
     }
-    ctx.set_code<Code>(next, changed_code<Code>(static_cast<std::uint32_t>(k) + 1, lvl, parent_code));
+    ctx.set_code<Code>(next,
+                       changed_code<Code>(static_cast<std::uint32_t>(k) + 1, lvl, parent_code));
     son = next;
   }
   const block_position p = position_of(n);
@@ -108,15 +109,15 @@ std::int32_t make_sons_disp(run_context& ctx, block* b, std::int32_t lvl, std::i
   return sons_of<Code, true>(ctx, b, lvl, {column, row, slice}, {side, row_span, slice_span});
 }
 
-#define SPLITMERGE_SPLIT_FOR(Code)                                                          \
-  template std::int32_t smg_split<Code>(run_context&, blocklist) noexcept;                  \
-  template std::int32_t smg_split_disp<Code>(run_context&, blocklist) noexcept;             \
-  template std::int32_t make_sons<Code>(run_context&, block*, std::int32_t, std::int32_t,   \
-                                        std::int32_t, std::int32_t, std::int32_t,           \
-                                        std::int32_t, std::int32_t) noexcept;               \
-  template std::int32_t make_sons_disp<Code>(run_context&, block*, std::int32_t,            \
-                                             std::int32_t, std::int32_t, std::int32_t,      \
-                                             std::int32_t, std::int32_t, std::int32_t) noexcept;
+#define SPLITMERGE_SPLIT_FOR(Code)                                                              \
+  template std::int32_t smg_split<Code>(run_context&, blocklist) noexcept;                      \
+  template std::int32_t smg_split_disp<Code>(run_context&, blocklist) noexcept;                 \
+  template std::int32_t make_sons<Code>(run_context&, block*, std::int32_t, std::int32_t,       \
+                                        std::int32_t, std::int32_t, std::int32_t, std::int32_t, \
+                                        std::int32_t) noexcept;                                 \
+  template std::int32_t make_sons_disp<Code>(run_context&, block*, std::int32_t, std::int32_t,  \
+                                             std::int32_t, std::int32_t, std::int32_t,          \
+                                             std::int32_t, std::int32_t) noexcept;
 SPLITMERGE_SPLIT_FOR(std::uint32_t)
 SPLITMERGE_SPLIT_FOR(std::uint64_t)
 #undef SPLITMERGE_SPLIT_FOR
