@@ -35,12 +35,15 @@
 
 namespace splitmerge {
 
+// Records granted per allocator request.
+inline constexpr std::uint32_t arena_default_chunk = std::uint32_t{1} << 16;
+// Contexts built by hand (tests) hold a few records without a bound: an
+// arena reserves at least this many.
+inline constexpr std::size_t arena_minimum_capacity = 4096;
+
 template <class T, std::uint32_t T::*FreeLink>
 class record_arena {
  public:
-  // Records granted per allocator request.
-  static constexpr std::uint32_t default_chunk = std::uint32_t{1} << 16;
-
   record_arena(run_allocator& allocator, alloc_site site) : allocator_(allocator), site_(site) {}
   record_arena(const record_arena&) = delete;
   record_arena& operator=(const record_arena&) = delete;
@@ -129,7 +132,8 @@ class record_arena {
 
  private:
   bool reserve() noexcept {
-    const std::size_t n = (capacity_ < minimum_capacity ? minimum_capacity : capacity_) + 1;
+    const std::size_t n =
+        (capacity_ < arena_minimum_capacity ? arena_minimum_capacity : capacity_) + 1;
     if (n > std::size_t{0xFFFFFFFFu}) return false;
     base_ = static_cast<T*>(allocator_.reserve(n * sizeof(T), site_));
     if (base_ == nullptr) return false;
@@ -149,14 +153,11 @@ class record_arena {
     return true;
   }
 
-  // Contexts built by hand (tests) hold a few records without a bound.
-  static constexpr std::size_t minimum_capacity = 4096;
-
   run_allocator& allocator_;
   alloc_site site_;
   T* base_ = nullptr;
   std::size_t capacity_ = 0;
-  std::uint32_t chunk_ = default_chunk;
+  std::uint32_t chunk_ = arena_default_chunk;
   std::uint32_t used_ = 0;     // next index never handed out
   std::uint32_t granted_ = 0;  // indices below this may be handed out
   std::uint32_t limit_ = 0;    // size of the reserved range

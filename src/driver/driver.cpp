@@ -1,5 +1,6 @@
 #include "driver/driver.hpp"
 
+#include <algorithm>
 #include <string>
 
 #include "display/display.hpp"
@@ -149,16 +150,18 @@ std::int32_t prepare_run(run_context& ctx, const run_arguments& a) {
   // pair shares a voxel face, so a list entry per face and side, plus the
   // one open entry of the block being paired, bound the entries.
   const auto voxels = static_cast<std::size_t>(ctx.voxels_image);
-  ctx.blocks.set_capacity(voxels + 64);
+  const std::size_t block_capacity = voxels + 64;
+  ctx.blocks.set_capacity(block_capacity);
   fill_digit_offsets(ctx);
   ctx.entries.set_capacity(7 * voxels + 64);
 
   if (fill_blocks_per_level(ctx) != 0) return status_no_memory;
   if (ctx.max_level > narrow_code_levels || ctx.force_wide_codes) {
-    // The high digits of every block the arena can hold; pages become memory
-    // only as blocks are made.
+    // The high digits of every block index the arena can hand out (its
+    // reserved range); pages become memory only as blocks are made.
+    const std::size_t indices = std::max(block_capacity, arena_minimum_capacity) + 1;
     ctx.code_high = static_cast<std::uint16_t*>(ctx.allocator.allocate_uninitialised(
-        (voxels + 64 + 1) * sizeof(std::uint16_t), alloc_site::code_table));
+        indices * sizeof(std::uint16_t), alloc_site::code_table));
     if (ctx.code_high == nullptr) {
       free_variables(ctx);
       return status_no_memory;

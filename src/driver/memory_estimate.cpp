@@ -7,6 +7,7 @@
 #include <fstream>
 #include <string>
 
+#include "context/record_arena.hpp"
 #include "display/display.hpp"
 #include "geometry/geometry.hpp"
 #include "records/records.hpp"
@@ -16,10 +17,8 @@ namespace splitmerge {
 
 namespace {
 
-// The record arenas reserve at least this many records (record_arena.hpp)
-// and hand them out in chunks of this many.
-constexpr std::uint64_t arena_minimum = 4096;
-constexpr std::uint64_t arena_chunk = std::uint64_t{1} << 16;
+constexpr std::uint64_t arena_minimum = arena_minimum_capacity;
+constexpr std::uint64_t arena_chunk = arena_default_chunk;
 constexpr std::uint64_t entry_bytes = sizeof(nb_node);
 constexpr std::uint64_t frame_pixel_bytes = sizeof(std::int32_t);
 // The elimination's index table: slots of 12 bytes, at least 2 x 1024 when

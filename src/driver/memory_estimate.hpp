@@ -14,7 +14,6 @@ struct run_shape {
   std::uint64_t voxels = 0;
   bool volume = false;  // more than one slice
   std::int32_t max_level = 1;
-  std::int32_t init_level = 0;
   bool display = false;
   bool frames_to_sink = false;  // frames leave the run as they are frozen
   std::uint64_t frame_budget = 0;

@@ -57,7 +57,6 @@ run_shape shape_of(const image_view& image, const parameters& p, const options& 
              static_cast<std::uint64_t>(image.size_z);
   s.volume = image.size_z > 1;
   s.max_level = p.max_level;
-  s.init_level = p.init_level;
   s.display = opts.display;
   s.frames_to_sink = static_cast<bool>(opts.frame_sink);
   s.frame_budget = opts.frame_budget;
