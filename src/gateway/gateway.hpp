@@ -68,6 +68,7 @@ struct call_settings {
   std::uint64_t fail_frame_request = 0;  // makes this frame store request fail (from 1)
   std::uint64_t frame_requests = 0;      // out: the frame store's allocation requests
   std::uint64_t memory_limit = 0;        // bytes a run may take; 0: what is available
+  std::int32_t threads = 0;              // threads of the run; 0: every core
 };
 
 // The body of mexFunction.

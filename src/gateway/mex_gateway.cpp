@@ -110,6 +110,7 @@ void segment_call(int nlhs, mxArray* plhs[], const call& c, call_settings& setti
   opts.display = want_frames;
   opts.collect_regions = nlhs >= 3;
   opts.memory_limit = settings.memory_limit;
+  opts.threads = settings.threads;
   opts.line_sink = print_to_host;
   opts.error_sink = [](std::string_view) {};  // the status says what went wrong
   opts.interrupt = [&store_failed] { return store_failed || host_interrupt_pending(); };

@@ -52,20 +52,26 @@ TEST(GatewayReference, EveryCaseWithFramesMatchesExactly) {
     frame_dims.push_back(static_cast<mwSize>(c.frame_count));
 
     host_inputs in(img, from_case(c));
-    const gateway_result r = call_gateway(in, 2);
-    ASSERT_EQ(r.error_id, "") << r.error_text;
-    EXPECT_EQ(r.label_dims, img.dims);
-    EXPECT_EQ(r.labels, c.labels);
-    EXPECT_EQ(r.frame_dims, frame_dims);
-    EXPECT_EQ(r.frames, *c.frames);
-    EXPECT_EQ(r.printed, without_region_file(c.stdout_text));
-    EXPECT_EQ(r.host_arrays_left, 0);
-    // One output records nothing, and prints and labels the same.
-    const gateway_result labels_only = call_gateway(in, 1);
-    ASSERT_EQ(labels_only.error_id, "") << labels_only.error_text;
-    EXPECT_EQ(labels_only.labels, c.labels);
-    EXPECT_EQ(labels_only.printed, r.printed);
-    EXPECT_EQ(labels_only.frame_requests, 0u);
+    // One thread, and every core (what mexFunction uses).
+    for (const std::int32_t threads : {1, 0}) {
+      SCOPED_TRACE(threads == 1 ? "one thread" : "every core");
+      gateway::call_settings settings;
+      settings.threads = threads;
+      const gateway_result r = call_gateway(in, 2, settings);
+      ASSERT_EQ(r.error_id, "") << r.error_text;
+      EXPECT_EQ(r.label_dims, img.dims);
+      EXPECT_EQ(r.labels, c.labels);
+      EXPECT_EQ(r.frame_dims, frame_dims);
+      EXPECT_EQ(r.frames, *c.frames);
+      EXPECT_EQ(r.printed, without_region_file(c.stdout_text));
+      EXPECT_EQ(r.host_arrays_left, 0);
+      // One output records nothing, and prints and labels the same.
+      const gateway_result labels_only = call_gateway(in, 1, settings);
+      ASSERT_EQ(labels_only.error_id, "") << labels_only.error_text;
+      EXPECT_EQ(labels_only.labels, c.labels);
+      EXPECT_EQ(labels_only.printed, r.printed);
+      EXPECT_EQ(labels_only.frame_requests, 0u);
+    }
     ++checked;
   }
   if (checked == 0) GTEST_SKIP() << "no reference cases at " << testing::conformance_root();

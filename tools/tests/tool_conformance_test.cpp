@@ -67,24 +67,25 @@ TEST(Conformance, ProgramOutputsEqualTheReferenceResults) {
   int checked = 0;
   for (const auto& dir : cases) {
     const auto c = splitmerge::testing::load_case(dir);
-    // The largest cases add seconds without covering more of the program.
-    if (c.image.size() > 64 * 64 * 4) continue;
-    SCOPED_TRACE(c.name);
-    testing::scratch_folder work;
-    std::filesystem::copy_file(dir / "input.npy", work / "input.npy");
-    const auto run = testing::run_tool(work, arguments_for(c));
-    ASSERT_EQ(run.status, c.status == 0 ? 0 : 1) << run.err;
-    EXPECT_EQ(run.out, c.stdout_text);
-    EXPECT_EQ(run.err, expected_warnings(c));
-    EXPECT_EQ(io::read_npy((work / "labels.npy").string()).shape, c.shape);
-    EXPECT_EQ(npy_values(work / "labels.npy"), c.labels);
-    if (c.display) {
-      const auto frames = io::read_npy((work / "frames.npy").string());
-      EXPECT_EQ(frames.shape.front(), c.frame_count);
-      EXPECT_EQ(npy_values(work / "frames.npy"), *c.frames);
-    }
-    if (c.save) {
-      EXPECT_EQ(testing::read_file(work / "regions.txt"), *c.regions_text);
+    // One thread, and every core (the program's default).
+    for (const char* threads : {" --threads 1", ""}) {
+      SCOPED_TRACE(c.name + threads);
+      testing::scratch_folder work;
+      std::filesystem::copy_file(dir / "input.npy", work / "input.npy");
+      const auto run = testing::run_tool(work, arguments_for(c) + threads);
+      ASSERT_EQ(run.status, c.status == 0 ? 0 : 1) << run.err;
+      EXPECT_EQ(run.out, c.stdout_text);
+      EXPECT_EQ(run.err, expected_warnings(c));
+      EXPECT_EQ(io::read_npy((work / "labels.npy").string()).shape, c.shape);
+      EXPECT_EQ(npy_values(work / "labels.npy"), c.labels);
+      if (c.display) {
+        const auto frames = io::read_npy((work / "frames.npy").string());
+        EXPECT_EQ(frames.shape.front(), c.frame_count);
+        EXPECT_EQ(npy_values(work / "frames.npy"), *c.frames);
+      }
+      if (c.save) {
+        EXPECT_EQ(testing::read_file(work / "regions.txt"), *c.regions_text);
+      }
     }
     ++checked;
   }
