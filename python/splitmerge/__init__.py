@@ -6,20 +6,17 @@
 See ``help(splitmerge.segment)`` for the parameters.
 """
 
+from . import _core
 from ._api import Region, Segmentation, segment
-from ._fit import FittedImage, fit_image, is_segmentable_shape
 from ._params import DEFAULTS, GROUP_MODES, PARAMETER_NAMES, PRED_CHOICES
 
 __all__ = [
     "DEFAULTS",
-    "FittedImage",
     "GROUP_MODES",
     "PARAMETER_NAMES",
     "PRED_CHOICES",
     "Region",
     "Segmentation",
-    "fit_image",
-    "is_segmentable_shape",
     "segment",
 ]
-__version__ = "0.1.0"
+__version__: str = _core.version

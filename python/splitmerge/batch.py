@@ -30,8 +30,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any, Iterable, Optional, Sequence
 
-from ._api import _checked_threads, segment
-from ._fit import Rescale, _rescale_window, fit_image
+from ._api import Rescale, _checked_threads, _rescale_window, segment
 from ._io import labels_extension, read_image, stem_of, write_labels
 from ._params import DEFAULTS, PARAMETER_NAMES, library_parameters
 
@@ -53,6 +52,7 @@ class BatchOptions:
     regions: bool = False
     params: dict[str, Any] = field(default_factory=dict)
     threads: int = 1
+    start_label: int = 1
 
 
 @dataclass(frozen=True)
@@ -98,16 +98,16 @@ def segment_file(job: Job, options: BatchOptions) -> dict[str, str]:
     regions_part = _part_path(job.region_file) if job.region_file else None
     try:
         scan = read_image(job.input)
-        fitted = fit_image(scan.pixels, fit=options.fit, rescale=options.rescale,
-                           slice=options.slice)
-        labels = fitted.to_input(segment(fitted.pixels, **options.params,
-                                         region_file=regions_part, threads=options.threads))
-        write_labels(labels_part, labels, scan, fitted.output_origin)
+        run = segment(scan.pixels, **options.params, fit=options.fit, rescale=options.rescale,
+                      slice=options.slice, region_file=regions_part, threads=options.threads,
+                      start_label=options.start_label, info=True)
+        labels = run.labels
+        write_labels(labels_part, labels, scan, (options.slice or 0, 0, 0))
         if regions_part is not None and job.region_file is not None:
             os.replace(regions_part, job.region_file)
         os.replace(labels_part, job.labels)
         return _row(job, "ok", seconds=time.perf_counter() - started,
-                    regions=int(labels.max()) + 1)
+                    regions=run.region_count)
     except Exception as e:  # one bad input fails its own row only
         _remove_quietly(labels_part)
         _remove_quietly(regions_part)
@@ -211,6 +211,7 @@ def segment_batch(
     progress: Optional[bool] = None,
     announce=None,
     threads: int = 1,
+    start_label: int = 1,
     **params: Any,
 ) -> list[dict[str, str]]:
     """Segment many files, each in its own Dask task.
@@ -224,10 +225,10 @@ def segment_batch(
         Folder of the outputs and of ``manifest.csv``; created if missing.
     fit, rescale, slice
         As the command-line program's ``--fit``, ``--rescale`` and
-        ``--slice`` (see `splitmerge.fit_image`): `rescale` is True (each
+        ``--slice`` (see `splitmerge.segment`): `rescale` is True (each
         scan's whole value range) or (low, high) percentiles of each scan.
-        Labels of a padded input have the input's shape; the region list
-        file describes the padded image.
+        Labels have the scan's shape; the region list file describes the
+        image that was segmented.
     regions : bool, optional
         Also write ``<name>.regions.txt``, the region list file.
     force : bool, optional
@@ -248,6 +249,8 @@ def segment_batch(
     threads : int, optional
         Threads of each task's segmentation (see `splitmerge.segment`);
         default 1, since the tasks already run in parallel.
+    start_label : int, optional
+        The label of the largest region (see `splitmerge.segment`).
     **params
         The segmentation parameters of `splitmerge.segment`, by name.
 
@@ -258,10 +261,10 @@ def segment_batch(
         "failed"), error, seconds, regions, output.
     """
     announce = announce or (lambda text: print(f"splitmerge.batch: {text}", file=sys.stderr))
-    window = _rescale_window(rescale)
-    rescale = False if window is None else True if window == (0.0, 100.0) else window
+    do_rescale, low, high = _rescale_window(rescale)
+    rescale = (low, high) if do_rescale and (low, high) != (0.0, 100.0) else do_rescale
     options = BatchOptions(fit, rescale, slice, regions, _checked_params(params),
-                           _checked_threads(threads))
+                           _checked_threads(threads), start_label)
     out_dir = Path(out)
     out_dir.mkdir(parents=True, exist_ok=True)
     jobs, unmatched = plan_jobs((os.fspath(i) for i in inputs), out_dir, regions)
@@ -411,6 +414,8 @@ def build_parser() -> argparse.ArgumentParser:
     fitting.add_argument("--fit", choices=("pad", "crop"),
                          help="pad (with 0, centred) up to, or crop (centred) down to, the "
                               "nearest size the segmentation accepts")
+    fitting.add_argument("--start-label", type=int, default=1, metavar="N",
+                         help="label of the largest region (default 1; 0 numbers from 0)")
     fitting.add_argument("--slice", type=int, metavar="K",
                          help="segment slice K (0-based, along z) of each volume")
     fitting.add_argument("--rescale", nargs="?", const=True, default=False,
@@ -445,7 +450,7 @@ def main(argv: Optional[Sequence[str]] = None) -> int:
                              slice=args.slice, regions=args.regions, force=args.force,
                              scheduler=args.scheduler, workers=args.workers,
                              progress=False if args.no_progress else None,
-                             threads=args.threads, **params)
+                             threads=args.threads, start_label=args.start_label, **params)
     except (TypeError, ValueError) as e:
         print(f"splitmerge.batch: {e}", file=sys.stderr)
         return 2

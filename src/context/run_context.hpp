@@ -109,6 +109,8 @@ class run_context {
   // Tests: 64-bit codes even for images of up to 8 levels, so that both
   // widths can be compared on the same runs.
   bool force_wide_codes = false;
+  // The caller has checked that every pixel lies in 0..255: no second scan.
+  bool pixels_checked = false;
   // A block's code whatever the run's width.
   [[nodiscard]] std::uint64_t full_code(const block* b) const noexcept {
     return code_high == nullptr ? std::uint64_t{b->code} : code_of<std::uint64_t>(b);
