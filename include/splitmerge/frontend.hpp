@@ -104,6 +104,9 @@ enum class problem_kind : std::uint8_t {
 
 // One problem or warning. `text` names options as {name} and options with a
 // value as {name=value}; `worded` spells them as the front end does.
+// `parameter` names the option the problem is about, or the one that helps:
+// "fit" for an image size the run does not take, "rescale" for pixel values
+// outside 0..255, "image" for an array that cannot be read at all.
 struct problem {
   problem_kind kind = problem_kind::none;
   std::string parameter;  // the option it is about, by its library name; may be empty

@@ -237,7 +237,7 @@ problem find_window(const grey_input& in, const request& req, grey_window& w,
     high = std::max(high, v);
     if (!full) values.push_back(v);
   });
-  if (!finite) return invalid("image", "the image holds NaN or infinite values");
+  if (!finite) return invalid("rescale", "the image holds NaN or infinite values");
   if (!full) {
     low = percentile(values, req.low_percentile);
     high = percentile(values, req.high_percentile);
@@ -278,7 +278,7 @@ problem fit_box(const grey_input& in, const request& req, placement& box,
          static_cast<std::int32_t>(in.nz)};
   if (is_segmentable_size(in.nx, in.ny, in.nz)) return {};
   const std::string before = size_text(in.nx, in.ny, in.nz, in.dimensions);
-  if (req.fit == fit_mode::none) return invalid("image", size_advice(in));
+  if (req.fit == fit_mode::none) return invalid("fit", size_advice(in));
   std::int64_t edge, slices;
   if (req.fit == fit_mode::pad) {
     slices = power_of_two_at_least(in.nz);
@@ -360,14 +360,15 @@ problem fill_pixels(const grey_input& in, const request& req, const grey_window&
                   out = v >= 0.0 && v <= 255.0 ? static_cast<std::int32_t>(v) : 0;
                 });
   if (req.rescale) return {};
-  if (!finite) return invalid("image", "the image holds NaN or infinite values");
+  if (!finite) return invalid("rescale", "the image holds NaN or infinite values");
   if (low < 0.0 || high > 255.0)
-    return invalid("image", "the pixel values range from " + number_text(low) + " to " +
-                                number_text(high) +
-                                ", but the segmentation needs 0..255: use {rescale=true}");
+    return invalid("rescale", "the pixel values range from " + number_text(low) + " to " +
+                                  number_text(high) +
+                                  ", but the segmentation needs 0..255: use {rescale=true}");
   if (!whole)
-    return invalid("image", "the image holds non-integer values such as " + number_text(fraction) +
-                                ": use {rescale=true} to map them onto 0..255");
+    return invalid("rescale", "the image holds non-integer values such as " +
+                                  number_text(fraction) +
+                                  ": use {rescale=true} to map them onto 0..255");
   return {};
 }
 
@@ -383,9 +384,9 @@ problem check_int32_pixels(const std::int32_t* p, std::int64_t n) {
   for (std::int64_t i = 0; i < n; ++i)
     if (p[i] < 0 || p[i] > 255) {
       const auto [lo, hi] = std::minmax_element(p, p + n);
-      return invalid("image", "the pixel values range from " + std::to_string(*lo) + " to " +
-                                  std::to_string(*hi) +
-                                  ", but the segmentation needs 0..255: use {rescale=true}");
+      return invalid("rescale", "the pixel values range from " + std::to_string(*lo) + " to " +
+                                    std::to_string(*hi) +
+                                    ", but the segmentation needs 0..255: use {rescale=true}");
     }
   return {};
 }

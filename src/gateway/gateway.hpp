@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "mex.h"
 #include "splitmerge/splitmerge.hpp"
@@ -70,6 +71,10 @@ struct call_settings {
   std::uint64_t memory_limit = 0;        // bytes a run may take; 0: what is available
   std::int32_t threads = 0;              // threads of the run; 0: every core
 };
+
+// One struct per region, in label order (statistics, codes, neighbours).
+// Codes are uint32 for images of up to 256 pixels along an edge, uint64 above.
+mxArray* regions_output(const std::vector<region_record>& regions, bool wide_codes);
 
 // The body of mexFunction.
 void run_gateway(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[],
