@@ -8,7 +8,7 @@
 #include <string>
 
 #include "npy.hpp"
-#include "parameter_ranges.hpp"
+#include "splitmerge/frontend.hpp"
 #include "support/conformance_case.hpp"
 #include "tool_runner.hpp"
 
@@ -22,7 +22,7 @@ std::string number(double v) {
 }
 
 std::string arguments_for(const splitmerge::testing::reference_case& c) {
-  std::string args = "input.npy --labels labels.npy";
+  std::string args = "input.npy --labels labels.npy --start-label 0";
   for (const char* name : {"max_level", "lim_oct_level", "init_level", "group_mode", "max_seed",
                            "use_all_seeds", "pred_choice", "interval_length", "rejection", "sigma",
                            "threshold_row", "pseudo_factor", "small_size", "statistic_update"}) {
@@ -51,8 +51,9 @@ std::string expected_warnings(const splitmerge::testing::reference_case& c) {
   p.sigma = c.params.at("sigma");
   p.pseudo_factor = c.params.at("pseudo_factor");
   std::string text;
-  for (const auto& warning : parameter_range_warnings(p))
-    text += "splitmerge: warning: " + warning + "\n";
+  for (const auto& warning : frontend::range_warnings(p))
+    text += "splitmerge: warning: " +
+            frontend::worded(warning.text, frontend::spelling::command_line) + "\n";
   return text;
 }
 
