@@ -1,7 +1,9 @@
 #include "run.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <string_view>
@@ -111,7 +113,7 @@ frontend::result segment_with_progress(const frontend::prepared& input, const to
     // A frame that cannot be written fails the run: stop it early.
     opts.interrupt = [frames] { return frames->failed(); };
   }
-  opts.collect_regions = false;
+  opts.error_sink = [](std::string_view) {};  // failures come back in the result
   // The library writes the region list file into the staged file; the
   // progress lines name the file the user asked for.
   std::string staged_regions, regions_path;
@@ -130,6 +132,8 @@ frontend::result segment_with_progress(const frontend::prepared& input, const to
   }
   std::fflush(stdout);
   frontend::result result = frontend::run(input, opts);
+  if (result.failure.kind == frontend::problem_kind::input_output)
+    result.failure.text = regions_path + ": write failed (" + std::strerror(errno) + ")";
   std::fflush(stdout);
   return result;
 }

@@ -67,9 +67,8 @@ run_shape shape_of(const image_view& image, const parameters& p, const options& 
 std::string refusal(std::uint64_t needed, std::uint64_t limit, bool machine) {
   return "the run may need up to " + format_bytes(needed) + " of memory, but " +
          format_bytes(limit) + (machine ? " is available" : " is allowed") +
-         ": segment a smaller image (crop it) or use a smaller max_level, or raise "
-         "the memory limit (the estimate is for the worst case, every pixel a block of "
-         "its own; smooth images need far less)";
+         " (the estimate is for the worst case, every pixel a block of its own; smooth images "
+         "need far less)";
 }
 
 }  // namespace

@@ -19,9 +19,11 @@ problem failure_of(const segmentation& run) {
     default:
       break;
   }
-  if (run.error.empty() || run.memory_needed != 0)
-    return {problem_kind::resource_exhausted, run.memory_needed != 0 ? "memory_limit" : "",
-            run.error.empty() ? "the segmentation ran out of memory" : run.error};
+  if (run.memory_needed != 0)
+    return {problem_kind::resource_exhausted, "memory_limit",
+            run.error + ": allow more with {memory_limit=SIZE}"};
+  if (run.error.empty())
+    return {problem_kind::resource_exhausted, "", "the segmentation ran out of memory"};
   return {problem_kind::invalid_argument, "", run.error};
 }
 

@@ -52,8 +52,9 @@ std::string expected_warnings(const splitmerge::testing::reference_case& c) {
   p.pseudo_factor = c.params.at("pseudo_factor");
   std::string text;
   for (const auto& warning : frontend::range_warnings(p))
-    text += "splitmerge: warning: " +
-            frontend::worded(warning.text, frontend::spelling::command_line) + "\n";
+    text +=
+        "splitmerge: warning: " + frontend::worded(warning.text, frontend::spelling::command_line) +
+        "\n";
   return text;
 }
 
