@@ -22,7 +22,7 @@ struct tool_settings {
   bool quiet = false;
   frontend::request request;  // fitting, rescaling, the slice and the first label
   parameters params;          // the library's defaults, -1 where derived from the image
-  std::uint64_t frame_budget = std::uint64_t{2} << 30;  // accepted, no longer used
+  std::uint64_t frame_budget = default_frame_budget;  // accepted, no longer used
   std::int32_t threads = 0;                             // 0: every core
   std::uint64_t memory_limit = 0;                       // bytes; 0: what is available
 };

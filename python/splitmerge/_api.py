@@ -15,7 +15,7 @@ from ._params import library_parameters
 
 __all__ = ["Region", "Segmentation", "segment"]
 
-DEFAULT_FRAME_BUDGET = 2 << 30
+DEFAULT_FRAME_BUDGET: int = _core.default_frame_budget
 FIT_MODES = {None: 0, "none": 0, "pad": 1, "crop": 2}
 
 Box = tuple[slice, ...]

@@ -325,6 +325,7 @@ PYBIND11_MODULE(_core, m) {
         "Runs one segmentation of an array of any numeric dtype and strides.");
   m.attr("version") = splitmerge::frontend::version();
   m.attr("defaults") = parameter_dict(splitmerge::parameters{});
+  m.attr("default_frame_budget") = splitmerge::default_frame_budget;
   m.attr("default_start_label") = splitmerge::frontend::default_start_label;
   m.attr("problem_invalid_argument") = static_cast<int>(fe::problem_kind::invalid_argument);
   m.attr("problem_resource_exhausted") = static_cast<int>(fe::problem_kind::resource_exhausted);

@@ -11,12 +11,11 @@
 #include "context/allocator.hpp"
 #include "context/record_arena.hpp"
 #include "records/records.hpp"
+#include "splitmerge/splitmerge.hpp"
 
 namespace splitmerge {
 
 using line_sink = std::function<void(std::string_view)>;
-
-inline constexpr std::uint64_t default_frame_budget = std::uint64_t{2} << 30;
 
 class run_context {
  public:

@@ -17,9 +17,6 @@ namespace splitmerge::gateway {
 inline constexpr int input_count = 15;  // the image and 14 parameters
 inline constexpr int max_outputs = 3;   // labels, frames, regions
 
-// The largest stack of frames handed back, in bytes; later frames replace
-// the last one, so it still shows the final state.
-inline constexpr std::uint64_t default_frame_budget = std::uint64_t{2} << 30;
 
 // mwSize is signed in Octave and unsigned in MATLAB: every conversion between
 // it and the library's sizes goes through these two.
@@ -65,6 +62,8 @@ bool read_call(int nlhs, int nrhs, const mxArray* prhs[], call& c, report& r) no
 
 // What the tests change and watch; mexFunction uses the defaults.
 struct call_settings {
+  // The largest stack of frames handed back, in bytes; later frames replace
+  // the last one, so it still shows the final state.
   std::uint64_t frame_budget = default_frame_budget;
   std::uint64_t fail_frame_request = 0;  // makes this frame store request fail (from 1)
   std::uint64_t frame_requests = 0;      // out: the frame store's allocation requests
