@@ -71,6 +71,22 @@ struct call_settings {
   std::int32_t threads = 0;              // threads of the run; 0: every core
 };
 
+// A host array that is destroyed unless it is handed to the host.
+class owned_array {
+ public:
+  explicit owned_array(mxArray* a) : array_(a) {}
+  owned_array(const owned_array&) = delete;
+  owned_array& operator=(const owned_array&) = delete;
+  ~owned_array() {
+    if (array_ != nullptr) mxDestroyArray(array_);
+  }
+  [[nodiscard]] mxArray* get() const { return array_; }
+  mxArray* release() { return std::exchange(array_, nullptr); }
+
+ private:
+  mxArray* array_;
+};
+
 // One struct per region, in label order (statistics, codes, neighbours).
 // Codes are uint32 for images of up to 256 pixels along an edge, uint64 above.
 mxArray* regions_output(const std::vector<region_record>& regions, bool wide_codes);

@@ -23,22 +23,6 @@ namespace splitmerge::gateway {
 
 namespace {
 
-// A host array that is destroyed unless it is handed to the host.
-class owned_array {
- public:
-  explicit owned_array(mxArray* a) : array_(a) {}
-  owned_array(const owned_array&) = delete;
-  owned_array& operator=(const owned_array&) = delete;
-  ~owned_array() {
-    if (array_ != nullptr) mxDestroyArray(array_);
-  }
-  [[nodiscard]] mxArray* get() const { return array_; }
-  mxArray* release() { return std::exchange(array_, nullptr); }
-
- private:
-  mxArray* array_;
-};
-
 void print_to_host(std::string_view text) {
   // The text is never the format: it may hold a '%'.
   mexPrintf("%.*s", static_cast<int>(text.size()), text.data());

@@ -15,22 +15,6 @@ mxArray* row_of(mxClassID class_id, const T* values, std::size_t count) {
   return a;
 }
 
-// A host array that is destroyed unless it is handed to the host.
-class owned_array {
- public:
-  explicit owned_array(mxArray* a) : array_(a) {}
-  owned_array(const owned_array&) = delete;
-  owned_array& operator=(const owned_array&) = delete;
-  ~owned_array() {
-    if (array_ != nullptr) mxDestroyArray(array_);
-  }
-  [[nodiscard]] mxArray* get() const { return array_; }
-  mxArray* release() { return std::exchange(array_, nullptr); }
-
- private:
-  mxArray* array_;
-};
-
 }  // namespace
 
 // Output 2: one struct per region, in label order. Codes are uint32 for
