@@ -139,20 +139,14 @@ def read_image(path: os.PathLike | str) -> ScanImage:
     raise ReadError(f"{path}: unsupported format {shown} (readable: {', '.join(READABLE)})")
 
 
-def labels_extension(input_path: os.PathLike | str) -> str:
-    """NIfTI labels for NIfTI scans (so they overlay in a viewer), else .npy."""
-    ext = extension_of(input_path)
-    return ext if ext in (".nii", ".nii.gz") else ".npy"
-
-
 def write_labels(path: Path, labels: np.ndarray, scan: ScanImage,
-                 origin: tuple[int, int, int]) -> None:
+                 origin: tuple[int, int, int], description: str = "splitmerge labels") -> None:
     """Write labels as .npy, or as NIfTI with the scan's header and affine.
 
     `origin` is the scan's voxel (z, y, x) at the labels' first pixel: fitting
     may have cropped or padded, and the affine moves with it.
     """
-    if extension_of(path) == ".npy":
+    if not (extension_of(path) in (".nii", ".nii.gz") or path.name.endswith(".nii.gz")):
         with open(path, "wb") as f:
             np.save(f, labels)
         return
@@ -169,5 +163,6 @@ def write_labels(path: Path, labels: np.ndarray, scan: ScanImage,
     out.header.set_slope_inter(1.0, 0.0)
     out.header["cal_min"] = 0
     out.header["cal_max"] = int(labels.max()) if labels.size else 0
-    out.header["descrip"] = b"splitmerge labels"
+    out.header["descrip"] = description.encode()[:79]
+    out.header.set_intent("label")
     nibabel.save(out, path)
