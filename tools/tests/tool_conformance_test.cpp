@@ -65,7 +65,7 @@ std::vector<std::int32_t> npy_values(const std::filesystem::path& path) {
 
 TEST(Conformance, ProgramOutputsEqualTheReferenceResults) {
   const auto cases = splitmerge::testing::conformance_cases();
-  if (cases.empty()) GTEST_SKIP() << "no reference cases";
+  if (cases.empty()) FAIL() << "no reference cases";
   int checked = 0;
   for (const auto& dir : cases) {
     const auto c = splitmerge::testing::load_case(dir);
@@ -124,7 +124,7 @@ TEST(Conformance, StreamedFramesEqualTheFramesTheLibraryCollects) {
     }
     ++checked;
   }
-  if (checked == 0) GTEST_SKIP() << "no reference cases with frames";
+  if (checked == 0) FAIL() << "no reference cases with frames";
 }
 
 }  // namespace
