@@ -164,9 +164,10 @@ call = struct('max_level', opts.MaxLevel, 'lim_oct_level', opts.LimOctLevel, ...
 if nargout > 2
   [L, n, info] = smsegment_mex(I, call);
   if opts.Regions
-    for k = 1:numel(info.Regions)
-      info.Regions(k).neighbours = double(info.Regions(k).neighbours) + opts.StartLabel;
-    end
+    raw = info.Regions;
+    info.Regions = struct('Statistics', {raw.statistics}, 'Codes', {raw.codes}, ...
+                          'Neighbours', cellfun(@(n) double(n) + opts.StartLabel, ...
+                                                {raw.neighbours}, 'UniformOutput', false));
   end
   if ~opts.Frames
     info = rmfield(info, 'Frames');
