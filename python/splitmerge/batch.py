@@ -5,11 +5,10 @@
 Every input (a file or a glob pattern of .npy, .nii, .nii.gz, .tif, .tiff,
 .png or .pgm files) becomes one task that reads, fits, segments and writes
 ``DIR/<name>.labels.<ext>`` (NIfTI for NIfTI scans, with the scan's header and
-affine so the labels overlay it in a viewer; .npy otherwise; padded scans give
-labels of the scan's own shape, cropped ones of the kept part, with the affine
-moved to it) and, with
-``--regions``, ``DIR/<name>.regions.txt``. Outputs are written under temporary
-names and renamed when complete; ``DIR/manifest.csv`` holds one row per input
+affine so the labels overlay it in a viewer; .npy otherwise; labels have the
+scan's own shape after --fit too, --start-label - 1 outside the part a crop
+kept) and, with ``--regions``, ``DIR/<name>.regions.txt``. Outputs are written
+under temporary names and renamed when complete; ``DIR/manifest.csv`` holds one row per input
 (status, error, seconds, regions, output), rewritten as results arrive. A run
 started again skips inputs whose outputs are complete (``--force`` redoes
 them); a bad input fails its own row, never the batch; tasks of a worker that

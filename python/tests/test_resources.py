@@ -144,7 +144,7 @@ def test_ctrl_c_during_a_run_raises_keyboard_interrupt() -> None:
     presser.join()
     assert 1 <= len(lines) < len(full)
     # The interpreter is fine and the library still works.
-    assert splitmerge.segment(np.zeros((8, 8), np.int32)).max() == 0
+    assert splitmerge.segment(np.zeros((8, 8), np.int32)).max() == 1
 
 
 @pytest.mark.parametrize("headroom_mb", [40, 120])
@@ -167,7 +167,7 @@ def test_memory_exhaustion_is_a_memory_error(headroom_mb: int) -> None:
         except MemoryError as e:
             print("MemoryError:", e)
         resource.setrlimit(resource.RLIMIT_AS, (soft, hard))
-        print(splitmerge.segment(np.zeros((8, 8), np.int32)).max())
+        print(splitmerge.segment(np.zeros((8, 8), np.int32), start_label=0).max())
     """)
     done = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True,
                           timeout=300)
