@@ -162,7 +162,7 @@ call = struct('max_level', opts.MaxLevel, 'lim_oct_level', opts.LimOctLevel, ...
               'regions', opts.Regions, 'verbose', opts.Verbose, ...
               'memory_limit', opts.MemoryLimit);
 if nargout > 2
-  [L, n, info] = smsegment_mex(I, call);
+  [L, n, info] = run_gateway(I, call);
   if opts.Regions
     raw = info.Regions;
     info.Regions = struct('Statistics', {raw.statistics}, 'Codes', {raw.codes}, ...
@@ -176,7 +176,16 @@ if nargout > 2
     info = rmfield(info, 'Regions');
   end
 else
-  [L, n] = smsegment_mex(I, call);
+  [L, n] = run_gateway(I, call);
+end
+end
+
+% The gateway's errors as smsegment's own, without Octave's 'smsegment_mex: '.
+function varargout = run_gateway(I, call)
+try
+  [varargout{1:nargout}] = smsegment_mex(I, call);
+catch err
+  error(err.identifier, '%s', regexprep(err.message, '^smsegment_mex: ', ''));
 end
 end
 
