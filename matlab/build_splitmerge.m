@@ -20,11 +20,13 @@ gateway = @(name) fullfile(src, 'gateway', name);
 library = library_sources(src);
 shared = {gateway('read_call.cpp'), gateway('regions_output.cpp'), gateway('host.cpp')};
 includes = {['-I' src], ['-I' fullfile(root, 'include')]};
+version = project_version(root);
 if exist('OCTAVE_VERSION', 'builtin')
-  % mkoctfile takes its compiler flags from the environment. No contraction
-  % of multiply-adds: results must be bit-identical to the library's tests.
+  % mkoctfile takes its compiler flags from the environment (through a
+  % shell, hence the escaped quotes). No contraction of multiply-adds:
+  % results must be bit-identical to the library's tests.
   previous = getenv('CXXFLAGS');
-  setenv('CXXFLAGS', '-std=c++20 -O2 -ffp-contract=off');
+  setenv('CXXFLAGS', ['-std=c++20 -O2 -ffp-contract=off -DSPLITMERGE_VERSION=\"' version '\"']);
   restore = onCleanup(@() setenv('CXXFLAGS', previous));
   % The library is compiled once and linked into both modules.
   objects_dir = tempname();
@@ -46,13 +48,14 @@ modules = struct('name', {'splitmerge', 'smsegment_mex'}, ...
                                        gateway('frame_store.cpp')}, library], ...
                              [shared, {gateway('smsegment_gateway.cpp')}, library]});
 for k = 1:numel(modules)
-  build_module(modules(k).name, modules(k).sources, includes, output_dir);
+  build_module(modules(k).name, modules(k).sources, includes, version, output_dir);
 end
 end
 
-function build_module(name, sources, includes, output_dir)
+function build_module(name, sources, includes, version, output_dir)
 if exist('OCTAVE_VERSION', 'builtin')
   module = fullfile(output_dir, [name '.mex']);
+  % The version is in CXXFLAGS already.
   [output, status] = mkoctfile('--mex', '-o', module, includes{:}, sources{:});
   if status ~= 0
     error('splitmerge:buildFailed', 'mkoctfile failed:\n%s', output);
@@ -60,13 +63,13 @@ if exist('OCTAVE_VERSION', 'builtin')
 else
   % libut holds MATLAB's Ctrl-C flag, which the module polls during a run.
   if ispc
-    flags = {'COMPFLAGS=$COMPFLAGS /std:c++20 /fp:precise', '-llibut'};
+    options = {'COMPFLAGS=$COMPFLAGS /std:c++20 /fp:precise', '-llibut'};
   else
-    flags = {'CXXFLAGS=$CXXFLAGS -std=c++20 -ffp-contract=off', '-lut'};
+    options = {'CXXFLAGS=$CXXFLAGS -std=c++20 -ffp-contract=off', '-lut'};
   end
   module = fullfile(output_dir, [name '.' mexext]);
-  mex('-R2018a', '-output', fullfile(output_dir, name), flags{:}, includes{:}, ...
-      sources{:});
+  mex('-R2018a', '-output', fullfile(output_dir, name), options{:}, includes{:}, ...
+      ['-DSPLITMERGE_VERSION="' version '"'], sources{:});
 end
 % The new module must answer from now on, not the help file that the
 % interpreter may have found before it existed.
@@ -93,6 +96,16 @@ end
 if isempty(files)
   error('splitmerge:buildFailed', 'no library sources found under %s', src);
 end
+end
+
+% The version in the project's CMakeLists.txt, which the library reports.
+function version = project_version(root)
+text = fileread(fullfile(root, 'CMakeLists.txt'));
+found = regexp(text, 'project\(splitmerge\s+VERSION\s+([0-9.]+)', 'tokens', 'once');
+if isempty(found)
+  error('splitmerge:buildFailed', 'no project version in %s', fullfile(root, 'CMakeLists.txt'));
+end
+version = found{1};
 end
 
 function remove_folder(folder)
