@@ -4,7 +4,6 @@ mid-batch, failing inputs, restarts, and the command line."""
 from __future__ import annotations
 
 import csv
-import logging
 import os
 import signal
 import subprocess
@@ -26,17 +25,6 @@ from splitmerge.batch import main, segment_batch  # noqa: E402
 
 SCAN = Path("/usr/share/mricron/templates/ch2.nii.gz")
 PARAMS = dict(sigma=3.0, interval_length=12, small_size=20)
-
-
-@pytest.fixture(scope="module")
-def client(tmp_path_factory: pytest.TempPathFactory) -> Iterator:
-    with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
-                                  host="127.0.0.1", dashboard_address="127.0.0.1:0",
-                                  silence_logs=logging.ERROR,
-                                  local_directory=str(tmp_path_factory.mktemp("dask"))
-                                  ) as cluster:
-        with distributed.Client(cluster, timeout="30s") as c:
-            yield c
 
 
 def manifest_rows(out: Path) -> list[dict[str, str]]:
