@@ -202,25 +202,6 @@ def test_command_line_run_then_restart_skips_finished_work(scans: list[Path],
     assert forced.returncode == 0 and "3 done, 0 skipped" in forced.stderr
 
 
-CLI = os.environ.get("SPLITMERGE_CLI")
-
-
-@pytest.mark.skipif(not CLI, reason="SPLITMERGE_CLI (the command-line program) not given")
-def test_percentile_window_and_slice_match_the_program(tmp_path: Path, client) -> None:
-    volume = np.random.default_rng(7).integers(0, 3000, size=(4, 30, 20)).astype(np.int16)
-    volume[0, :8, :8] = 30000  # 64 of 2400 values: the 99th percentile lies on them
-    scan = tmp_path / "scan.npy"
-    np.save(scan, volume)
-    rows = segment_batch([str(scan)], tmp_path / "out", fit="crop", rescale=(1, 99), slice=2,
-                         client=client, progress=False, **PARAMS)
-    assert rows[0]["status"] == "ok", rows
-    subprocess.run([CLI, str(scan), "--slice", "2", "--fit", "crop", "--rescale", "1,99",
-                    "--quiet", "--labels", str(tmp_path / "program.npy"), "--sigma", "3",
-                    "--interval-length", "12", "--small-size", "20"],
-                   check=True, timeout=120, capture_output=True)
-    np.testing.assert_array_equal(np.load(rows[0]["output"]), np.load(tmp_path / "program.npy"))
-
-
 @pytest.mark.parametrize("arguments, inputs, rescale", [
     (["a.npy", "--rescale", "1,99"], ["a.npy"], (1.0, 99.0)),
     (["a.npy", "--rescale=2.5,97.5"], ["a.npy"], (2.5, 97.5)),

@@ -245,44 +245,6 @@ CLI = os.environ.get("SPLITMERGE_CLI")
 
 
 @pytest.mark.skipif(not CLI, reason="SPLITMERGE_CLI (the command-line program) not given")
-@pytest.mark.parametrize("shape, dtype, options", [
-    ((37, 50), np.float32, ["--fit", "crop", "--rescale"]),
-    ((5, 40, 33), np.int16, ["--fit", "pad", "--rescale"]),
-    ((6, 20, 20), np.int64, ["--fit", "pad"]),
-    ((3, 20, 24), np.float64, ["--slice", "1", "--fit", "crop", "--rescale"]),
-    ((5, 40, 33), np.int16, ["--fit", "crop", "--rescale", "2.5,97.5"]),
-    ((4, 30, 20), np.int32, ["--slice", "3", "--fit", "pad", "--rescale", "5,95"]),
-])
-def test_fitting_matches_the_command_line_program(tmp_path: Path, shape, dtype,
-                                                  options) -> None:
-    rng = np.random.default_rng(len(shape) * 100 + shape[-1])
-    if np.dtype(dtype).kind == "f":
-        image = (rng.normal(100, 40, size=shape) * 3.3).astype(dtype)
-        # The program reads floating-point grey values from NIfTI (x fastest).
-        nibabel = pytest.importorskip("nibabel")
-        source = tmp_path / "in.nii"
-        nibabel.save(nibabel.Nifti1Image(image.T, np.eye(4)), source)
-    else:
-        image = rng.integers(0, 256 if "--rescale" not in options else 3000, size=shape)
-        image = image.astype(dtype)
-        source = tmp_path / "in.npy"
-        np.save(source, image)
-    # Not --quiet: the program's notes on standard error are compared too.
-    run = subprocess.run([CLI, str(source), *options, "--labels", str(tmp_path / "labels.npy")],
-                         check=True, timeout=120, capture_output=True, text=True)
-    fit = options[options.index("--fit") + 1] if "--fit" in options else None
-    k = int(options[options.index("--slice") + 1]) if "--slice" in options else None
-    rescale: Any = "--rescale" in options
-    if rescale and "," in options[-1]:
-        rescale = tuple(float(v) for v in options[-1].split(","))
-    result = splitmerge.segment(image, fit=fit, rescale=rescale, slice=k, info=True)
-    np.testing.assert_array_equal(result.labels, np.load(tmp_path / "labels.npy"))
-    # The same notes (window values included); a NIfTI reader's note may come first.
-    notes = "".join(f"splitmerge: {note}\n" for note in result.notes)
-    assert notes and notes.replace("fit='crop'", "--fit crop") in run.stderr
-
-
-@pytest.mark.skipif(not CLI, reason="SPLITMERGE_CLI (the command-line program) not given")
 @pytest.mark.parametrize("shape", [(48, 40), (6, 30, 32)])
 def test_frames_equal_those_of_the_command_line_program(tmp_path: Path, shape) -> None:
     image = noise_image(shape, seed=sum(shape), levels=6)

@@ -1,8 +1,8 @@
 """The same image gives the same regions through every interface.
 
-Real files (grey and colour PNG, a 16-bit TIFF stack, a NIfTI volume of an
-odd shape, a boolean mask, a floating-point image, a picture that is not
-square) go through the Python ``segment``, the command-line program, the
+Real files (grey and colour PNG, 16-bit and 8-bit TIFF stacks, a NIfTI volume
+of an odd shape, a boolean mask, a floating-point image, a picture that is not
+square; whole, in a percentile window, one slice) go through the Python ``segment``, the command-line program, the
 Octave function ``smsegment`` and the batch runner, with the default
 parameters and with explicit ones; every label image must be the Python one.
 """
@@ -40,7 +40,8 @@ class Case:
     name: str
     file: str
     fit: Optional[str] = None
-    rescale: bool = False
+    rescale: Any = False  # or a (low, high) percentile window
+    slice: Optional[int] = None
     # How Octave gets the array: imread of the file (with these arguments),
     # or the raw bytes of the .raw file Python writes next to it.
     imread: Optional[str] = None
@@ -50,6 +51,9 @@ CASES = [
     Case("grey_png", "grey.png", imread="'{path}'"),
     Case("colour_png", "colour.png", imread="'{path}'"),
     Case("tiff16_stack", "stack.tif", rescale=True, imread="'{path}', 'Index', 'all'"),
+    Case("tiff16_window", "stack.tif", rescale=(1, 99), imread="'{path}', 'Index', 'all'"),
+    # smsegment takes no slice: Octave reads that page alone.
+    Case("tiff8_slice", "pages.tif", fit="pad", slice=2, imread="'{path}', 'Index', 3"),
     Case("nifti_crop", "volume.nii.gz", fit="crop"),
     Case("bool_mask", "mask.npy"),
     Case("float_rescale", "float.tif", rescale=True),
@@ -72,6 +76,7 @@ def write_inputs(folder: Path) -> dict[str, np.ndarray]:
     mask = noise_image((64, 64), seed=7, levels=3) > 100
     floats = (noise_image((64, 64), seed=8, levels=6) * 0.37 + 12.5).astype(np.float32)
     picture = noise_image((45, 70), seed=9, levels=5).astype(np.uint8)
+    pages = noise_image((4, 48, 40), seed=10, levels=5).astype(np.uint8)
 
     Image.fromarray(grey).save(folder / "grey.png")
     Image.fromarray(colour).save(folder / "colour.png")
@@ -80,9 +85,10 @@ def write_inputs(folder: Path) -> dict[str, np.ndarray]:
     np.save(folder / "mask.npy", mask)
     tifffile.imwrite(folder / "float.tif", floats, photometric="minisblack")
     Image.fromarray(picture).save(folder / "picture.png")
+    tifffile.imwrite(folder / "pages.tif", pages, photometric="minisblack")
     return {"grey.png": grey, "colour.png": colour, "stack.tif": stack,
             "volume.nii.gz": volume, "mask.npy": mask, "float.tif": floats,
-            "picture.png": picture}
+            "picture.png": picture, "pages.tif": pages}
 
 
 class Runs:
@@ -97,6 +103,11 @@ class Runs:
         self.client = client
         self.done: dict[str, dict[tuple[str, str], np.ndarray]] = {}
 
+    def grey_shape(self, case: Case) -> tuple[int, ...]:
+        """The shape of the labels: the input's, without colour or other slices."""
+        shape = self.arrays[case.file].shape
+        return shape[:2] if case.file == "colour.png" else shape[case.slice is not None:]
+
     def labels(self, interface: str, case: Case, params: str) -> np.ndarray:
         if interface not in self.done:
             self.done[interface] = getattr(self, f"run_{interface}")()
@@ -109,7 +120,8 @@ class Runs:
 
     def run_python(self) -> dict[tuple[str, str], np.ndarray]:
         return {(case.name, params): splitmerge.segment(
-                    self.arrays[case.file], fit=case.fit, rescale=case.rescale, **given)
+                    self.arrays[case.file], fit=case.fit, rescale=case.rescale,
+                    slice=case.slice, **given)
                 for case, params, given in self.jobs()}
 
     def run_cli(self) -> dict[tuple[str, str], np.ndarray]:
@@ -119,7 +131,11 @@ class Runs:
         for case, params, given in self.jobs():
             labels = self.folder / f"cli-{case.name}-{params}.npy"
             options = [] if case.fit is None else ["--fit", case.fit]
-            options += ["--rescale"] if case.rescale else []
+            if case.rescale is True:
+                options += ["--rescale"]
+            elif case.rescale:
+                options += ["--rescale", ",".join(str(v) for v in case.rescale)]
+            options += [] if case.slice is None else ["--slice", str(case.slice)]
             for name, value in given.items():
                 if name == "group_mode":
                     value = splitmerge.GROUP_MODES[value]
@@ -140,8 +156,8 @@ class Runs:
         for case, params, given in self.jobs():
             folder = self.folder / f"batch-{case.name}-{params}"
             rows = segment_batch([self.inputs / case.file], folder, fit=case.fit,
-                                 rescale=case.rescale, client=self.client(), progress=False,
-                                 **given)
+                                 rescale=case.rescale, slice=case.slice, client=self.client(),
+                                 progress=False, **given)
             assert rows[0]["status"] == "ok", rows
             out[case.name, params] = read_labels(Path(rows[0]["output"]))
         return out
@@ -156,8 +172,9 @@ class Runs:
         script = [f"addpath('{REPOSITORY / 'matlab'}'); addpath('{modules}');"]
         for case, params, given in self.jobs():
             result = self.folder / f"octave-{case.name}-{params}"
+            volume = len(self.grey_shape(case)) == 3  # not colour, whatever the third axis
             script.append(f"try\n{self.octave_input(case)}\n"
-                          f"  L = smsegment(I{matlab_options(case, given)});\n"
+                          f"  L = smsegment(I{matlab_options(case, volume, given)});\n"
                           f"  write_raw('{result}.raw', int32(permute(L, [2 1 3])));\n"
                           f"catch err\n"
                           f"  write_raw('{result}.error', [err.identifier ': ' err.message]);\n"
@@ -175,9 +192,8 @@ class Runs:
             error = result.with_suffix(".error")
             assert not error.exists(), error.read_text()
             assert result.with_suffix(".raw").exists(), done.stdout + done.stderr
-            shape = self.arrays[case.file].shape[:2 if case.file == "colour.png" else 3]
             out[case.name, params] = np.fromfile(result.with_suffix(".raw"),
-                                                 np.int32).reshape(shape)
+                                                 np.int32).reshape(self.grey_shape(case))
         return out
 
     def octave_input(self, case: Case) -> str:
@@ -198,15 +214,16 @@ class Runs:
                 f"{octave_class}'), [{extents}]), {order}));\n  fclose(fid);")
 
 
-def matlab_options(case: Case, given: dict[str, Any]) -> str:
+def matlab_options(case: Case, volume: bool, given: dict[str, Any]) -> str:
     """smsegment's name-value pairs for a case and parameters, with a leading comma."""
     pairs: list[tuple[str, str]] = []
     if case.fit is not None:
         pairs.append(("Fit", f"'{case.fit}'"))
     if case.rescale:
-        pairs.append(("Rescale", "true"))
-    if case.file.endswith((".tif", ".nii.gz")) and case.file != "float.tif":
-        pairs.append(("Volume", "true"))  # a third axis of 3 or 4 is colour otherwise
+        pairs.append(("Rescale", "true" if case.rescale is True else
+                      "[{} {}]".format(*case.rescale)))
+    if volume:
+        pairs.append(("Volume", "true"))
     for name, value in given.items():
         spelled = MATLAB_NAMES.get(name) or "".join(p.title() for p in name.split("_"))
         if isinstance(value, bool):
@@ -252,8 +269,7 @@ def runs(tmp_path_factory: pytest.TempPathFactory, request: pytest.FixtureReques
 def test_every_interface_gives_the_python_labels(runs: Runs, interface: str, case: Case,
                                                  params: str) -> None:
     expected = runs.labels("python", case, params)
-    grey_shape = runs.arrays[case.file].shape[:2 if case.file == "colour.png" else 3]
-    assert expected.shape == grey_shape and expected.dtype == np.int32
+    assert expected.shape == runs.grey_shape(case) and expected.dtype == np.int32
     assert expected.max() > 2, "several regions, so that a difference would show"
     labels = runs.labels(interface, case, params)
     assert labels.shape == expected.shape
