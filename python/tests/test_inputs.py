@@ -185,11 +185,13 @@ def test_a_bad_percentile_window_is_refused(rescale, error) -> None:
 @pytest.mark.parametrize("start_label", [1, 0])
 def test_fit_gives_labels_of_the_inputs_shape(shape, fit, box, max_level, start_label) -> None:
     image = noise_image(shape, seed=sum(shape), levels=6)
-    result = splitmerge.segment(image, fit=fit, frames=True, regions=True,
+    frames = image.size <= 64 * 64 * 8  # those of the large images take gigabytes
+    result = splitmerge.segment(image, fit=fit, frames=frames, regions=True,
                                 start_label=start_label)
     labels = result.labels
     assert labels.shape == image.shape and labels.dtype == np.int32
-    assert labels.flags.c_contiguous and result.frames.shape[1:] == image.shape
+    assert labels.flags.c_contiguous
+    assert not frames or result.frames.shape[1:] == image.shape
     assert result.box == box and result.parameters["max_level"] == max_level
     assert len(result.regions) == result.region_count
     np.testing.assert_array_equal(labels, splitmerge.segment(image, fit=fit,
@@ -202,9 +204,10 @@ def test_fit_gives_labels_of_the_inputs_shape(shape, fit, box, max_level, start_
         padded = np.zeros(((slices,) if len(shape) == 3 else ()) + (edge, edge), np.int32)
         at = tuple(slice((p - n) // 2, (p - n) // 2 + n) for p, n in zip(padded.shape, shape))
         padded[at] = image
-        whole = splitmerge.segment(padded, frames=True, start_label=start_label)
+        whole = splitmerge.segment(padded, frames=frames, start_label=start_label, info=True)
         np.testing.assert_array_equal(labels, whole.labels[at])
-        np.testing.assert_array_equal(result.frames, whole.frames[(Ellipsis,) + at])
+        if frames:
+            np.testing.assert_array_equal(result.frames, whole.frames[(Ellipsis,) + at])
         assert labels.max() <= result.region_count - 1 + start_label
     else:
         np.testing.assert_array_equal(labels[box], splitmerge.segment(
@@ -212,7 +215,7 @@ def test_fit_gives_labels_of_the_inputs_shape(shape, fit, box, max_level, start_
         outside = np.ones(shape, bool)
         outside[box] = False
         assert (labels[outside] == start_label - 1).all()
-        assert (result.frames[:, outside] == -1).all()
+        assert not frames or (result.frames[:, outside] == -1).all()
 
 
 @pytest.mark.parametrize("image, options, message", [
