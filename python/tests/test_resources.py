@@ -137,11 +137,17 @@ def test_ctrl_c_during_a_run_raises_keyboard_interrupt() -> None:
             os.kill(os.getpid(), signal.SIGINT)
 
     full = splitmerge.segment(image, sigma=3.0, lines=True).lines
+    # Started in the background (nohup, CI), the process ignores SIGINT:
+    # Ctrl-C must reach Python's own handler here.
+    previous = signal.signal(signal.SIGINT, signal.default_int_handler)
     presser = threading.Thread(target=press_ctrl_c)
-    presser.start()
-    with pytest.raises(KeyboardInterrupt):
-        splitmerge.segment(image, sigma=3.0, progress=progress)
-    presser.join()
+    try:
+        presser.start()
+        with pytest.raises(KeyboardInterrupt):
+            splitmerge.segment(image, sigma=3.0, progress=progress)
+    finally:
+        presser.join()
+        signal.signal(signal.SIGINT, previous)
     assert 1 <= len(lines) < len(full)
     # The interpreter is fine and the library still works.
     assert splitmerge.segment(np.zeros((8, 8), np.int32)).max() == 1
