@@ -14,7 +14,7 @@ import shutil
 import subprocess
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any, Callable, Optional
+from typing import Any, Callable, Iterator, Optional
 
 import numpy as np
 import pytest
@@ -113,7 +113,7 @@ class Runs:
             self.done[interface] = getattr(self, f"run_{interface}")()
         return self.done[interface][case.name, params]
 
-    def jobs(self):
+    def jobs(self) -> Iterator[tuple[Case, str, dict[str, Any]]]:
         for case in CASES:
             for params, given in PARAMETER_SETS.items():
                 yield case, params, given
