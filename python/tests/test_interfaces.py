@@ -2,10 +2,10 @@
 
 Real files (grey and colour PNG, 16-bit and 8-bit TIFF stacks, a NIfTI volume
 of an odd shape, a boolean mask, a floating-point image, a picture that is not
-square; whole, in a percentile window, one slice) go through the Python ``segment``, the command-line program, the
-Octave function ``smsegment`` and the batch runner, with the default
-parameters and with explicit ones; every label image must be the Python one.
-"""
+square; whole, in a percentile window, one slice) go through the Python
+``segment``, the command-line program, the Octave function ``smsegment`` and
+the batch runner, with the default parameters and with explicit ones; every
+label image must be the Python one."""
 
 from __future__ import annotations
 
