@@ -33,8 +33,8 @@ function [L, n, info] = smsegment(I, varargin)
 %   power of two from 2 to 4096 (to 512 when Z > 1) and Z a power of two no
 %   larger than X; otherwise set 'Fit'. A Y-by-X-by-3 (or 4) array with more
 %   than 4 columns is an RGB (RGBA) image, segmented as its grey levels
-%   (299 R + 587 G + 114 B) / 1000, rounded for whole-number samples (set
-%   'Volume' for a volume of 3 or 4 slices).
+%   (299 R + 587 G + 114 B) / 1000, rounded for whole-number samples; with
+%   the option 'Volume' it is a volume of 3 or 4 slices.
 %
 %   Options, as name-value pairs (names are not case sensitive):
 %
