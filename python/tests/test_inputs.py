@@ -93,7 +93,8 @@ def test_colour_pictures_are_segmented_as_their_grey_levels() -> None:
                                    r"square slices of 2, 4, 8, \.\.\., 4096 pixels: use "
                                    r"fit='pad' or fit='crop'$"),
     ((3, 8, 8), np.int32, ValueError, r"^the image is 8 x 8 x 3 pixels, .* no more than the "
-                                      r"edge: use fit='pad' or fit='crop'"),
+                                      r"edge: use fit='pad' or fit='crop' \(or slice=K for "
+                                      r"one slice\)$"),
     ((8, 8), np.complex64, TypeError, r"^the image's dtype complex64 cannot be segmented"),
     ((8, 8), "U3", TypeError, r"^the image's dtype <U3 cannot be segmented"),
 ])
