@@ -33,8 +33,8 @@ function [L, n, info] = smsegment(I, varargin)
 %   power of two from 2 to 4096 (to 512 when Z > 1) and Z a power of two no
 %   larger than X; otherwise set 'Fit'. A Y-by-X-by-3 (or 4) array with more
 %   than 4 columns is an RGB (RGBA) image, segmented as its grey levels
-%   (299 R + 587 G + 114 B) / 1000, rounded for whole-number samples, unless
-%   'Volume' is true.
+%   (299 R + 587 G + 114 B) / 1000, rounded for whole-number samples; with
+%   the option 'Volume' it is a volume of 3 or 4 slices.
 %
 %   Options, as name-value pairs (names are not case sensitive):
 %
@@ -89,8 +89,8 @@ function [L, n, info] = smsegment(I, varargin)
 %                     false.
 %   'StartLabel'      The label of the largest region; 0 numbers the regions
 %                     from 0, as the SPLITMERGE module does. Default 1.
-%   'MemoryLimit'     Bytes the run may take; 0 (the default): the memory
-%                     available.
+%   'MemoryLimit'     Bytes the run may take, or 0: the memory available
+%                     (splitmerge:outOfMemory above it). Default 0.
 %   'Frames'          true: INFO.Frames holds the display frames, int32, the
 %                     size of L plus one dimension (-1 outside a crop),
 %                     one frame per index of the last dimension. Frame 1 colours
@@ -115,8 +115,8 @@ function [L, n, info] = smsegment(I, varargin)
 %                     Default false.
 %   'Verbose'         true: the progress lines are printed as the run goes.
 %                     Default false.
-%   'Volume'          true: an X-by-Y-by-3 array is a volume of 3 slices,
-%                     not an RGB image. Default false.
+%   'Volume'          true: a Y-by-X-by-3 (or 4) array is a volume of 3
+%                     (4) slices, not an RGB (RGBA) image. Default false.
 %
 %   Values outside the ranges above are passed on (the run defines a
 %   result for them) with the warning smsegment:outOfRange. Option names
@@ -162,11 +162,12 @@ call = struct('max_level', opts.MaxLevel, 'lim_oct_level', opts.LimOctLevel, ...
               'regions', opts.Regions, 'verbose', opts.Verbose, ...
               'memory_limit', opts.MemoryLimit);
 if nargout > 2
-  [L, n, info] = smsegment_mex(I, call);
+  [L, n, info] = run_gateway(I, call);
   if opts.Regions
-    for k = 1:numel(info.Regions)
-      info.Regions(k).neighbours = double(info.Regions(k).neighbours) + opts.StartLabel;
-    end
+    raw = info.Regions;
+    info.Regions = struct('Statistics', {raw.statistics}, 'Codes', {raw.codes}, ...
+                          'Neighbours', cellfun(@(n) double(n) + opts.StartLabel, ...
+                                                {raw.neighbours}, 'UniformOutput', false));
   end
   if ~opts.Frames
     info = rmfield(info, 'Frames');
@@ -175,7 +176,16 @@ if nargout > 2
     info = rmfield(info, 'Regions');
   end
 else
-  [L, n] = smsegment_mex(I, call);
+  [L, n] = run_gateway(I, call);
+end
+end
+
+% The gateway's errors as smsegment's own, without Octave's 'smsegment_mex: '.
+function varargout = run_gateway(I, call)
+try
+  [varargout{1:nargout}] = smsegment_mex(I, call);
+catch err
+  error(err.identifier, '%s', regexprep(err.message, '^smsegment_mex: ', ''));
 end
 end
 

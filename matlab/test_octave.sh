@@ -57,7 +57,7 @@ module_tests() {
 # As a user does it: cd matlab; build_splitmerge (in a copy of the sources),
 # which puts the module next to the help files, then the README's example.
 user_build() {
-  mkdir -p "$scratch/clone" && cp -r "$root/src" "$root/include" "$root/matlab" "$scratch/clone/" &&
+  mkdir -p "$scratch/clone" && cp -r "$root/CMakeLists.txt" "$root/src" "$root/include" "$root/matlab" "$scratch/clone/" &&
     rm -f "$scratch"/clone/matlab/*.mex &&
     run_octave "cd('$scratch/clone/matlab'); build_splitmerge; \
       I = imread(fullfile(OCTAVE_HOME, 'share', 'octave', OCTAVE_VERSION, 'imagelib', \
@@ -65,7 +65,8 @@ user_build() {
       [L, n] = smsegment(I, 'Fit', 'crop'); \
       if ~isempty(pkg('list', 'image')), pkg load image; rgb = label2rgb(L); \
       else, rgb = zeros([size(L), 3]); end; \
-      if ~isequal(size(rgb), [256 256 3]) || n < 2 || min(L(:)) ~= 1, exit(1); end; \
+      if ~isequal(size(rgb), size(I)) || n < 2 || min(L(L > 0)) ~= 1 || max(L(:)) ~= n, \
+        exit(1); end; \
       printf('example: %d regions\n', n);"
 }
 smsegment_tests() {

@@ -46,7 +46,7 @@ def _int32(name: str, value: Any) -> int:
         raise TypeError(
             f"{name} must be an integer, not {type(value).__name__} ({value!r})") from None
     if not INT32_MIN <= v <= INT32_MAX:
-        raise ValueError(f"invalid parameter {name} = {v}: outside the 32-bit integer range")
+        raise ValueError(f"{name}={v}: outside the 32-bit integer range")
     return v
 
 
@@ -65,7 +65,7 @@ def _named(name: str, value: Any) -> Any:
     except KeyError:
         allowed = ", ".join(repr(n) for n in names)
         raise ValueError(
-            f"invalid parameter {name} = {value!r}: use {allowed} or a number") from None
+            f"{name}={value!r}: use {allowed} or a number") from None
 
 
 def library_parameters(given: dict[str, Any]) -> dict[str, Union[int, float]]:

@@ -4,9 +4,9 @@
 
 Every input (a file or a glob pattern of .npy, .nii, .nii.gz, .tif, .tiff,
 .png or .pgm files) becomes one task that reads, segments and writes its
-labels, of the scan's own shape (NIfTI for NIfTI scans, with the scan's header
-and affine so the labels overlay it in a viewer, intent "label"; .npy
-otherwise), a JSON sidecar with the version and every parameter and, with
+labels, of the scan's own shape after --fit too (--start-label - 1 outside the
+part a crop kept; NIfTI for NIfTI scans, with the scan's header and affine so
+the labels overlay it in a viewer, intent "label"; .npy otherwise), a JSON sidecar with the version and every parameter and, with
 ``--regions``, the region list file. The outputs mirror the inputs' folders
 below each pattern's fixed prefix, so scans of one name in different folders
 never collide; ``--bids`` writes BIDS derivatives instead. Outputs are written

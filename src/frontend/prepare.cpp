@@ -263,7 +263,7 @@ std::string size_advice(const grey_input& in) {
     s += " (" + std::to_string(largest_edge_volume) +
          " at most with more than one slice) and 1, 2, 4, ... slices, no more than the edge";
   s += ": use {fit=pad} or {fit=crop}";
-  if (in.dimensions == 3) s += " (or {slice} K for one slice)";
+  if (in.dimensions == 3) s += " (or {slice=K} for one slice)";
   return s;
 }
 
@@ -288,7 +288,7 @@ problem fit_box(const grey_input& in, const request& req, placement& box,
                                 " pixels for a " + before + " image, above the largest" +
                                 (slices > 1 ? " for a volume" : "") + ", " +
                                 std::to_string(largest_edge(slices)) + ": use {fit=crop}" +
-                                (slices > 1 ? " (or {slice} K for one slice)" : ""));
+                                (slices > 1 ? " (or {slice=K} for one slice)" : ""));
   } else {
     // A crop keeps two slices or more of an input that has two or more.
     edge = std::min(power_of_two_at_most(std::min(in.nx, in.ny)), largest_edge(in.nz));

@@ -20,7 +20,10 @@ std::string number_text(double v) {
   return s.str();
 }
 
+// Numbers, and the one-letter placeholders of messages ("slice=K"), are
+// written without quotes.
 bool is_number(const std::string& text) {
+  if (text.size() == 1 && text[0] >= 'A' && text[0] <= 'Z') return true;
   if (text.empty()) return false;
   char* end = nullptr;
   std::strtod(text.c_str(), &end);
@@ -28,6 +31,8 @@ bool is_number(const std::string& text) {
 }
 
 std::string option_with_value(std::string_view name, const std::string& value, spelling how) {
+  // smsegment takes no slice option: one slice is I(:, :, K).
+  if (how == spelling::matlab && name == "slice") return "I(:, :, " + value + ")";
   const std::string option = option_name(name, how);
   switch (how) {
     case spelling::command_line:
