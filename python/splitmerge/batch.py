@@ -136,6 +136,12 @@ def _row(job: Job, status: str, error: str = "", seconds: Optional[float] = None
     return row
 
 
+def _made_row(job: Job, status: str, made: dict[str, Any]) -> dict[str, str]:
+    """A row from the sidecar of complete outputs."""
+    return _row(job, status, seconds=made.get("Seconds"), regions=made.get("RegionCount"),
+                parameters=made.get("Parameters"))
+
+
 def _descrip(parameters: dict[str, Any]) -> str:
     """The NIfTI description: the version and as many parameters as fit 79 bytes."""
     text = f"splitmerge {VERSION}"
@@ -161,16 +167,17 @@ def segment_file(job: Job, options: BatchOptions) -> dict[str, str]:
                       memory_limit=_task_memory_limit(options))
         write_labels(parts[0], run.labels, scan, (options.slice or 0, 0, 0),
                      _descrip(run.parameters))
+        seconds = round(time.perf_counter() - started, 3)  # the run, as the sidecar says
         sidecar = {"Sources": [job.input], "Version": VERSION, "Parameters": run.parameters,
                    "Request": options.request(), "RegionCount": run.region_count,
-                   "Notes": run.notes}
+                   "Seconds": seconds, "Notes": run.notes}
         parts[1].write_text(json.dumps(sidecar, indent=2) + "\n")
         if regions_part is not None and job.region_file is not None:
             os.replace(regions_part, job.region_file)
         os.replace(parts[0], job.labels)
         os.replace(parts[1], job.sidecar)
-        return _row(job, "ok", seconds=time.perf_counter() - started,
-                    regions=run.region_count, parameters=run.parameters)
+        return _row(job, "ok", seconds=seconds, regions=run.region_count,
+                    parameters=run.parameters)
     except Exception as e:  # one bad input fails its own row only
         for part in parts + [regions_part]:
             _remove_quietly(part)
@@ -453,8 +460,7 @@ def segment_batch(
         if made is None:
             todo.append(job)
         else:
-            rows[job.input] = _row(job, "skipped", regions=made.get("RegionCount"),
-                                   parameters=made.get("Parameters"))
+            rows[job.input] = _made_row(job, "skipped", made)
 
     def save() -> None:
         write_manifest(manifest, [rows[j.input] for j in jobs if j.input in rows])
@@ -496,15 +502,17 @@ def _run_jobs(todo: list[Job], options: BatchOptions, rows: dict[str, dict[str, 
                 if row["status"] == "failed":
                     bar.write(f"splitmerge.batch: {job.input}: {row['error']}", file=sys.stderr)
     except KeyboardInterrupt:
-        # What finished is kept; the rest is cancelled and runs again next time.
-        for future, job in futures.items():
-            if job.input not in rows and future.status == "finished":
-                try:
-                    rows[job.input] = future.result(timeout=1)
-                except Exception:  # noqa: BLE001 - a task that did not finish cleanly
-                    pass
+        # The rest is cancelled and runs again next time; what finished is
+        # kept, also when its task ended after the interrupt.
         for future in futures:
             future.cancel()
+        for resource in owned:
+            resource.close()
+        request = options.request()
+        for job in todo:
+            made = None if job.input in rows else job.made_by(request)
+            if made is not None:
+                rows[job.input] = _made_row(job, "ok", made)
         save()
         raise Interrupted([rows[j.input] for j in todo if j.input in rows]) from None
     finally:

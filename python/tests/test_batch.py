@@ -152,9 +152,9 @@ def test_bad_inputs_fail_their_own_rows(scans: list[Path], tmp_path: Path, clien
     assert status["missing.npy"][0] == "failed"
     assert "FileNotFoundError" in status["missing.npy"][1]
     assert len(manifest_rows(out)) == len(inputs)
-    assert sorted(p.name for p in out.iterdir()) == [
-        "manifest.csv", scans[0].name.replace(".npy", ".labels.npy"),
-        scans[1].name.replace(".npy", ".labels.npy")]
+    assert sorted(p.name for p in out.iterdir()) == sorted(
+        ["manifest.csv"] + [scan.name.replace(".npy", ".labels" + ext)
+                            for scan in scans[:2] for ext in (".npy", ".json")])
 
 
 def run_command_line(workspace: Path, *args: str) -> subprocess.CompletedProcess:

@@ -37,8 +37,7 @@ def write_inputs(folder: Path) -> dict[str, np.ndarray]:
     Image.fromarray(grey).save(folder / "grey.png")
     files["grey.png"] = grey
     Image.fromarray(rgb).save(folder / "colour.png")
-    r, g, b = (rgb[..., k].astype(np.int64) for k in range(3))
-    files["colour.png"] = (299 * r + 587 * g + 114 * b + 500) // 1000
+    files["colour.png"] = rgb  # segment() makes it grey, as for every front end
     Image.fromarray(grey).save(folder / "grey.pgm")
     files["grey.pgm"] = grey
     Image.fromarray(grey16).save(folder / "grey16.png")
