@@ -5,27 +5,24 @@
 # `cd matlab; build_splitmerge` does (with the README's example); smsegment; Ctrl-C during a long call; then the help
 # files without the module. Every stage runs; the script fails when any did.
 #
-# The reference cases are read from SPLITMERGE_CONFORMANCE (default
-# ../shared/conformance next to the clone); without them those cases are
-# skipped and the script says so.
+# The reference cases are read from SPLITMERGE_CONFORMANCE, else from the
+# repository's archive tests/reference/cases.tar.xz.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 root="$(pwd)"
 build="${SPLITMERGE_OCTAVE_BUILD:-build/release}"
-conformance="${SPLITMERGE_CONFORMANCE:-$(cd .. && pwd)/shared/conformance}"
+conformance="${SPLITMERGE_CONFORMANCE:-}"
 
 if ! command -v mkoctfile >/dev/null || ! command -v octave-cli >/dev/null; then
   echo "test_octave: octave-cli and mkoctfile are needed (scripts/setup.sh test)" >&2
   exit 1
 fi
-if [ ! -d "$conformance" ]; then
-  echo "test_octave: no reference cases at $conformance: skipping those cases" \
-    "(set SPLITMERGE_CONFORMANCE)"
-  conformance=""
-fi
-
 scratch="$(mktemp -d)"
 trap 'rm -rf "$scratch"' EXIT
+if [ -z "$conformance" ]; then
+  tar -xJf "$root/tests/reference/cases.tar.xz" -C "$scratch"
+  conformance="$scratch/conformance"
+fi
 failed=()
 
 # Octave 7 prints this on every exit of octave-cli; it is harmless.

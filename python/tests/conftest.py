@@ -2,7 +2,12 @@
 
 from __future__ import annotations
 
+import atexit
+import functools
 import json
+import shutil
+import tarfile
+import tempfile
 import logging
 import os
 from dataclasses import dataclass
@@ -15,10 +20,24 @@ import pytest
 REPOSITORY = Path(__file__).resolve().parents[2]
 
 
+REFERENCE_ARCHIVE = REPOSITORY / "tests" / "reference" / "cases.tar.xz"
+
+
+@functools.lru_cache(maxsize=1)
 def conformance_root() -> Path:
-    """Where the reference cases are: $SPLITMERGE_CONFORMANCE or ../shared/conformance."""
+    """Where the reference cases are: $SPLITMERGE_CONFORMANCE, else the
+    repository's archive unpacked into a folder of this test session."""
     env = os.environ.get("SPLITMERGE_CONFORMANCE")
-    return Path(env) if env else REPOSITORY.parent / "shared" / "conformance"
+    if env:
+        return Path(env)
+    folder = Path(tempfile.mkdtemp(prefix="splitmerge-reference-"))
+    atexit.register(shutil.rmtree, folder, ignore_errors=True)
+    with tarfile.open(REFERENCE_ARCHIVE) as archive:
+        # The archive is the repository's own; the "data" filter, where this
+        # Python has it, refuses anything but plain files and folders anyway.
+        extra = {"filter": "data"} if hasattr(tarfile, "data_filter") else {}
+        archive.extractall(folder, **extra)
+    return folder / "conformance"
 
 
 def conformance_cases() -> list[Path]:
