@@ -83,15 +83,15 @@ TEST(FrontEnd, ColourAndBooleanRules) {
       fe::prepare(fe::contiguous_view(rgb, fe::pixel_type::uint8, fe::host_order::numpy, 3, shape),
                   {}, fitted(fe::fit_mode::crop));
   ASSERT_EQ(p.failure.kind, fe::problem_kind::none) << p.failure.text;
-  const std::int32_t* kept = p.image().data;  // x 2..3 of row 0..1
-  EXPECT_EQ(kept[0], 29);                     // (114 * 255 + 500) / 1000 = 29.57 -> 29
-  EXPECT_EQ(kept[1], 18);                     // (2990 + 11740 + 3420 + 500) / 1000
+  const std::uint8_t* kept = p.image().data8;  // x 2..3 of row 0..1
+  EXPECT_EQ(kept[0], 29);                      // (114 * 255 + 500) / 1000 = 29.57 -> 29
+  EXPECT_EQ(kept[1], 18);                      // (2990 + 11740 + 3420 + 500) / 1000
   const bool mask[4] = {false, true, true, false};
   const std::int64_t square[2] = {2, 2};
   p = fe::prepare(
       fe::contiguous_view(mask, fe::pixel_type::boolean, fe::host_order::numpy, 2, square), {}, {});
   ASSERT_EQ(p.failure.kind, fe::problem_kind::none);
-  EXPECT_EQ(std::vector<std::int32_t>(p.image().data, p.image().data + 4),
+  EXPECT_EQ(std::vector<std::int32_t>(p.image().data8, p.image().data8 + 4),
             (std::vector<std::int32_t>{0, 255, 255, 0}));
 }
 
@@ -163,11 +163,11 @@ TEST(FrontEnd, RescaleMapsTheWholeInputsWindow) {
       fe::contiguous_view(values.data(), fe::pixel_type::float64, fe::host_order::numpy, 2, shape);
   fe::prepared full = fe::prepare(view, {}, rescaled());
   ASSERT_EQ(full.failure.kind, fe::problem_kind::none) << full.failure.text;
-  EXPECT_EQ(full.image().data[15], 255);
-  EXPECT_EQ(full.image().data[1], 17);  // 10 * 255 / 150
+  EXPECT_EQ(full.image().data8[15], 255);
+  EXPECT_EQ(full.image().data8[1], 17);  // 10 * 255 / 150
   fe::prepared window = fe::prepare(view, {}, rescaled(50.0));
   ASSERT_EQ(window.failure.kind, fe::problem_kind::none) << window.failure.text;
-  EXPECT_EQ(window.image().data[8], 255);                      // 75 is the median: clipped above it
+  EXPECT_EQ(window.image().data8[8], 255);                     // 75 is the median: clipped above it
   EXPECT_EQ(fe::prepare(view, {}, {}).failure.parameter, "");  // whole numbers 0..150
   values[2] = 2.5;
   EXPECT_EQ(fe::prepare(view, {}, {}).failure.parameter, "rescale");

@@ -12,10 +12,7 @@ fitted_image output_image(const io::grey_image& input, const frontend::prepared&
   out.shown = {0, 0, 0, out.size_x, out.size_y, out.size_z};
   out.input_z0 = run.asked.slice.value_or(0);
   out.nifti_header = input.nifti_header;
-  if (with_pixels) {
-    out.pixels.resize(static_cast<std::size_t>(run.input_pixels()));
-    frontend::to_input(run, run.image().data, out.pixels.data(), 0, 0);
-  }
+  if (with_pixels) out.pixels = frontend::segmented_on_input(run);
   return out;
 }
 

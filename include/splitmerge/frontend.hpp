@@ -143,12 +143,14 @@ struct prepared {
   int dimensions = 2;                 // of the input's grey image: 2 (Y, X) or 3 (Z, Y, X)
   std::int64_t shape[3] = {1, 1, 1};  // Z, Y, X of the input's grey image (the slice)
   placement segmented;
-  // The segmentable image: x fastest, values 0..255.
+  // The segmentable image: x fastest, values 0..255, 8-bit unless the
+  // caller's own 32-bit array could be used as it is.
   [[nodiscard]] image_view image() const;
   [[nodiscard]] std::int64_t input_pixels() const { return shape[0] * shape[1] * shape[2]; }
 
-  std::vector<std::int32_t> pixels;        // when converted
-  const std::int32_t* borrowed = nullptr;  // the caller's own array when usable as it is
+  std::vector<std::uint8_t> pixels;         // when converted
+  const std::int32_t* borrowed = nullptr;   // the caller's own array, usable as it is
+  const std::uint8_t* borrowed8 = nullptr;  // the same for an 8-bit array
 };
 
 struct result {
@@ -175,6 +177,10 @@ result run(const prepared& input, const options& opts = {});
 // segmented. `out` holds input_pixels() values.
 void to_input(const prepared& input, const std::int32_t* segmented, std::int32_t* out,
               std::int32_t offset, std::int32_t outside);
+void to_input(const prepared& input, const std::uint8_t* segmented, std::int32_t* out,
+              std::int32_t offset, std::int32_t outside);
+// The segmented image itself mapped onto the input's shape (0 outside).
+std::vector<std::int32_t> segmented_on_input(const prepared& input);
 
 // Warnings for parameters outside their meaningful ranges (they still run as
 // given); empty when every value means what the help says.

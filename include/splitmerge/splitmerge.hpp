@@ -57,12 +57,14 @@ struct parameters {
   std::int32_t statistic_update = 1;
 };
 
-// A grey image of 32-bit pixels, x fastest, then y, then z.
+// A grey image of 32-bit pixels, x fastest, then y, then z; or of 8-bit
+// pixels (data8 in place of data), which the run reads as they are.
 struct image_view {
   const std::int32_t* data = nullptr;
   std::int32_t size_x = 0;
   std::int32_t size_y = 0;
   std::int32_t size_z = 1;
+  const std::uint8_t* data8 = nullptr;
 };
 
 // The largest total size, in bytes, of the display frames a run collects in

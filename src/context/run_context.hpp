@@ -57,6 +57,7 @@ class run_context {
 
   // --- the run's image and parameters ---
   const std::int32_t* my_image = nullptr;
+  const std::uint8_t* my_image8 = nullptr;  // instead of my_image for 8-bit images
   std::int32_t im_format_xy = 0;
   std::int32_t im_format_z = 0;
   std::int32_t voxels_slice = 0;

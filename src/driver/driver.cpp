@@ -201,11 +201,13 @@ std::int32_t split_merge_group(run_context& ctx, const std::int32_t* image, std:
                                std::int32_t display, const char* filename, double rejection,
                                double sigma, double pseudo_factor) {
   const run_arguments args{
-      image,         size_x,     size_y,           size_z,        max_level,   lim_oct_level,
-      init_level,    group_mode, max_seed,         use_all_seeds, pred_choice, interval_length,
-      threshold_row, small_size, statistic_update, rejection,     sigma,       pseudo_factor};
-  const std::string problem = ctx.pixels_checked ? find_parameter_problem(args).library_text()
-                                                 : validate_parameters(args);
+      image,         size_x,          size_y,        size_z,       max_level,
+      lim_oct_level, init_level,      group_mode,    max_seed,     use_all_seeds,
+      pred_choice,   interval_length, threshold_row, small_size,   statistic_update,
+      rejection,     sigma,           pseudo_factor, ctx.my_image8};  // 8-bit pixels are set on the
+                                                                      // context by segment()
+  const std::string problem =
+      ctx.pixels_checked ? find_parameter_problem(args).library_text() : validate_parameters(args);
   if (!problem.empty()) {
     ctx.warn("splitmerge: " + problem + "\n");
     return status_no_memory;

@@ -32,6 +32,7 @@ struct run_arguments {
   double rejection = 0.0;
   double sigma = 0.0;
   double pseudo_factor = 0.0;
+  const std::uint8_t* image8 = nullptr;  // 8-bit pixels in place of image
 };
 
 // A parameter that makes no valid run: its name, its value as text and what

@@ -16,7 +16,7 @@ run_arguments arguments_of(const image_view& image, const parameters& p) {
                        p.max_level,     p.lim_oct_level, p.init_level,       p.group_mode,
                        p.max_seed,      p.use_all_seeds, p.pred_choice,      p.interval_length,
                        p.threshold_row, p.small_size,    p.statistic_update, p.rejection,
-                       p.sigma,         p.pseudo_factor};
+                       p.sigma,         p.pseudo_factor, image.data8};
 }
 
 namespace {
@@ -144,6 +144,7 @@ segmentation segment_run(const image_view& image, parameters p, const options& o
 
   run_context ctx;
   ctx.pixels_checked = true;  // checked above, or by the caller
+  ctx.my_image8 = image.data8;
   ctx.frame_budget = opts.frame_budget;
   ctx.threads = opts.threads;
   ctx.err = opts.error_sink;

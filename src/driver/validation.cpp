@@ -82,11 +82,12 @@ parameter_problem find_parameter_problem(const run_arguments& a) {
   if (!std::isfinite(a.sigma)) return describe("sigma", a.sigma, "must be finite");
   if (!std::isfinite(a.pseudo_factor))
     return describe("pseudo_factor", a.pseudo_factor, "must be finite");
-  if (a.image == nullptr) return {"image", "", "no pixel data"};
+  if (a.image == nullptr && a.image8 == nullptr) return {"image", "", "no pixel data"};
   return {};
 }
 
 std::string find_bad_pixel(const run_arguments& a) {
+  if (a.image == nullptr) return {};  // 8-bit pixels are always 0..255
   const auto n = static_cast<std::int64_t>(a.size_x) * a.size_x * a.size_z;
   for (std::int64_t i = 0; i < n; ++i) {
     const std::int32_t v = a.image[i];

@@ -39,11 +39,18 @@ void calc_eval_var_region(const run_context& ctx, block* head) noexcept {
     const block_position p = coordinates<Code>(ctx, code, lvl);
     const block_extent e = sizes_block(ctx, lvl);
     std::int64_t sum = 0;
-    for (std::int32_t s = p.slice; s < p.slice + e.slice_span; s += ctx.voxels_slice)
-      for (std::int32_t r = p.row; r < p.row + e.row_span; r += ctx.im_format_xy) {
-        const std::int32_t* row = ctx.my_image + s + r + p.column;
-        for (std::int32_t c = 0; c < e.side; ++c) sum += row[c];
-      }
+    const auto add_rows = [&](const auto* image) {
+      for (std::int32_t s = p.slice; s < p.slice + e.slice_span; s += ctx.voxels_slice)
+        for (std::int32_t r = p.row; r < p.row + e.row_span; r += ctx.im_format_xy) {
+          const auto* row = image + s + r + p.column;
+          for (std::int32_t c = 0; c < e.side; ++c) sum += row[c];
+        }
+    };
+    if (ctx.my_image8 != nullptr) {
+      add_rows(ctx.my_image8);
+    } else {
+      add_rows(ctx.my_image);
+    }
     head->variables[0] = sum;
     head->variables[1] = ctx.pixels_perblock[lvl];
   }

@@ -46,10 +46,17 @@ std::int32_t find_median(run_context& ctx, std::int32_t column_start, std::int32
                          std::int32_t slice_end, std::int32_t lvl) noexcept {
   std::int32_t* scratch = ctx.hulp_array;
   std::int32_t count = 0;
-  for (std::int32_t s = slice_start; s < slice_end; s += ctx.voxels_slice)
-    for (std::int32_t r = row_start; r < row_end; r += ctx.im_format_xy)
-      for (std::int32_t c = column_start; c < column_end; ++c)
-        scratch[count++] = ctx.my_image[s + r + c];
+  const auto gather = [&](const auto* image) {
+    for (std::int32_t s = slice_start; s < slice_end; s += ctx.voxels_slice)
+      for (std::int32_t r = row_start; r < row_end; r += ctx.im_format_xy)
+        for (std::int32_t c = column_start; c < column_end; ++c)
+          scratch[count++] = image[s + r + c];
+  };
+  if (ctx.my_image8 != nullptr) {
+    gather(ctx.my_image8);
+  } else {
+    gather(ctx.my_image);
+  }
   scratch[count] = scratch[count - 1];
   const std::int32_t n = ctx.pixels_perblock[lvl];
   return select_interval(0, n, n >> 1, scratch);

@@ -11,22 +11,29 @@ struct block_box {
   std::int32_t column, row, slice, side, row_span, slice_span;
 };
 
-// Visits the block's rows, slices outermost, each row as one contiguous span.
+// Visits the block's rows, slices outermost, each row as one contiguous span
+// of the image's own pixel type (32- or 8-bit).
 template <class Row>
 void for_each_row(const run_context& ctx, const block_box& b, Row&& row) {
-  const std::int32_t* image = ctx.my_image;
-  for (std::int32_t s = b.slice; s < b.slice + b.slice_span; s += ctx.voxels_slice)
-    for (std::int32_t r = b.row; r < b.row + b.row_span; r += ctx.im_format_xy)
-      row(image + s + r + b.column, b.side);
+  const auto rows = [&](const auto* image) {
+    for (std::int32_t s = b.slice; s < b.slice + b.slice_span; s += ctx.voxels_slice)
+      for (std::int32_t r = b.row; r < b.row + b.row_span; r += ctx.im_format_xy)
+        row(image + s + r + b.column, b.side);
+  };
+  if (ctx.my_image8 != nullptr) {
+    rows(ctx.my_image8);
+  } else {
+    rows(ctx.my_image);
+  }
 }
 
 void range_statistics(run_context& ctx, const block_box& box, std::int32_t lvl, block* b) {
   std::int32_t lo = 255;
   std::int32_t hi = 0;
-  for_each_row(ctx, box, [&](const std::int32_t* p, std::int32_t n) {
+  for_each_row(ctx, box, [&](const auto* p, std::int32_t n) {
     for (std::int32_t i = 0; i < n; ++i) {
-      lo = std::min(lo, p[i]);
-      hi = std::max(hi, p[i]);
+      lo = std::min<std::int32_t>(lo, p[i]);
+      hi = std::max<std::int32_t>(hi, p[i]);
     }
   });
   const bool pass = evaluation_block(ctx, lo, hi, lvl) != 0;
@@ -37,7 +44,7 @@ void range_statistics(run_context& ctx, const block_box& box, std::int32_t lvl, 
 void median_statistics(run_context& ctx, const block_box& box, std::int32_t lvl, block* b) {
   std::int32_t* scratch = ctx.hulp_array;
   std::int32_t k = 0;
-  for_each_row(ctx, box, [&](const std::int32_t* p, std::int32_t n) {
+  for_each_row(ctx, box, [&](const auto* p, std::int32_t n) {
     std::copy(p, p + n, scratch + k);
     k += n;
   });
@@ -52,7 +59,7 @@ void median_statistics(run_context& ctx, const block_box& box, std::int32_t lvl,
   std::int32_t lo = 255;
   std::int32_t hi = 0;
   std::int64_t outliers = 0;
-  for_each_row(ctx, box, [&](const std::int32_t* p, std::int32_t count) {
+  for_each_row(ctx, box, [&](const auto* p, std::int32_t count) {
     for (std::int32_t i = 0; i < count; ++i) {
       const std::int32_t v = p[i];
       if (v >= lo_bound && v <= hi_bound) {
@@ -71,7 +78,7 @@ void median_statistics(run_context& ctx, const block_box& box, std::int32_t lvl,
 void sum_statistics(run_context& ctx, const block_box& box, std::int32_t lvl, block* b) {
   std::int64_t s1 = 0;
   std::int64_t s2 = 0;
-  for_each_row(ctx, box, [&](const std::int32_t* p, std::int32_t n) {
+  for_each_row(ctx, box, [&](const auto* p, std::int32_t n) {
     std::int64_t r1 = 0;
     std::int64_t r2 = 0;
     for (std::int32_t i = 0; i < n; ++i) {

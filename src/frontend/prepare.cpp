@@ -328,7 +328,7 @@ problem fit_box(const grey_input& in, const request& req, placement& box,
 // Fills the segmentable image: rescaled, or checked to be whole numbers
 // 0..255; zero where it pads the input.
 problem fill_pixels(const grey_input& in, const request& req, const grey_window& w,
-                    const placement& box, std::vector<std::int32_t>& pixels) {
+                    const placement& box, std::vector<std::uint8_t>& pixels) {
   const std::int64_t ex = box.size_x, ey = box.size_y, ez = box.size_z;
   pixels.assign(static_cast<std::size_t>(ex * ey * ez), 0);
   // The part of the segmented image that lies over the input.
@@ -343,10 +343,10 @@ problem fill_pixels(const grey_input& in, const request& req, const grey_window&
   for_each_grey(in, std::max<std::int64_t>(box.x0, 0), std::max<std::int64_t>(box.y0, 0),
                 std::max<std::int64_t>(box.z0, 0), nx, ny, nz,
                 [&](double v, std::int64_t x, std::int64_t y, std::int64_t z) {
-                  std::int32_t& out =
+                  std::uint8_t& out =
                       pixels[static_cast<std::size_t>(((z + fz) * ey + y + fy) * ex + x + fx)];
                   if (req.rescale) {
-                    out = static_cast<std::int32_t>(
+                    out = static_cast<std::uint8_t>(
                         std::round(std::clamp((v - w.low) * w.scale, 0.0, 255.0)));
                     return;
                   }
@@ -357,7 +357,7 @@ problem fill_pixels(const grey_input& in, const request& req, const grey_window&
                     whole = false;
                     fraction = v;
                   }
-                  out = v >= 0.0 && v <= 255.0 ? static_cast<std::int32_t>(v) : 0;
+                  out = v >= 0.0 && v <= 255.0 ? static_cast<std::uint8_t>(v) : 0;
                 });
   if (req.rescale) return {};
   if (!finite) return invalid("rescale", "the image holds NaN or infinite values");
@@ -372,12 +372,14 @@ problem fill_pixels(const grey_input& in, const request& req, const grey_window&
   return {};
 }
 
-// A caller's own int32 array in C order that needs no change: only checked.
+// A caller's own 8- or 32-bit array in C order that needs no change (the
+// 32-bit one is checked).
 bool usable_as_is(const grey_input& in, const request& req, const placement& box) {
-  return in.type == pixel_type::int32 && in.channels == 1 && !req.rescale && box.x0 == 0 &&
-         box.y0 == 0 && box.z0 == 0 && box.size_x == in.nx && box.size_y == in.ny &&
-         box.size_z == in.nz && in.sx == 4 && in.sy == 4 * in.nx &&
-         (in.nz == 1 || in.sz == 4 * in.nx * in.ny);
+  if (in.type != pixel_type::int32 && in.type != pixel_type::uint8) return false;
+  const std::int64_t size = in.type == pixel_type::uint8 ? 1 : 4;
+  return in.channels == 1 && !req.rescale && box.x0 == 0 && box.y0 == 0 && box.z0 == 0 &&
+         box.size_x == in.nx && box.size_y == in.ny && box.size_z == in.nz && in.sx == size &&
+         in.sy == size * in.nx && (in.nz == 1 || in.sz == size * in.nx * in.ny);
 }
 
 problem check_int32_pixels(const std::int32_t* p, std::int64_t n) {
@@ -445,8 +447,13 @@ array_view contiguous_view(const void* data, pixel_type type, host_order order, 
 }
 
 image_view prepared::image() const {
-  return {borrowed != nullptr ? borrowed : pixels.data(), segmented.size_x, segmented.size_y,
-          segmented.size_z};
+  image_view view;
+  view.data = borrowed;
+  if (borrowed == nullptr) view.data8 = borrowed8 != nullptr ? borrowed8 : pixels.data();
+  view.size_x = segmented.size_x;
+  view.size_y = segmented.size_y;
+  view.size_z = segmented.size_z;
+  return view;
 }
 
 prepared prepare(const array_view& image, const parameters& params, const request& req) {
@@ -489,7 +496,9 @@ prepared prepare(const array_view& image, const parameters& params, const reques
   if (out.failure.kind == problem_kind::none)
     out.failure = fit_box(in, req, out.segmented, out.notes);
   if (out.failure.kind != problem_kind::none) return out;
-  if (usable_as_is(in, req, out.segmented)) {
+  if (usable_as_is(in, req, out.segmented) && in.type == pixel_type::uint8) {
+    out.borrowed8 = reinterpret_cast<const std::uint8_t*>(in.data);
+  } else if (usable_as_is(in, req, out.segmented)) {
     out.borrowed = reinterpret_cast<const std::int32_t*>(in.data);
     out.failure = check_int32_pixels(out.borrowed, in.nx * in.ny * in.nz);
   } else {

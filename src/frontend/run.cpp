@@ -27,10 +27,9 @@ problem failure_of(const segmentation& run) {
   return {problem_kind::invalid_argument, "", run.error};
 }
 
-}  // namespace
-
-void to_input(const prepared& input, const std::int32_t* segmented, std::int32_t* out,
-              std::int32_t offset, std::int32_t outside) {
+template <class Pixel>
+void map_to_input(const prepared& input, const Pixel* segmented, std::int32_t* out,
+                  std::int32_t offset, std::int32_t outside) {
   const placement& box = input.segmented;
   const std::int64_t nz = input.shape[0], ny = input.shape[1], nx = input.shape[2];
   const std::int64_t ex = box.size_x, ey = box.size_y;
@@ -47,15 +46,38 @@ void to_input(const prepared& input, const std::int32_t* segmented, std::int32_t
   if (!whole) std::fill(out, out + nx * ny * nz, outside);
   for (std::int64_t z = 0; z < kz; ++z)
     for (std::int64_t y = 0; y < ky; ++y) {
-      const std::int32_t* from =
+      const Pixel* from =
           segmented + ((z + z0 - box.z0) * ey + (y + y0 - box.y0)) * ex + (x0 - box.x0);
       std::int32_t* to = out + ((z + z0) * ny + y + y0) * nx + x0;
       if (offset == 0) {
         std::copy(from, from + kx, to);
       } else {
-        std::transform(from, from + kx, to, [offset](std::int32_t v) { return v + offset; });
+        std::transform(from, from + kx, to, [offset](Pixel v) { return v + offset; });
       }
     }
+}
+
+}  // namespace
+
+void to_input(const prepared& input, const std::int32_t* segmented, std::int32_t* out,
+              std::int32_t offset, std::int32_t outside) {
+  map_to_input(input, segmented, out, offset, outside);
+}
+
+void to_input(const prepared& input, const std::uint8_t* segmented, std::int32_t* out,
+              std::int32_t offset, std::int32_t outside) {
+  map_to_input(input, segmented, out, offset, outside);
+}
+
+std::vector<std::int32_t> segmented_on_input(const prepared& input) {
+  std::vector<std::int32_t> out(static_cast<std::size_t>(input.input_pixels()));
+  const image_view view = input.image();
+  if (view.data8 != nullptr) {
+    to_input(input, view.data8, out.data(), 0, 0);
+  } else {
+    to_input(input, view.data, out.data(), 0, 0);
+  }
+  return out;
 }
 
 result run(const prepared& input, const options& opts) {
