@@ -21,6 +21,7 @@ struct tool_settings {
   bool no_display = false;
   bool quiet = false;
   fit_request fit;
+  std::optional<std::int64_t> volume;  // which volume of a 4-D NIfTI input
   parameters params;  // with the program's defaults, -1 where derived from the image
   std::uint64_t frame_budget = std::uint64_t{2} << 30;  // accepted, no longer used
   std::int32_t threads = 0;                             // 0: every core

@@ -12,7 +12,7 @@ namespace splitmerge::tool {
 void write_region_list(const std::string& path, std::int32_t size_x, std::int32_t size_z,
                        std::int32_t pred_choice, const std::vector<region_record>& regions) {
   std::FILE* file = std::fopen(path.c_str(), "w");
-  if (file == nullptr) throw io::io_error(path + ": cannot open (" + std::strerror(errno) + ")");
+  if (file == nullptr) throw io::write_failure(path);
   // fprintf reports a failed write through a negative result or the error
   // flag; buffered data can still fail at the close.
   bool written = std::fprintf(file, "%d\n%d\n%d\n%2.4f\n%d\n%d\n", static_cast<int>(size_x),
@@ -31,9 +31,9 @@ void write_region_list(const std::string& path, std::int32_t size_x, std::int32_
   }
   written = written && std::ferror(file) == 0 && std::fflush(file) == 0;
   const int problem = errno;
-  const bool closed = std::fclose(file) == 0;
-  if (!written || !closed)
-    throw io::io_error(path + ": write failed (" + std::strerror(written ? errno : problem) + ")");
+  if (std::fclose(file) != 0 && written) throw io::write_failure(path);
+  errno = problem;
+  if (!written) throw io::write_failure(path);
 }
 
 }  // namespace splitmerge::tool

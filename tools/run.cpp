@@ -226,12 +226,15 @@ int write_results(const tool_settings& s, const fitted_image& image, const param
 }  // namespace
 
 int run(const tool_settings& s) {
-  terminal_progress progress(!s.quiet && terminal_progress::standard_error_is_terminal());
+  terminal_progress progress(!s.quiet && terminal_progress::standard_error_is_terminal(), !s.quiet);
   try {
     check_output_extensions(s);
     check_output_paths(s.image, requested_outputs(s));
+    if (requested_outputs(s).empty())
+      std::cerr << "splitmerge: no output asked for (--labels, --regions, --frames, --save-input "
+                   "or --overlay): the run only counts the regions\n";
     warn_about_parameter_ranges(s.params);
-    const fitted_image image = fit_image(io::read_grey_image(s.image), s.fit);
+    const fitted_image image = fit_image(io::read_grey_image(s.image, {s.volume}), s.fit);
     if (!s.quiet) print_notes(image.notes);
     const image_view view{image.pixels.data(), image.size_x, image.size_y, image.size_z};
     const parameters params = checked_parameters(view, s.params);
