@@ -211,10 +211,11 @@ int write_results(const tool_settings& s, const fitted_image& image, const param
         write_overlay(path, image, result.labels, notes);
       });
     commit_all(files.all());
+    progress.stop();
+    if (!s.quiet) print_notes(notes);
     const auto largest = std::max_element(result.labels.begin(), result.labels.end());
     progress.finish(largest == result.labels.end() ? 0 : std::int64_t{*largest} + 1,
                     static_cast<std::int64_t>(result.labels.size()));
-    if (!s.quiet) print_notes(notes);
     return exit_success;
   } catch (const io::io_error& e) {
     progress.stop();

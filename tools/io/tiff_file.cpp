@@ -3,11 +3,13 @@
 #include <tiffio.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <vector>
 
@@ -29,12 +31,24 @@ void remember_error(const char* module, const char* format, va_list args) {
   last_tiff_error = module != nullptr ? std::string(module) + ": " + text : std::string(text);
 }
 
-void ignore_warning(const char*, const char*, va_list) {}
+// Warnings about where the data lie (libtiff then guesses); others, such as
+// unknown tags, are harmless.
+thread_local std::string last_tiff_warning;
+
+void remember_placement_warning(const char* module, const char* format, va_list args) {
+  char text[512];
+  std::vsnprintf(text, sizeof text, format, args);
+  const std::string warning = text;
+  for (const char* field : {"StripByteCounts", "StripOffsets", "TileByteCounts", "TileOffsets"})
+    if (warning.find(field) != std::string::npos && last_tiff_warning.empty())
+      last_tiff_warning = module != nullptr ? std::string(module) + ": " + warning : warning;
+}
 
 void install_handlers() {
   TIFFSetErrorHandler(remember_error);
-  TIFFSetWarningHandler(ignore_warning);
+  TIFFSetWarningHandler(remember_placement_warning);
   last_tiff_error.clear();
+  last_tiff_warning.clear();
 }
 
 struct tiff_closer {
@@ -159,37 +173,74 @@ void read_page(TIFF* tif, const std::string& path, grey_image& out, std::int64_t
   check_pixel_count(path, out.size_x, out.size_y, page + 1);
   check_strips(tif, l, path, where, file_size);
 
-  // One buffer per stored plane: samples interleaved in one, or one each.
+  // Interleaved samples are decoded row by row; planes one after another
+  // (compressed planes cannot be read in turns), each whole.
   const bool separate = l.planar == PLANARCONFIG_SEPARATE && l.samples > 1;
   const std::uint16_t used = l.colour ? 3 : 1;  // RGB, or grey; alpha is ignored
   const std::uint32_t stride = separate ? 1 : l.samples;
-  std::vector<std::vector<unsigned char>> planes(separate ? used : 1);
-  for (auto& plane : planes) plane.resize(static_cast<std::size_t>(TIFFScanlineSize64(tif)));
-  if (planes[0].size() < std::size_t{l.width} * stride * (l.bits / 8u))
+  const auto row_bytes = static_cast<std::size_t>(TIFFScanlineSize64(tif));
+  if (row_bytes < std::size_t{l.width} * stride * (l.bits / 8u))
     throw io_error(problem(path, "unexpected TIFF scanline size"));
-  const auto value = [&](std::uint32_t x, std::uint16_t c) {
-    return separate ? sample(planes[c].data(), x, l.bits, l.format)
+  const auto read_row = [&](unsigned char* into, std::uint32_t y, std::uint16_t plane) {
+    if (TIFFReadScanline(tif, into, y, plane) < 0)
+      throw io_error(problem(path, "cannot read row " + std::to_string(y) + " of " + where));
+  };
+  std::vector<std::vector<unsigned char>> planes(separate ? used : 1);
+  if (separate) {
+    for (std::uint16_t c = 0; c < used; ++c) {
+      planes[c].resize(row_bytes * l.height);
+      for (std::uint32_t y = 0; y < l.height; ++y) read_row(planes[c].data() + row_bytes * y, y, c);
+    }
+  } else {
+    planes[0].resize(row_bytes);
+  }
+  const auto value = [&](std::uint32_t x, std::uint32_t y, std::uint16_t c) {
+    return separate ? sample(planes[c].data() + row_bytes * y, x, l.bits, l.format)
                     : sample(planes[0].data(), x * stride + c, l.bits, l.format);
   };
   const double white = l.format == SAMPLEFORMAT_UINT ? double((1ull << l.bits) - 1) : 0;
   const bool inverted = l.photometric == PHOTOMETRIC_MINISWHITE && l.format == SAMPLEFORMAT_UINT;
   for (std::uint32_t y = 0; y < l.height; ++y) {
-    for (std::uint16_t c = 0; c < planes.size(); ++c)
-      if (TIFFReadScanline(tif, planes[c].data(), y, c) < 0)
-        throw io_error(problem(path, "cannot read row " + std::to_string(y) + " of " + where));
+    if (!separate) read_row(planes[0].data(), y, 0);
     for (std::uint32_t x = 0; x < l.width; ++x) {
       if (l.colour) {
         const auto channel = [&](std::uint16_t c) {
-          return static_cast<std::int64_t>(value(x, c));
+          return static_cast<std::int64_t>(value(x, y, c));
         };
         out.values.push_back(
             static_cast<double>(grey_of_colour(channel(0), channel(1), channel(2))));
       } else {
-        const double v = value(x, 0);
+        const double v = value(x, y, 0);
         out.values.push_back(inverted ? white - v : v);
       }
     }
   }
+}
+
+// libtiff mends some damage with a warning: strip sizes it does not believe
+// are replaced by estimates, and a page directory cut short ends the file.
+// Both would deliver wrong pixels silently, so both are refused here.
+void check_directory(TIFF* tif, const std::string& path, std::int64_t page,
+                     std::uint64_t file_size) {
+  const std::string where = "page " + std::to_string(page + 1);
+  if (!last_tiff_warning.empty())
+    throw io_error(path + ": damaged TIFF file: " + where + ": " + last_tiff_warning);
+  const std::uint64_t at = TIFFCurrentDirOffset(tif);
+  const bool big = TIFFIsBigTIFF(tif) != 0;
+  std::ifstream file(path, std::ios::binary);
+  unsigned char count_bytes[8] = {};
+  file.seekg(static_cast<std::streamoff>(at));
+  file.read(reinterpret_cast<char*>(count_bytes), big ? 8 : 2);
+  std::uint64_t entries = 0;
+  const bool swapped = TIFFIsByteSwapped(tif) != 0;
+  const bool little = (std::endian::native == std::endian::little) != swapped;
+  const int width = big ? 8 : 2;
+  for (int i = 0; i < width; ++i)
+    entries |= std::uint64_t{count_bytes[i]} << (8 * (little ? i : width - 1 - i));
+  const std::uint64_t end = big ? at + 8 + 20 * entries + 8 : at + 2 + 12 * entries + 4;
+  if (!file || end > file_size)
+    throw io_error(path + ": truncated TIFF file: the directory of " + where + " ends at byte " +
+                   std::to_string(end) + ", the file has " + std::to_string(file_size));
 }
 
 }  // namespace
@@ -204,6 +255,7 @@ grey_image read_tiff(const std::string& path) {
   grey_image out;
   std::int64_t pages = 0;
   for (;;) {
+    check_directory(tif.get(), path, pages, file_size);
     read_page(tif.get(), path, out, pages, file_size);
     ++pages;
     // A page that the one before points to must be there: a cut file would

@@ -124,7 +124,7 @@ const std::vector<refused_file>& refused_files() {
                               std::string(256, '\x07'));
          std::filesystem::resize_file(d / "in.nii", 352 + 128);
        },
-       "in.nii", "in.nii: truncated NIfTI file: the header declares 256 bytes of voxels"},
+       "in.nii", "in.nii: truncated NIfTI-1 file: the header declares 256 bytes of voxels"},
       {"TruncatedCompressedNifti",
        [](const scratch_folder& d) {
          std::string voxels(64 * 64 * 16, '\0');
@@ -152,7 +152,7 @@ const std::vector<refused_file>& refused_files() {
        [](const scratch_folder& d) {
          std::ofstream(d / "in.nii", std::ios::binary) << std::string(400, 'x');
        },
-       "in.nii", "in.nii: cannot read NIfTI volume"},
+       "in.nii", "in.nii: not a NIfTI-1 or NIfTI-2 file"},
       {"HugeNpyShape",
        [](const scratch_folder& d) {
          testing::write_npy_raw(d / "in.npy", "<u1", {100000, 100000, 100}, false, "abc");
