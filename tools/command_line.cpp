@@ -32,9 +32,10 @@ constexpr const char* description =
 
 constexpr const char* footer =
     "Formats (chosen by the file name's extension):\n"
-    "  IMAGE          .npy (integers; (Y, X) or (Z, Y, X)), .png and .pgm (8/16-bit grey;\n"
-    "                 colour PNG is read as its luma), .tif/.tiff (grey, 8/16/32-bit or\n"
-    "                 float; each page a slice), .nii/.nii.gz (NIfTI-1, x fastest)\n"
+    "  IMAGE          .npy (integers or floats; (Y, X) or (Z, Y, X)), .png and .pgm (8/16-bit),\n"
+    "                 .jpg/.jpeg, .tif/.tiff (8/16/32-bit or float; each page a slice),\n"
+    "                 .nii/.nii.gz (NIfTI-1 or -2, x fastest; a 4-D file needs --volume);\n"
+    "                 colour pictures are read as their luma (0.299 R + 0.587 G + 0.114 B)\n"
     "  --labels       .npy (int32, the image's shape), .tif (32-bit, a page per slice),\n"
     "                 .png (a colour picture, one colour per label; a volume's middle slice)\n"
     "                 .nii/.nii.gz (int32 labels with a NIfTI input's header and orientation,\n"

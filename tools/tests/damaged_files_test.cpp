@@ -167,19 +167,25 @@ std::vector<damaged_file> damaged_variants(const scratch_folder& dir) {
   return out;
 }
 
+// Each is refused with exit 2 and one line, and nothing is written.
 TEST(DamagedFiles, EveryCutAndEveryCorruptedSizeFieldIsRefused) {
   scratch_folder dir;
   const std::vector<damaged_file> variants = damaged_variants(dir);
   // The undamaged files read.
-  for (const char* name : {"plain.tif", "lzw.tif", "one.nii", "two.nii", "colour.jpg", "colour.png",
-                           "in.npy", "in.pgm"})
+  for (const char* name : {"plain.tif", "lzw.tif", "one.nii", "two.nii", "colour.jpg",
+                           "colour.png", "in.npy", "in.pgm"})
     EXPECT_NO_THROW(io::read_grey_image((dir / name).string())) << name;
   EXPECT_EQ(io::read_grey_image((dir / "plain.tif").string()).size_z, 8);
   for (const damaged_file& file : variants) {
     SCOPED_TRACE(file.name);
-    const auto path = dir / ("damaged" + file.extension);
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << file.bytes;
-    EXPECT_THROW(io::read_grey_image(path.string(), {file.volume}), io::io_error);
+    const std::string name = "damaged" + file.extension;
+    std::ofstream(dir / name, std::ios::binary | std::ios::trunc) << file.bytes;
+    const std::string volume = file.volume ? " --volume " + std::to_string(*file.volume) : "";
+    const auto run = testing::run_tool(dir, name + volume + " --labels l.npy");
+    EXPECT_EQ(run.status, 2) << run.err;
+    EXPECT_EQ(run.err.rfind("splitmerge: " + name + ": ", 0), 0u) << run.err;
+    EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << run.err;
+    EXPECT_FALSE(std::filesystem::exists(dir / "l.npy"));
   }
 }
 
