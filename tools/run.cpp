@@ -231,15 +231,16 @@ int run(const tool_settings& s) {
   try {
     check_output_extensions(s);
     check_output_paths(s.image, requested_outputs(s));
-    if (requested_outputs(s).empty())
-      std::cerr << "splitmerge: no output asked for (--labels, --regions, --frames, --save-input "
-                   "or --overlay): the run only counts the regions\n";
     warn_about_parameter_ranges(s.params);
     const fitted_image image = fit_image(io::read_grey_image(s.image, {s.volume}), s.fit);
     if (!s.quiet) print_notes(image.notes);
     const image_view view{image.pixels.data(), image.size_x, image.size_y, image.size_z};
     const parameters params = checked_parameters(view, s.params);
     const std::uint64_t memory_limit = checked_memory_limit(view, params, s);
+    // Said before the run, which may be long, once the input is known to be usable.
+    if (requested_outputs(s).empty())
+      std::cerr << "splitmerge: no output asked for (--labels, --regions, --frames, --save-input "
+                   "or --overlay): the run only counts the regions\n";
     const staged_outputs files(s);
     std::optional<frame_stream> frames;
     if (files.frames) {
