@@ -8,7 +8,6 @@
 #include <limits>
 #include <map>
 #include <optional>
-#include <type_traits>
 #include <vector>
 
 #include "option_values.hpp"
@@ -129,8 +128,9 @@ void parse_percentile_window(const std::string& text, double& low, double& high)
                                    text + "'");
 }
 
-// An option whose value the program converts itself, so that a bad value is
-// refused in its own words (option_values.hpp).
+// Options whose values the program converts itself, so that a bad value is
+// refused in its own words (option_values.hpp): whole numbers from `low` to
+// `high`, stored as T (or the T of std::optional<T>), and finite reals.
 template <class T>
 CLI::Option* add_number(CLI::App& app, const std::string& name, T& target, const std::string& help,
                         std::int64_t low = std::numeric_limits<std::int32_t>::min(),
@@ -138,14 +138,15 @@ CLI::Option* add_number(CLI::App& app, const std::string& name, T& target, const
   return app.add_option_function<std::string>(
       name,
       [&target, name, low, high](const std::string& text) {
-        if constexpr (std::is_floating_point_v<T>) {
-          target = finite_number(name, text);
-        } else {
-          target =
-              static_cast<typename optional_value<T>::type>(whole_number(name, text, low, high));
-        }
+        target = static_cast<typename optional_value<T>::type>(whole_number(name, text, low, high));
       },
       help);
+}
+
+CLI::Option* add_number(CLI::App& app, const std::string& name, double& target,
+                        const std::string& help) {
+  return app.add_option_function<std::string>(
+      name, [&target, name](const std::string& text) { target = finite_number(name, text); }, help);
 }
 
 void add_parameter_options(CLI::App& app, parameters& p, std::string& predicate) {
