@@ -171,7 +171,7 @@ TEST(Input, OutputsThatNameTheInputOrEachOtherAreRefused) {
 // afterwards.
 std::vector<std::string> interrupted_run(const scratch_folder& dir, const char* signal_name) {
   const std::string command =
-      "cd " + quoted(dir.path().string()) + " && { " + quoted(SPLITMERGE_TOOL_PATH) +
+      "cd " + quoted(dir.path().string()) + " && ulimit -c 0 && { " + quoted(SPLITMERGE_TOOL_PATH) +
       " in.npy --quiet --labels l.npy --regions r.txt --frames f.npy" + every_pixel_a_region +
       " & pid=$!; n=0; until ls -l /proc/$pid/fd 2>/dev/null | grep -q -e '/#[0-9]* (deleted)' "
       "-e '/[.]splitmerge' || [ $n -gt 4000 ]; do sleep 0.005; n=$((n+1)); done; kill -" +
@@ -181,14 +181,22 @@ std::vector<std::string> interrupted_run(const scratch_folder& dir, const char* 
 }
 
 // Every signal that ends the program leaves no file behind: those it can
-// catch remove the named temporaries, and unnamed ones vanish with the process.
+// catch remove the named temporaries, unnamed ones vanish with the process,
+// and the named ones of a killed run go with the next run in the folder.
 TEST(Interrupted, SignalsRemoveTheTemporaryFiles) {
   for (const char* signal_name : {"INT", "TERM", "HUP", "USR1", "XCPU", "KILL"}) {
     SCOPED_TRACE(signal_name);
     scratch_folder dir;
     write_noise(dir, "in.npy", {64, 64, 64});
     write_text(dir / "l.npy", "old labels");
-    EXPECT_EQ(interrupted_run(dir, signal_name), (std::vector<std::string>{"in.npy", "l.npy"}));
+    std::vector<std::string> left = interrupted_run(dir, signal_name);
+    if (std::string(signal_name) == "KILL") {
+      write_noise(dir, "small.npy", {16, 16});
+      ASSERT_EQ(run_tool(dir, "small.npy --quiet --labels next.npy").status, 0);
+      for (const char* name : {"small.npy", "next.npy"}) std::filesystem::remove(dir / name);
+      left = dir.file_names();
+    }
+    EXPECT_EQ(left, (std::vector<std::string>{"in.npy", "l.npy"}));
     EXPECT_EQ(read_file(dir / "l.npy"), "old labels");
   }
 }
