@@ -130,11 +130,6 @@ TEST_P(Input, IsSegmentedAsTheGreyLevelsItHolds) {
 INSTANTIATE_TEST_SUITE_P(EveryKind, Input, ::testing::ValuesIn(input_cases()),
                          [](const auto& info) { return info.param.name; });
 
-// Pixels that are grey in a colour file stay exactly grey, in every format.
-TEST(Input, ColourRuleKeepsGreyPixelsGrey) {
-  for (std::int64_t v = 0; v < 65536; v += 257) EXPECT_EQ(io::grey_of_colour(v, v, v), v);
-}
-
 void write_halves(const scratch_folder& dir) {
   std::vector<std::int32_t> v(16 * 16);
   for (std::size_t i = 0; i < v.size(); ++i) v[i] = (i % 16) < 8 ? 40 : 200;
