@@ -172,8 +172,8 @@ TEST(DamagedFiles, EveryCutAndEveryCorruptedSizeFieldIsRefused) {
   scratch_folder dir;
   const std::vector<damaged_file> variants = damaged_variants(dir);
   // The undamaged files read.
-  for (const char* name : {"plain.tif", "lzw.tif", "one.nii", "two.nii", "colour.jpg",
-                           "colour.png", "in.npy", "in.pgm"})
+  for (const char* name : {"plain.tif", "lzw.tif", "one.nii", "two.nii", "colour.jpg", "colour.png",
+                           "in.npy", "in.pgm"})
     EXPECT_NO_THROW(io::read_grey_image((dir / name).string())) << name;
   EXPECT_EQ(io::read_grey_image((dir / "plain.tif").string()).size_z, 8);
   for (const damaged_file& file : variants) {
