@@ -8,7 +8,7 @@ set -euo pipefail
 level="${1:-test}"
 
 core=(cmake g++ make pkg-config zlib1g-dev libcli11-dev libpng-dev libtiff-dev libgif-dev
-      libnifti2-dev mricron-data python3-numpy
+      libjpeg-dev libnifti2-dev mricron-data python3-numpy
       # the Python package (python/) and its batch runner
       python3-dev pybind11-dev python3-venv python3-pip python3-setuptools python3-wheel
       python3-distributed python3-nibabel python3-tqdm python3-tifffile python3-pil)

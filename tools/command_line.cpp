@@ -2,9 +2,15 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cctype>
 #include <iostream>
+#include <limits>
 #include <map>
+#include <optional>
+#include <vector>
+
+#include "option_values.hpp"
 
 namespace splitmerge::tool {
 
@@ -25,9 +31,10 @@ constexpr const char* description =
 
 constexpr const char* footer =
     "Formats (chosen by the file name's extension):\n"
-    "  IMAGE          .npy (integers; (Y, X) or (Z, Y, X)), .png and .pgm (8/16-bit grey;\n"
-    "                 colour PNG is read as its luma), .tif/.tiff (grey, 8/16/32-bit or\n"
-    "                 float; each page a slice), .nii/.nii.gz (NIfTI-1, x fastest)\n"
+    "  IMAGE          .npy (integers or floats; (Y, X) or (Z, Y, X)), .png and .pgm (8/16-bit),\n"
+    "                 .jpg/.jpeg, .tif/.tiff (8/16/32-bit or float; each page a slice),\n"
+    "                 .nii/.nii.gz (NIfTI-1 or -2, x fastest; a 4-D file needs --volume);\n"
+    "                 colour pictures are read as their luma (0.299 R + 0.587 G + 0.114 B)\n"
     "  --labels       .npy (int32, the image's shape), .tif (32-bit, a page per slice),\n"
     "                 .png (a colour picture, one colour per label; a volume's middle slice)\n"
     "                 .nii/.nii.gz (int32 labels with a NIfTI input's header and orientation,\n"
@@ -44,6 +51,16 @@ constexpr const char* footer =
     "  splitmerge scan.nii.gz --slice 90 --fit pad --labels labels.png --frames run.gif\n"
     "  splitmerge scan.nii.gz --fit crop --labels labels.npy --regions regions.txt\n"
     "  splitmerge photo.png --fit crop --pred-choice range --interval-length 20 --labels l.png";
+
+// The type a converted number is stored as: T, or the T of std::optional<T>.
+template <class T>
+struct optional_value {
+  using type = T;
+};
+template <class T>
+struct optional_value<std::optional<T>> {
+  using type = T;
+};
 
 // CLI11 does not wrap option descriptions; keep them within 100 columns.
 std::string wrapped(const std::string& text) {
@@ -111,10 +128,31 @@ void parse_percentile_window(const std::string& text, double& low, double& high)
                                    text + "'");
 }
 
+// Options whose values the program converts itself, so that a bad value is
+// refused in its own words (option_values.hpp): whole numbers from `low` to
+// `high`, stored as T (or the T of std::optional<T>), and finite reals.
+template <class T>
+CLI::Option* add_number(CLI::App& app, const std::string& name, T& target, const std::string& help,
+                        std::int64_t low = std::numeric_limits<std::int32_t>::min(),
+                        std::int64_t high = std::numeric_limits<std::int32_t>::max()) {
+  return app.add_option_function<std::string>(
+      name,
+      [&target, name, low, high](const std::string& text) {
+        target = static_cast<typename optional_value<T>::type>(whole_number(name, text, low, high));
+      },
+      help);
+}
+
+CLI::Option* add_number(CLI::App& app, const std::string& name, double& target,
+                        const std::string& help) {
+  return app.add_option_function<std::string>(
+      name, [&target, name](const std::string& text) { target = finite_number(name, text); }, help);
+}
+
 void add_parameter_options(CLI::App& app, parameters& p, std::string& predicate) {
   const parameters d;
   const auto add = [&](const char* name, auto& value, const std::string& text) {
-    return app.add_option(name, value, wrapped(text))->group("Segmentation parameters");
+    return add_number(app, name, value, wrapped(text))->group("Segmentation parameters");
   };
   add("--max-level", p.max_level,
       "the image edge is 2^N pixels, 1..12 (1..9 for a volume; default: from the image "
@@ -142,14 +180,16 @@ void add_parameter_options(CLI::App& app, parameters& p, std::string& predicate)
       "largest (default " +
           std::to_string(d.use_all_seeds) + ")")
       ->type_name("N");
-  add("--pred-choice", predicate,
-      "homogeneity test: 1 or range (grey range at most --interval-length), 2 or mean (range, "
-      "then region means closer than --interval-length), 3 or median (at most --rejection of "
-      "the pixels outside the median +- --interval-length/2), 4 or chi2 (variance against "
-      "--sigma^2 by a chi-square quantile), 5 or pseudo (variance against --sigma^2 (1 + "
-      "--pseudo-factor/sqrt(pixels))) (default " +
-          std::to_string(d.pred_choice) + ")")
-      ->type_name("TEST");
+  app.add_option(
+         "--pred-choice", predicate,
+         "homogeneity test: 1 or range (grey range at most --interval-length), 2 or mean (range, "
+         "then region means closer than --interval-length), 3 or median (at most --rejection of "
+         "the pixels outside the median +- --interval-length/2), 4 or chi2 (variance against "
+         "--sigma^2 by a chi-square quantile), 5 or pseudo (variance against --sigma^2 (1 + "
+         "--pseudo-factor/sqrt(pixels))) (default " +
+             std::to_string(d.pred_choice) + ")")
+      ->type_name("TEST")
+      ->group("Segmentation parameters");
   add("--interval-length", p.interval_length,
       "largest grey range (tests 1-3) or difference of region means (tests 2, 4, 5), 0 or more "
       "(default " +
@@ -181,6 +221,44 @@ void add_parameter_options(CLI::App& app, parameters& p, std::string& predicate)
       "(default " +
           std::to_string(d.statistic_update) + ")")
       ->type_name("N");
+}
+
+std::vector<std::string> long_option_names(const CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::Option* option : app.get_options())
+    for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+  return names;
+}
+
+// The option a command-line word names ("--labels=x" names --labels).
+std::string option_word(const std::string& word) { return word.substr(0, word.find('=')); }
+
+// CLI11's messages ("The following argument was not expected", "At Most 1
+// required but received 2") in the program's words.
+std::string in_own_words(const CLI::ParseError& e, const CLI::App& app, int argc,
+                         const char* const* argv) {
+  const std::vector<std::string> known = long_option_names(app);
+  if (dynamic_cast<const CLI::ExtrasError*>(&e) != nullptr) {
+    const std::vector<std::string> extras = app.remaining();
+    if (extras.empty()) return e.what();
+    const std::string& first = extras.front();
+    if (first.size() < 2 || first[0] != '-')
+      return "unexpected argument '" + first + "': one IMAGE at a time";
+    const std::string name = option_word(first);
+    const auto near = closest_option(name, known);
+    return "unknown option " + name + (near ? "; did you mean " + *near + "?" : "");
+  }
+  if (dynamic_cast<const CLI::ArgumentMismatch*>(&e) != nullptr) {
+    std::map<std::string, int> given;
+    for (int i = 1; i < argc; ++i) {
+      const std::string word = option_word(argv[i]);
+      if (std::find(known.begin(), known.end(), word) != known.end() && ++given[word] == 2)
+        return word + " is given more than once; give it once";
+    }
+    if (argc > 1 && std::string(argv[argc - 1]).starts_with("--"))
+      return option_word(argv[argc - 1]) + " needs a value";
+  }
+  return e.what();
 }
 
 }  // namespace
@@ -245,30 +323,19 @@ parse_result parse_command_line(int argc, const char* const* argv) {
       ->group(outputs);
   app.add_flag("--quiet", s.quiet, "print no progress lines")->group(outputs);
   std::int64_t frame_budget = static_cast<std::int64_t>(s.frame_budget);
-  app.add_option(
-         "--frame-budget", frame_budget,
-         wrapped("accepted for older command lines; it limits nothing now, as --frames writes "
-                 "each frame to its file as the run makes it and holds at most two"))
+  add_number(app, "--frame-budget", frame_budget,
+             wrapped("accepted for older command lines; it limits nothing now, as --frames writes "
+                     "each frame to its file as the run makes it and holds at most two"),
+             0, std::numeric_limits<std::int64_t>::max())
       ->type_name("BYTES")
-      ->check(CLI::Validator(
-          [](const std::string& text) {
-            return text.find('-') == std::string::npos ? std::string()
-                                                       : "expected 0 or more bytes, got " + text;
-          },
-          "", "non-negative"))
       ->group(outputs);
 
-  app.add_option("--threads", s.threads,
-                 wrapped("threads for the steps that can share the work; 0 (the default) uses "
-                         "every core, 1 runs single-threaded; the results are the same for every "
-                         "count"))
+  add_number(app, "--threads", s.threads,
+             wrapped("threads for the steps that can share the work; 0 (the default) uses "
+                     "every core, 1 runs single-threaded; the results are the same for every "
+                     "count"),
+             0)
       ->type_name("N")
-      ->check(CLI::Validator(
-          [](const std::string& text) {
-            return text.find('-') == std::string::npos ? std::string()
-                                                       : "expected 0 or more threads, got " + text;
-          },
-          "", "non-negative"))
       ->group("Running");
 
   std::string memory_limit;
@@ -293,7 +360,14 @@ parse_result parse_command_line(int argc, const char* const* argv) {
                  "segmentation accepts; after pad the outputs have the input's size"))
       ->type_name("pad|crop")
       ->group(fitting);
-  app.add_option("--slice", s.request.slice, "segment slice K (0-based, along z) of a volume")
+  add_number(app, "--slice", s.request.slice, "segment slice K (0-based, along z) of a volume", 0,
+             std::numeric_limits<std::int64_t>::max())
+      ->type_name("K")
+      ->group(fitting);
+  add_number(app, "--volume", s.volume,
+             wrapped("segment volume K (0-based) of a 4-D NIfTI file, e.g. one time point of an "
+                     "fMRI series; a 4-D file needs it"),
+             0, std::numeric_limits<std::int64_t>::max())
       ->type_name("K")
       ->group(fitting);
   std::string rescale_window;
@@ -340,8 +414,11 @@ parse_result parse_command_line(int argc, const char* const* argv) {
   } catch (const CLI::CallForVersion&) {
     std::cout << app.version() << '\n';
     return 0;
-  } catch (const CLI::ParseError& e) {
+  } catch (const usage_error& e) {
     std::cerr << "splitmerge: " << e.what() << " (see splitmerge --help)\n";
+    return 2;
+  } catch (const CLI::ParseError& e) {
+    std::cerr << "splitmerge: " << in_own_words(e, app, argc, argv) << " (see splitmerge --help)\n";
     return 2;
   }
   s.request.fit = fit == "pad"    ? frontend::fit_mode::pad

@@ -21,6 +21,7 @@ struct tool_settings {
   bool no_display = false;
   bool quiet = false;
   frontend::request request;  // fitting, rescaling, the slice and the first label
+  std::optional<std::int64_t> volume;  // which volume of a 4-D NIfTI input
   parameters params;          // the library's defaults, -1 where derived from the image
   std::uint64_t frame_budget = default_frame_budget;  // accepted, no longer used
   std::int32_t threads = 0;                             // 0: every core

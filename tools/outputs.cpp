@@ -117,7 +117,8 @@ void write_labels(const std::string& file, const std::string& ext, const fitted_
     io::write_npy_int32(file, image_shape(image), part.data());
   } else if (ext == ".nii" || ext == ".nii.gz") {
     io::write_nifti_labels(file, image.nifti_header, box.size_x, box.size_y, box.size_z,
-                           image.input_x0, image.input_y0, image.input_z0, part.data());
+                           image.input_x0, image.input_y0, image.input_z0, part.data(),
+                           ext == ".nii.gz");
   } else {
     io::write_tiff(file, box.size_x, box.size_y, box.size_z, part.data(), io::tiff_pixel::int32);
   }

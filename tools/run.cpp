@@ -172,8 +172,9 @@ int write_results(const tool_settings& s, const fitted_image& image, const front
         write_overlay(path, image, result.labels, notes);
       });
     commit_all(files.all());
-    progress.finish(result.region_count, static_cast<std::int64_t>(result.labels.size()));
+    progress.stop();
     if (!s.quiet) print_notes(notes);
+    progress.finish(result.region_count, static_cast<std::int64_t>(result.labels.size()));
     return exit_success;
   } catch (const io::io_error& e) {
     progress.stop();
@@ -196,11 +197,11 @@ frontend::array_view view_of(const io::grey_image& image) {
 }  // namespace
 
 int run(const tool_settings& s) {
-  terminal_progress progress(!s.quiet && terminal_progress::standard_error_is_terminal());
+  terminal_progress progress(!s.quiet && terminal_progress::standard_error_is_terminal(), !s.quiet);
   try {
     check_output_extensions(s);
     check_output_paths(s.image, requested_outputs(s));
-    const io::grey_image input = io::read_grey_image(s.image);
+    const io::grey_image input = io::read_grey_image(s.image, {s.volume});
     frontend::request request = s.request;
     if (io::extension_of(s.image) != ".npy") request.colour = frontend::colour_mode::volume;
     if (!s.quiet && !input.note.empty()) print_notes({input.note});
@@ -212,6 +213,10 @@ int run(const tool_settings& s) {
     if (!s.quiet) print_notes(prepared.notes);
     const fitted_image image =
         output_image(input, prepared, s.overlay.has_value() || s.input_copy.has_value());
+    // Said before the run, which may be long, once the input is known to be usable.
+    if (requested_outputs(s).empty())
+      std::cerr << "splitmerge: no output asked for (--labels, --regions, --frames, --save-input "
+                   "or --overlay): the run only counts the regions\n";
     const staged_outputs files(s);
     std::optional<frame_stream> frames;
     if (files.frames) {

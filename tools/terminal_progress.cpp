@@ -19,8 +19,8 @@ std::string seconds_text(double s) {
 
 bool terminal_progress::standard_error_is_terminal() { return ::isatty(STDERR_FILENO) == 1; }
 
-terminal_progress::terminal_progress(bool enabled)
-    : enabled_(enabled), start_(std::chrono::steady_clock::now()) {
+terminal_progress::terminal_progress(bool status_line, bool summary)
+    : enabled_(status_line), summary_(summary), start_(std::chrono::steady_clock::now()) {
   if (enabled_) ticker_ = std::jthread([this](std::stop_token stop) { tick(stop); });
 }
 
@@ -93,7 +93,7 @@ void terminal_progress::stop() {
 
 void terminal_progress::finish(std::int64_t regions, std::int64_t voxels) {
   stop();
-  if (!enabled_) return;
+  if (!summary_) return;
   const std::lock_guard lock(mutex_);
   const double s = seconds();
   const double per_second = s > 0 ? static_cast<double>(voxels) / s : 0.0;

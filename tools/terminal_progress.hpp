@@ -1,8 +1,7 @@
-// What a person at a terminal sees on standard error: for runs over a second
-// a status line (time so far and the last phase finished), redrawn in place,
-// and at the end a one-line summary. Nothing of it is printed when standard
-// error is not a terminal or --quiet is given; the progress lines on standard
-// output are never changed.
+// What a person sees on standard error: at a terminal, for runs over a
+// second, a status line (time so far and the last phase finished), redrawn in
+// place; and at the end, on any stream, a one-line summary. Nothing of it is
+// printed with --quiet; the progress lines on standard output are never changed.
 #pragma once
 
 #include <chrono>
@@ -17,8 +16,9 @@ namespace splitmerge::tool {
 
 class terminal_progress {
  public:
-  // Shows nothing unless `enabled` (standard error is a terminal, not --quiet).
-  explicit terminal_progress(bool enabled);
+  // The status line shows when `status_line` (standard error is a terminal,
+  // not --quiet), the summary when `summary` (not --quiet).
+  terminal_progress(bool status_line, bool summary);
   terminal_progress(const terminal_progress&) = delete;
   terminal_progress& operator=(const terminal_progress&) = delete;
   ~terminal_progress();
@@ -43,6 +43,7 @@ class terminal_progress {
   double seconds() const;
 
   bool enabled_;
+  bool summary_;
   std::chrono::steady_clock::time_point start_;
   std::mutex mutex_;
   std::condition_variable_any wake_;

@@ -1,7 +1,11 @@
 // libFuzzer target: bytes become a parameter set and a small 2-D or 3-D image
-// for the library, a command line for the program's parser, and an .npy file
-// for its reader. Invalid input must be rejected with a message and never
-// run; valid input must run and give a gap-free label image.
+// for the library, a command line for the program's parser, or a .npy, TIFF,
+// NIfTI or JPEG file for its readers. Invalid input must be rejected with a
+// message and never run; valid input must run and give a gap-free label
+// image; a file must be read whole, to the size its header declares, or refused.
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -12,8 +16,12 @@
 #include <vector>
 
 #include "command_line.hpp"
+#include "grey_image.hpp"
+#include "jpeg_file.hpp"
+#include "nifti_file.hpp"
 #include "npy.hpp"
 #include "splitmerge/splitmerge.hpp"
+#include "tiff_file.hpp"
 
 namespace {
 
@@ -28,11 +36,16 @@ struct byte_reader {
   double real() {
     const std::uint8_t b = byte();
     switch (b) {
-      case 250: return std::numeric_limits<double>::quiet_NaN();
-      case 251: return std::numeric_limits<double>::infinity();
-      case 252: return -std::numeric_limits<double>::infinity();
-      case 253: return 1e300;
-      default: return static_cast<double>(static_cast<std::int8_t>(b)) / 8.0;
+      case 250:
+        return std::numeric_limits<double>::quiet_NaN();
+      case 251:
+        return std::numeric_limits<double>::infinity();
+      case 252:
+        return -std::numeric_limits<double>::infinity();
+      case 253:
+        return 1e300;
+      default:
+        return static_cast<double>(static_cast<std::int8_t>(b)) / 8.0;
     }
   }
 };
@@ -130,8 +143,8 @@ void fuzz_command_line(byte_reader& in) {
   if (!token.empty()) tokens.push_back(token);
   std::vector<const char*> argv;
   for (const auto& t : tokens) argv.push_back(t.c_str());
-  const auto parsed = splitmerge::tool::parse_command_line(static_cast<int>(argv.size()),
-                                                           argv.data());
+  const auto parsed =
+      splitmerge::tool::parse_command_line(static_cast<int>(argv.size()), argv.data());
   if (const auto* settings = std::get_if<splitmerge::tool::tool_settings>(&parsed))
     check(!settings->image.empty(), "settings without an image");
 }
@@ -149,14 +162,58 @@ void fuzz_npy(byte_reader& in) {
   }
 }
 
+// The rest of the input as a file, for readers that take a path: one file in
+// memory (memfd), rewritten for each input, so that a run leaves nothing.
+const std::string& file_of(byte_reader& in) {
+  static const int fd = ::memfd_create("splitmerge-fuzz", MFD_CLOEXEC);
+  static const std::string path = "/proc/self/fd/" + std::to_string(fd);
+  const std::size_t from = std::min(in.at, in.size);
+  const bool written = ::ftruncate(fd, 0) == 0 && ::pwrite(fd, in.data + from, in.size - from, 0) ==
+                                                      static_cast<ssize_t>(in.size - from);
+  check(fd >= 0 && written, "cannot write the fuzz file");
+  return path;
+}
+
+template <class Reader>
+void fuzz_file(byte_reader& in, Reader read) {
+  try {
+    const splitmerge::io::grey_image image = read(file_of(in));
+    check(image.size_x > 0 && image.size_y > 0 && image.size_z > 0, "an image without pixels");
+    check(static_cast<std::int64_t>(image.values.size()) == image.pixel_count(),
+          "pixels and sizes disagree");
+  } catch (const splitmerge::io::io_error&) {
+    // Refused with a message: fine.
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   byte_reader in{data, size};
-  switch (in.byte() % 3) {
-    case 0: fuzz_library(in); break;
-    case 1: fuzz_command_line(in); break;
-    default: fuzz_npy(in); break;
+  switch (in.byte() % 6) {
+    case 0:
+      fuzz_library(in);
+      break;
+    case 1:
+      fuzz_command_line(in);
+      break;
+    case 2:
+      fuzz_npy(in);
+      break;
+    case 3:
+      fuzz_file(in, splitmerge::io::read_tiff);
+      break;
+    case 4: {
+      const std::uint8_t volume = in.byte();
+      fuzz_file(in, [volume](const std::string& path) {
+        return splitmerge::io::read_nifti(
+            path, volume % 4 == 0 ? std::nullopt : std::optional<std::int64_t>(volume % 4 - 1));
+      });
+      break;
+    }
+    default:
+      fuzz_file(in, splitmerge::io::read_jpeg);
+      break;
   }
   return 0;
 }

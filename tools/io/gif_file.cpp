@@ -39,7 +39,7 @@ int gif_animation_writer::write_bytes(GifFileType* gif, const unsigned char* byt
 }
 
 void gif_animation_writer::fail(const std::string& what) const {
-  throw io_error(path_ + ": cannot write GIF: " + what);
+  throw io_error(path_ + ": write failed (" + what + ")");
 }
 
 void gif_animation_writer::check(int result) const {

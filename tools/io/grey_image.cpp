@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "jpeg_file.hpp"
 #include "nifti_file.hpp"
 #include "npy.hpp"
 #include "pgm_file.hpp"
@@ -35,11 +36,15 @@ grey_image read_npy_image(const std::string& path) {
   }
   if (out.pixel_count() == 0) throw io_error(path + ": the array is empty");
   check_pixel_count(path, out.size_x, out.size_y, out.size_z);
-  // A boolean mask is 0 and 255, as every front end reads one.
-  const std::int64_t scale = a.dtype.size() > 1 && a.dtype[1] == 'b' ? 255 : 1;
-  out.values.resize(a.values.size());
-  std::transform(a.values.begin(), a.values.end(), out.values.begin(),
-                 [scale](std::int64_t v) { return static_cast<double>(v * scale); });
+  if (a.is_floating()) {
+    out.values = std::move(a.floating_values);
+  } else {
+    // A boolean mask is 0 and 255, as every front end reads one.
+    const std::int64_t scale = a.dtype.size() > 1 && a.dtype[1] == 'b' ? 255 : 1;
+    out.values.resize(a.values.size());
+    std::transform(a.values.begin(), a.values.end(), out.values.begin(),
+                   [scale](std::int64_t v) { return static_cast<double>(v * scale); });
+  }
   return out;
 }
 
@@ -54,9 +59,11 @@ std::string extension_of(const std::string& path) {
   return dot == std::string::npos || dot == 0 ? std::string() : name.substr(dot);
 }
 
-const char* readable_extensions() { return ".npy, .png, .pgm, .tif, .tiff, .nii, .nii.gz"; }
+const char* readable_extensions() {
+  return ".npy, .png, .pgm, .jpg, .jpeg, .tif, .tiff, .nii, .nii.gz";
+}
 
-grey_image read_grey_image(const std::string& path) {
+grey_image read_grey_image(const std::string& path, const read_options& options) {
   // Each library words a missing file its own way; say it once, plainly.
   std::error_code ignored;
   if (std::filesystem::is_directory(path, ignored))
@@ -67,11 +74,15 @@ grey_image read_grey_image(const std::string& path) {
     throw io_error(path + ": cannot open (" + std::strerror(errno) + ")");
   }
   const std::string ext = extension_of(path);
+  const bool nifti = ext == ".nii" || ext == ".nii.gz";
+  if (options.volume && !nifti)
+    throw io_error(path + ": --volume picks a volume of a 4-D NIfTI file; this is not one");
   if (ext == ".npy") return read_npy_image(path);
   if (ext == ".png") return read_png(path);
   if (ext == ".pgm") return read_pgm(path);
   if (ext == ".tif" || ext == ".tiff") return read_tiff(path);
-  if (ext == ".nii" || ext == ".nii.gz") return read_nifti(path);
+  if (ext == ".jpg" || ext == ".jpeg") return read_jpeg(path);
+  if (nifti) return read_nifti(path, options.volume);
   throw io_error(path + ": unsupported image format " +
                  (ext.empty() ? std::string("(no extension)") : "'" + ext + "'") +
                  " (readable: " + readable_extensions() + ")");

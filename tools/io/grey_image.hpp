@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,9 +27,14 @@ struct grey_image {
   [[nodiscard]] std::int64_t pixel_count() const { return size_x * size_y * size_z; }
 };
 
-// Reads .npy, .png, .pgm, .tif/.tiff, .nii and .nii.gz, chosen by the file name's
-// extension (any letter case). Throws io_error naming the file.
-grey_image read_grey_image(const std::string& path);
+// Choices the file itself cannot make.
+struct read_options {
+  std::optional<std::int64_t> volume;  // which volume of a 4-D NIfTI file (0-based)
+};
+
+// Reads .npy, .png, .pgm, .jpg/.jpeg, .tif/.tiff, .nii and .nii.gz, chosen by
+// the file name's extension (any letter case). Throws io_error naming the file.
+grey_image read_grey_image(const std::string& path, const read_options& options = {});
 
 // The extensions read_grey_image accepts, for messages: ".npy, .png, ...".
 const char* readable_extensions();

@@ -1,16 +1,17 @@
 #include "nifti_file.hpp"
 
-#include <fcntl.h>
 #include <nifti1_io.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <new>
+#include <type_traits>
 
 #include "npy.hpp"
 #include "size_limits.hpp"
@@ -19,39 +20,26 @@ namespace splitmerge::io {
 
 namespace {
 
-struct nifti_deleter {
-  void operator()(nifti_image* nim) const { nifti_image_free(nim); }
-};
-using nifti_handle = std::unique_ptr<nifti_image, nifti_deleter>;
-
-// libniftiio prints some of its errors whatever its debug level; the program
-// words the problem itself, in one line, so the library's lines are muted.
-class quiet_standard_error {
- public:
-  quiet_standard_error() {
-    std::fflush(stderr);
-    saved_ = ::dup(STDERR_FILENO);
-    const int null = ::open("/dev/null", O_WRONLY);
-    if (saved_ >= 0 && null >= 0) ::dup2(null, STDERR_FILENO);
-    if (null >= 0) ::close(null);
+// Bytes per voxel of the data types that are one grey value per voxel; 0 for others.
+int voxel_bytes(int datatype) {
+  switch (datatype) {
+    case DT_UINT8:
+    case DT_INT8:
+      return 1;
+    case DT_UINT16:
+    case DT_INT16:
+      return 2;
+    case DT_UINT32:
+    case DT_INT32:
+    case DT_FLOAT32:
+      return 4;
+    case DT_UINT64:
+    case DT_INT64:
+    case DT_FLOAT64:
+      return 8;
+    default:
+      return 0;
   }
-  quiet_standard_error(const quiet_standard_error&) = delete;
-  quiet_standard_error& operator=(const quiet_standard_error&) = delete;
-  ~quiet_standard_error() {
-    std::fflush(stderr);
-    if (saved_ < 0) return;
-    ::dup2(saved_, STDERR_FILENO);
-    ::close(saved_);
-  }
-
- private:
-  int saved_ = -1;
-};
-
-nifti_handle read_header(const std::string& path) {
-  nifti_set_debug_level(0);
-  const quiet_standard_error quiet;
-  return nifti_handle(nifti_image_read(path.c_str(), 0));
 }
 
 template <class T>
@@ -63,110 +51,227 @@ void convert(const unsigned char* bytes, std::vector<double>& out) {
   }
 }
 
-// False for data types that are not one grey value per voxel.
-bool convert_voxels(int datatype, const unsigned char* bytes, std::vector<double>& out) {
+void convert_voxels(int datatype, const unsigned char* bytes, std::vector<double>& out) {
   switch (datatype) {
     case DT_UINT8:
-      convert<std::uint8_t>(bytes, out);
-      return true;
+      return convert<std::uint8_t>(bytes, out);
     case DT_INT8:
-      convert<std::int8_t>(bytes, out);
-      return true;
+      return convert<std::int8_t>(bytes, out);
     case DT_UINT16:
-      convert<std::uint16_t>(bytes, out);
-      return true;
+      return convert<std::uint16_t>(bytes, out);
     case DT_INT16:
-      convert<std::int16_t>(bytes, out);
-      return true;
+      return convert<std::int16_t>(bytes, out);
     case DT_UINT32:
-      convert<std::uint32_t>(bytes, out);
-      return true;
+      return convert<std::uint32_t>(bytes, out);
     case DT_INT32:
-      convert<std::int32_t>(bytes, out);
-      return true;
+      return convert<std::int32_t>(bytes, out);
     case DT_UINT64:
-      convert<std::uint64_t>(bytes, out);
-      return true;
+      return convert<std::uint64_t>(bytes, out);
     case DT_INT64:
-      convert<std::int64_t>(bytes, out);
-      return true;
+      return convert<std::int64_t>(bytes, out);
     case DT_FLOAT32:
-      convert<float>(bytes, out);
-      return true;
-    case DT_FLOAT64:
-      convert<double>(bytes, out);
-      return true;
+      return convert<float>(bytes, out);
     default:
-      return false;
+      return convert<double>(bytes, out);
   }
 }
 
-// The stored voxel bytes, exactly: libniftiio would fill a short file with
-// zeros and replace NaN by 0, so the data are read here.
-std::vector<unsigned char> read_voxel_bytes(const nifti_image& nim, const std::string& path,
-                                            std::size_t bytes) {
-  const bool compressed = nifti_is_gzfile(nim.iname) != 0;
-  std::error_code error;
-  const auto file_size = std::filesystem::file_size(nim.iname, error);
-  if (error) throw io_error(path + ": cannot read NIfTI voxels (" + error.message() + ")");
-  const auto offset = static_cast<std::uint64_t>(std::max(nim.iname_offset, 0));
-  if (!compressed && file_size < offset + bytes)
-    throw io_error(path + ": truncated NIfTI file: the header declares " + std::to_string(bytes) +
-                   " bytes of voxels from byte " + std::to_string(offset) + ", the file has " +
-                   std::to_string(file_size) + " bytes");
-  if (compressed) check_declared_size(path, bytes, file_size);
-  znzFile file = znzopen(nim.iname, "rb", compressed ? 1 : 0);
-  if (znz_isnull(file)) throw io_error(path + ": cannot open the NIfTI voxels");
+struct znz_closer {
+  void operator()(znzFile file) const { Xznzclose(&file); }
+};
+using znz_handle = std::unique_ptr<std::remove_pointer_t<znzFile>, znz_closer>;
+
+// What the reader needs of a NIfTI-1 or NIfTI-2 header, in native byte order.
+struct nifti_layout {
+  int version = 1;
+  std::int64_t header_bytes = 348;
+  std::int64_t dim[8] = {};
+  int datatype = 0, bitpix = 0;
+  double vox_offset = 0, slope = 0, intercept = 0;
+  bool swapped = false;        // the file's byte order is not the machine's
+  nifti_1_header as_nifti1{};  // for the outputs: orientation, voxel size, units
+};
+
+// A field of a NIfTI-2 header at its byte offset.
+template <class T>
+T field(const unsigned char* header, std::size_t offset, bool swapped) {
+  unsigned char bytes[sizeof(T)];
+  std::memcpy(bytes, header + offset, sizeof(T));
+  if (swapped) std::reverse(bytes, bytes + sizeof(T));
+  T value;
+  std::memcpy(&value, bytes, sizeof(T));
+  return value;
+}
+
+nifti_layout nifti1_layout(const unsigned char* bytes, bool swapped, const std::string& path) {
+  nifti_layout l;
+  l.swapped = swapped;
+  std::memcpy(&l.as_nifti1, bytes, sizeof l.as_nifti1);
+  nifti_1_header& h = l.as_nifti1;
+  if (swapped) swap_nifti_header(&h, 1);
+  if (std::memcmp(h.magic, "ni1", 4) == 0)
+    throw io_error(path + ": the header of a .hdr/.img pair; only single-file NIfTI is read");
+  if (std::memcmp(h.magic, "n+1", 4) != 0)
+    throw io_error(path + ": not a NIfTI-1 file (its magic is not n+1)");
+  for (int d = 0; d < 8; ++d) l.dim[d] = h.dim[d];
+  l.datatype = h.datatype;
+  l.bitpix = h.bitpix;
+  l.vox_offset = h.vox_offset;
+  l.slope = h.scl_slope;
+  l.intercept = h.scl_inter;
+  return l;
+}
+
+// NIfTI-2: the same fields, wider, at other offsets; outputs get them as NIfTI-1.
+nifti_layout nifti2_layout(const unsigned char* b, bool s, const std::string& path) {
+  if (std::memcmp(b + 4, "n+2\0\r\n\032\n", 8) != 0)
+    throw io_error(path + ": not a single-file NIfTI-2 file (its magic is not n+2)");
+  nifti_layout l;
+  l.swapped = s;
+  l.version = 2;
+  l.header_bytes = 540;
+  l.datatype = field<std::int16_t>(b, 12, s);
+  l.bitpix = field<std::int16_t>(b, 14, s);
+  for (int d = 0; d < 8; ++d) l.dim[d] = field<std::int64_t>(b, 16 + 8 * d, s);
+  l.vox_offset = static_cast<double>(field<std::int64_t>(b, 168, s));
+  l.slope = field<double>(b, 176, s);
+  l.intercept = field<double>(b, 184, s);
+  nifti_1_header& h = l.as_nifti1;
+  h.sizeof_hdr = 348;
+  for (int d = 0; d < 8; ++d) h.pixdim[d] = static_cast<float>(field<double>(b, 104 + 8 * d, s));
+  std::memcpy(h.descrip, b + 240, sizeof h.descrip - 1);
+  h.qform_code = static_cast<short>(field<std::int32_t>(b, 344, s));
+  h.sform_code = static_cast<short>(field<std::int32_t>(b, 348, s));
+  float* quaternion[] = {&h.quatern_b, &h.quatern_c, &h.quatern_d,
+                         &h.qoffset_x, &h.qoffset_y, &h.qoffset_z};
+  for (int i = 0; i < 6; ++i) *quaternion[i] = static_cast<float>(field<double>(b, 352 + 8 * i, s));
+  float* rows[] = {h.srow_x, h.srow_y, h.srow_z};
+  for (int r = 0; r < 3; ++r)
+    for (int c = 0; c < 4; ++c)
+      rows[r][c] = static_cast<float>(field<double>(b, 400 + 32 * r + 8 * c, s));
+  h.xyzt_units = static_cast<char>(field<std::int32_t>(b, 500, s));
+  std::memcpy(h.magic, "n+1", 4);
+  return l;
+}
+
+nifti_layout read_layout(znzFile file, const std::string& path) {
+  unsigned char bytes[540] = {};
+  const auto got = znzread(bytes, 1, 348, file);
+  if (got < 348) throw io_error(path + ": not a NIfTI file (shorter than a NIfTI-1 header)");
+  std::int32_t size = 0;
+  std::memcpy(&size, bytes, 4);
+  const std::int32_t swapped_size =
+      static_cast<std::int32_t>(__builtin_bswap32(static_cast<std::uint32_t>(size)));
+  if (size == 348 || swapped_size == 348) return nifti1_layout(bytes, size != 348, path);
+  if (size != 540 && swapped_size != 540)
+    throw io_error(path + ": not a NIfTI-1 or NIfTI-2 file (header size " + std::to_string(size) +
+                   ")");
+  if (znzread(bytes + 348, 1, 540 - 348, file) != 540 - 348)
+    throw io_error(path + ": truncated NIfTI-2 header");
+  return nifti2_layout(bytes, size != 540, path);
+}
+
+// Reads exactly `bytes` bytes, in pieces, so that a file shorter than its
+// header says costs no more memory than it holds.
+std::vector<unsigned char> read_exactly(znzFile file, std::uint64_t bytes,
+                                        const std::string& path) {
   std::vector<unsigned char> data;
-  bool complete = znzseek(file, static_cast<znz_off_t>(offset), SEEK_SET) >= 0;
-  // Read in pieces, so that a file shorter than its header says costs no
-  // more memory than it holds.
   constexpr std::size_t piece = std::size_t{1} << 20;
-  while (complete && data.size() < bytes) {
-    const std::size_t want = std::min(piece, bytes - data.size());
+  while (data.size() < bytes) {
+    const std::size_t want = std::min<std::uint64_t>(piece, bytes - data.size());
     const std::size_t at = data.size();
     data.resize(at + want);
-    const std::size_t got = znzread(data.data() + at, 1, want, file);
-    complete = got == want;
+    if (znzread(data.data() + at, 1, want, file) != want)
+      throw io_error(path + ": truncated NIfTI file: the header declares " + std::to_string(bytes) +
+                     " bytes of voxels, the file holds fewer");
   }
-  znzclose(file);
-  if (!complete)
-    throw io_error(path + ": truncated NIfTI file: the header declares " + std::to_string(bytes) +
-                   " bytes of voxels, the file holds fewer");
   return data;
 }
 
 }  // namespace
 
-grey_image read_nifti(const std::string& path) {
-  const nifti_handle nim = read_header(path);
-  if (!nim) throw io_error(path + ": cannot read NIfTI volume (not a NIfTI-1 file, or damaged)");
-  for (int d = 4; d <= nim->dim[0] && d <= 7; ++d)
-    if (nim->dim[d] > 1)
-      throw io_error(path + ": has " + std::to_string(nim->dim[0]) +
-                     " dimensions; only single 2-D or 3-D volumes are read");
-  grey_image out;
-  out.size_x = nim->nx;
-  out.size_y = nim->ny;
-  out.size_z = nim->nz;
-  out.dimensions = out.size_z > 1 ? 3 : 2;
-  if (out.size_x < 1 || out.size_y < 1 || out.size_z < 1 ||
-      out.pixel_count() != static_cast<std::int64_t>(nim->nvox))
-    throw io_error(path + ": inconsistent NIfTI dimensions");
-  check_pixel_count(path, out.size_x, out.size_y, out.size_z);
-  std::vector<double> probe(0);
-  if (!convert_voxels(nim->datatype, nullptr, probe) || nim->nbyper < 1)
-    throw io_error(path + ": NIfTI data type " + nifti_datatype_string(nim->datatype) +
+grey_image read_nifti(const std::string& path, std::optional<std::int64_t> volume) {
+  const bool compressed = nifti_is_gzfile(path.c_str()) != 0;
+  std::error_code error;
+  const std::uint64_t file_size = std::filesystem::file_size(path, error);
+  if (error) throw io_error(path + ": cannot read NIfTI (" + error.message() + ")");
+  const znz_handle file(znzopen(path.c_str(), "rb", compressed ? 1 : 0));
+  if (znz_isnull(file.get())) throw io_error(path + ": cannot open the NIfTI file");
+  const nifti_layout l = read_layout(file.get(), path);
+  const std::string kind = l.version == 1 ? "NIfTI-1" : "NIfTI-2";
+
+  const std::int64_t dims = l.dim[0];
+  if (dims < 1 || dims > 7)
+    throw io_error(path + ": damaged " + kind + " header (dim[0] " + std::to_string(dims) +
+                   " is not 1 to 7)");
+  std::int64_t size[8] = {0, 1, 1, 1, 1, 1, 1, 1};
+  for (int d = 1; d <= dims; ++d) {
+    if (l.dim[d] < 1)
+      throw io_error(path + ": damaged " + kind + " header (dim[" + std::to_string(d) + "] is " +
+                     std::to_string(l.dim[d]) + ")");
+    size[d] = l.dim[d];
+  }
+  for (int d = 5; d <= 7; ++d)
+    if (size[d] > 1)
+      throw io_error(path + ": has " + std::to_string(dims) +
+                     " dimensions; 2-D and 3-D volumes are read, and one volume of a 4-D file");
+  const std::int64_t volumes = size[4];
+  if (volumes > 1 && !volume)
+    throw io_error(path + ": holds " + std::to_string(volumes) +
+                   " volumes (4-D); pick one with --volume K (0 to " + std::to_string(volumes - 1) +
+                   ")");
+  const std::int64_t picked = volume.value_or(0);
+  if (picked < 0 || picked >= volumes)
+    throw io_error(path + ": --volume " + std::to_string(picked) + " is not among its " +
+                   std::to_string(volumes) + " volume" + (volumes == 1 ? "" : "s") + " (0 to " +
+                   std::to_string(volumes - 1) + ")");
+  check_pixel_count(path, size[1], size[2], size[3]);
+
+  const int bytes_per_voxel = voxel_bytes(l.datatype);
+  if (bytes_per_voxel == 0)
+    throw io_error(path + ": NIfTI data type " + nifti_datatype_string(l.datatype) +
                    " is not a grey value (integer or float voxels only)");
-  const std::size_t bytes = nim->nvox * static_cast<std::size_t>(nim->nbyper);
-  std::vector<unsigned char> data = read_voxel_bytes(*nim, path, bytes);
-  if (nim->byteorder != nifti_short_order()) nifti_swap_Nbytes(nim->nvox, nim->nbyper, data.data());
-  out.values.resize(nim->nvox);
-  convert_voxels(nim->datatype, data.data(), out.values);
-  const nifti_1_header header = nifti_convert_nim2nhdr(nim.get());
-  out.nifti_header.assign(reinterpret_cast<const char*>(&header), sizeof header);
-  const double slope = nim->scl_slope, intercept = nim->scl_inter;
-  if (slope != 0.0 && (slope != 1.0 || intercept != 0.0))
+  if (l.bitpix != 8 * bytes_per_voxel)
+    throw io_error(path + ": damaged " + kind + " header (bitpix " + std::to_string(l.bitpix) +
+                   " for data type " + nifti_datatype_string(l.datatype) + ")");
+  // The voxels start after the header and its four extension bytes, at a
+  // whole byte within the file.
+  const std::int64_t first_offset = l.header_bytes + 4;
+  if (!(l.vox_offset >= static_cast<double>(first_offset) &&
+        l.vox_offset <= static_cast<double>(file_size) * (compressed ? 1100.0 : 1.0) &&
+        l.vox_offset == std::floor(l.vox_offset)))
+    throw io_error(path + ": damaged " + kind + " header: vox_offset " +
+                   std::to_string(l.vox_offset) + " is not a byte from " +
+                   std::to_string(first_offset) + " to the file's end");
+  const auto offset = static_cast<std::uint64_t>(l.vox_offset);
+  const std::uint64_t voxels = static_cast<std::uint64_t>(size[1] * size[2] * size[3]);
+  const std::uint64_t volume_bytes = voxels * static_cast<std::uint64_t>(bytes_per_voxel);
+  const std::uint64_t limit = compressed ? file_size * 1100 + 4096 : file_size;
+  if (static_cast<std::uint64_t>(picked) > limit / volume_bytes ||
+      offset + (static_cast<std::uint64_t>(picked) + 1) * volume_bytes > limit)
+    throw io_error(path + ": truncated " + kind + " file: the header declares " +
+                   std::to_string(volume_bytes) + " bytes of voxels per volume from byte " +
+                   std::to_string(offset) + ", the file has " + std::to_string(file_size) +
+                   " bytes" + (compressed ? " compressed" : ""));
+  const std::uint64_t start = offset + static_cast<std::uint64_t>(picked) * volume_bytes;
+  if (znzseek(file.get(), static_cast<znz_off_t>(start), SEEK_SET) < 0)
+    throw io_error(path + ": truncated " + kind + " file: no voxels at byte " +
+                   std::to_string(start));
+  std::vector<unsigned char> data = read_exactly(file.get(), volume_bytes, path);
+  if (l.swapped) nifti_swap_Nbytes(voxels, bytes_per_voxel, data.data());
+
+  grey_image out;
+  out.size_x = size[1];
+  out.size_y = size[2];
+  out.size_z = size[3];
+  out.dimensions = out.size_z > 1 ? 3 : 2;
+  out.values.resize(voxels);
+  convert_voxels(l.datatype, data.data(), out.values);
+  out.nifti_header.assign(reinterpret_cast<const char*>(&l.as_nifti1), sizeof l.as_nifti1);
+  // As libniftiio does: a zero or non-finite slope means no scaling.
+  const double slope = l.slope, intercept = l.intercept;
+  if (std::isfinite(slope) && slope != 0.0 && std::isfinite(intercept) &&
+      (slope != 1.0 || intercept != 0.0))
     for (auto& v : out.values) v = v * slope + intercept;
   return out;
 }
@@ -285,24 +390,22 @@ picture_layout nifti_picture_layout(const std::string& header) {
 void write_nifti_labels(const std::string& path, const std::string& input_header,
                         std::int64_t size_x, std::int64_t size_y, std::int64_t size_z,
                         std::int64_t x0, std::int64_t y0, std::int64_t z0,
-                        const std::int32_t* labels) {
+                        const std::int32_t* labels, bool compressed) {
   if (size_x > 32767 || size_y > 32767 || size_z > 32767)
     throw io_error(path + ": NIfTI-1 cannot hold more than 32767 pixels along an axis");
   nifti_1_header h = labels_header(input_header, size_x, size_y, size_z);
   move_origin(h, x0, y0, z0);
-  const bool compressed = path.size() > 3 && path.compare(path.size() - 3, 3, ".gz") == 0;
   znzFile file = znzopen(path.c_str(), "wb", compressed ? 1 : 0);
-  if (znz_isnull(file))
-    throw io_error(path + ": cannot open for writing (" + std::strerror(errno) + ")");
+  if (znz_isnull(file)) throw write_failure(path);
   const char no_extensions[4] = {0, 0, 0, 0};
   const std::size_t bytes = static_cast<std::size_t>(size_x * size_y * size_z) * 4;
   bool written = znzwrite(&h, 1, sizeof h, file) == sizeof h &&
                  znzwrite(no_extensions, 1, 4, file) == 4 &&
                  znzwrite(labels, 1, bytes, file) == bytes;
   const int problem = errno;
-  const bool closed = Xznzclose(&file) == 0;
-  if (!written || !closed)
-    throw io_error(path + ": write failed (" + std::strerror(written ? errno : problem) + ")");
+  if (Xznzclose(&file) != 0 && written) throw write_failure(path);
+  errno = problem;
+  if (!written) throw write_failure(path);
 }
 
 }  // namespace splitmerge::io

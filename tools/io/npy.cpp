@@ -57,7 +57,31 @@ std::int64_t read_value(const unsigned char* p, char kind, int size, bool big_en
   return static_cast<std::int64_t>(u);
 }
 
+// Reorders the values of a Fortran-order array (first index fastest) to C order.
+template <class T>
+void to_c_order(const std::vector<std::int64_t>& shape, std::vector<T>& values) {
+  if (shape.size() < 2) return;
+  std::vector<T> c(values.size());
+  const std::size_t nd = shape.size();
+  std::vector<std::int64_t> idx(nd, 0);
+  for (std::size_t f = 0; f < values.size(); ++f) {
+    // idx is the multi-index of Fortran position f (first index fastest).
+    std::int64_t ci = 0;
+    for (std::size_t d = 0; d < nd; ++d) ci = ci * shape[d] + idx[d];
+    c[static_cast<std::size_t>(ci)] = values[f];
+    for (std::size_t d = 0; d < nd; ++d) {
+      if (++idx[d] < shape[d]) break;
+      idx[d] = 0;
+    }
+  }
+  values.swap(c);
+}
+
 }  // namespace
+
+io_error write_failure(const std::string& path) {
+  return io_error(path + ": write failed (" + std::strerror(errno) + ")");
+}
 
 npy_array parse_npy(const std::string& bytes, const std::string& name) {
   if (bytes.size() < 10 || std::memcmp(bytes.data(), "\x93NUMPY", 6) != 0)
@@ -97,10 +121,11 @@ npy_array parse_npy(const std::string& bytes, const std::string& name) {
   } catch (const std::logic_error&) {
     throw io_error(name + ": unsupported .npy dtype '" + descr + "'");
   }
-  if ((kind != 'i' && kind != 'u' && kind != 'b') ||
-      (size != 1 && size != 2 && size != 4 && size != 8))
+  const bool floating = kind == 'f' && (size == 4 || size == 8);
+  if (!floating && ((kind != 'i' && kind != 'u' && kind != 'b') ||
+                    (size != 1 && size != 2 && size != 4 && size != 8)))
     throw io_error(name + ": unsupported .npy dtype '" + descr +
-                   "' (integer arrays only; convert floats with numpy's astype)");
+                   "' (integers, booleans, float32 or float64 only)");
   const bool big_endian = order == '>';
 
   std::int64_t count = 1;
@@ -110,26 +135,22 @@ npy_array parse_npy(const std::string& bytes, const std::string& name) {
   }
   if (bytes.size() - offset < static_cast<std::size_t>(count) * static_cast<std::size_t>(size))
     throw io_error(name + ": .npy data is shorter than its shape says");
-  a.values.resize(static_cast<std::size_t>(count));
   const auto* data = reinterpret_cast<const unsigned char*>(bytes.data()) + offset;
-  for (std::int64_t i = 0; i < count; ++i)
-    a.values[static_cast<std::size_t>(i)] = read_value(data + i * size, kind, size, big_endian);
-
-  if (fortran && a.shape.size() > 1) {
-    std::vector<std::int64_t> c(a.values.size());
-    const std::size_t nd = a.shape.size();
-    std::vector<std::int64_t> idx(nd, 0);
-    for (std::int64_t f = 0; f < count; ++f) {
-      // idx is the multi-index of Fortran position f (first index fastest).
-      std::int64_t ci = 0;
-      for (std::size_t d = 0; d < nd; ++d) ci = ci * a.shape[d] + idx[d];
-      c[static_cast<std::size_t>(ci)] = a.values[static_cast<std::size_t>(f)];
-      for (std::size_t d = 0; d < nd; ++d) {
-        if (++idx[d] < a.shape[d]) break;
-        idx[d] = 0;
-      }
+  if (floating) {
+    a.floating_values.resize(static_cast<std::size_t>(count));
+    for (std::int64_t i = 0; i < count; ++i) {
+      const auto bits =
+          static_cast<std::uint64_t>(read_value(data + i * size, 'u', size, big_endian));
+      a.floating_values[static_cast<std::size_t>(i)] =
+          size == 4 ? static_cast<double>(std::bit_cast<float>(static_cast<std::uint32_t>(bits)))
+                    : std::bit_cast<double>(bits);
     }
-    a.values.swap(c);
+    if (fortran) to_c_order(a.shape, a.floating_values);
+  } else {
+    a.values.resize(static_cast<std::size_t>(count));
+    for (std::int64_t i = 0; i < count; ++i)
+      a.values[static_cast<std::size_t>(i)] = read_value(data + i * size, kind, size, big_endian);
+    if (fortran) to_c_order(a.shape, a.values);
   }
   return a;
 }
@@ -181,13 +202,13 @@ void write_npy_int32(const std::string& path, const std::vector<std::int64_t>& s
                      const std::int32_t* data) {
   const std::string bytes = format_npy_int32(shape, data);
   std::FILE* file = std::fopen(path.c_str(), "wb");
-  if (file == nullptr)
-    throw io_error(path + ": cannot open for writing (" + std::strerror(errno) + ")");
+  if (file == nullptr) throw write_failure(path);
   const bool written =
       std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size() && std::fflush(file) == 0;
   const int problem = errno;
-  if (std::fclose(file) != 0 || !written)
-    throw io_error(path + ": write failed (" + std::strerror(written ? errno : problem) + ")");
+  if (std::fclose(file) != 0 && written) throw write_failure(path);
+  errno = problem;
+  if (!written) throw write_failure(path);
 }
 
 npy_int32_stream::npy_int32_stream(const std::string& path, std::vector<std::int64_t> item_shape)
@@ -209,10 +230,7 @@ npy_int32_stream::~npy_int32_stream() {
   if (file_ != nullptr) std::fclose(file_);
 }
 
-void npy_int32_stream::fail() {
-  const std::string problem = std::strerror(errno);
-  throw io_error(path_ + ": write failed (" + problem + ")");
-}
+void npy_int32_stream::fail() { throw write_failure(path_); }
 
 void npy_int32_stream::write(const std::string& bytes) {
   if (std::fwrite(bytes.data(), 1, bytes.size(), file_) != bytes.size()) fail();

@@ -13,15 +13,21 @@ struct io_error : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// An integer array converted to 64-bit values, in C order (last index fastest).
+// "PATH: write failed (REASON)", the reason from errno: every writer's message.
+io_error write_failure(const std::string& path);
+
+// An array in C order (last index fastest): integers converted to 64-bit
+// values, floating-point numbers to doubles.
 struct npy_array {
   std::vector<std::int64_t> shape;
-  std::vector<std::int64_t> values;
-  std::string dtype;  // as the file states it, e.g. "<i4"
+  std::vector<std::int64_t> values;     // integer, unsigned and boolean dtypes
+  std::vector<double> floating_values;  // float32 and float64 dtypes
+  std::string dtype;                    // as the file states it, e.g. "<i4"
+  bool is_floating() const { return dtype.size() > 1 && dtype[1] == 'f'; }
 };
 
-// Reads integer, unsigned and boolean dtypes of any byte order, C or Fortran
-// order (Fortran arrays are reordered to C order). Throws io_error.
+// Reads integer, unsigned, boolean and float32/64 dtypes of any byte order, C
+// or Fortran order (Fortran arrays are reordered to C order). Throws io_error.
 npy_array read_npy(const std::string& path);
 npy_array parse_npy(const std::string& bytes, const std::string& name = "array");
 

@@ -1,6 +1,8 @@
 #include "pgm_file.hpp"
 
 #include <cctype>
+#include <cerrno>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 
@@ -97,12 +99,16 @@ grey_image read_pgm(const std::string& path) {
 
 void write_pgm(const std::string& path, std::int64_t width, std::int64_t height,
                const std::uint8_t* pixels) {
-  std::ofstream out(path, std::ios::binary);
-  if (!out) throw io_error(path + ": cannot open for writing");
-  out << "P5\n" << width << ' ' << height << "\n255\n";
-  out.write(reinterpret_cast<const char*>(pixels), static_cast<std::streamsize>(width * height));
-  out.close();
-  if (!out) throw io_error(path + ": write failed");
+  std::FILE* file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr) throw write_failure(path);
+  const auto bytes = static_cast<std::size_t>(width * height);
+  bool written = std::fprintf(file, "P5\n%lld %lld\n255\n", static_cast<long long>(width),
+                              static_cast<long long>(height)) > 0 &&
+                 std::fwrite(pixels, 1, bytes, file) == bytes && std::fflush(file) == 0;
+  const int problem = errno;
+  if (std::fclose(file) != 0 && written) throw write_failure(path);
+  errno = problem;
+  if (!written) throw write_failure(path);
 }
 
 }  // namespace splitmerge::io

@@ -2,12 +2,14 @@
 
 #include <png.h>
 
+#include <cerrno>
 #include <csetjmp>
 #include <cstdio>
 #include <filesystem>
 #include <new>
 #include <vector>
 
+#include "colour_to_grey.hpp"
 #include "npy.hpp"
 #include "size_limits.hpp"
 
@@ -37,8 +39,21 @@ void write_png(const std::string& path, std::int64_t width, std::int64_t height,
   guard.image.width = static_cast<png_uint_32>(width);
   guard.image.height = static_cast<png_uint_32>(height);
   guard.image.format = format;
-  if (png_image_write_to_file(&guard.image, path.c_str(), 0, pixels, 0, nullptr) == 0)
-    throw io_error(path + ": cannot write PNG: " + libpng_problem(guard.image));
+  // The file is opened here, not by libpng, so that a failed write keeps its
+  // reason (errno) for the message.
+  std::FILE* file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr) throw write_failure(path);
+  errno = 0;
+  const bool encoded = png_image_write_to_stdio(&guard.image, file, 0, pixels, 0, nullptr) != 0;
+  const bool flushed = std::fflush(file) == 0 && std::ferror(file) == 0;
+  const int problem = errno;
+  const bool closed = std::fclose(file) == 0;
+  if (!flushed || !closed || (!encoded && problem != 0)) {
+    if (!closed && flushed) throw write_failure(path);
+    errno = problem;
+    throw write_failure(path);
+  }
+  if (!encoded) throw io_error(path + ": cannot write PNG: " + libpng_problem(guard.image));
 }
 
 // The low-level reader, without gamma or colour-space handling, so that the
@@ -124,16 +139,10 @@ grey_image read_png(const std::string& path) {
   };
   const bool colour = channels >= 3;
   for (std::size_t i = 0; i < out.values.size(); ++i) {
-    if (!colour) {
-      out.values[i] = static_cast<double>(sample(i, 0));
-    } else {
-      // Integer weights keep grey pixels of a colour file exactly grey.
-      out.values[i] = static_cast<double>(
-          (299 * sample(i, 0) + 587 * sample(i, 1) + 114 * sample(i, 2) + 500) / 1000);
-    }
+    out.values[i] = static_cast<double>(
+        colour ? grey_of_colour(sample(i, 0), sample(i, 1), sample(i, 2)) : sample(i, 0));
   }
-  if (colour)
-    out.note = path + " is a colour PNG: segmenting its luma (0.299 R + 0.587 G + 0.114 B)";
+  if (colour) out.note = colour_note(path, "PNG");
   if (channels == 2 || channels == 4)
     out.note += std::string(out.note.empty() ? "" : "; ") + path +
                 " has an alpha channel, which is ignored";

@@ -2,12 +2,18 @@
 
 #include <tiffio.h>
 
+#include <algorithm>
+#include <bit>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <vector>
 
+#include "colour_to_grey.hpp"
 #include "npy.hpp"
 #include "size_limits.hpp"
 
@@ -25,12 +31,24 @@ void remember_error(const char* module, const char* format, va_list args) {
   last_tiff_error = module != nullptr ? std::string(module) + ": " + text : std::string(text);
 }
 
-void ignore_warning(const char*, const char*, va_list) {}
+// Warnings about where the data lie (libtiff then guesses); others, such as
+// unknown tags, are harmless.
+thread_local std::string last_tiff_warning;
+
+void remember_placement_warning(const char* module, const char* format, va_list args) {
+  char text[512];
+  std::vsnprintf(text, sizeof text, format, args);
+  const std::string warning = text;
+  for (const char* field : {"StripByteCounts", "StripOffsets", "TileByteCounts", "TileOffsets"})
+    if (warning.find(field) != std::string::npos && last_tiff_warning.empty())
+      last_tiff_warning = module != nullptr ? std::string(module) + ": " + warning : warning;
+}
 
 void install_handlers() {
   TIFFSetErrorHandler(remember_error);
-  TIFFSetWarningHandler(ignore_warning);
+  TIFFSetWarningHandler(remember_placement_warning);
   last_tiff_error.clear();
+  last_tiff_warning.clear();
 }
 
 struct tiff_closer {
@@ -64,65 +82,189 @@ double sample(const unsigned char* row, std::uint32_t x, std::uint16_t bits, std
   }
 }
 
-void read_page(TIFF* tif, const std::string& path, grey_image& out, std::int64_t page) {
-  std::uint32_t width = 0, height = 0;
+// What a page holds, from its tags.
+struct page_layout {
+  std::uint32_t width = 0, height = 0, rows_per_strip = 0;
   std::uint16_t bits = 1, samples = 1, format = SAMPLEFORMAT_UINT, photometric = 0;
-  TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &width);
-  TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &height);
-  TIFFGetFieldDefaulted(tif, TIFFTAG_BITSPERSAMPLE, &bits);
-  TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLESPERPIXEL, &samples);
-  TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLEFORMAT, &format);
-  TIFFGetFieldDefaulted(tif, TIFFTAG_PHOTOMETRIC, &photometric);
-  const std::string where = "page " + std::to_string(page + 1);
-  if (samples != 1)
-    throw io_error(path + ": " + where + " has " + std::to_string(samples) +
-                   " samples per pixel; only grey TIFFs are read");
-  const bool integer = format == SAMPLEFORMAT_UINT || format == SAMPLEFORMAT_INT;
-  if (!(integer && (bits == 8 || bits == 16 || bits == 32)) &&
-      !(format == SAMPLEFORMAT_IEEEFP && (bits == 32 || bits == 64)))
-    throw io_error(path + ": " + where + " has " + std::to_string(bits) +
+  std::uint16_t planar = PLANARCONFIG_CONTIG, compression = COMPRESSION_NONE;
+  bool colour = false;  // RGB, read as its luma
+};
+
+page_layout layout_of(TIFF* tif, const std::string& path, const std::string& where) {
+  page_layout l;
+  TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &l.width);
+  TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &l.height);
+  TIFFGetFieldDefaulted(tif, TIFFTAG_BITSPERSAMPLE, &l.bits);
+  TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLESPERPIXEL, &l.samples);
+  TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLEFORMAT, &l.format);
+  TIFFGetFieldDefaulted(tif, TIFFTAG_PHOTOMETRIC, &l.photometric);
+  TIFFGetFieldDefaulted(tif, TIFFTAG_PLANARCONFIG, &l.planar);
+  TIFFGetFieldDefaulted(tif, TIFFTAG_COMPRESSION, &l.compression);
+  TIFFGetFieldDefaulted(tif, TIFFTAG_ROWSPERSTRIP, &l.rows_per_strip);
+  l.colour = l.photometric == PHOTOMETRIC_RGB;
+  const bool integer = l.format == SAMPLEFORMAT_UINT || l.format == SAMPLEFORMAT_INT;
+  if (l.colour && (l.samples < 3 || l.format != SAMPLEFORMAT_UINT || (l.bits != 8 && l.bits != 16)))
+    throw io_error(path + ": " + where + " is an RGB picture of " + std::to_string(l.samples) +
+                   " samples of " + std::to_string(l.bits) +
+                   " bits; colour TIFFs are read with 8 or 16-bit unsigned samples");
+  if (!l.colour && l.photometric != PHOTOMETRIC_MINISBLACK &&
+      l.photometric != PHOTOMETRIC_MINISWHITE)
+    throw io_error(path + ": " + where + " has photometric interpretation " +
+                   std::to_string(l.photometric) + "; grey and RGB TIFFs are read");
+  if (!l.colour && l.samples > 2)
+    throw io_error(path + ": " + where + " has " + std::to_string(l.samples) +
+                   " samples per pixel; grey TIFFs have one (and at most one alpha)");
+  if (!(integer && (l.bits == 8 || l.bits == 16 || l.bits == 32)) &&
+      !(l.format == SAMPLEFORMAT_IEEEFP && (l.bits == 32 || l.bits == 64)))
+    throw io_error(path + ": " + where + " has " + std::to_string(l.bits) +
                    "-bit samples of an unsupported kind (8, 16, 32-bit integers or 32, " +
                    "64-bit floats)");
   if (TIFFIsTiled(tif)) throw io_error(path + ": tiled TIFFs are not supported");
+  return l;
+}
+
+// Every strip of the page lies within the file and, uncompressed, holds all
+// its rows; compressed strips can hold no more than deflate's bound. Checked
+// before anything is decoded, so that a cut file is refused, not padded.
+void check_strips(TIFF* tif, const page_layout& l, const std::string& path,
+                  const std::string& where, std::uint64_t file_size) {
+  const std::uint32_t strips = TIFFNumberOfStrips(tif);
+  const std::uint32_t planes = l.planar == PLANARCONFIG_SEPARATE ? l.samples : 1;
+  const std::uint32_t rows_per_strip = std::min(std::max(l.rows_per_strip, 1u), l.height);
+  const std::uint64_t per_plane = (std::uint64_t{l.height} + rows_per_strip - 1) / rows_per_strip;
+  if (strips != per_plane * planes)
+    throw io_error(path + ": " + where + " declares " + std::to_string(strips) + " strips for " +
+                   std::to_string(per_plane * planes) + " strips of rows: damaged");
+  std::uint64_t stored = 0;
+  for (std::uint32_t s = 0; s < strips; ++s) {
+    int error = 0;
+    const std::uint64_t offset = TIFFGetStrileOffsetWithErr(tif, s, &error);
+    const std::uint64_t bytes = TIFFGetStrileByteCountWithErr(tif, s, &error);
+    const std::string strip = "strip " + std::to_string(s + 1) + " of " + std::to_string(strips);
+    if (error != 0 || offset > file_size || bytes > file_size - offset)
+      throw io_error(path + ": truncated TIFF file: " + where + ", " + strip + " declares bytes " +
+                     std::to_string(offset) + " to " + std::to_string(offset + bytes) +
+                     ", the file has " + std::to_string(file_size));
+    const std::uint64_t first_row = (s % per_plane) * rows_per_strip;
+    const auto rows =
+        static_cast<std::uint32_t>(std::min<std::uint64_t>(rows_per_strip, l.height - first_row));
+    const std::uint64_t expected = TIFFVStripSize64(tif, rows);
+    if (l.compression == COMPRESSION_NONE && bytes < expected)
+      throw io_error(path + ": truncated TIFF file: " + where + ", " + strip + " holds " +
+                     std::to_string(bytes) + " bytes of its " + std::to_string(expected));
+    stored += bytes;
+  }
+  check_declared_size(path, TIFFVStripSize64(tif, l.height) * planes, stored);
+}
+
+void read_page(TIFF* tif, const std::string& path, grey_image& out, std::int64_t page,
+               std::uint64_t file_size) {
+  const std::string where = "page " + std::to_string(page + 1);
+  const page_layout l = layout_of(tif, path, where);
   if (page == 0) {
-    out.size_x = width;
-    out.size_y = height;
-  } else if (width != out.size_x || height != out.size_y) {
-    throw io_error(path + ": " + where + " is " + std::to_string(width) + " x " +
-                   std::to_string(height) + ", unlike page 1");
+    out.size_x = l.width;
+    out.size_y = l.height;
+    if (l.colour) out.note = colour_note(path, "TIFF");
+  } else if (l.width != out.size_x || l.height != out.size_y) {
+    throw io_error(path + ": " + where + " is " + std::to_string(l.width) + " x " +
+                   std::to_string(l.height) + ", unlike page 1");
   }
   if (out.size_x < 1 || out.size_y < 1) throw io_error(path + ": TIFF page without pixels");
   check_pixel_count(path, out.size_x, out.size_y, page + 1);
+  check_strips(tif, l, path, where, file_size);
 
-  std::vector<unsigned char> row(static_cast<std::size_t>(TIFFScanlineSize(tif)));
-  if (row.size() < std::size_t{width} * (bits / 8u))
+  // Interleaved samples are decoded row by row; planes one after another
+  // (compressed planes cannot be read in turns), each whole.
+  const bool separate = l.planar == PLANARCONFIG_SEPARATE && l.samples > 1;
+  const std::uint16_t used = l.colour ? 3 : 1;  // RGB, or grey; alpha is ignored
+  const std::uint32_t stride = separate ? 1 : l.samples;
+  const auto row_bytes = static_cast<std::size_t>(TIFFScanlineSize64(tif));
+  if (row_bytes < std::size_t{l.width} * stride * (l.bits / 8u))
     throw io_error(problem(path, "unexpected TIFF scanline size"));
-  const double white = integer && format == SAMPLEFORMAT_UINT ? double((1ull << bits) - 1) : 0;
-  const bool inverted = photometric == PHOTOMETRIC_MINISWHITE && format == SAMPLEFORMAT_UINT;
-  // Rows are appended as they are decoded, so that a header declaring more
-  // rows than the file holds costs no more memory than the rows it has.
-  for (std::uint32_t y = 0; y < height; ++y) {
-    if (TIFFReadScanline(tif, row.data(), y, 0) < 0)
+  const auto read_row = [&](unsigned char* into, std::uint32_t y, std::uint16_t plane) {
+    if (TIFFReadScanline(tif, into, y, plane) < 0)
       throw io_error(problem(path, "cannot read row " + std::to_string(y) + " of " + where));
-    for (std::uint32_t x = 0; x < width; ++x) {
-      const double v = sample(row.data(), x, bits, format);
-      out.values.push_back(inverted ? white - v : v);
+  };
+  std::vector<std::vector<unsigned char>> planes(separate ? used : 1);
+  if (separate) {
+    for (std::uint16_t c = 0; c < used; ++c) {
+      planes[c].resize(row_bytes * l.height);
+      for (std::uint32_t y = 0; y < l.height; ++y) read_row(planes[c].data() + row_bytes * y, y, c);
+    }
+  } else {
+    planes[0].resize(row_bytes);
+  }
+  const auto value = [&](std::uint32_t x, std::uint32_t y, std::uint16_t c) {
+    return separate ? sample(planes[c].data() + row_bytes * y, x, l.bits, l.format)
+                    : sample(planes[0].data(), x * stride + c, l.bits, l.format);
+  };
+  const double white = l.format == SAMPLEFORMAT_UINT ? double((1ull << l.bits) - 1) : 0;
+  const bool inverted = l.photometric == PHOTOMETRIC_MINISWHITE && l.format == SAMPLEFORMAT_UINT;
+  for (std::uint32_t y = 0; y < l.height; ++y) {
+    if (!separate) read_row(planes[0].data(), y, 0);
+    for (std::uint32_t x = 0; x < l.width; ++x) {
+      if (l.colour) {
+        const auto channel = [&](std::uint16_t c) {
+          return static_cast<std::int64_t>(value(x, y, c));
+        };
+        out.values.push_back(
+            static_cast<double>(grey_of_colour(channel(0), channel(1), channel(2))));
+      } else {
+        const double v = value(x, y, 0);
+        out.values.push_back(inverted ? white - v : v);
+      }
     }
   }
+}
+
+// libtiff mends some damage with a warning: strip sizes it does not believe
+// are replaced by estimates, and a page directory cut short ends the file.
+// Both would deliver wrong pixels silently, so both are refused here.
+void check_directory(TIFF* tif, const std::string& path, std::int64_t page,
+                     std::uint64_t file_size) {
+  const std::string where = "page " + std::to_string(page + 1);
+  if (!last_tiff_warning.empty())
+    throw io_error(path + ": damaged TIFF file: " + where + ": " + last_tiff_warning);
+  const std::uint64_t at = TIFFCurrentDirOffset(tif);
+  const bool big = TIFFIsBigTIFF(tif) != 0;
+  std::ifstream file(path, std::ios::binary);
+  unsigned char count_bytes[8] = {};
+  file.seekg(static_cast<std::streamoff>(at));
+  file.read(reinterpret_cast<char*>(count_bytes), big ? 8 : 2);
+  std::uint64_t entries = 0;
+  const bool swapped = TIFFIsByteSwapped(tif) != 0;
+  const bool little = (std::endian::native == std::endian::little) != swapped;
+  const int width = big ? 8 : 2;
+  for (int i = 0; i < width; ++i)
+    entries |= std::uint64_t{count_bytes[i]} << (8 * (little ? i : width - 1 - i));
+  const std::uint64_t end = big ? at + 8 + 20 * entries + 8 : at + 2 + 12 * entries + 4;
+  if (!file || end > file_size)
+    throw io_error(path + ": truncated TIFF file: the directory of " + where + " ends at byte " +
+                   std::to_string(end) + ", the file has " + std::to_string(file_size));
 }
 
 }  // namespace
 
 grey_image read_tiff(const std::string& path) {
   install_handlers();
+  std::error_code error;
+  const std::uint64_t file_size = std::filesystem::file_size(path, error);
+  if (error) throw io_error(path + ": cannot read TIFF (" + error.message() + ")");
   const tiff_handle tif(TIFFOpen(path.c_str(), "r"));
   if (!tif) throw io_error(problem(path, "cannot read TIFF"));
   grey_image out;
   std::int64_t pages = 0;
-  do {
-    read_page(tif.get(), path, out, pages);
+  for (;;) {
+    check_directory(tif.get(), path, pages, file_size);
+    read_page(tif.get(), path, out, pages, file_size);
     ++pages;
-  } while (TIFFReadDirectory(tif.get()) != 0);
+    // A page that the one before points to must be there: a cut file would
+    // otherwise end early, silently.
+    if (TIFFLastDirectory(tif.get()) != 0) break;
+    if (TIFFReadDirectory(tif.get()) == 0)
+      throw io_error(problem(path, "truncated or damaged TIFF file: page " +
+                                       std::to_string(pages + 1) + " cannot be read"));
+  }
   out.size_z = pages;
   out.dimensions = pages > 1 ? 3 : 2;
   return out;
@@ -132,7 +274,7 @@ void write_tiff(const std::string& path, std::int64_t width, std::int64_t height
                 std::int64_t size_z, const std::int32_t* values, tiff_pixel pixel) {
   install_handlers();
   const tiff_handle tif(TIFFOpen(path.c_str(), "w"));
-  if (!tif) throw io_error(problem(path, "cannot write TIFF"));
+  if (!tif) throw write_failure(path);
   const bool grey8 = pixel == tiff_pixel::grey8;
   const std::size_t bytes = grey8 ? 1 : 4;
   std::vector<unsigned char> row(static_cast<std::size_t>(width) * bytes);
@@ -162,10 +304,12 @@ void write_tiff(const std::string& path, std::int64_t width, std::int64_t height
         }
       }
       if (TIFFWriteScanline(t, row.data(), static_cast<std::uint32_t>(y), 0) < 0)
-        throw io_error(problem(path, "cannot write TIFF row"));
+        throw write_failure(path);
     }
-    if (TIFFWriteDirectory(t) == 0) throw io_error(problem(path, "cannot write TIFF page"));
+    if (TIFFWriteDirectory(t) == 0) throw write_failure(path);
   }
+  // libtiff writes straight to the file descriptor: errno holds the reason.
+  if (TIFFFlush(tif.get()) == 0) throw write_failure(path);
 }
 
 }  // namespace splitmerge::io

@@ -118,13 +118,6 @@ const std::vector<refused_file>& refused_files() {
       {"PngOfTooManyPixels",
        [](const scratch_folder& d) { write_header_only_png(d / "in.png", 100000, 100000); },
        "in.png", "more than the 268435456 this program reads"},
-      {"TruncatedNifti",
-       [](const scratch_folder& d) {
-         testing::write_nifti(d / "in.nii", 8, 8, 4, testing::nifti_uint8,
-                              std::string(256, '\x07'));
-         std::filesystem::resize_file(d / "in.nii", 352 + 128);
-       },
-       "in.nii", "in.nii: truncated NIfTI file: the header declares 256 bytes of voxels"},
       {"TruncatedCompressedNifti",
        [](const scratch_folder& d) {
          std::string voxels(64 * 64 * 16, '\0');
@@ -148,11 +141,6 @@ const std::vector<refused_file>& refused_files() {
                               bytes_of(std::vector<float>{1, nan, 2, 3}));
        },
        "in.nii --rescale", "NaN or infinite"},
-      {"DamagedNiftiInOneLine",
-       [](const scratch_folder& d) {
-         std::ofstream(d / "in.nii", std::ios::binary) << std::string(400, 'x');
-       },
-       "in.nii", "in.nii: cannot read NIfTI volume"},
       {"HugeNpyShape",
        [](const scratch_folder& d) {
          testing::write_npy_raw(d / "in.npy", "<u1", {100000, 100000, 100}, false, "abc");

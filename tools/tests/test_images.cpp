@@ -5,8 +5,13 @@
 #include <png.h>
 #include <tiffio.h>
 
+#include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <stdexcept>
+
+// After <cstdio>: jpeglib.h needs FILE and size_t declared.
+#include <jpeglib.h>
 
 namespace splitmerge::tool::testing {
 
@@ -121,9 +126,122 @@ void write_tiff_pages(const std::filesystem::path& path, int width, int height, 
   TIFFClose(tif);
 }
 
+void write_tiff_plain(const std::filesystem::path& path, int width, int height, int pages,
+                      const std::vector<std::uint16_t>& samples) {
+  TIFF* tif = TIFFOpen(path.c_str(), "w");
+  if (tif == nullptr) throw std::runtime_error("cannot write " + path.string());
+  for (int page = 0; page < pages; ++page) {
+    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, width);
+    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, height);
+    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 16);
+    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 1);
+    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
+    TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_NONE);
+    TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, height);
+    for (int y = 0; y < height; ++y) {
+      std::vector<std::uint16_t> row(samples.begin() + (page * height + y) * width,
+                                     samples.begin() + (page * height + y + 1) * width);
+      TIFFWriteScanline(tif, row.data(), static_cast<std::uint32_t>(y), 0);
+    }
+    TIFFWriteDirectory(tif);
+  }
+  TIFFClose(tif);
+}
+
+void write_tiff_rgb(const std::filesystem::path& path, int width, int height, bool separate_planes,
+                    const std::vector<std::uint8_t>& rgb) {
+  TIFF* tif = TIFFOpen(path.c_str(), "w");
+  if (tif == nullptr) throw std::runtime_error("cannot write " + path.string());
+  TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, width);
+  TIFFSetField(tif, TIFFTAG_IMAGELENGTH, height);
+  TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 8);
+  TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 3);
+  TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
+  TIFFSetField(tif, TIFFTAG_PLANARCONFIG,
+               separate_planes ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG);
+  TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
+  std::vector<std::uint8_t> row(static_cast<std::size_t>(width) * 3);
+  for (int plane = 0; plane < (separate_planes ? 3 : 1); ++plane)
+    for (int y = 0; y < height; ++y) {
+      for (int x = 0; x < width * (separate_planes ? 1 : 3); ++x)
+        row[static_cast<std::size_t>(x)] =
+            separate_planes ? rgb[static_cast<std::size_t>((y * width + x) * 3 + plane)]
+                            : rgb[static_cast<std::size_t>(y * width * 3 + x)];
+      TIFFWriteScanline(tif, row.data(), static_cast<std::uint32_t>(y),
+                        static_cast<std::uint16_t>(plane));
+    }
+  TIFFClose(tif);
+}
+
+void write_jpeg(const std::filesystem::path& path, int width, int height, int components,
+                const std::vector<std::uint8_t>& pixels) {
+  jpeg_compress_struct info{};
+  jpeg_error_mgr errors{};
+  info.err = jpeg_std_error(&errors);
+  jpeg_create_compress(&info);
+  std::FILE* file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr) throw std::runtime_error("cannot write " + path.string());
+  jpeg_stdio_dest(&info, file);
+  info.image_width = static_cast<JDIMENSION>(width);
+  info.image_height = static_cast<JDIMENSION>(height);
+  info.input_components = components;
+  info.in_color_space = components == 1 ? JCS_GRAYSCALE : JCS_RGB;
+  jpeg_set_defaults(&info);
+  jpeg_set_quality(&info, 90, TRUE);
+  jpeg_start_compress(&info, TRUE);
+  while (info.next_scanline < info.image_height) {
+    JSAMPROW row = const_cast<JSAMPLE*>(pixels.data()) +
+                   static_cast<std::size_t>(info.next_scanline) * width * components;
+    jpeg_write_scanlines(&info, &row, 1);
+  }
+  jpeg_finish_compress(&info);
+  jpeg_destroy_compress(&info);
+  std::fclose(file);
+}
+
+std::vector<std::uint8_t> decode_jpeg(const std::filesystem::path& path) {
+  jpeg_decompress_struct info{};
+  jpeg_error_mgr errors{};
+  info.err = jpeg_std_error(&errors);
+  jpeg_create_decompress(&info);
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) throw std::runtime_error("cannot read " + path.string());
+  jpeg_stdio_src(&info, file);
+  jpeg_read_header(&info, TRUE);
+  if (info.jpeg_color_space != JCS_GRAYSCALE) info.out_color_space = JCS_RGB;
+  jpeg_start_decompress(&info);
+  const std::size_t row_size = std::size_t{info.output_width} * info.output_components;
+  std::vector<std::uint8_t> out(row_size * info.output_height);
+  while (info.output_scanline < info.output_height) {
+    JSAMPROW row = out.data() + row_size * info.output_scanline;
+    jpeg_read_scanlines(&info, &row, 1);
+  }
+  jpeg_finish_decompress(&info);
+  jpeg_destroy_decompress(&info);
+  std::fclose(file);
+  return out;
+}
+
+void write_nifti2(const std::filesystem::path& path, int nx, int ny, int nz,
+                  const std::vector<std::uint8_t>& voxels) {
+  std::string header(544, '\0');  // the header and four bytes saying "no extensions"
+  const auto put = [&header](std::size_t offset, const auto value) {
+    std::memcpy(header.data() + offset, &value, sizeof value);
+  };
+  put(0, std::int32_t{540});
+  std::memcpy(header.data() + 4, "n+2\0\r\n\032\n", 8);
+  put(12, std::int16_t{2});  // DT_UINT8
+  put(14, std::int16_t{8});
+  const std::int64_t dims[8] = {3, nx, ny, nz, 1, 1, 1, 1};
+  for (int d = 0; d < 8; ++d) put(16 + 8 * d, dims[d]);
+  for (int d = 0; d < 8; ++d) put(104 + 8 * d, 1.0);
+  put(168, std::int64_t{544});
+  std::ofstream(path, std::ios::binary) << header << std::string(voxels.begin(), voxels.end());
+}
+
 void write_nifti(const std::filesystem::path& path, int nx, int ny, int nz, int datatype,
-                 const std::string& voxel_bytes, float scl_slope, float scl_inter) {
-  const int dims[8] = {3, nx, ny, nz, 1, 1, 1, 1};
+                 const std::string& voxel_bytes, float scl_slope, float scl_inter, int volumes) {
+  const int dims[8] = {volumes > 1 ? 4 : 3, nx, ny, nz, volumes, 1, 1, 1};
   nifti_image* nim = nifti_make_new_nim(dims, datatype, 1);  // 1: allocate the data
   if (nim == nullptr) throw std::runtime_error("cannot make a NIfTI image");
   std::memcpy(nim->data, voxel_bytes.data(), voxel_bytes.size());

@@ -39,9 +39,29 @@ std::vector<std::uint8_t> read_png_rgb(const std::filesystem::path& path, int& w
 void write_tiff_pages(const std::filesystem::path& path, int width, int height, int pages, int bits,
                       int sample_format, const std::string& sample_bytes);
 
-// A NIfTI-1 volume of the given NIFTI datatype (DT_*), x fastest.
+// Pages of 16-bit grey samples, uncompressed, each page one strip.
+void write_tiff_plain(const std::filesystem::path& path, int width, int height, int pages,
+                      const std::vector<std::uint16_t>& samples);
+// An 8-bit RGB picture, three bytes per pixel, the samples interleaved or
+// (separate_planes) stored as three planes.
+void write_tiff_rgb(const std::filesystem::path& path, int width, int height, bool separate_planes,
+                    const std::vector<std::uint8_t>& rgb);
+
+// A JPEG of 1 (grey) or 3 (RGB) components per pixel, and the pixels libjpeg
+// decodes from it again (three bytes per pixel for colour).
+void write_jpeg(const std::filesystem::path& path, int width, int height, int components,
+                const std::vector<std::uint8_t>& pixels);
+std::vector<std::uint8_t> decode_jpeg(const std::filesystem::path& path);
+
+// A single-file NIfTI-2 volume of uint8 voxels, x fastest.
+void write_nifti2(const std::filesystem::path& path, int nx, int ny, int nz,
+                  const std::vector<std::uint8_t>& voxels);
+
+// A NIfTI-1 volume of the given NIFTI datatype (DT_*), x fastest; 4-D with
+// more than one volume.
 void write_nifti(const std::filesystem::path& path, int nx, int ny, int nz, int datatype,
-                 const std::string& voxel_bytes, float scl_slope = 0.0f, float scl_inter = 0.0f);
+                 const std::string& voxel_bytes, float scl_slope = 0.0f, float scl_inter = 0.0f,
+                 int volumes = 1);
 inline constexpr int nifti_uint8 = 2, nifti_int16 = 4, nifti_float32 = 16;
 
 struct decoded_gif {

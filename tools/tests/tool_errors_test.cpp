@@ -35,6 +35,13 @@ void write_npy_of(const scratch_folder& dir, const std::string& name,
   io::write_npy_int32((dir / name).string(), shape, v.data());
 }
 
+// A 4 x 4 x 1 x `volumes` NIfTI-1 file of uint8, volume t filled with t.
+void write_nifti_4d(const std::filesystem::path& path, int volumes) {
+  std::string voxels;
+  for (int t = 0; t < volumes; ++t) voxels += std::string(16, static_cast<char>(t));
+  testing::write_nifti(path, 4, 4, 1, testing::nifti_uint8, voxels, 0.0f, 0.0f, volumes);
+}
+
 struct error_case {
   std::string name;
   std::function<void(const scratch_folder&)> make_files;
@@ -94,11 +101,11 @@ const std::vector<error_case>& error_cases() {
        {"absent.npy: cannot open", "No such file or directory"}},
       {"UnknownExtension",
        [](const scratch_folder& d) {
-         testing::write_npy_raw(d / "in.jpg", "<i4", {2, 2}, false, std::string(16, '\0'));
+         testing::write_npy_raw(d / "in.bmp", "<i4", {2, 2}, false, std::string(16, '\0'));
        },
-       "in.jpg",
+       "in.bmp",
        2,
-       {"unsupported image format '.jpg'", ".nii.gz"}},
+       {"unsupported image format '.bmp'", ".jpg", ".nii.gz"}},
       {"CorruptPng",
        [](const scratch_folder& d) {
          testing::write_npy_raw(d / "in.png", "<i4", {2, 2}, false, "");
@@ -113,13 +120,21 @@ const std::vector<error_case>& error_cases() {
        "in.npy",
        2,
        {"shorter than its shape"}},
-      {"FloatNpy",
+      {"FractionalNpy",
        [](const scratch_folder& d) {
-         testing::write_npy_raw(d / "in.npy", "<f8", {2, 2}, false, std::string(32, '\0'));
+         testing::write_npy_raw(d / "in.npy", "<f8", {2, 2}, false,
+                                bytes_of(std::vector<double>{0.5, 1, 2, 3}));
        },
        "in.npy",
        2,
-       {"unsupported .npy dtype '<f8'"}},
+       {"non-integer values such as 0.5", "--rescale"}},
+      {"HalfFloatNpy",
+       [](const scratch_folder& d) {
+         testing::write_npy_raw(d / "in.npy", "<f2", {2, 2}, false, std::string(8, '\0'));
+       },
+       "in.npy",
+       2,
+       {"unsupported .npy dtype '<f2'", "float32 or float64"}},
       {"FourDimensionalNpy",
        [](const scratch_folder& d) {
          write_npy_of(d, "in.npy", {1, 1, 2, 2}, 0);
@@ -127,22 +142,22 @@ const std::vector<error_case>& error_cases() {
        "in.npy",
        2,
        {"4 dimensions", "(Z, Y, X)"}},
-      {"ColourTiff",
+      {"CmykTiff",
        [](const scratch_folder& d) {
          TIFF* t = TIFFOpen((d / "in.tif").c_str(), "w");
          TIFFSetField(t, TIFFTAG_IMAGEWIDTH, 2);
          TIFFSetField(t, TIFFTAG_IMAGELENGTH, 1);
          TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, 8);
-         TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, 3);
-         TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
+         TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, 4);
+         TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_SEPARATED);
          TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-         unsigned char row[6] = {1, 2, 3, 4, 5, 6};
+         unsigned char row[8] = {1, 2, 3, 4, 5, 6, 7, 8};
          TIFFWriteScanline(t, row, 0, 0);
          TIFFClose(t);
        },
        "in.tif",
        2,
-       {"3 samples per pixel", "grey"}},
+       {"photometric interpretation 5", "grey and RGB"}},
       // Sizes.
       {"NotSquare",
        [](const scratch_folder& d) {
@@ -259,7 +274,36 @@ const std::vector<error_case>& error_cases() {
        "in.npy --group-mode 1 --max-seed 0",
        2,
        {"--max-seed 0: must be at least 1"}},
-      {"InfiniteSigma", write_halves, "in.npy --sigma inf", 2, {"--sigma inf: must be finite"}},
+      // Numbers in the program's own words, one line each.
+      {"InfiniteSigma", write_halves, "in.npy --sigma inf", 2, {"--sigma inf: expected a finite"}},
+      {"NotANumberSigma",
+       write_halves,
+       "in.npy --sigma nan",
+       2,
+       {"--sigma nan: expected a finite number"}},
+      {"WholeNumberOutOfRange",
+       write_halves,
+       "in.npy --small-size 99999999999",
+       2,
+       {"--small-size 99999999999: expected a whole number from -2147483648 to 2147483647"}},
+      {"MisspeltOption", write_halves, "in.npy --sigmaa 3", 2, {"--sigmaa; did you mean --sigma?"}},
+      {"OptionTwice",
+       write_halves,
+       "in.npy --sigma 3 --sigma 4",
+       2,
+       {"--sigma is given more than once"}},
+      {"SecondImage", write_halves, "in.npy in.npy", 2, {"unexpected argument 'in.npy'"}},
+      {"FourDimensionalNiftiWithoutVolume",
+       [](const scratch_folder& d) { write_nifti_4d(d / "in.nii", 3); },
+       "in.nii",
+       2,
+       {"holds 3 volumes (4-D)", "--volume K (0 to 2)"}},
+      {"VolumeOutsideTheFile",
+       [](const scratch_folder& d) { write_nifti_4d(d / "in.nii", 3); },
+       "in.nii --volume 3",
+       2,
+       {"--volume 3 is not among its 3 volumes"}},
+      {"VolumeOfA2dImage", write_halves, "in.npy --volume 0", 2, {"not one"}},
   };
   return cases;
 }
@@ -348,17 +392,41 @@ TEST(Help, ExplainsEveryOptionAndExitsZero) {
   const auto result = testing::run_tool(dir, "--help");
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "");
-  for (const char* option : {"--labels",        "--frames",       "--regions",
-                             "--save-input",    "--no-display",   "--quiet",
-                             "--frame-budget",  "--fit",          "--slice",
-                             "--rescale",       "--max-level",    "--lim-oct-level",
-                             "--init-level",    "--group-mode",   "--max-seed",
-                             "--use-all-seeds", "--pred-choice",  "--interval-length",
-                             "--rejection",     "--sigma",        "--threshold-row",
-                             "--pseudo-factor", "--small-size",   "--statistic-update",
-                             ".nii.gz",         ".gif",           "Exit status",
-                             "--overlay",       "--version",      "percentiles",
-                             "--threads",       "with a warning", "--memory-limit"})
+  for (const char* option : {"--labels",
+                             "--frames",
+                             "--regions",
+                             "--save-input",
+                             "--no-display",
+                             "--quiet",
+                             "--frame-budget",
+                             "--fit",
+                             "--slice",
+                             "--rescale",
+                             "--max-level",
+                             "--lim-oct-level",
+                             "--init-level",
+                             "--group-mode",
+                             "--max-seed",
+                             "--use-all-seeds",
+                             "--pred-choice",
+                             "--interval-length",
+                             "--rejection",
+                             "--sigma",
+                             "--threshold-row",
+                             "--pseudo-factor",
+                             "--small-size",
+                             "--statistic-update",
+                             ".nii.gz",
+                             ".gif",
+                             "Exit status",
+                             "--overlay",
+                             "--version",
+                             "percentiles",
+                             "--threads",
+                             "with a warning",
+                             "--memory-limit",
+                             "--volume",
+                             ".jpg"})
     EXPECT_NE(result.out.find(option), std::string::npos) << option;
 }
 

@@ -11,7 +11,9 @@ namespace splitmerge::tool::testing {
 struct tool_result {
   int status = -1;  // the exit status
   std::string out;  // standard output
-  std::string err;  // standard error
+  std::string err;  // standard error, without the summary line
+  // The last line of a run that succeeded: "splitmerge: N regions in S s (...)".
+  std::string summary;
 };
 
 // A fresh folder under the system's temporary folder, removed afterwards.
