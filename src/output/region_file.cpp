@@ -1,5 +1,6 @@
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 
@@ -51,7 +52,9 @@ std::int32_t save_regionlist(run_context& ctx, regionlist head, const char* path
   const bool write_failed = std::ferror(file) != 0;
   if (std::fclose(file) != 0 || write_failed) {
     struct stat written {};
+    const int reason = errno;  // the caller may report why the write failed
     if (::stat(path, &written) == 0 && S_ISREG(written.st_mode)) std::remove(path);
+    errno = reason;
     return status_no_file;
   }
   return 0;
