@@ -188,7 +188,7 @@ TEST(SequentialGrouping, AcceptingEveryCandidateGrowsDepthFirst) {
   assign_classes(run.ctx, head, {0x11, 0x12, 0x13, 0x14, 0x20, 0x30, 0x40});
   std::string printed;
   run.ctx.out = [&](std::string_view s) { printed.append(s); };
-  block* result = sequential_grouping(run.ctx, head);
+  block* result = sequential_grouping(run.ctx, head).value;
   EXPECT_EQ(printed, "finished sequential grouping\n");
   EXPECT_EQ(result->code, 0x20u);
   EXPECT_EQ(chain(run.ctx, result),
@@ -204,7 +204,7 @@ TEST(SequentialGrouping, TwoClasses) {
   prepared_run run = plane_example();
   block* head = build_regions(run);
   assign_classes(run.ctx, head, pixels_class);
-  block* result = sequential_grouping(run.ctx, head);
+  block* result = sequential_grouping(run.ctx, head).value;
   EXPECT_EQ(result->code, 0x20u);
   EXPECT_EQ(chain(run.ctx, result), (std::vector<std::uint32_t>{0x20, 0x40, 0x30}));
   EXPECT_EQ(neighbours(run.ctx, result).size(), 3u);
@@ -230,7 +230,7 @@ TEST(SequentialGrouping, WalkNumbersStartAgainWhenTheyRunOut) {
   assign_classes(run.ctx, head, pixels_class);
   for (block* h = head; h != nullptr; h = run.ctx.block_at(h->next_region)) h->visit = 1;
   run.ctx.visit = (std::uint32_t{1} << 24) - 1;
-  block* result = sequential_grouping(run.ctx, head);
+  block* result = sequential_grouping(run.ctx, head).value;
   EXPECT_EQ(run.ctx.visit, 2u) << "two walks after the new start";
   EXPECT_EQ(chain(run.ctx, result), (std::vector<std::uint32_t>{0x20, 0x40, 0x30}));
   EXPECT_EQ(resolved_neighbours(run.ctx, result), (std::vector<std::uint32_t>{0x11, 0x11, 0x11}));
@@ -246,7 +246,7 @@ TEST(SequentialGrouping, DisplayPaintsEachTurnInItsColour) {
   prepared_run run = plane_example();
   block* head = build_regions(run);
   assign_classes(run.ctx, head, pixels_class);
-  block* result = sequential_grouping_disp(run.ctx, head);
+  block* result = sequential_grouping_disp(run.ctx, head).value;
   EXPECT_EQ(run.ctx.cur_color, 2) << "two turns: 0x20 and 0x11";
   const std::int32_t* f = run.ctx.smg_disp_cur->pixels;
   for (int y = 0; y < 4; ++y)
