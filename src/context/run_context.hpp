@@ -137,6 +137,16 @@ class run_context {
   // --- interruption by the caller ---
   std::function<bool()> interrupt;
   bool interrupted = false;
+  // Items (blocks, regions, entries) a phase works through between two polls;
+  // tests make it 1 so that every poll point is reached.
+  std::uint32_t poll_interval = 4096;
+  std::uint32_t polls_due = 0;
+  // Polls the caller every poll_interval calls: cheap enough for inner loops.
+  bool interrupt_due() {
+    if (++polls_due < poll_interval) return false;
+    polls_due = 0;
+    return interrupt_requested();
+  }
   // Polls the caller once; stays true once the caller asked to stop.
   bool interrupt_requested() {
     if (!interrupted && interrupt) interrupted = interrupt();

@@ -95,19 +95,11 @@ std::uint32_t next_visit(run_context& ctx, regionlist heads) noexcept;
 void unite(run_context& ctx, block* a, block* b, nb_node* e) noexcept;
 void unite_disp(run_context& ctx, block* a, block* b, nb_node* e) noexcept;
 
-// Both fail with status_no_memory (a compacted list could not be had) or
+// Both fail with status_no_memory (fresh entries for a list could not be had) or
 // status_interrupted; the caller then releases the list it passed in.
 list_result<regionlist> sequential_grouping(run_context& ctx, regionlist head) noexcept;
 list_result<regionlist> sequential_grouping_disp(run_context& ctx, regionlist head) noexcept;
 
-// Moves r's list into one run of fresh consecutive entries, in the same
-// order, and releases the old ones; false (the list unchanged) when the
-// entries cannot be had.
-bool compact_list(run_context& ctx, block* r) noexcept;
-
-// Work between two polls of the caller's interrupt: blocks, regions or
-// entries, whichever a phase counts.
-inline constexpr std::uint32_t poll_interval = 4096;
 list_result<regionlist> parallel_grouping(run_context& ctx, regionlist head);
 list_result<regionlist> parallel_grouping_disp(run_context& ctx, regionlist head);
 

@@ -8,28 +8,103 @@ namespace splitmerge {
 
 namespace {
 
+// The list a region keeps as it grows, built while its old list is walked.
+// Kept entries are copied into fresh consecutive entries, so that the later
+// phases, which walk the final lists many times, read them in memory order;
+// the old entries go. Nothing else takes entries during the grouping, so the
+// fresh ones are consecutive. Beyond the entries a run's memory is planned
+// for (two per voxel face), entries stay where they are, in the same order.
+class kept_list {
+ public:
+  explicit kept_list(run_context& ctx) noexcept
+      : ctx_(ctx),
+        planned_(2 * (ctx.im_format_z > 1 ? std::uint64_t{3} : std::uint64_t{2}) *
+                     static_cast<std::uint64_t>(ctx.voxels_image) +
+                 2) {}
+
+  // Appends e (or its copy) and returns the entry that followed e; false in
+  // `ok` when no fresh entry could be had (the lists are then left whole).
+  nb_node* keep(nb_node* e, bool& ok) noexcept {
+    nb_node* const next = ctx_.entry_at(e->next);
+    nb_node* kept = e;
+    if (std::uint64_t{ctx_.entries.end()} < planned_) {
+      const entry_id fresh = ctx_.entries.obtain_range(1);
+      if (fresh == 0) {
+        ok = false;
+        return e;
+      }
+      kept = ctx_.entry_at(fresh);
+      kept->region = e->region;
+      release_entry(ctx_, e);
+    }
+    append(kept);
+    return next;
+  }
+
+  // Ends r's list with the entries kept, then `rest` (the part not walked).
+  void finish(block* r, nb_node* rest) noexcept {
+    if (rest != nullptr) {
+      append(rest);
+      while (rest->next != 0) rest = ctx_.entry_at(rest->next);
+      tail_ = rest;
+    }
+    if (tail_ != nullptr) tail_->next = 0;
+    r->nb_pointers[0] = ctx_.id(first_);
+    r->nb_pointers[1] = ctx_.id(tail_);
+  }
+
+ private:
+  void append(nb_node* e) noexcept {
+    if (tail_ != nullptr) {
+      tail_->next = ctx_.id(e);
+    } else {
+      first_ = e;
+    }
+    tail_ = e;
+  }
+
+  run_context& ctx_;
+  const std::uint64_t planned_;
+  nb_node* first_ = nullptr;
+  nb_node* tail_ = nullptr;
+};
+
 // Grows r over its list. Each region met is marked with this walk's number,
-// so a later entry for it is a repeat and goes.
+// so a later entry for it is a repeat and goes. Ends early with
+// status_no_memory or status_interrupted (r's list is then whole again).
 template <bool Display>
-void grow(run_context& ctx, block* r, regionlist heads) noexcept {
+std::int32_t grow(run_context& ctx, block* r, regionlist heads) noexcept {
   const std::uint32_t visit = next_visit(ctx, heads);
-  nb_node* prev = nullptr;
+  kept_list kept(ctx);
+  bool ok = true;
+  std::int32_t status = 0;
   nb_node* e = ctx.entry_at(r->nb_pointers[0]);
   while (e != nullptr) {
+    if (ctx.interrupt_due()) {
+      status = status_interrupted;
+      break;
+    }
     block* n = resolve(ctx, e);
     if (n == r || n->visit == visit) {
-      e = remove_entry(ctx, r, prev, e);
+      nb_node* const next = ctx.entry_at(e->next);
+      release_entry(ctx, e);
+      e = next;
     } else if ((n->status & 2u) != 0 || !joins_region(ctx, r, n)) {
       n->visit = visit;
-      prev = e;
-      e = ctx.entry_at(e->next);
+      e = kept.keep(e, ok);
+      if (!ok) {
+        status = status_no_memory;
+        break;
+      }
     } else if constexpr (Display) {
       unite_disp(ctx, r, n, e);  // e now names n's first neighbour: try it next
     } else {
       unite(ctx, r, n, e);
     }
   }
+  kept.finish(r, e);
   r->status = 2;
+  return status;
 }
 
 template <bool Display>
@@ -38,17 +113,13 @@ list_result<regionlist> sequential_phase(run_context& ctx, regionlist head) noex
   while (r->region_pointer == 0) r = ctx.block_at(r->next_region);
   block* const result = r;
   if constexpr (Display) ctx.cur_color = 0;
-  std::uint32_t polls = 0;
   for (;;) {
     if constexpr (Display) smg_dfill_region(ctx, ctx.cur_color, r);
     if ((r->status & 2u) == 0) {
-      grow<Display>(ctx, r, result);
-      // r's list is final now (a grown region is never united into another
-      // here); later phases walk it many times.
-      if (!compact_list(ctx, r)) return list_result<regionlist>::failure(status_no_memory);
+      if (const std::int32_t status = grow<Display>(ctx, r, result); status != 0)
+        return list_result<regionlist>::failure(status);
     }
-    if (++polls % poll_interval == 0 && ctx.interrupt_requested())
-      return list_result<regionlist>::failure(status_interrupted);
+    if (ctx.interrupt_due()) return list_result<regionlist>::failure(status_interrupted);
     if constexpr (Display) ++ctx.cur_color;
     block* nx = ctx.block_at(r->next_region);
     while (nx != nullptr && nx->region_pointer == 0) nx = ctx.block_at(nx->next_region);

@@ -51,30 +51,6 @@ std::uint32_t next_visit(run_context& ctx, regionlist heads) noexcept {
   return ++ctx.visit;
 }
 
-bool compact_list(run_context& ctx, block* r) noexcept {
-  std::uint32_t n = 0;
-  for (entry_id i = r->nb_pointers[0]; i != 0; i = ctx.entry_at(i)->next) ++n;
-  if (n == 0) return true;
-  // Entries beyond two per voxel face (what a run's memory is planned for)
-  // are never taken: the list then stays where it is, with the same order.
-  const std::uint64_t faces = ctx.im_format_z > 1 ? 3 : 2;
-  const std::uint64_t planned = 2 * faces * static_cast<std::uint64_t>(ctx.voxels_image) + 2;
-  if (std::uint64_t{ctx.entries.end()} + n > planned) return true;
-  const entry_id base = ctx.entries.obtain_range(n);
-  if (base == 0) return false;
-  nb_node* const fresh = ctx.entry_at(base);
-  entry_id old = r->nb_pointers[0];
-  for (std::uint32_t j = 0; j < n; ++j) {
-    nb_node* e = ctx.entry_at(old);
-    old = e->next;
-    fresh[j] = nb_node{e->region, j + 1 < n ? base + j + 1 : 0};
-    release_entry(ctx, e);
-  }
-  r->nb_pointers[0] = base;
-  r->nb_pointers[1] = base + n - 1;
-  return true;
-}
-
 nb_node* remove_entry(run_context& ctx, block* r, nb_node* prev, nb_node* e) noexcept {
   const entry_id next = e->next;
   if (prev != nullptr) {
