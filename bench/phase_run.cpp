@@ -137,7 +137,12 @@ phase_result time_phases(const run_arguments& args, std::int32_t* labels, bool c
     if (head->nb_pointers[0] == 0) {
       r.regions = 1;
     } else {
-      if (args.small_size != 0) region_elimination(ctx, head);
+      if (args.small_size != 0) {
+        if (const std::int32_t status = region_elimination(ctx, head); status != 0) {
+          free_regionlist(ctx, head);
+          return fail(status);
+        }
+      }
       timer.lap(phase::elimination);
       head = clean_regionlist(ctx, head);
       timer.lap(phase::cleaning);

@@ -119,6 +119,9 @@ class run_context {
   std::int32_t* hulp_array = nullptr;
 
   // --- region list finishing ---
+  // Entries the elimination walks in a list before it asks its index (tests
+  // vary it: the results never depend on it).
+  std::uint32_t elimination_walk = 32;
   std::int32_t number_regions = 0;
   // Number of the latest neighbour list walk that marks the regions it meets.
   std::uint32_t visit = 0;

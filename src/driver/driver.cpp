@@ -98,10 +98,11 @@ list_result<regionlist> split_merge_at(run_context& ctx, std::int32_t display) {
   if (head->nb_pointers[0] == 0) return result{head, 0};
 
   if (ctx.small_size != 0) {
-    if (display != 0) {
-      region_elimination_disp(ctx, head);
-    } else {
-      region_elimination(ctx, head);
+    const std::int32_t eliminated =
+        display != 0 ? region_elimination_disp(ctx, head) : region_elimination(ctx, head);
+    if (eliminated != 0) {
+      free_regionlist(ctx, head);
+      return result::failure(eliminated);
     }
     ctx.print("finished small region elimination\n");
     if (stop(head)) return result::failure(status_interrupted);
