@@ -82,7 +82,7 @@ std::size_t elimination_index::find(block_id owner, block_id named) const noexce
 
 entry_id elimination_index::first_of(block_id owner, block_id named) const noexcept {
   if (direct_[named].owner == owner) return direct_[named].first;
-  return used_ == 0 ? 0 : slots_[find(owner, named)].first;
+  return (marks_[named] & in_table) == 0 ? 0 : slots_[find(owner, named)].first;
 }
 
 // Each pair (owner, named) has one slot: the direct one, or one in the table.
@@ -96,7 +96,7 @@ bool elimination_index::note(block_id owner, nb_node* e) noexcept {
   // A direct slot of an absorbed owner is never asked again and may be taken,
   // unless the pair already lives in the table.
   const bool taken = d.first != 0 && ctx_.block_at(d.owner)->region_pointer != 0;
-  if (!taken && (used_ == 0 || slots_[find(owner, named)].first == 0)) {
+  if (!taken && ((marks_[named] & in_table) == 0 || slots_[find(owner, named)].first == 0)) {
     d = direct_slot{owner, ctx_.id(e)};
     return true;
   }
@@ -105,6 +105,7 @@ bool elimination_index::note(block_id owner, nb_node* e) noexcept {
   if (s.first == 0) {
     s = slot{owner, named, ctx_.id(e)};
     ++used_;
+    marks_[named] |= in_table;
   } else if (order_of(e) < order_of(ctx_.entry_at(s.first))) {
     s.first = ctx_.id(e);
   }
@@ -126,7 +127,7 @@ bool elimination_index::index_list(block* owner) noexcept {
     order_of(e) = order;
     if (!note(id, e)) return false;
   }
-  marks_[id] = 1;
+  marks_[id] |= indexed_list;
   return true;
 }
 

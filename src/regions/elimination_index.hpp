@@ -61,7 +61,7 @@ class elimination_index {
   [[nodiscard]] entry_id first_of(block_id owner, block_id named) const noexcept;
   bool grow(std::size_t extra) noexcept;
   bool indexed(const block* owner) const noexcept {
-    return marks_ != nullptr && marks_[ctx_.id(owner)] != 0;
+    return marks_ != nullptr && (marks_[ctx_.id(owner)] & indexed_list) != 0;
   }
   bool index_list(block* owner) noexcept;
 
@@ -70,8 +70,12 @@ class elimination_index {
   // Order keys by entry index: they compare positions within one list.
   std::uint64_t* orders_ = nullptr;
   direct_slot* direct_ = nullptr;  // by named block
-  std::uint8_t* marks_ = nullptr;  // by block: 1 when its list is indexed
-  std::size_t capacity_ = 0;       // a power of two
+  // By block: whether its list is indexed, and whether the table holds pairs
+  // naming it (else no lookup there is needed).
+  static constexpr std::uint8_t indexed_list = 1;
+  static constexpr std::uint8_t in_table = 2;
+  std::uint8_t* marks_ = nullptr;
+  std::size_t capacity_ = 0;  // a power of two
   std::size_t used_ = 0;
 };
 
