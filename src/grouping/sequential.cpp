@@ -72,6 +72,16 @@ class kept_list {
 // Grows r over its list. Each region met is marked with this walk's number,
 // so a later entry for it is a repeat and goes. Ends early with
 // status_no_memory or status_interrupted (r's list is then whole again).
+// Entries ahead of the one being tested whose regions are fetched early: the
+// walk waits on one region record after the other otherwise.
+constexpr int lookahead = 12;
+
+// The entry `lookahead` places after e (or none).
+nb_node* look_ahead_of(const run_context& ctx, nb_node* e) noexcept {
+  for (int i = 0; i < lookahead && e != nullptr; ++i) e = ctx.entry_at(e->next);
+  return e;
+}
+
 template <bool Display>
 std::int32_t grow(run_context& ctx, block* r, regionlist heads) noexcept {
   const std::uint32_t visit = next_visit(ctx, heads);
@@ -79,7 +89,13 @@ std::int32_t grow(run_context& ctx, block* r, regionlist heads) noexcept {
   bool ok = true;
   std::int32_t status = 0;
   nb_node* e = ctx.entry_at(r->nb_pointers[0]);
+  // Always later in the list than e, so never an entry released by the walk.
+  nb_node* ahead = look_ahead_of(ctx, e);
   while (e != nullptr) {
+    if (ahead != nullptr) {
+      __builtin_prefetch(ctx.block_at(ahead->region));
+      ahead = ctx.entry_at(ahead->next);
+    }
     if (ctx.interrupt_due()) {
       status = status_interrupted;
       break;
@@ -96,10 +112,13 @@ std::int32_t grow(run_context& ctx, block* r, regionlist heads) noexcept {
         status = status_no_memory;
         break;
       }
-    } else if constexpr (Display) {
-      unite_disp(ctx, r, n, e);  // e now names n's first neighbour: try it next
     } else {
-      unite(ctx, r, n, e);
+      if constexpr (Display) {
+        unite_disp(ctx, r, n, e);  // e now names n's first neighbour: try it next
+      } else {
+        unite(ctx, r, n, e);
+      }
+      ahead = look_ahead_of(ctx, e);  // n's entries now follow e
     }
   }
   kept.finish(r, e);
