@@ -229,6 +229,23 @@ TEST(LabelImage, TwoRegionsOfSeveralBlockSizes) {
   free_regionlist(run.ctx, head);
 }
 
+// Blocks reach their heads by forwarding links; a list whose blocks do not
+// (built by hand) is painted along its chains, with the same labels.
+TEST(LabelImage, ForwardingLinksAndChainsGiveTheSameLabels) {
+  prepared_run run = plane_example();
+  block* head = two_regions(run);
+  std::vector<std::int32_t> forwarded(16, -7);
+  ASSERT_EQ(make_output(run.ctx, head, forwarded.data()), 0);
+  block* absorbed = run.ctx.block_at(head->next_block);
+  const block_id absorber = absorbed->nb_pointers[1];
+  absorbed->nb_pointers[1] = 0;  // no longer names its absorber
+  std::vector<std::int32_t> painted(16, -7);
+  ASSERT_EQ(make_output(run.ctx, head, painted.data()), 0);
+  absorbed->nb_pointers[1] = absorber;
+  EXPECT_EQ(painted, forwarded);
+  free_regionlist(run.ctx, head);
+}
+
 TEST(LabelImage, AVolumeBlockCoversAllItsSlices) {
   // 8x8x2, lim_oct_level 2: a level-3 block spans both slices.
   std::vector<std::int32_t> img(128, 9);

@@ -42,9 +42,11 @@ std::size_t counted_size(std::size_t bytes, std::size_t granule, std::size_t sma
 // Record arenas are read at random all through a run, and grow in order:
 // on large pages they miss the address cache far less, and take a page
 // fault per 2 MiB instead of per 4 KiB. Only a hint; the system may refuse.
+// Small images' arenas stay on small pages: zeroing a whole large page for a
+// few hundred records costs more than it saves.
 void prefer_large_pages(void* p, std::size_t bytes) noexcept {
   constexpr std::uintptr_t large_page = std::uintptr_t{2} << 20;
-  if (!SPLITMERGE_POOL || bytes < 2 * large_page) return;
+  if (!SPLITMERGE_POOL || bytes < 32 * large_page) return;
   const auto begin = (reinterpret_cast<std::uintptr_t>(p) + large_page - 1) & ~(large_page - 1);
   const auto end = (reinterpret_cast<std::uintptr_t>(p) + bytes) & ~(large_page - 1);
   if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);

@@ -77,18 +77,33 @@ leaf_box box_of(const run_context& ctx, const block* b, std::int32_t lvl) noexce
           lvl > ctx.lim_oct_level ? 1 << (lvl - ctx.lim_oct_level) : 1};
 }
 
+// Writes each leaf's position where the leaves after it look: its last
+// column, last row and (in a volume) last slice, the pixels across the
+// lower faces of the leaves that follow it. The rest of the image is never
+// read, so large blocks cost their surface, not their volume.
 template <class Code>
 void paint_positions(const run_context& ctx, const leaf_raster& raster, std::size_t parts) {
+  const std::int32_t xy = ctx.im_format_xy;
+  const std::int32_t slice = ctx.voxels_slice;
+  const bool volume = ctx.im_format_z > 1;
   run_parts(parts, [&](std::size_t t) {
     const std::size_t end = part_begin(raster.count, parts, t + 1);
     for (std::size_t p = part_begin(raster.count, parts, t); p < end; ++p) {
       const leaf_box box = box_of<Code>(ctx, raster.leaves[p], raster.levels[p]);
       const auto value = static_cast<std::uint32_t>(p);
-      std::uint32_t* slice = raster.position + box.at;
-      for (std::int32_t z = 0; z < box.depth; ++z, slice += ctx.voxels_slice) {
-        std::uint32_t* row = slice;
-        for (std::int32_t y = 0; y < box.side; ++y, row += ctx.im_format_xy)
-          std::fill(row, row + box.side, value);
+      std::uint32_t* const first = raster.position + box.at;
+      if (box.side == 1 && box.depth == 1) {
+        *first = value;
+        continue;
+      }
+      for (std::int32_t z = 0; z < box.depth; ++z) {
+        std::uint32_t* const layer = first + z * slice;
+        for (std::int32_t y = 0; y < box.side; ++y) layer[y * xy + box.side - 1] = value;
+        std::fill_n(layer + (box.side - 1) * xy, box.side, value);
+      }
+      if (volume) {
+        std::uint32_t* const last = first + (box.depth - 1) * slice;
+        for (std::int32_t y = 0; y < box.side; ++y) std::fill_n(last + y * xy, box.side, value);
       }
     }
   });
