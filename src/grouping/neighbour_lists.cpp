@@ -56,25 +56,56 @@ void make_initial_regions(run_context& ctx, block* first, block** table, block*&
   }
 }
 
-// The leaves in chain order, their block indices and levels, and by pixel
-// the chain position of the leaf that covers it.
+// The leaves in chain order, their block indices and levels, and by cell
+// the chain position of the leaf that covers it. The cells are as large as
+// the smallest leaf (every leaf is aligned to its size), so an image of few
+// large blocks needs a small image of positions.
 struct leaf_raster {
   block** leaves = nullptr;
   block_id* ids = nullptr;
   std::uint8_t* levels = nullptr;
-  std::uint32_t* position = nullptr;  // by pixel
+  std::uint32_t* position = nullptr;  // by cell
   std::size_t count = 0;
+  std::int32_t shift_xy = 0;  // log2 of a cell's side in pixels
+  std::int32_t shift_z = 0;   // log2 of a cell's depth in slices
+  std::int32_t xy = 0;        // cells along x (and y)
+  std::int32_t slice = 0;     // cells in a slice
+  std::size_t cells = 0;
 };
 
-// A leaf's box: first pixel, side and depth (slices).
+// A leaf's box in cells: first cell, its coordinates, side and depth.
 struct leaf_box {
-  std::int32_t at, side, depth;
+  std::int32_t at, x, y, z, side, depth;
 };
 
 template <class Code>
-leaf_box box_of(const run_context& ctx, const block* b, std::int32_t lvl) noexcept {
-  return {ctx.first_pixel<Code>(ctx.code_of<Code>(b)), 1 << lvl,
-          lvl > ctx.lim_oct_level ? 1 << (lvl - ctx.lim_oct_level) : 1};
+leaf_box box_of(const run_context& ctx, const leaf_raster& raster, std::size_t p) noexcept {
+  const std::int32_t lvl = raster.levels[p];
+  const std::int32_t first = ctx.first_pixel<Code>(ctx.code_of<Code>(raster.leaves[p]));
+  const std::int32_t x = (first & (ctx.im_format_xy - 1)) >> raster.shift_xy;
+  const std::int32_t y = ((first / ctx.im_format_xy) & (ctx.im_format_xy - 1)) >> raster.shift_xy;
+  const std::int32_t z = (first / ctx.voxels_slice) >> raster.shift_z;
+  const std::int32_t depth = lvl > ctx.lim_oct_level ? 1 << (lvl - ctx.lim_oct_level) : 1;
+  return {x + y * raster.xy + z * raster.slice,
+          x,
+          y,
+          z,
+          (1 << lvl) >> raster.shift_xy,
+          depth >> raster.shift_z};
+}
+
+// Cells as large as the smallest leaf.
+void shape_cells(const run_context& ctx, leaf_raster& raster) noexcept {
+  std::int32_t smallest = ctx.max_level;
+  for (std::size_t p = 0; p < raster.count; ++p)
+    smallest = std::min<std::int32_t>(smallest, raster.levels[p]);
+  raster.shift_xy = smallest;
+  raster.shift_z =
+      ctx.im_format_z > 1 && smallest > ctx.lim_oct_level ? smallest - ctx.lim_oct_level : 0;
+  raster.xy = ctx.im_format_xy >> raster.shift_xy;
+  raster.slice = raster.xy * raster.xy;
+  raster.cells = static_cast<std::size_t>(raster.slice) *
+                 static_cast<std::size_t>(ctx.im_format_z >> raster.shift_z);
 }
 
 // Writes each leaf's position where the leaves after it look: its last
@@ -83,13 +114,13 @@ leaf_box box_of(const run_context& ctx, const block* b, std::int32_t lvl) noexce
 // read, so large blocks cost their surface, not their volume.
 template <class Code>
 void paint_positions(const run_context& ctx, const leaf_raster& raster, std::size_t parts) {
-  const std::int32_t xy = ctx.im_format_xy;
-  const std::int32_t slice = ctx.voxels_slice;
+  const std::int32_t xy = raster.xy;
+  const std::int32_t slice = raster.slice;
   const bool volume = ctx.im_format_z > 1;
   run_parts(parts, [&](std::size_t t) {
     const std::size_t end = part_begin(raster.count, parts, t + 1);
     for (std::size_t p = part_begin(raster.count, parts, t); p < end; ++p) {
-      const leaf_box box = box_of<Code>(ctx, raster.leaves[p], raster.levels[p]);
+      const leaf_box box = box_of<Code>(ctx, raster, p);
       const auto value = static_cast<std::uint32_t>(p);
       std::uint32_t* const first = raster.position + box.at;
       if (box.side == 1 && box.depth == 1) {
@@ -138,8 +169,8 @@ std::uint32_t leaves_across(const std::uint32_t* position, std::int32_t first, s
 template <class Code>
 void find_pairs(const run_context& ctx, const leaf_raster& raster, const std::size_t* part_start,
                 std::size_t parts, pair_table& pairs) {
-  const std::int32_t xy = ctx.im_format_xy;
-  const std::int32_t slice = ctx.voxels_slice;
+  const std::int32_t xy = raster.xy;
+  const std::int32_t slice = raster.slice;
   run_parts(parts, [&](std::size_t t) {
     const std::size_t begin = part_begin(raster.count, parts, t);
     const std::size_t end = part_begin(raster.count, parts, t + 1);
@@ -148,10 +179,10 @@ void find_pairs(const run_context& ctx, const leaf_raster& raster, const std::si
       pairs.found_begin[p] = static_cast<std::uint32_t>(at);
       std::uint32_t* found = pairs.found + at;
       std::uint32_t n = 0;
-      const leaf_box box = box_of<Code>(ctx, raster.leaves[p], raster.levels[p]);
-      const std::int32_t x = box.at & (xy - 1);
-      const std::int32_t y = (box.at / xy) & (xy - 1);
-      const std::int32_t z = box.at / slice;
+      const leaf_box box = box_of<Code>(ctx, raster, p);
+      const std::int32_t x = box.x;
+      const std::int32_t y = box.y;
+      const std::int32_t z = box.z;
       if (box.side == 1 && box.depth == 1) {
         // Most leaves are single pixels: one neighbour per lower face.
         if (x > 0) found[n++] = raster.position[box.at - 1];
@@ -222,18 +253,16 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
 
   leaf_raster index;
   for (const block* b = first; b != nullptr; b = ctx.block_at(b->next_block)) ++index.count;
-  const auto voxels = static_cast<std::size_t>(ctx.voxels_image);
   const std::size_t ids = ctx.blocks.end();
   auto* scratch = static_cast<std::uint32_t*>(ctx.allocator.allocate_uninitialised(
-      index.count * (sizeof(block*) + 3 * sizeof(std::uint32_t) + 1) +
-          (voxels + ids) * sizeof(std::uint32_t) + sizeof(block*),
+      index.count * (sizeof(block*) + 3 * sizeof(std::uint32_t) + 1) + ids * sizeof(std::uint32_t) +
+          sizeof(block*),
       alloc_site::leaf_index));
   if (scratch == nullptr) return fail(nullptr);
   index.leaves = reinterpret_cast<block**>(scratch);
   index.ids = reinterpret_cast<block_id*>(index.leaves + index.count);
-  index.position = index.ids + index.count;
   pair_table pairs;
-  pairs.found_begin = index.position + voxels;
+  pairs.found_begin = index.ids + index.count;
   pairs.found_count = pairs.found_begin + index.count;
   pairs.slot = pairs.found_count + index.count;
   index.levels = reinterpret_cast<std::uint8_t*>(pairs.slot + ids);
@@ -246,6 +275,10 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
       index.levels[i] = static_cast<std::uint8_t>(level<Code>(ctx, ctx.code_of<Code>(b)));
     }
   }
+  shape_cells(ctx, index);
+  index.position = static_cast<std::uint32_t*>(ctx.allocator.allocate_uninitialised(
+      index.cells * sizeof(std::uint32_t), alloc_site::leaf_index));
+  if (index.position == nullptr) return fail(scratch);
 
   // Where each part writes its finds: three per pixel of the leaves before it.
   const std::size_t parts = parts_for(index.count, thread_count(ctx.threads), ctx.thread_grain);
@@ -261,9 +294,13 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   // Only what is written becomes memory: the bound is rarely reached.
   pairs.found = static_cast<block_id*>(ctx.allocator.allocate_uninitialised(
       3 * static_cast<std::size_t>(ctx.voxels_image) * sizeof(block_id), alloc_site::leaf_index));
-  if (pairs.found == nullptr) return fail(scratch);
+  if (pairs.found == nullptr) {
+    ctx.allocator.release(index.position);
+    return fail(scratch);
+  }
   paint_positions<Code>(ctx, index, parts);
   find_pairs<Code>(ctx, index, part_start, parts, pairs);
+  ctx.allocator.release(index.position);
 
   std::size_t total = 0;
   for (std::size_t p = 0; p < index.count; ++p) {
