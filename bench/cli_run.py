@@ -4,7 +4,8 @@
         --name NAME --reps N --work FOLDER [-- EXTRA CLI OPTIONS]
 
 Each repetition is one process, ``splitmerge IMAGE --labels FOLDER/labels.png``
-under ``/usr/bin/time -v``: the wall time, taken around the process, covers
+(or ``labels.npy`` with ``--labels-format npy``; ``--threads`` and
+``--group-mode`` are passed on and recorded) under ``/usr/bin/time -v``: the wall time, taken around the process, covers
 reading the image, the run and writing the labels; the peak is the process's
 peak resident memory from /usr/bin/time. Prints one JSON line like the C++ benchmark programs (medians over the repetitions, the
 largest peak, and the region count from one more, untimed run writing the labels
@@ -12,6 +13,7 @@ as .npy, since the .png holds palette colours), or, when the program refuses
 the image, a line with its message as the note.
 """
 import argparse
+import hashlib
 import json
 import os
 import re
@@ -45,13 +47,25 @@ def main() -> None:
     parser.add_argument("--name", required=True)
     parser.add_argument("--reps", type=int, default=3)
     parser.add_argument("--work", required=True)
+    parser.add_argument("--labels-format", default="png",
+                        help="png (palette colours) or npy (int32, as segment() gives them)")
+    parser.add_argument("--threads", type=int, help="passed on and recorded")
+    parser.add_argument("--group-mode", type=int, help="passed on and recorded")
     parser.add_argument("extra", nargs="*")
     args = parser.parse_args()
 
-    labels = os.path.join(args.work, "labels.png")
-    command = [args.program, args.image, "--labels", labels, *args.extra]
-    line = {"kind": "cli", "name": args.name, "command": " ".join(
-        ["splitmerge", os.path.basename(args.image), "--labels", "labels.png", *args.extra])}
+    labels = os.path.join(args.work, "labels." + args.labels_format)
+    extra = list(args.extra)
+    line = {"kind": "cli", "name": args.name}
+    if args.threads is not None:
+        extra += ["--threads", str(args.threads)]
+        line["threads"] = args.threads
+    if args.group_mode is not None:
+        extra += ["--group-mode", str(args.group_mode)]
+        line["group_mode"] = args.group_mode
+    command = [args.program, args.image, "--labels", labels, *extra]
+    line["command"] = " ".join(["splitmerge", os.path.basename(args.image), "--labels",
+                                os.path.basename(labels), *extra])
     os.makedirs(args.work, exist_ok=True)
     try:
         times, peaks = [], []
@@ -60,7 +74,7 @@ def main() -> None:
             times.append(seconds)
             peaks.append(peak)
         label_array = os.path.join(args.work, "labels.npy")
-        timed_run([args.program, args.image, "--labels", label_array, "--quiet", *args.extra])
+        timed_run([args.program, args.image, "--labels", label_array, "--quiet", *extra])
         image = np.load(label_array)
         line.update({
             "voxels": int(image.size),
@@ -70,6 +84,7 @@ def main() -> None:
             "min_s": min(times),
             "mvoxels_per_s": image.size / statistics.median(times) / 1e6,
             "regions": int(image.max()) + 1,
+            "labels_checksum": hashlib.md5(image.astype("<i4").tobytes()).hexdigest()[:16],
             "peak_rss_bytes": max(peaks),
         })
     except RuntimeError as error:

@@ -243,9 +243,10 @@ def main():
     except (OSError, ValueError):
         micro = {}
     whole = [r for r in lines if r["kind"] == "whole" and "version" not in r and "size" not in r]
-    versions = [r for r in lines if r["kind"] == "whole" and "version" in r]
+    versions = [r for r in lines if r["kind"] in ("whole", "cli") and "version" in r
+                and "note" not in r]
     large = [r for r in lines if r["kind"] == "whole" and "size" in r]
-    cli = [r for r in lines if r["kind"] == "cli"]
+    cli = [r for r in lines if r["kind"] == "cli" and "version" not in r]
     phases = [r for r in lines if r["kind"] == "phases"]
     peers = [r for r in lines if r["kind"] == "peer"]
 
@@ -264,7 +265,9 @@ def main():
               "invocation: each invocation's median over its runs, then the median over the "
               "invocations; × is the earlier version's time over this one's. Earlier versions "
               "run single-threaded. Same result: the region counts agree, and where both "
-              "carry a checksum of the label image, the labels too.\n")
+              "carry a checksum of the label image, the labels too. Cases marked (command "
+              "line) time whole processes of the command-line program: reading the .npy, the "
+              "run, writing the labels as .npy.\n")
         versions_table(versions)
     if large or cli:
         print("\nLarge images (display off). The command-line run is timed around the whole "

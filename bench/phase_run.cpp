@@ -126,21 +126,23 @@ phase_result time_phases(const run_arguments& args, std::int32_t* labels, bool c
       r.neighbour_entries = count_entries(ctx, head);
       timer.resume();
     }
-    if (args.group_mode != 0) {
-      const auto grouped = parallel_grouping(ctx, head);
-      if (check_pointer(grouped) != 0) {
-        free_regionlist(ctx, head);
-        return fail(grouped.status);
-      }
-      head = grouped.value;
-    } else {
-      head = sequential_grouping(ctx, head);
+    const auto grouped =
+        args.group_mode != 0 ? parallel_grouping(ctx, head) : sequential_grouping(ctx, head);
+    if (grouped.status != 0) {
+      free_regionlist(ctx, head);
+      return fail(grouped.status);
     }
+    head = grouped.value;
     timer.lap(phase::grouping);
     if (head->nb_pointers[0] == 0) {
       r.regions = 1;
     } else {
-      if (args.small_size != 0) region_elimination(ctx, head);
+      if (args.small_size != 0) {
+        if (const std::int32_t status = region_elimination(ctx, head); status != 0) {
+          free_regionlist(ctx, head);
+          return fail(status);
+        }
+      }
       timer.lap(phase::elimination);
       head = clean_regionlist(ctx, head);
       timer.lap(phase::cleaning);
@@ -155,7 +157,10 @@ phase_result time_phases(const run_arguments& args, std::int32_t* labels, bool c
     }
   }
   timer.resume();
-  make_output(ctx, head, labels);
+  if (make_output(ctx, head, labels) != 0) {
+    free_regionlist(ctx, head);
+    return fail(status_no_memory);
+  }
   timer.lap(phase::label_image);
   free_variables(ctx);
   ctx.release_records();

@@ -16,7 +16,8 @@
 #   --baseline REV  build the benchmark programs of revision REV in a worktree,
 #                   build/bench/baseline-<commit> (kept and reused), and run the
 #                   whole-run cases with them and with this version in turn,
-#                   invocation by invocation; may be given more than once,
+#                   invocation by invocation, through segment() and as whole
+#                   command-line processes; may be given more than once,
 #                   e.g. --baseline b47ea49 --baseline c80b043
 # The report is also kept in build/bench/report.md; the raw results are in
 # build/bench/results.jsonl and build/bench/micro.json, messages in build/bench/log.txt.
@@ -85,14 +86,17 @@ build_baseline() {
   fi
   echo "bench: building $1 ($commit) in $tree" >&2
   cmake -S "$tree" -B "$tree/build" "${flags[@]}" >>"$log" 2>&1
-  cmake --build "$tree/build" -j 2 --target bench_whole_run >>"$log" 2>&1
+  cmake --build "$tree/build" -j 2 --target bench_whole_run splitmerge_cli >>"$log" 2>&1
   echo "$tree/build/bench/bench_whole_run"
 }
 
 baseline_programs=()
+baseline_clis=()
 baseline_commits=()
 for rev in "${baselines[@]}"; do
-  baseline_programs+=("$(build_baseline "$rev")")
+  program="$(build_baseline "$rev")"
+  baseline_programs+=("$program")
+  baseline_clis+=("$(dirname "$(dirname "$program")")/tools/splitmerge")
   baseline_commits+=("$(git rev-parse --short "$rev^{commit}")")
 done
 now_commit="$(git rev-parse --short HEAD)"
@@ -158,6 +162,33 @@ versus() {
   done
 }
 
+# The standard parameters of the benchmark programs, as command-line options.
+cli_parameters=(--pred-choice 4 --sigma 5 --threshold-row 3 --interval-length 10 --init-level 3
+  --small-size 30 --statistic-update 1 --max-seed 8)
+
+# versus_cli NAME IMAGE ROUNDS: whole command-line processes (reading the
+# .npy, the run, writing the labels as .npy), sequential grouping, by every
+# baseline program and by this version with one thread and with all of
+# them, taking turns process by process.
+versus_cli() {
+  local name="$1 (command line)" image="$2" rounds="$3"
+  local round i
+  echo "bench: versions $name through the command-line program" >&2
+  for ((round = 0; round < rounds; ++round)); do
+    for i in "${!baseline_clis[@]}"; do
+      tagged version "${baseline_commits[$i]}" "$python" bench/cli_run.py \
+        --program "${baseline_clis[$i]}" --image "$data/$image" --name "$name" --reps 1 \
+        --work "$build/cli" --labels-format npy --threads 1 --group-mode 0 -- "${cli_parameters[@]}"
+      tagged version "$now_commit" "$python" bench/cli_run.py --program "$build/tools/splitmerge" \
+        --image "$data/$image" --name "$name" --reps 1 --work "$build/cli" --labels-format npy \
+        --threads 1 --group-mode 0 -- "${cli_parameters[@]}"
+    done
+    tagged version "$now_commit" "$python" bench/cli_run.py --program "$build/tools/splitmerge" \
+      --image "$data/$image" --name "$name" --reps 1 --work "$build/cli" --labels-format npy \
+      --threads 0 --group-mode 0 -- "${cli_parameters[@]}"
+  done
+}
+
 case_runs "brain slice 256²" brain_slice.npy "$(reps 21)" "$(reps 21)"
 case_runs "brain crop 128³" brain_crop.npy "$(reps 5)" "$(reps 3)"
 if [ "$volume" = 1 ]; then
@@ -174,6 +205,10 @@ if [ "${#baselines[@]}" -gt 0 ]; then
   fi
   versus "noise 256²" noise.npy "$(reps 5)" "$(reps 3)" --pred 1 --interval 0
   versus "smooth 256²" smooth.npy "$(reps 21)" "$(reps 5)"
+  versus_cli "brain crop 128³" brain_crop.npy "$(reps 5)"
+  if [ "$volume" = 1 ]; then
+    versus_cli "brain volume 256³" brain_volume.npy "$(reps 3)"
+  fi
 fi
 
 # large NAME SIZE IMAGE REPS [OPTIONS...]: whole runs of a large image, both

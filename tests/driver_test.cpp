@@ -37,6 +37,9 @@ struct run_setup {
   std::int32_t threads = 1;
   // Records per arena request: small, so that failures strike mid-phase.
   std::uint32_t block_chunk = 3, entry_chunk = 5;
+  std::uint32_t elimination_walk = 32;
+  // The poll of the caller's interrupt that asks to stop (0: none).
+  std::uint64_t interrupt_at = 0;
 };
 
 struct run_result {
@@ -47,6 +50,7 @@ struct run_result {
   std::string errors;
   std::int64_t live_after = 0;
   std::uint64_t requests = 0;
+  std::uint64_t polls = 0;
   bool failed_site[alloc_site_count] = {};
 };
 
@@ -58,6 +62,9 @@ run_result run(const run_setup& s, std::uint64_t fail_at = 0) {
   ctx.entries.set_chunk(s.entry_chunk);
   ctx.threads = s.threads;
   ctx.thread_grain = 1;  // split even the smallest images over the threads
+  ctx.elimination_walk = s.elimination_walk;
+  ctx.poll_interval = 1;  // every poll point asks
+  ctx.interrupt = [&r, &s] { return ++r.polls == s.interrupt_at; };
   ctx.out = [&](std::string_view t) { r.printed.append(t); };
   ctx.err = [&](std::string_view t) { r.errors.append(t); };
   ctx.allocator.fail_at(fail_at);
@@ -391,10 +398,8 @@ TEST(FailureSweep, EveryAllocationFailureEndsCleanly) {
       const bool frame_tick = (r.failed_site[static_cast<int>(alloc_site::frame_node)] ||
                                r.failed_site[static_cast<int>(alloc_site::frame_pixels)]) &&
                               k > 2;
-      const bool accelerator = r.failed_site[static_cast<int>(alloc_site::elimination_index)];
-      if (frame_tick || accelerator) {
-        // Recording stops, or the elimination walks its lists instead of
-        // using its index; the run itself goes on unchanged.
+      if (frame_tick) {
+        // Recording stops; the run itself goes on unchanged.
         ASSERT_EQ(r.status, 0) << "allocation " << k;
         ASSERT_EQ(r.labels, reference.labels);
       } else {
@@ -492,8 +497,8 @@ TEST(Threads, PromiseEveryThreadCountGivesTheSameResults) {
 
 TEST(Elimination, OptimisationIndexOfLongListsChangesNothing) {
   // Large regions of a noisy image collect long neighbour lists, which the
-  // elimination looks up through its index; without the index (its memory
-  // refused) it walks the lists, and every result must be the same.
+  // elimination looks up through its index after a short walk; asking the
+  // index at once, or never, must give the same results.
   std::mt19937 rng(77);
   const testing::temp_folder folder;
   for (int trial = 0; trial < 3; ++trial) {
@@ -501,30 +506,54 @@ TEST(Elimination, OptimisationIndexOfLongListsChangesNothing) {
     s.init_level = 2;
     s.interval_length = 12;
     s.small_size = 40;
-    s.display = 0;
+    s.display = trial == 2 ? 1 : 0;
     s.save_flag = 1;
     s.filename = folder.file("index.txt");
-    const auto read_run = [&](std::uint64_t fail_at) {
-      run_result r = run(s, fail_at);
+    std::vector<std::pair<run_result, std::string>> runs;
+    for (const std::uint32_t walk : {0u, 32u, 1u << 30}) {
+      s.elimination_walk = walk;
+      run_result r = run(s);
       std::ifstream in(s.filename);
       std::string file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
       std::filesystem::remove(s.filename);
-      return std::make_pair(r, file);
-    };
-    const auto [reference, reference_file] = read_run(0);
-    ASSERT_EQ(reference.status, 0);
-    bool compared = false;
-    // The index is asked for late in the run: look for its request from the end.
-    for (std::uint64_t k = reference.requests; k > 0 && !compared; --k) {
-      const auto [r, file] = read_run(k);
-      if (!r.failed_site[static_cast<int>(alloc_site::elimination_index)]) continue;
-      compared = true;
+      runs.emplace_back(std::move(r), std::move(file));
+    }
+    for (const auto& [r, file] : runs) {
       EXPECT_EQ(r.status, 0);
-      EXPECT_EQ(r.labels, reference.labels);
-      EXPECT_EQ(file, reference_file);
+      EXPECT_EQ(r.labels, runs.back().first.labels);
+      EXPECT_EQ(r.frames, runs.back().first.frames);
+      EXPECT_EQ(file, runs.back().second);
       EXPECT_EQ(r.live_after, 0);
     }
-    EXPECT_TRUE(compared) << "trial " << trial << ": the index was never asked for";
+  }
+}
+
+TEST(Interrupt, EveryPollThatAsksEndsTheRunWithNothingLeft) {
+  std::mt19937 rng(91);
+  const testing::temp_folder folder;
+  for (const int group_mode : {0, 1}) {
+    run_setup s;
+    s.image = testing::blob_image(rng, 16, 4, 30);
+    s.size_x = 16;
+    s.size_z = 4;
+    s.max_level = 4;
+    s.lim_oct_level = 2;
+    s.init_level = 2;
+    s.group_mode = group_mode;
+    s.small_size = 5;
+    s.display = group_mode;
+    s.save_flag = 1;
+    s.filename = folder.file("interrupt.txt");
+    const run_result reference = run(s);
+    ASSERT_EQ(reference.status, 0);
+    ASSERT_GT(reference.polls, 50u) << "the phases poll as they go";
+    for (std::uint64_t k = 1; k <= reference.polls; ++k) {
+      s.interrupt_at = k;
+      const run_result r = run(s);
+      ASSERT_EQ(r.status, status_interrupted) << "poll " << k;
+      ASSERT_EQ(r.live_after, 0) << "poll " << k;
+      ASSERT_EQ(r.polls, k) << "no poll after the request";
+    }
   }
 }
 

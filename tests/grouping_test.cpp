@@ -188,7 +188,7 @@ TEST(SequentialGrouping, AcceptingEveryCandidateGrowsDepthFirst) {
   assign_classes(run.ctx, head, {0x11, 0x12, 0x13, 0x14, 0x20, 0x30, 0x40});
   std::string printed;
   run.ctx.out = [&](std::string_view s) { printed.append(s); };
-  block* result = sequential_grouping(run.ctx, head);
+  block* result = sequential_grouping(run.ctx, head).value;
   EXPECT_EQ(printed, "finished sequential grouping\n");
   EXPECT_EQ(result->code, 0x20u);
   EXPECT_EQ(chain(run.ctx, result),
@@ -204,7 +204,7 @@ TEST(SequentialGrouping, TwoClasses) {
   prepared_run run = plane_example();
   block* head = build_regions(run);
   assign_classes(run.ctx, head, pixels_class);
-  block* result = sequential_grouping(run.ctx, head);
+  block* result = sequential_grouping(run.ctx, head).value;
   EXPECT_EQ(result->code, 0x20u);
   EXPECT_EQ(chain(run.ctx, result), (std::vector<std::uint32_t>{0x20, 0x40, 0x30}));
   EXPECT_EQ(neighbours(run.ctx, result).size(), 3u);
@@ -230,7 +230,7 @@ TEST(SequentialGrouping, WalkNumbersStartAgainWhenTheyRunOut) {
   assign_classes(run.ctx, head, pixels_class);
   for (block* h = head; h != nullptr; h = run.ctx.block_at(h->next_region)) h->visit = 1;
   run.ctx.visit = (std::uint32_t{1} << 24) - 1;
-  block* result = sequential_grouping(run.ctx, head);
+  block* result = sequential_grouping(run.ctx, head).value;
   EXPECT_EQ(run.ctx.visit, 2u) << "two walks after the new start";
   EXPECT_EQ(chain(run.ctx, result), (std::vector<std::uint32_t>{0x20, 0x40, 0x30}));
   EXPECT_EQ(resolved_neighbours(run.ctx, result), (std::vector<std::uint32_t>{0x11, 0x11, 0x11}));
@@ -246,7 +246,7 @@ TEST(SequentialGrouping, DisplayPaintsEachTurnInItsColour) {
   prepared_run run = plane_example();
   block* head = build_regions(run);
   assign_classes(run.ctx, head, pixels_class);
-  block* result = sequential_grouping_disp(run.ctx, head);
+  block* result = sequential_grouping_disp(run.ctx, head).value;
   EXPECT_EQ(run.ctx.cur_color, 2) << "two turns: 0x20 and 0x11";
   const std::int32_t* f = run.ctx.smg_disp_cur->pixels;
   for (int y = 0; y < 4; ++y)
@@ -291,6 +291,39 @@ TEST(ParallelGrouping, FiveSeedsOfAnyLevel) {
             (std::vector<std::uint32_t>{0x12, 0x11, 0x14, 0x13}));
   EXPECT_EQ(run.ctx.block_at(first->next_region)->status, 2);
   free_regionlist(run.ctx, first);
+}
+
+// The grouping copies the entries each region keeps into consecutive fresh
+// ones; nothing is lost or left behind: the entries alive afterwards are the
+// lists and one forwarding entry per absorbed head.
+TEST(SequentialGrouping, EveryKeptListIsOneRunOfConsecutiveEntries) {
+  std::mt19937 rng(5);
+  for (int trial = 0; trial < 20; ++trial) {
+    prepared_run run(testing::blob_image(rng, 16, 4, 20),
+                     {16, 4, 4, 2, 1, 1, static_cast<std::int32_t>(5 + rng() % 20)});
+    ASSERT_TRUE(run.ok);
+    block* head = build_regions(run);
+    if (head == nullptr) continue;
+    std::int64_t leaves = 0;
+    for (block* h = head; h != nullptr; h = run.ctx.block_at(h->next_region)) ++leaves;
+    const auto grouped = sequential_grouping(run.ctx, head);
+    ASSERT_EQ(grouped.status, 0);
+    std::int64_t regions = 0;
+    std::int64_t listed = 0;
+    for (block* h = grouped.value; h != nullptr; h = run.ctx.block_at(h->next_region)) {
+      ++regions;
+      entry_id last = 0;
+      for (entry_id e = h->nb_pointers[0]; e != 0; e = run.ctx.entry_at(e)->next, ++listed) {
+        if (last != 0) {
+          ASSERT_EQ(e, last + 1) << "trial " << trial;
+        }
+        last = e;
+      }
+      ASSERT_EQ(h->nb_pointers[1], last);
+    }
+    EXPECT_EQ(run.ctx.entries.live(), listed + (leaves - regions)) << "trial " << trial;
+    free_regionlist(run.ctx, grouped.value);
+  }
 }
 
 TEST(ParallelGrouping, OneSeedAndMoreSlotsThanRegions) {

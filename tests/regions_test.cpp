@@ -2,11 +2,11 @@
 // list file.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <algorithm>
+#include <cstdio>
 #include <filesystem>
-#include <random>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -22,10 +22,10 @@ namespace splitmerge {
 namespace {
 
 using testing::chain;
+using testing::link_regions;
+using testing::make_head;
 using testing::plane_example;
 using testing::prepared_run;
-using testing::make_head;
-using testing::link_regions;
 using testing::set_entries;
 
 // The plane example grouped into two classes: 0x20 (0x20, 0x40, 0x30) and
@@ -40,7 +40,7 @@ block* two_regions(prepared_run& run) {
     h->variables[0] = v;
     h->variables[1] = v;
   }
-  return sequential_grouping(run.ctx, head);
+  return sequential_grouping(run.ctx, head).value;
 }
 
 std::string read_file(const std::string& path) {
@@ -193,8 +193,10 @@ TEST(Sorting, OptimisationSuffixMaximaFastPathKeepsThePlainQuicksortOrder) {
     std::vector<std::pair<char, std::uint32_t>> items;
     for (std::size_t i = 0; i < n; ++i)
       items.push_back({static_cast<char>('A' + i), static_cast<std::uint32_t>(rng() % spread)});
-    if (trial % 5 == 0) std::sort(items.begin(), items.end(), [](auto& a, auto& b) { return a.second > b.second; });
-    if (trial % 7 == 0) std::sort(items.begin(), items.end(), [](auto& a, auto& b) { return a.second < b.second; });
+    if (trial % 5 == 0)
+      std::sort(items.begin(), items.end(), [](auto& a, auto& b) { return a.second > b.second; });
+    if (trial % 7 == 0)
+      std::sort(items.begin(), items.end(), [](auto& a, auto& b) { return a.second < b.second; });
     ASSERT_EQ(sort_names(items, true), sort_names(items, false)) << "trial " << trial;
   }
 }
@@ -220,10 +222,27 @@ TEST(LabelImage, TwoRegionsOfSeveralBlockSizes) {
   prepared_run run = plane_example();
   block* head = two_regions(run);
   std::vector<std::int32_t> labels(16, -7);
-  make_output(run.ctx, head, labels.data());
+  ASSERT_EQ(make_output(run.ctx, head, labels.data()), 0);
   for (int y = 0; y < 4; ++y)
     for (int x = 0; x < 4; ++x)
       EXPECT_EQ(labels[static_cast<std::size_t>(y * 4 + x)], (x < 2 && y < 2) ? 1 : 0);
+  free_regionlist(run.ctx, head);
+}
+
+// Blocks reach their heads by forwarding links; a list whose blocks do not
+// (built by hand) is painted along its chains, with the same labels.
+TEST(LabelImage, ForwardingLinksAndChainsGiveTheSameLabels) {
+  prepared_run run = plane_example();
+  block* head = two_regions(run);
+  std::vector<std::int32_t> forwarded(16, -7);
+  ASSERT_EQ(make_output(run.ctx, head, forwarded.data()), 0);
+  block* absorbed = run.ctx.block_at(head->next_block);
+  const block_id absorber = absorbed->nb_pointers[1];
+  absorbed->nb_pointers[1] = 0;  // no longer names its absorber
+  std::vector<std::int32_t> painted(16, -7);
+  ASSERT_EQ(make_output(run.ctx, head, painted.data()), 0);
+  absorbed->nb_pointers[1] = absorber;
+  EXPECT_EQ(painted, forwarded);
   free_regionlist(run.ctx, head);
 }
 
@@ -236,7 +255,7 @@ TEST(LabelImage, AVolumeBlockCoversAllItsSlices) {
   block& other = *make_head(run.ctx, 0x100);
   link_regions(run.ctx, {&whole, &other});
   std::vector<std::int32_t> labels(128, -1);
-  make_output(run.ctx, &whole, labels.data());
+  ASSERT_EQ(make_output(run.ctx, &whole, labels.data()), 0);
   run.ctx.release_records();
   for (int i = 0; i < 128; ++i) {
     const int x = i % 8, y = (i / 8) % 8, z = i / 64;

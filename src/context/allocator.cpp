@@ -1,5 +1,8 @@
 #include "context/allocator.hpp"
 
+#include <sys/mman.h>
+
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -34,6 +37,19 @@ static_assert(sizeof(header) == 8);
 std::size_t counted_size(std::size_t bytes, std::size_t granule, std::size_t small_limit) {
   if (bytes == 0) bytes = 1;
   return bytes <= small_limit ? (bytes + granule - 1) / granule * granule : bytes;
+}
+
+// Record arenas are read at random all through a run, and grow in order:
+// on large pages they miss the address cache far less, and take a page
+// fault per 2 MiB instead of per 4 KiB. Only a hint; the system may refuse.
+// Small images' arenas stay on small pages: zeroing a whole large page for a
+// few hundred records costs more than it saves.
+void prefer_large_pages(void* p, std::size_t bytes) noexcept {
+  constexpr std::uintptr_t large_page = std::uintptr_t{2} << 20;
+  if (!SPLITMERGE_POOL || bytes < 32 * large_page) return;
+  const auto begin = (reinterpret_cast<std::uintptr_t>(p) + large_page - 1) & ~(large_page - 1);
+  const auto end = (reinterpret_cast<std::uintptr_t>(p) + bytes) & ~(large_page - 1);
+  if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
 }
 
 }  // namespace
@@ -124,6 +140,7 @@ void* run_allocator::reserve(std::size_t bytes, alloc_site site) noexcept {
   if (h == nullptr) return nullptr;
   h->size_class = class_count;  // nothing counted
   ++live_;
+  prefer_large_pages(h + 1, bytes);
   return h + 1;
 }
 

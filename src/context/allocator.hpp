@@ -25,6 +25,7 @@ enum class alloc_site : std::uint8_t {
   seed_table,
   sort_array,
   elimination_index,
+  label_table,
   save_array,
   frame_node,
   frame_pixels,

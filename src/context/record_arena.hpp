@@ -121,6 +121,18 @@ class record_arena {
     live_ = 0;
   }
 
+  // Calls f(i) for every released record i not handed out again.
+  template <class F>
+  void for_each_released(F&& f) const noexcept {
+    for (std::uint32_t i = free_; i != 0;) {
+      SPLITMERGE_UNPOISON(base_ + i, sizeof(T));
+      const std::uint32_t next = base_[i].*FreeLink;
+      SPLITMERGE_POISON(base_ + i, sizeof(T));
+      f(i);
+      i = next;
+    }
+  }
+
   [[nodiscard]] T* at(std::uint32_t i) const noexcept { return i == 0 ? nullptr : base_ + i; }
   [[nodiscard]] std::uint32_t id(const T* p) const noexcept {
     return p == nullptr ? 0 : static_cast<std::uint32_t>(p - base_);

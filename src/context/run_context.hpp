@@ -121,6 +121,9 @@ class run_context {
   std::int32_t* hulp_array = nullptr;
 
   // --- region list finishing ---
+  // Entries the elimination walks in a list before it asks its index (tests
+  // vary it: the results never depend on it).
+  std::uint32_t elimination_walk = 32;
   std::int32_t number_regions = 0;
   // Number of the latest neighbour list walk that marks the regions it meets.
   std::uint32_t visit = 0;
@@ -139,6 +142,16 @@ class run_context {
   // --- interruption by the caller ---
   std::function<bool()> interrupt;
   bool interrupted = false;
+  // Items (blocks, regions, entries) a phase works through between two polls;
+  // tests make it 1 so that every poll point is reached.
+  std::uint32_t poll_interval = 4096;
+  std::uint32_t polls_due = 0;
+  // Polls the caller every poll_interval calls: cheap enough for inner loops.
+  bool interrupt_due() {
+    if (++polls_due < poll_interval) return false;
+    polls_due = 0;
+    return interrupt_requested();
+  }
   // Polls the caller once; stays true once the caller asked to stop.
   bool interrupt_requested() {
     if (!interrupted && interrupt) interrupted = interrupt();

@@ -79,17 +79,18 @@ list_result<regionlist> split_merge_at(run_context& ctx, std::int32_t display) {
   };
   if (stop(head)) return result::failure(status_interrupted);
 
-  if (ctx.group_mode != 0) {
-    const auto grouped =
-        display != 0 ? parallel_grouping_disp(ctx, head) : parallel_grouping(ctx, head);
-    ctx.phase_status = check_pointer(grouped);
-    if (ctx.phase_status != 0) {
+  {
+    list_result<regionlist> grouped;
+    if (ctx.group_mode != 0) {
+      grouped = display != 0 ? parallel_grouping_disp(ctx, head) : parallel_grouping(ctx, head);
+    } else {
+      grouped = display != 0 ? sequential_grouping_disp(ctx, head) : sequential_grouping(ctx, head);
+    }
+    if (grouped.status != 0) {
       free_regionlist(ctx, head);
-      return result::failure(status_no_memory);
+      return result::failure(grouped.status);
     }
     head = grouped.value;
-  } else {
-    head = display != 0 ? sequential_grouping_disp(ctx, head) : sequential_grouping(ctx, head);
   }
   ctx.print("finished grouping\n");
   if (stop(head)) return result::failure(status_interrupted);
@@ -97,10 +98,11 @@ list_result<regionlist> split_merge_at(run_context& ctx, std::int32_t display) {
   if (head->nb_pointers[0] == 0) return result{head, 0};
 
   if (ctx.small_size != 0) {
-    if (display != 0) {
-      region_elimination_disp(ctx, head);
-    } else {
-      region_elimination(ctx, head);
+    const std::int32_t eliminated =
+        display != 0 ? region_elimination_disp(ctx, head) : region_elimination(ctx, head);
+    if (eliminated != 0) {
+      free_regionlist(ctx, head);
+      return result::failure(eliminated);
     }
     ctx.print("finished small region elimination\n");
     if (stop(head)) return result::failure(status_interrupted);
@@ -231,7 +233,11 @@ std::int32_t split_merge_group(run_context& ctx, const std::int32_t* image, std:
   }
   regionlist head = regions.value;
 
-  make_output(ctx, head, output);
+  if (make_output(ctx, head, output) != 0) {
+    free_variables(ctx);
+    free_regionlist(ctx, head);
+    return status_no_memory;
+  }
   ctx.print("finished make_output \n");
   if (ctx.inspect_regions) ctx.inspect_regions(head);
 

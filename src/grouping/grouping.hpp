@@ -21,57 +21,6 @@ template <class Code = std::uint32_t>
 Code find_adjacent(const run_context& ctx, std::type_identity_t<Code> code, std::int32_t lvl,
                    std::int32_t axis) noexcept;
 
-// Where the neighbours found for one block go: consecutive block indices.
-struct pair_sink {
-  block_id* out = nullptr;
-  std::uint32_t count = 0;
-  void add(const run_context& ctx, const block* b) noexcept { out[count++] = ctx.id(b); }
-};
-
-// The leaves in chain order with their codes side by side, and the position
-// of each initial-level cell's first leaf. Codes increase strictly along the
-// chain, so the leaf that holds or starts a code is found by a binary search
-// within its cell instead of a walk along the chain.
-template <class Code = std::uint32_t>
-struct leaf_index {
-  block** leaves = nullptr;
-  Code* codes = nullptr;
-  std::uint32_t* cell_start = nullptr;
-  // For every cell, the nearest slot at or below it that holds a block: the
-  // cell's own slot, or that of the larger block covering it.
-  std::uint32_t* covering_slot = nullptr;
-  std::size_t count = 0;
-
-  // The first leaf from `from` on whose code is not below a, before `limit`.
-  [[nodiscard]] std::size_t lower_bound(Code a, std::size_t from,
-                                        std::size_t limit) const noexcept {
-    std::size_t lo = from;
-    std::size_t hi = limit;
-    while (lo < hi) {
-      const std::size_t mid = lo + (hi - lo) / 2;
-      if (codes[mid] < a) {
-        lo = mid + 1;
-      } else {
-        hi = mid;
-      }
-    }
-    return lo;
-  }
-};
-
-// The neighbours of leaf number `position` (of level lvl) that precede it
-// along one axis, in the order they touch it. Reads only the tree, so
-// several threads may look for the neighbours of different leaves at once.
-template <class Code = std::uint32_t>
-void pair_along(const run_context& ctx, blocklist list, const leaf_index<Code>& index,
-                std::size_t position, std::int32_t lvl, std::int32_t axis,
-                pair_sink& sink) noexcept;
-template <class Code = std::uint32_t>
-block* find_smaller_nbxy(const run_context& ctx, block* p, blocklist list, std::int32_t lvl,
-                         std::int32_t axis, pair_sink& sink) noexcept;
-template <class Code = std::uint32_t>
-block* find_smaller_nbz(const run_context& ctx, block* p, blocklist list, std::int32_t lvl,
-                        pair_sink& sink) noexcept;
 template <class Code = std::uint32_t>
 block* make_one_region(run_context& ctx, block* b) noexcept;
 
@@ -95,8 +44,11 @@ std::uint32_t next_visit(run_context& ctx, regionlist heads) noexcept;
 void unite(run_context& ctx, block* a, block* b, nb_node* e) noexcept;
 void unite_disp(run_context& ctx, block* a, block* b, nb_node* e) noexcept;
 
-regionlist sequential_grouping(run_context& ctx, regionlist head);
-regionlist sequential_grouping_disp(run_context& ctx, regionlist head);
+// Both fail with status_no_memory (fresh entries for a list could not be had) or
+// status_interrupted; the caller then releases the list it passed in.
+list_result<regionlist> sequential_grouping(run_context& ctx, regionlist head) noexcept;
+list_result<regionlist> sequential_grouping_disp(run_context& ctx, regionlist head) noexcept;
+
 list_result<regionlist> parallel_grouping(run_context& ctx, regionlist head);
 list_result<regionlist> parallel_grouping_disp(run_context& ctx, regionlist head);
 

@@ -3,9 +3,11 @@
 //
 // A block's neighbour list holds, in this order, the neighbours it finds
 // itself (those before it in chain order) last found first, then the blocks
-// that find it, in chain order. The pairs are found first (by several
-// threads: finding reads only the tree), then every list is laid out as one
-// contiguous run of entries, so that walking a list reads memory in order.
+// that find it, in chain order. The leaves tile the image, so two leaves
+// share a face exactly when two face-neighbouring pixels belong to them: the
+// pairs are read from an image of leaf positions (by several threads: it is
+// only read), then every list is laid out as one contiguous run of entries,
+// so that walking a list reads memory in order.
 #include <algorithm>
 
 #include "context/run_context.hpp"
@@ -54,54 +56,157 @@ void make_initial_regions(run_context& ctx, block* first, block** table, block*&
   }
 }
 
+// The leaves in chain order, their block indices and levels, and by cell
+// the chain position of the leaf that covers it. The cells are as large as
+// the smallest leaf (every leaf is aligned to its size), so an image of few
+// large blocks needs a small image of positions.
+struct leaf_raster {
+  block** leaves = nullptr;
+  block_id* ids = nullptr;
+  std::uint8_t* levels = nullptr;
+  std::uint32_t* position = nullptr;  // by cell
+  std::size_t count = 0;
+  std::int32_t shift_xy = 0;  // log2 of a cell's side in pixels
+  std::int32_t shift_z = 0;   // log2 of a cell's depth in slices
+  std::int32_t xy = 0;        // cells along x (and y)
+  std::int32_t slice = 0;     // cells in a slice
+  std::size_t cells = 0;
+};
+
+// A leaf's box in cells: first cell, its coordinates, side and depth.
+struct leaf_box {
+  std::int32_t at, x, y, z, side, depth;
+};
+
 template <class Code>
-void fill_leaf_index(const run_context& ctx, blocklist list, block* first, std::size_t cells,
-                     leaf_index<Code>& index) {
-  std::size_t i = 0;
-  for (block* b = first; b != nullptr; b = ctx.block_at(b->next_block), ++i) {
-    index.leaves[i] = b;
-    index.codes[i] = ctx.code_of<Code>(b);
-  }
-  // Empty slots lie inside a block that starts earlier; they are never searched.
-  i = 0;
-  std::uint32_t covering = 0;
-  for (std::size_t s = 0; s < cells; ++s) {
-    if (list[s] != nullptr) covering = static_cast<std::uint32_t>(s);
-    index.covering_slot[s] = covering;
-    if (list[s] == nullptr) continue;
-    while (index.leaves[i] != list[s]) ++i;
-    index.cell_start[s] = static_cast<std::uint32_t>(i);
-  }
+leaf_box box_of(const run_context& ctx, const leaf_raster& raster, std::size_t p) noexcept {
+  const std::int32_t lvl = raster.levels[p];
+  const std::int32_t first = ctx.first_pixel<Code>(ctx.code_of<Code>(raster.leaves[p]));
+  const std::int32_t x = (first & (ctx.im_format_xy - 1)) >> raster.shift_xy;
+  const std::int32_t y = ((first / ctx.im_format_xy) & (ctx.im_format_xy - 1)) >> raster.shift_xy;
+  const std::int32_t z = (first / ctx.voxels_slice) >> raster.shift_z;
+  const std::int32_t depth = lvl > ctx.lim_oct_level ? 1 << (lvl - ctx.lim_oct_level) : 1;
+  return {x + y * raster.xy + z * raster.slice,
+          x,
+          y,
+          z,
+          (1 << lvl) >> raster.shift_xy,
+          depth >> raster.shift_z};
 }
 
-// Finds the lower neighbours of every leaf. A leaf finds at most three times
-// its pixel count (one neighbour per pixel face on each lower side), so part
-// t writes from three times the pixels of the leaves before it on.
+// Cells as large as the smallest leaf.
+void shape_cells(const run_context& ctx, leaf_raster& raster) noexcept {
+  std::int32_t smallest = ctx.max_level;
+  for (std::size_t p = 0; p < raster.count; ++p)
+    smallest = std::min<std::int32_t>(smallest, raster.levels[p]);
+  raster.shift_xy = smallest;
+  raster.shift_z =
+      ctx.im_format_z > 1 && smallest > ctx.lim_oct_level ? smallest - ctx.lim_oct_level : 0;
+  raster.xy = ctx.im_format_xy >> raster.shift_xy;
+  raster.slice = raster.xy * raster.xy;
+  raster.cells = static_cast<std::size_t>(raster.slice) *
+                 static_cast<std::size_t>(ctx.im_format_z >> raster.shift_z);
+}
+
+// Writes each leaf's position where the leaves after it look: its last
+// column, last row and (in a volume) last slice, the pixels across the
+// lower faces of the leaves that follow it. The rest of the image is never
+// read, so large blocks cost their surface, not their volume.
 template <class Code>
-void find_pairs(const run_context& ctx, blocklist list, const leaf_index<Code>& index,
-                const std::size_t* part_start, std::size_t parts, pair_table& pairs) {
+void paint_positions(const run_context& ctx, const leaf_raster& raster, std::size_t parts) {
+  const std::int32_t xy = raster.xy;
+  const std::int32_t slice = raster.slice;
+  const bool volume = ctx.im_format_z > 1;
   run_parts(parts, [&](std::size_t t) {
-    const std::size_t begin = part_begin(index.count, parts, t);
-    const std::size_t end = part_begin(index.count, parts, t + 1);
+    const std::size_t end = part_begin(raster.count, parts, t + 1);
+    for (std::size_t p = part_begin(raster.count, parts, t); p < end; ++p) {
+      const leaf_box box = box_of<Code>(ctx, raster, p);
+      const auto value = static_cast<std::uint32_t>(p);
+      std::uint32_t* const first = raster.position + box.at;
+      if (box.side == 1 && box.depth == 1) {
+        *first = value;
+        continue;
+      }
+      for (std::int32_t z = 0; z < box.depth; ++z) {
+        std::uint32_t* const layer = first + z * slice;
+        for (std::int32_t y = 0; y < box.side; ++y) layer[y * xy + box.side - 1] = value;
+        std::fill_n(layer + (box.side - 1) * xy, box.side, value);
+      }
+      if (volume) {
+        std::uint32_t* const last = first + (box.depth - 1) * slice;
+        for (std::int32_t y = 0; y < box.side; ++y) std::fill_n(last + y * xy, box.side, value);
+      }
+    }
+  });
+}
+
+// The leaves across one lower face of a box, in chain order. The face is
+// `rows` lines of `width` pixels, `row_step` and `pixel_step` apart, the
+// pixels across it `across` before. Each leaf covers a rectangle of the
+// face: it is met first at its rectangle's corner, where neither the pixel
+// before it in the line nor the one above it belongs to it.
+std::uint32_t leaves_across(const std::uint32_t* position, std::int32_t first, std::int32_t across,
+                            std::int32_t width, std::int32_t pixel_step, std::int32_t rows,
+                            std::int32_t row_step, std::uint32_t* found) {
+  std::uint32_t n = 0;
+  const std::uint32_t* line = position + first - across;
+  for (std::int32_t r = 0; r < rows; ++r, line += row_step) {
+    for (std::int32_t i = 0; i < width; ++i) {
+      const std::uint32_t q = line[i * pixel_step];
+      if (i > 0 && line[(i - 1) * pixel_step] == q) continue;
+      if (r > 0 && line[i * pixel_step - row_step] == q) continue;
+      found[n++] = q;
+    }
+  }
+  if (n > 1) std::sort(found, found + n);
+  return n;
+}
+
+// Finds the lower neighbours of every leaf: along x, then y, then z, each
+// in chain order. A leaf finds at most three times its pixel count (one
+// neighbour per pixel face on each lower side), so part t writes from three
+// times the pixels of the leaves before it on.
+template <class Code>
+void find_pairs(const run_context& ctx, const leaf_raster& raster, const std::size_t* part_start,
+                std::size_t parts, pair_table& pairs) {
+  const std::int32_t xy = raster.xy;
+  const std::int32_t slice = raster.slice;
+  run_parts(parts, [&](std::size_t t) {
+    const std::size_t begin = part_begin(raster.count, parts, t);
+    const std::size_t end = part_begin(raster.count, parts, t + 1);
     std::size_t at = part_start[t];
     for (std::size_t p = begin; p < end; ++p) {
       pairs.found_begin[p] = static_cast<std::uint32_t>(at);
-      pair_sink sink{pairs.found + at, 0};
-      if (p != 0) {
-        const std::int32_t lvl = level<Code>(ctx, index.codes[p]);
-        for (std::int32_t axis = 0; axis < 3; ++axis)
-          pair_along<Code>(ctx, list, index, p, lvl, axis, sink);
+      std::uint32_t* found = pairs.found + at;
+      std::uint32_t n = 0;
+      const leaf_box box = box_of<Code>(ctx, raster, p);
+      const std::int32_t x = box.x;
+      const std::int32_t y = box.y;
+      const std::int32_t z = box.z;
+      if (box.side == 1 && box.depth == 1) {
+        // Most leaves are single pixels: one neighbour per lower face.
+        if (x > 0) found[n++] = raster.position[box.at - 1];
+        if (y > 0) found[n++] = raster.position[box.at - xy];
+        if (z > 0) found[n++] = raster.position[box.at - slice];
+      } else {
+        // x: the face is `depth` slices of `side` rows; y: `depth` slices of
+        // a line of `side` pixels; z: `side` rows of `side` pixels.
+        if (x > 0)
+          n += leaves_across(raster.position, box.at, 1, box.side, xy, box.depth, slice, found + n);
+        if (y > 0)
+          n += leaves_across(raster.position, box.at, xy, box.side, 1, box.depth, slice, found + n);
+        if (z > 0)
+          n += leaves_across(raster.position, box.at, slice, box.side, 1, box.side, xy, found + n);
       }
-      pairs.found_count[p] = sink.count;
-      at += sink.count;
+      for (std::uint32_t j = 0; j < n; ++j) found[j] = raster.ids[found[j]];
+      pairs.found_count[p] = n;
+      at += n;
     }
   });
 }
 
 // Lays out every list as one run of entries starting at `base`.
-template <class Code>
-void place_lists(run_context& ctx, const leaf_index<Code>& index, pair_table& pairs,
-                 entry_id base) {
+void place_lists(run_context& ctx, const leaf_raster& index, pair_table& pairs, entry_id base) {
   nb_node* entries = base == 0 ? nullptr : ctx.entry_at(base) - base;
   entry_id at = base;
   for (std::size_t p = 0; p < index.count; ++p) {
@@ -146,26 +251,34 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   block* head = nullptr;
   make_initial_regions<Code>(ctx, first, table, head);
 
-  leaf_index<Code> index;
+  leaf_raster index;
   for (const block* b = first; b != nullptr; b = ctx.block_at(b->next_block)) ++index.count;
-  const auto cells =
-      static_cast<std::size_t>(ctx.voxels_image / ctx.pixels_perblock[ctx.init_level]);
   const std::size_t ids = ctx.blocks.end();
   auto* scratch = static_cast<std::uint32_t*>(ctx.allocator.allocate_uninitialised(
-      index.count * (sizeof(block*) + sizeof(Code) + 2 * sizeof(std::uint32_t)) +
-          (2 * cells + ids) * sizeof(std::uint32_t),
+      index.count * (sizeof(block*) + 3 * sizeof(std::uint32_t) + 1) + ids * sizeof(std::uint32_t) +
+          sizeof(block*),
       alloc_site::leaf_index));
   if (scratch == nullptr) return fail(nullptr);
   index.leaves = reinterpret_cast<block**>(scratch);
-  index.codes = reinterpret_cast<Code*>(index.leaves + index.count);
-  index.cell_start = reinterpret_cast<std::uint32_t*>(index.codes + index.count);
-  index.covering_slot = index.cell_start + cells;
+  index.ids = reinterpret_cast<block_id*>(index.leaves + index.count);
   pair_table pairs;
-  pairs.found_begin = index.covering_slot + cells;
+  pairs.found_begin = index.ids + index.count;
   pairs.found_count = pairs.found_begin + index.count;
   pairs.slot = pairs.found_count + index.count;
+  index.levels = reinterpret_cast<std::uint8_t*>(pairs.slot + ids);
   std::fill(pairs.slot, pairs.slot + ids, 0u);
-  fill_leaf_index(ctx, list, first, cells, index);
+  {
+    std::size_t i = 0;
+    for (block* b = first; b != nullptr; b = ctx.block_at(b->next_block), ++i) {
+      index.leaves[i] = b;
+      index.ids[i] = ctx.id(b);
+      index.levels[i] = static_cast<std::uint8_t>(level<Code>(ctx, ctx.code_of<Code>(b)));
+    }
+  }
+  shape_cells(ctx, index);
+  index.position = static_cast<std::uint32_t*>(ctx.allocator.allocate_uninitialised(
+      index.cells * sizeof(std::uint32_t), alloc_site::leaf_index));
+  if (index.position == nullptr) return fail(scratch);
 
   // Where each part writes its finds: three per pixel of the leaves before it.
   const std::size_t parts = parts_for(index.count, thread_count(ctx.threads), ctx.thread_grain);
@@ -175,14 +288,19 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
     std::size_t t = 1;
     for (std::size_t p = 0; p < index.count && t < parts; ++p) {
       if (p == part_begin(index.count, parts, t)) part_start[t++] = 3 * pixels;
-      pixels += static_cast<std::size_t>(ctx.pixels_perblock[level<Code>(ctx, index.codes[p])]);
+      pixels += static_cast<std::size_t>(ctx.pixels_perblock[index.levels[p]]);
     }
   }
   // Only what is written becomes memory: the bound is rarely reached.
   pairs.found = static_cast<block_id*>(ctx.allocator.allocate_uninitialised(
       3 * static_cast<std::size_t>(ctx.voxels_image) * sizeof(block_id), alloc_site::leaf_index));
-  if (pairs.found == nullptr) return fail(scratch);
-  find_pairs(ctx, list, index, part_start, parts, pairs);
+  if (pairs.found == nullptr) {
+    ctx.allocator.release(index.position);
+    return fail(scratch);
+  }
+  paint_positions<Code>(ctx, index, parts);
+  find_pairs<Code>(ctx, index, part_start, parts, pairs);
+  ctx.allocator.release(index.position);
 
   std::size_t total = 0;
   for (std::size_t p = 0; p < index.count; ++p) {

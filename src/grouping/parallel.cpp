@@ -106,9 +106,9 @@ list_result<regionlist> parallel_phase(run_context& ctx, regionlist head) {
   ctx.allocator.release(slots);
   ctx.print("finished parallell grouping\n");
   if constexpr (Display) {
-    return list_result<regionlist>{sequential_grouping_disp(ctx, head), 0};
+    return sequential_grouping_disp(ctx, head);
   } else {
-    return list_result<regionlist>{sequential_grouping(ctx, head), 0};
+    return sequential_grouping(ctx, head);
   }
 }
 

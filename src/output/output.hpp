@@ -10,7 +10,8 @@ namespace splitmerge {
 
 class run_context;
 
-void make_output(const run_context& ctx, regionlist head, std::int32_t* output) noexcept;
+// 0, or status_no_memory (the list left as it was) when its table cannot be had.
+std::int32_t make_output(run_context& ctx, regionlist head, std::int32_t* output) noexcept;
 std::int32_t save_regionlist(run_context& ctx, regionlist head, const char* path) noexcept;
 
 }  // namespace splitmerge

@@ -102,8 +102,7 @@ void sort_range(sort_entry* entries, std::int32_t lo, std::int32_t hi,
 
 }  // namespace
 
-void qsort(sort_entry* entries, std::int32_t lo, std::int32_t hi,
-           std::uint32_t* scratch) noexcept {
+void qsort(sort_entry* entries, std::int32_t lo, std::int32_t hi, std::uint32_t* scratch) noexcept {
   if (scratch == nullptr) {
     while (lo < hi) {
       const std::int32_t m = partition_step(entries, lo, hi);

@@ -7,6 +7,7 @@
 #include "grouping/grouping.hpp"
 #include "regions/elimination_index.hpp"
 #include "regions/regions.hpp"
+#include "splitmerge/splitmerge.hpp"
 
 namespace splitmerge {
 
@@ -30,31 +31,32 @@ block* most_similar_neighbour(const run_context& ctx, block* r) {
 
 // The first entry of best's list that stands for r. Short walks are cheaper
 // than the index; long ones go through it.
-nb_node* entry_for(const run_context& ctx, elimination_index& index, block* best, block* r) {
-  constexpr int short_walk = 32;
+nb_node* entry_for(const run_context& ctx, elimination_index& index, block* best, block* r,
+                   bool& failed) {
   nb_node* e = ctx.entry_at(best->nb_pointers[0]);
-  for (int steps = 0; e != nullptr && steps < short_walk; ++steps, e = ctx.entry_at(e->next))
+  for (std::uint32_t steps = 0; e != nullptr && steps < ctx.elimination_walk;
+       ++steps, e = ctx.entry_at(e->next))
     if (resolve(ctx, e) == r) return e;
   if (e == nullptr) return nullptr;
-  if (nb_node* found = index.first_entry_for(best, r)) return found;
-  for (e = ctx.entry_at(best->nb_pointers[0]); e != nullptr && resolve(ctx, e) != r;)
-    e = ctx.entry_at(e->next);
-  return e;
+  return index.first_entry_for(best, r, failed);
 }
 
 template <bool Display>
-void elimination_phase(run_context& ctx, regionlist head) noexcept {
+std::int32_t elimination_phase(run_context& ctx, regionlist head) noexcept {
   block* r = head;
   while (r->region_pointer == 0) r = ctx.block_at(r->next_region);
-  if (ctx.small_size < 1) return;  // no region is small
+  if (ctx.small_size < 1) return 0;  // no region is small
   // Large regions absorb many small ones; finding the entry to unite at by
   // walking their long lists would cost time quadratic in the image size.
   elimination_index index(ctx);
   for (; r != nullptr; r = ctx.block_at(r->next_region)) {
+    if (ctx.interrupt_due()) return status_interrupted;
     if (r->pixels >= static_cast<std::uint32_t>(ctx.small_size)) continue;
     block* best = most_similar_neighbour(ctx, r);
     if (best == nullptr) continue;  // r is the only region left
-    nb_node* e = entry_for(ctx, index, best, r);
+    bool failed = false;
+    nb_node* e = entry_for(ctx, index, best, r, failed);
+    if (failed) return status_no_memory;
     if (e == nullptr) continue;  // not reachable in a consistent list
     if (ctx.statistic_update == 0) make_neutral(ctx, r);
     nb_node* const forwarding = ctx.entry_at(r->nb_pointers[0]);
@@ -67,17 +69,18 @@ void elimination_phase(run_context& ctx, regionlist head) noexcept {
     } else {
       unite(ctx, best, r, e);
     }
-    index.after_union(best, e, spliced_first, spliced_last);
+    if (!index.after_union(best, e, spliced_first, spliced_last)) return status_no_memory;
   }
+  return 0;
 }
 
 }  // namespace
 
-void region_elimination(run_context& ctx, regionlist head) noexcept {
-  elimination_phase<false>(ctx, head);
+std::int32_t region_elimination(run_context& ctx, regionlist head) noexcept {
+  return elimination_phase<false>(ctx, head);
 }
-void region_elimination_disp(run_context& ctx, regionlist head) noexcept {
-  elimination_phase<true>(ctx, head);
+std::int32_t region_elimination_disp(run_context& ctx, regionlist head) noexcept {
+  return elimination_phase<true>(ctx, head);
 }
 
 }  // namespace splitmerge

@@ -9,8 +9,10 @@ namespace splitmerge {
 
 class run_context;
 
-void region_elimination(run_context& ctx, regionlist head) noexcept;
-void region_elimination_disp(run_context& ctx, regionlist head) noexcept;
+// 0, status_no_memory (its index could not get memory) or status_interrupted;
+// the lists stay consistent either way.
+std::int32_t region_elimination(run_context& ctx, regionlist head) noexcept;
+std::int32_t region_elimination_disp(run_context& ctx, regionlist head) noexcept;
 regionlist clean_regionlist(run_context& ctx, regionlist head) noexcept;
 list_result<regionlist> sort_regionlist(run_context& ctx, regionlist head) noexcept;
 

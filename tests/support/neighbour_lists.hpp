@@ -39,8 +39,10 @@ inline int indexed_first_entry(const std::vector<int>& names, const std::vector<
   int position = -1;
   {
     elimination_index index(ctx);
+    bool failed = false;
     const nb_node* found =
-        index.first_entry_for(owner, named[static_cast<std::size_t>(chain.front())]);
+        index.first_entry_for(owner, named[static_cast<std::size_t>(chain.front())], failed);
+    if (failed) position = -2;
     for (std::size_t i = 0; i < entries.size(); ++i)
       if (entries[i] == found) position = static_cast<int>(i);
   }
