@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# The core as another project gets it: configured without the command-line
+# program, the tests or the MEX module (so without any image library), built,
+# installed to a temporary prefix, then found there by the three-line project
+# in this folder with find_package(splitmerge), built and run.
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+jobs="${JOBS:-$(nproc)}"
+work="$(mktemp -d)"
+trap 'rm -rf "$work"' EXIT
+
+# Image libraries and test tools hidden: a find_package of any of them would
+# fail the configuration, and none may appear in the cache.
+cmake -S . -B "$work/core" -DCMAKE_BUILD_TYPE=Release -DSPLITMERGE_BUILD_TOOLS=OFF \
+  -DSPLITMERGE_BUILD_TESTS=OFF -DSPLITMERGE_BUILD_MEX=OFF -DSPLITMERGE_INSTALL=ON \
+  -DCMAKE_DISABLE_FIND_PACKAGE_PNG=ON -DCMAKE_DISABLE_FIND_PACKAGE_TIFF=ON \
+  -DCMAKE_DISABLE_FIND_PACKAGE_GIF=ON -DCMAKE_DISABLE_FIND_PACKAGE_ZLIB=ON \
+  -DCMAKE_DISABLE_FIND_PACKAGE_CLI11=ON -DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON \
+  -DCMAKE_INSTALL_PREFIX="$work/prefix" >"$work/configure.log" 2>&1 ||
+  { cat "$work/configure.log" >&2; exit 1; }
+found="$(grep -v '^CMAKE_DISABLE_FIND_PACKAGE' "$work/core/CMakeCache.txt" |
+  grep -iE 'png|tiff|gif|nifti|zlib|cli11|gtest|mkoctfile' || true)"
+if [ -n "$found" ]; then
+  echo "consumer: the core-only configuration looked for more than it needs:" >&2
+  echo "$found" >&2
+  exit 1
+fi
+cmake --build "$work/core" -j "$jobs" >/dev/null
+cmake --install "$work/core" >/dev/null
+test -f "$work/prefix/include/splitmerge/splitmerge.hpp"
+test -f "$work/prefix/lib/cmake/splitmerge/splitmergeConfigVersion.cmake"
+
+cmake -S tests/consumer -B "$work/consumer" -DCMAKE_BUILD_TYPE=Release \
+  -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake --build "$work/consumer" -j "$jobs" >/dev/null
+# The core's usage requirement reached the consumer.
+grep -q -- '-ffp-contract=off' "$work/consumer/CMakeFiles/consumer.dir/flags.make"
+"$work/consumer/consumer"
+echo "consumer: found splitmerge $(cat VERSION) with find_package, built and ran"
