@@ -57,7 +57,8 @@ module_tests() {
 # As a user does it: cd matlab; build_splitmerge (in a copy of the sources),
 # which puts the module next to the help files, then the README's example.
 user_build() {
-  mkdir -p "$scratch/clone" && cp -r "$root/src" "$root/include" "$root/matlab" "$scratch/clone/" &&
+  mkdir -p "$scratch/clone" &&
+    cp -r "$root/src" "$root/include" "$root/matlab" "$root/VERSION" "$scratch/clone/" &&
     rm -f "$scratch"/clone/matlab/*.mex &&
     run_octave "cd('$scratch/clone/matlab'); build_splitmerge; \
       I = imread(fullfile(OCTAVE_HOME, 'share', 'octave', OCTAVE_VERSION, 'imagelib', \
@@ -66,7 +67,9 @@ user_build() {
       if ~isempty(pkg('list', 'image')), pkg load image; rgb = label2rgb(L); \
       else, rgb = zeros([size(L), 3]); end; \
       if ~isequal(size(rgb), [256 256 3]) || n < 2 || min(L(:)) ~= 1, exit(1); end; \
-      printf('example: %d regions\n', n);"
+      printf('example: %d regions\n', n); \
+      if ~strcmp(splitmerge_version(), '$(cat "$root/VERSION")'), exit(1); end; \
+      printf('version: %s\n', splitmerge_version());"
 }
 smsegment_tests() {
   run_octave "addpath('$root/matlab/tests'); addpath('$root/matlab'); addpath('$1'); \

@@ -6,6 +6,8 @@
 See ``help(splitmerge.segment)`` for the parameters.
 """
 
+from importlib import metadata as _metadata
+
 from ._api import Region, Segmentation, segment
 from ._fit import FittedImage, fit_image, is_segmentable_shape
 from ._params import DEFAULTS, GROUP_MODES, PARAMETER_NAMES, PRED_CHOICES
@@ -22,4 +24,8 @@ __all__ = [
     "is_segmentable_shape",
     "segment",
 ]
-__version__ = "0.1.0"
+try:
+    # Set from the file VERSION when the package is built.
+    __version__ = _metadata.version("splitmerge")
+except _metadata.PackageNotFoundError:  # imported from a source tree
+    __version__ = "unknown"

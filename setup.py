@@ -1,6 +1,6 @@
 """Builds the extension module splitmerge._core with the project's CMake.
 
-The C++ library and the binding are compiled by the top-level CMakeLists.txt
+The C++ library and the binding are compiled by CMakeLists.txt
 (option SPLITMERGE_BUILD_PYTHON) for the Python running this script.
 """
 
@@ -12,7 +12,7 @@ from pathlib import Path
 from setuptools import Extension, setup
 from setuptools.command.build_ext import build_ext
 
-PROJECT_ROOT = Path(__file__).resolve().parent.parent
+PROJECT_ROOT = Path(__file__).resolve().parent
 
 
 def _forget_other_source(build_dir: Path) -> None:
@@ -45,6 +45,7 @@ class CMakeBuild(build_ext):
              "-DSPLITMERGE_BUILD_TESTS=OFF",
              "-DSPLITMERGE_BUILD_TOOLS=OFF",
              "-DSPLITMERGE_BUILD_MEX=OFF",
+             "-DSPLITMERGE_INSTALL=OFF",
              f"-DPython_EXECUTABLE={sys.executable}",
              f"-DSPLITMERGE_PYTHON_OUTPUT_DIR={target.parent}"],
             check=True)
