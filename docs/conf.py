@@ -18,6 +18,7 @@ import subprocess
 from pathlib import Path
 
 import splitmerge
+from sphinx_gallery.sorting import FileNameSortKey
 
 DOCS = Path(__file__).resolve().parent
 REPOSITORY = DOCS.parent
@@ -58,7 +59,7 @@ sphinx_gallery_conf = {
     "filename_pattern": r"/plot_",
     "download_all_examples": False,
     "remove_config_comments": True,
-    "within_subsection_order": "FileNameSortKey",
+    "within_subsection_order": FileNameSortKey,
 }
 
 

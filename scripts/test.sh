@@ -39,6 +39,7 @@ echo "== documentation site (warnings are errors)"
 # to build/docs/html.
 locked env SPLITMERGE_CLI="$PWD/build/release/tools/splitmerge" \
   "$venv/bin/python" -m sphinx -W --keep-going -q -b html docs build/docs/html
+locked "$venv/bin/python" docs/check_site.py build/docs/html
 
 echo "== sanitizer build and tests (address, undefined, leak)"
 locked cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=Debug -DSPLITMERGE_SANITIZE=address,undefined \
