@@ -9,22 +9,36 @@ jobs="${JOBS:-$(nproc)}"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 
-# Image libraries and test tools hidden: a find_package of any of them would
-# fail the configuration, and none may appear in the cache.
-cmake -S . -B "$work/core" -DCMAKE_BUILD_TYPE=Release -DSPLITMERGE_BUILD_TOOLS=OFF \
-  -DSPLITMERGE_BUILD_TESTS=OFF -DSPLITMERGE_BUILD_MEX=OFF -DSPLITMERGE_INSTALL=ON \
-  -DCMAKE_DISABLE_FIND_PACKAGE_PNG=ON -DCMAKE_DISABLE_FIND_PACKAGE_TIFF=ON \
-  -DCMAKE_DISABLE_FIND_PACKAGE_GIF=ON -DCMAKE_DISABLE_FIND_PACKAGE_ZLIB=ON \
-  -DCMAKE_DISABLE_FIND_PACKAGE_CLI11=ON -DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON \
-  -DCMAKE_INSTALL_PREFIX="$work/prefix" >"$work/configure.log" 2>&1 ||
-  { cat "$work/configure.log" >&2; exit 1; }
-found="$(grep -v '^CMAKE_DISABLE_FIND_PACKAGE' "$work/core/CMakeCache.txt" |
-  grep -iE 'png|tiff|gif|nifti|zlib|cli11|gtest|mkoctfile' || true)"
-if [ -n "$found" ]; then
-  echo "consumer: the core-only configuration looked for more than it needs:" >&2
-  echo "$found" >&2
-  exit 1
+# Configures with image libraries and test tools hidden (a find_package of any
+# of them fails the configuration) and checks that the cache names none of
+# them, nor anything in the extra pattern given.
+configure_alone() {
+  local name="$1" extra="$2"
+  shift 2
+  cmake -S . -B "$work/$name" -DCMAKE_BUILD_TYPE=Release -DSPLITMERGE_BUILD_TOOLS=OFF \
+    -DSPLITMERGE_BUILD_TESTS=OFF -DSPLITMERGE_BUILD_MEX=OFF \
+    -DCMAKE_DISABLE_FIND_PACKAGE_PNG=ON -DCMAKE_DISABLE_FIND_PACKAGE_TIFF=ON \
+    -DCMAKE_DISABLE_FIND_PACKAGE_GIF=ON -DCMAKE_DISABLE_FIND_PACKAGE_ZLIB=ON \
+    -DCMAKE_DISABLE_FIND_PACKAGE_CLI11=ON -DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON \
+    "$@" >"$work/$name.log" 2>&1 || { cat "$work/$name.log" >&2; return 1; }
+  local found
+  found="$(grep -v '^CMAKE_DISABLE_FIND_PACKAGE' "$work/$name/CMakeCache.txt" |
+    grep -iE "png|tiff|gif|nifti|zlib|cli11|gtest$extra" || true)"
+  if [ -n "$found" ]; then
+    echo "consumer: the $name configuration looked for more than it needs:" >&2
+    echo "$found" >&2
+    return 1
+  fi
+}
+
+# The MEX module and the Python module each need the core and their host only.
+configure_alone mex "" -DSPLITMERGE_BUILD_MEX=ON
+if [ -f /usr/lib/cmake/pybind11/pybind11Config.cmake ]; then
+  configure_alone python "|mkoctfile" -DSPLITMERGE_BUILD_PYTHON=ON \
+    -DPython_EXECUTABLE=/usr/bin/python3
 fi
+# The core alone: built and installed.
+configure_alone core "|mkoctfile" -DSPLITMERGE_INSTALL=ON -DCMAKE_INSTALL_PREFIX="$work/prefix"
 cmake --build "$work/core" -j "$jobs" >/dev/null
 cmake --install "$work/core" >/dev/null
 test -f "$work/prefix/include/splitmerge/splitmerge.hpp"
