@@ -32,7 +32,6 @@ release = version
 
 extensions = [
     "sphinx.ext.autodoc",
-    "sphinx.ext.mathjax",
     "numpydoc",
     "sphinx_gallery.gen_gallery",
 ]
@@ -43,6 +42,9 @@ html_static_path: list[str] = []
 html_theme_options = {
     "description": "Split-and-merge segmentation of 2-D and 3-D grey images",
     "fixed_sidebar": True,
+    "page_width": "1180px",
+    "sidebar_width": "220px",
+    "body_max_width": "none",
 }
 html_sidebars = {"**": ["about.html", "navigation.html", "searchbox.html"]}
 
