@@ -38,7 +38,7 @@ extensions = [
 exclude_patterns = ["_build", "_generated", "examples/README.txt"]
 templates_path: list[str] = []
 html_theme = "alabaster"
-html_static_path: list[str] = []
+html_static_path = ["_static"]
 html_theme_options = {
     "description": "Split-and-merge segmentation of 2-D and 3-D grey images",
     "fixed_sidebar": True,
