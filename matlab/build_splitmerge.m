@@ -48,7 +48,12 @@ end
 % interpreter may have found before it existed.
 clear('splitmerge');
 rehash();
-fprintf('built %s (splitmerge %s)\n', module, splitmerge_version());
+try
+  version = splitmerge_version();
+catch
+  version = 'of unknown version';  % no file VERSION beside the sources
+end
+fprintf('built %s (splitmerge %s)\n', module, version);
 end
 
 function files = library_sources(root)
