@@ -43,6 +43,7 @@ cmake --build "$work/core" -j "$jobs" >/dev/null
 cmake --install "$work/core" >/dev/null
 test -f "$work/prefix/include/splitmerge/splitmerge.hpp"
 test -f "$work/prefix/lib/cmake/splitmerge/splitmergeConfigVersion.cmake"
+test -f "$work/prefix/share/doc/splitmerge/LICENSE"
 
 cmake -S tests/consumer -B "$work/consumer" -DCMAKE_BUILD_TYPE=Release \
   -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
