@@ -5,6 +5,7 @@ The C++ library and the binding are compiled by CMakeLists.txt
 """
 
 import os
+import re
 import subprocess
 import sys
 from pathlib import Path
@@ -25,6 +26,15 @@ def _forget_other_source(build_dir: Path) -> None:
             if Path(line.split("=", 1)[1]).resolve() != PROJECT_ROOT:
                 cache.unlink()
             return
+
+
+def project_version() -> str:
+    """The version in CMakeLists.txt's project(), the project's only copy."""
+    text = (PROJECT_ROOT / "CMakeLists.txt").read_text()
+    found = re.search(r"project\(splitmerge\s+VERSION\s+([0-9.]+)", text)
+    if found is None:
+        raise RuntimeError("no project version in CMakeLists.txt")
+    return found.group(1)
 
 
 class CMakeExtension(Extension):
@@ -58,4 +68,5 @@ class CMakeBuild(build_ext):
             raise RuntimeError(f"CMake did not produce {built}")
 
 
-setup(ext_modules=[CMakeExtension("splitmerge._core")], cmdclass={"build_ext": CMakeBuild})
+setup(version=project_version(), ext_modules=[CMakeExtension("splitmerge._core")],
+      cmdclass={"build_ext": CMakeBuild})

@@ -27,7 +27,8 @@ GENERATED = DOCS / "_generated"
 project = "splitmerge"
 author = "The splitmerge developers"
 copyright = "2026, The splitmerge developers"
-version = (REPOSITORY / "VERSION").read_text().strip()
+version = re.search(r"project\(splitmerge\s+VERSION\s+([0-9.]+)",
+                    (REPOSITORY / "CMakeLists.txt").read_text()).group(1)
 release = version
 
 extensions = [

@@ -15,7 +15,7 @@ if nargin < 1
   output_dir = here;
 end
 src = fullfile(root, 'src');
-sources = [library_sources(root), ...
+sources = [library_sources(src), ...
            {fullfile(src, 'gateway', 'read_call.cpp'), ...
             fullfile(src, 'gateway', 'mex_gateway.cpp'), ...
             fullfile(src, 'gateway', 'frame_store.cpp'), ...
@@ -48,19 +48,15 @@ end
 % interpreter may have found before it existed.
 clear('splitmerge');
 rehash();
-try
-  version = splitmerge_version();
-catch
-  version = 'of unknown version';  % no file VERSION beside the sources
-end
-fprintf('built %s (splitmerge %s)\n', module, version);
+fprintf('built %s\n', module);
 end
 
-function files = library_sources(root)
+function files = library_sources(src)
 % The library's sources as src/library_sources.txt lists them (one path per
 % line, relative to the repository root, # for comments), the list CMake
 % reads; the gateway's own files are added by name.
-list = fullfile(root, 'src', 'library_sources.txt');
+root = fileparts(src);
+list = fullfile(src, 'library_sources.txt');
 if exist(list, 'file') ~= 2
   error('splitmerge:buildFailed', 'no list of the library sources at %s', list);
 end

@@ -1,5 +1,5 @@
-"""One version everywhere: the file VERSION, as the package, the citation
-metadata and the command-line program give it."""
+"""One version everywhere: the project's, in CMakeLists.txt, as the package,
+the citation metadata and the command-line program give it."""
 
 import os
 import re
@@ -11,7 +11,8 @@ import pytest
 import splitmerge
 
 REPOSITORY = Path(__file__).resolve().parents[2]
-VERSION = (REPOSITORY / "VERSION").read_text().strip()
+VERSION = re.search(r"project\(splitmerge\s+VERSION\s+([0-9.]+)",
+                    (REPOSITORY / "CMakeLists.txt").read_text()).group(1)
 CLI = os.environ.get("SPLITMERGE_CLI")
 
 

@@ -51,4 +51,4 @@ cmake --build "$work/consumer" -j "$jobs" >/dev/null
 # The core's usage requirement reached the consumer.
 grep -q -- '-ffp-contract=off' "$work/consumer/CMakeFiles/consumer.dir/flags.make"
 "$work/consumer/consumer"
-echo "consumer: found splitmerge $(cat VERSION) with find_package, built and ran"
+echo "consumer: found the installed splitmerge with find_package, built and ran"
