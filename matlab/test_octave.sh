@@ -65,7 +65,8 @@ user_build() {
       [L, n] = smsegment(I, 'Fit', 'crop'); \
       if ~isempty(pkg('list', 'image')), pkg load image; rgb = label2rgb(L); \
       else, rgb = zeros([size(L), 3]); end; \
-      if ~isequal(size(rgb), [256 256 3]) || n < 2 || min(L(:)) ~= 1, exit(1); end; \
+      if ~isequal(size(rgb), size(I)) || n < 2 || min(L(L > 0)) ~= 1 || max(L(:)) ~= n, \
+        exit(1); end; \
       printf('example: %d regions\n', n);"
 }
 smsegment_tests() {

@@ -15,7 +15,7 @@ constexpr const char* description =
     "quadtree (2-D) or octree (3-D): the image is covered with square blocks, homogeneous\n"
     "neighbouring blocks are merged, inhomogeneous ones split, adjacent blocks grouped into\n"
     "regions, and regions below --small-size pixels absorbed. Labels number the regions\n"
-    "0, 1, ... by decreasing size.\n\n"
+    "1, 2, ... by decreasing size (see --start-label).\n\n"
     "The image must have square slices of 2, 4, ..., 4096 pixels (at most 512 in a volume\n"
     "of more than one slice), a power-of-two slice count no larger than the edge and integer\n"
     "pixels 0..255; --fit, --slice and --rescale adapt other images. Progress lines go to\n"
@@ -36,9 +36,9 @@ constexpr const char* footer =
     "                 volume's middle slice)\n"
     "  --save-input   .png, .pgm (grey; a volume's middle slice), .npy, .tif\n"
     "  --overlay      .png (the input in grey, region borders in yellow)\n"
-    "After --fit pad every output but --regions has the input's own size (the padding\n"
-    "removed); after --fit crop the outputs have the cropped size and a note names the\n"
-    "box kept.\n\n"
+    "Every output but --regions has the input's own size: after --fit pad the padding is\n"
+    "removed, after --fit crop the pixels outside the box kept get the label before\n"
+    "--start-label (0) and a note names the box.\n\n"
     "Parameters outside their ranges above still run as given, with a warning.\n\n"
     "Examples:\n"
     "  splitmerge scan.nii.gz --slice 90 --fit pad --labels labels.png --frames run.gif\n"
@@ -112,7 +112,7 @@ void parse_percentile_window(const std::string& text, double& low, double& high)
 }
 
 void add_parameter_options(CLI::App& app, parameters& p, std::string& predicate) {
-  const parameters d = default_parameters();
+  const parameters d;
   const auto add = [&](const char* name, auto& value, const std::string& text) {
     return app.add_option(name, value, wrapped(text))->group("Segmentation parameters");
   };
@@ -185,20 +185,6 @@ void add_parameter_options(CLI::App& app, parameters& p, std::string& predicate)
 
 }  // namespace
 
-parameters default_parameters() {
-  parameters p;
-  // The chi-square test with a small noise level keeps grey and white matter
-  // apart (their means differ by about 25 grey values in T1 scans), and the
-  // mean difference of 12 lets each grow across the whole slice; regions below
-  // 50 pixels are mostly partial-volume rims between the two.
-  p.pred_choice = 4;
-  p.threshold_row = 3;
-  p.sigma = 3.0;
-  p.interval_length = 12;
-  p.small_size = 50;
-  return p;
-}
-
 std::optional<std::uint64_t> parse_byte_size(const std::string& text) {
   std::size_t digits = 0;
   while (digits < text.size() && text[digits] >= '0' && text[digits] <= '9') ++digits;
@@ -220,7 +206,6 @@ std::optional<std::uint64_t> parse_byte_size(const std::string& text) {
 
 parse_result parse_command_line(int argc, const char* const* argv) {
   tool_settings s;
-  s.params = default_parameters();
   std::string predicate = std::to_string(s.params.pred_choice);
   std::string fit = "none";
 
@@ -232,7 +217,9 @@ parse_result parse_command_line(int argc, const char* const* argv) {
   CLI::Option* image = app.add_option("IMAGE", s.image, "the image or volume to segment");
 
   const std::string outputs = "Outputs (written only when the whole run succeeds)";
-  app.add_option("--labels", s.labels, "write the label image (0 = the largest region)")
+  app.add_option("--labels", s.labels,
+                 wrapped("write the label image: --start-label (1) for the largest region, the "
+                         "next for the next largest, and so on"))
       ->type_name("PATH")
       ->group(outputs);
   app.add_option("--frames", s.frames, "write the segmentation as it progresses")
@@ -292,6 +279,13 @@ parse_result parse_command_line(int argc, const char* const* argv) {
       ->type_name("SIZE")
       ->group("Running");
 
+  app.add_option("--start-label", s.request.start_label,
+                 wrapped("label of the largest region; 0 numbers the regions from 0, as the "
+                         "library does. Pixels outside a --fit crop get one less (default " +
+                         std::to_string(frontend::default_start_label) + ")"))
+      ->type_name("N")
+      ->group(outputs);
+
   const std::string fitting = "Fitting the input";
   app.add_option(
          "--fit", fit,
@@ -299,7 +293,7 @@ parse_result parse_command_line(int argc, const char* const* argv) {
                  "segmentation accepts; after pad the outputs have the input's size"))
       ->type_name("pad|crop")
       ->group(fitting);
-  app.add_option("--slice", s.fit.slice, "segment slice K (0-based, along z) of a volume")
+  app.add_option("--slice", s.request.slice, "segment slice K (0-based, along z) of a volume")
       ->type_name("K")
       ->group(fitting);
   std::string rescale_window;
@@ -337,9 +331,9 @@ parse_result parse_command_line(int argc, const char* const* argv) {
             "expected bytes such as 512M, 4G or 1000000, got '" + memory_limit + "'");
       s.memory_limit = *bytes;
     }
-    s.fit.rescale = rescale->count() > 0;
-    if (s.fit.rescale && !rescale_window.empty())
-      parse_percentile_window(rescale_window, s.fit.low_percentile, s.fit.high_percentile);
+    s.request.rescale = rescale->count() > 0;
+    if (s.request.rescale && !rescale_window.empty())
+      parse_percentile_window(rescale_window, s.request.low_percentile, s.request.high_percentile);
   } catch (const CLI::CallForHelp&) {
     std::cout << app.help();
     return 0;
@@ -350,7 +344,9 @@ parse_result parse_command_line(int argc, const char* const* argv) {
     std::cerr << "splitmerge: " << e.what() << " (see splitmerge --help)\n";
     return 2;
   }
-  s.fit.mode = fit == "pad" ? fit_mode::pad : fit == "crop" ? fit_mode::crop : fit_mode::none;
+  s.request.fit = fit == "pad"    ? frontend::fit_mode::pad
+                  : fit == "crop" ? frontend::fit_mode::crop
+                                  : frontend::fit_mode::none;
   return s;
 }
 

@@ -20,9 +20,9 @@ struct tool_settings {
   std::optional<std::string> overlay;
   bool no_display = false;
   bool quiet = false;
-  fit_request fit;
-  parameters params;  // with the program's defaults, -1 where derived from the image
-  std::uint64_t frame_budget = std::uint64_t{2} << 30;  // accepted, no longer used
+  frontend::request request;  // fitting, rescaling, the slice and the first label
+  parameters params;          // the library's defaults, -1 where derived from the image
+  std::uint64_t frame_budget = default_frame_budget;  // accepted, no longer used
   std::int32_t threads = 0;                             // 0: every core
   std::uint64_t memory_limit = 0;                       // bytes; 0: what is available
 };
@@ -30,10 +30,6 @@ struct tool_settings {
 // Bytes from "4096", "512K", "512M", "4G", "1T" (powers of 1024; "MiB" and
 // "MB" spell the same); nullopt when the text is none of these.
 std::optional<std::uint64_t> parse_byte_size(const std::string& text);
-
-// The program's defaults: the library's, with the homogeneity test tuned on
-// T1-weighted brain MRI slices.
-parameters default_parameters();
 
 // What the command line asks for: settings to run with, or an exit right away
 // (after --help, or on a usage error whose message is already printed).

@@ -1,7 +1,9 @@
 #include "run.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <string_view>
@@ -9,8 +11,6 @@
 #include "frame_stream.hpp"
 #include "npy.hpp"
 #include "outputs.hpp"
-#include "parameter_ranges.hpp"
-#include "region_list_file.hpp"
 #include "staging.hpp"
 #include "terminal_progress.hpp"
 
@@ -20,24 +20,6 @@ namespace {
 
 void print_notes(const std::vector<std::string>& notes) {
   for (const auto& note : notes) std::cerr << "splitmerge: " << note << '\n';
-}
-
-// The library names its parameters as in the code; say which option sets one.
-std::string with_option_hint(const std::string& problem) {
-  static const char* const names[] = {
-      "max_level",     "lim_oct_level", "init_level",      "group_mode",      "max_seed",
-      "use_all_seeds", "pred_choice",   "interval_length", "rejection",       "sigma",
-      "threshold_row", "pseudo_factor", "small_size",      "statistic_update"};
-  for (const char* name : names) {
-    if (problem.rfind(std::string("invalid parameter ") + name + " ", 0) != 0) continue;
-    std::string option = name;
-    for (char& c : option)
-      if (c == '_') c = '-';
-    return problem + " (--" + option + ")";
-  }
-  if (problem.rfind("invalid parameter size_", 0) == 0)
-    return problem + " (leave out --max-level and --lim-oct-level to take them from the image)";
-  return problem;
 }
 
 void check_output_extensions(const tool_settings& s) {
@@ -109,95 +91,74 @@ struct staged_outputs {
   std::unique_ptr<staged_file> labels, frames, regions, input_copy, overlay;
 };
 
-parameters checked_parameters(const image_view& view, const parameters& given) {
-  parameters params = given;
-  std::string problem = resolve_parameters(view, params);
-  if (problem.empty()) problem = check_parameters(view, params);
-  if (!problem.empty()) throw usage_error(with_option_hint(problem));
-  return params;
+// A problem in the program's own words: options spelled as on its command line.
+std::string in_words(const frontend::problem& p) {
+  return frontend::worded(p.text, frontend::spelling::command_line);
 }
 
-// Refuses, before any output file is begun, a run whose worst case exceeds
-// --memory-limit or the memory available; the run is then given the same
-// limit, so it makes the same decision.
-std::uint64_t checked_memory_limit(const image_view& view, const parameters& params,
-                                   const tool_settings& s) {
-  options planned;
-  planned.display = s.frames.has_value();
-  if (s.frames) planned.frame_sink = [](const std::int32_t*, std::int32_t) {};
-  planned.collect_regions = s.regions.has_value();
-  const std::uint64_t limit = s.memory_limit != 0 ? s.memory_limit : available_memory();
-  const std::uint64_t needed = worst_case_memory(view, params, planned);
-  if (limit != 0 && needed > limit)
-    throw usage_error("the run may need up to " + format_bytes(needed) + " of memory, but " +
-                      format_bytes(limit) +
-                      (s.memory_limit != 0 ? " is allowed by --memory-limit" : " is available") +
-                      ": crop the image with --fit crop or give a smaller --max-level, or allow "
-                      "more with --memory-limit (the estimate is for the worst case, every pixel "
-                      "a block of its own; smooth images need far less)");
-  return limit;
-}
-
-// The library ends its progress lines with this one when it writes no region
-// list file; the program writes that file itself and prints, once it is
-// written, the lines the library prints around its own writing.
-constexpr std::string_view no_region_file_line = "No save_regionlist specified\n";
-
-segmentation segment_with_progress(const image_view& view, const parameters& params,
-                                   const tool_settings& s, std::uint64_t memory_limit,
-                                   frame_stream* frames, terminal_progress& progress) {
+frontend::result segment_with_progress(const frontend::prepared& input, const tool_settings& s,
+                                       const staged_outputs& files, frame_stream* frames,
+                                       terminal_progress& progress) {
   options opts;
   opts.threads = s.threads;
-  opts.memory_limit = memory_limit;
+  opts.memory_limit = s.memory_limit;
   opts.display = frames != nullptr;  // frames cost time: only when asked for
+  std::vector<std::int32_t> frame;
   if (frames != nullptr) {
-    opts.frame_sink = [frames](const std::int32_t* frame, std::int32_t) { frames->add(frame); };
+    frame.resize(static_cast<std::size_t>(input.input_pixels()));
+    opts.frame_sink = [&](const std::int32_t* segmented, std::int32_t) {
+      frontend::to_input(input, segmented, frame.data(), 0, -1);
+      frames->add(frame.data());
+    };
     // A frame that cannot be written fails the run: stop it early.
     opts.interrupt = [frames] { return frames->failed(); };
   }
-  opts.collect_regions = s.regions.has_value();
+  opts.error_sink = [](std::string_view) {};  // failures come back in the result
+  // The library writes the region list file into the staged file; the
+  // progress lines name the file the user asked for.
+  std::string staged_regions, regions_path;
+  if (files.regions) {
+    staged_regions = files.regions->temporary_path();
+    regions_path = files.regions->path();
+    opts.region_file = staged_regions;
+  }
   if (!s.quiet) {
-    const bool regions = s.regions.has_value();
-    opts.line_sink = [regions, &progress](std::string_view text) {
-      if (regions && text == no_region_file_line) return;
-      progress.print_line(text);
+    opts.line_sink = [&](std::string_view text) {
+      std::string line(text);
+      if (const auto at = line.find(staged_regions); !staged_regions.empty() && at != line.npos)
+        line.replace(at, staged_regions.size(), regions_path);
+      progress.print_line(line);
     };
   }
   std::fflush(stdout);
-  segmentation result = segment(view, params, opts);
+  frontend::result result = frontend::run(input, opts);
+  if (result.failure.kind == frontend::problem_kind::input_output)
+    result.failure.text = regions_path + ": write failed (" + std::strerror(errno) + ")";
   std::fflush(stdout);
   return result;
 }
 
-void print_progress(const tool_settings& s, terminal_progress& progress, const std::string& line) {
-  if (s.quiet) return;
-  progress.print_line(line);
-  std::fflush(stdout);
-}
-
-int report_failed_run(const segmentation& result, terminal_progress& progress) {
+int report_failed_run(const frontend::result& result, terminal_progress& progress) {
   progress.stop();
-
-  std::cerr << "splitmerge: the segmentation failed"
-            << (result.error.empty() ? std::string(" (out of memory)") : ": " + result.error)
+  const frontend::problem& p = result.failure;
+  std::cerr << "splitmerge: "
+            << (p.kind == frontend::problem_kind::resource_exhausted &&
+                        result.run.memory_needed == 0
+                    ? "the segmentation failed (out of memory)"
+                    : in_words(p))
             << '\n';
-  return exit_run_failed;
+  // A run refused before it began is a usage problem, as bad parameters are.
+  return result.run.memory_needed != 0 || p.kind == frontend::problem_kind::invalid_argument
+             ? exit_bad_input
+             : exit_run_failed;
 }
 
-int write_results(const tool_settings& s, const fitted_image& image, const parameters& params,
-                  const segmentation& result, const staged_outputs& files, frame_stream* frames,
-                  terminal_progress& progress) {
+int write_results(const tool_settings& s, const fitted_image& image, const frontend::result& result,
+                  const staged_outputs& files, frame_stream* frames, terminal_progress& progress) {
   try {
     std::vector<std::string> notes;
     if (frames != nullptr)
       write_staged(*files.frames, [&](const std::string&) { frames->finish(notes); });
-    if (files.regions) {
-      print_progress(s, progress, "file = " + files.regions->path() + " \n");
-      write_staged(*files.regions, [&](const std::string& path) {
-        write_region_list(path, image.size_x, image.size_z, params.pred_choice, result.regions);
-      });
-      print_progress(s, progress, "finished save_regionlist \n");
-    }
     if (files.labels)
       write_staged(*files.labels, [&](const std::string& path) {
         write_labels(path, io::extension_of(*s.labels), image, result.labels, notes);
@@ -211,9 +172,7 @@ int write_results(const tool_settings& s, const fitted_image& image, const param
         write_overlay(path, image, result.labels, notes);
       });
     commit_all(files.all());
-    const auto largest = std::max_element(result.labels.begin(), result.labels.end());
-    progress.finish(largest == result.labels.end() ? 0 : std::int64_t{*largest} + 1,
-                    static_cast<std::int64_t>(result.labels.size()));
+    progress.finish(result.region_count, static_cast<std::int64_t>(result.labels.size()));
     if (!s.quiet) print_notes(notes);
     return exit_success;
   } catch (const io::io_error& e) {
@@ -223,6 +182,17 @@ int write_results(const tool_settings& s, const fitted_image& image, const param
   }
 }
 
+// The image as the reader holds it, for the front-end layer: numpy's axis
+// order; only a .npy array may hold colour channels (the picture readers
+// convert colour themselves).
+frontend::array_view view_of(const io::grey_image& image) {
+  std::int64_t shape[3] = {image.size_z, image.size_y, image.size_x};
+  const int ndim = image.dimensions;
+  return frontend::contiguous_view(image.values.data(), frontend::pixel_type::float64,
+                                   frontend::host_order::numpy, ndim,
+                                   ndim == 3 ? shape : shape + 1);
+}
+
 }  // namespace
 
 int run(const tool_settings& s) {
@@ -230,12 +200,18 @@ int run(const tool_settings& s) {
   try {
     check_output_extensions(s);
     check_output_paths(s.image, requested_outputs(s));
-    warn_about_parameter_ranges(s.params);
-    const fitted_image image = fit_image(io::read_grey_image(s.image), s.fit);
-    if (!s.quiet) print_notes(image.notes);
-    const image_view view{image.pixels.data(), image.size_x, image.size_y, image.size_z};
-    const parameters params = checked_parameters(view, s.params);
-    const std::uint64_t memory_limit = checked_memory_limit(view, params, s);
+    const io::grey_image input = io::read_grey_image(s.image);
+    frontend::request request = s.request;
+    if (io::extension_of(s.image) != ".npy") request.colour = frontend::colour_mode::volume;
+    if (!s.quiet && !input.note.empty()) print_notes({input.note});
+    const frontend::prepared prepared = frontend::prepare(view_of(input), s.params, request);
+    if (prepared.failure.kind != frontend::problem_kind::none)
+      throw usage_error(in_words(prepared.failure));
+    for (const auto& w : prepared.warnings)
+      std::cerr << "splitmerge: warning: " << in_words(w) << '\n';
+    if (!s.quiet) print_notes(prepared.notes);
+    const fitted_image image =
+        output_image(input, prepared, s.overlay.has_value() || s.input_copy.has_value());
     const staged_outputs files(s);
     std::optional<frame_stream> frames;
     if (files.frames) {
@@ -249,8 +225,8 @@ int run(const tool_settings& s) {
       }
     }
     frame_stream* frame_output = frames ? &*frames : nullptr;
-    const segmentation result =
-        segment_with_progress(view, params, s, memory_limit, frame_output, progress);
+    const frontend::result result =
+        segment_with_progress(prepared, s, files, frame_output, progress);
     if (frame_output != nullptr && frame_output->failed()) {
       try {
         std::vector<std::string> unused;
@@ -261,8 +237,9 @@ int run(const tool_settings& s) {
       }
       return exit_run_failed;
     }
-    if (result.status != 0) return report_failed_run(result, progress);
-    return write_results(s, image, params, result, files, frame_output, progress);
+    if (result.failure.kind != frontend::problem_kind::none)
+      return report_failed_run(result, progress);
+    return write_results(s, image, result, files, frame_output, progress);
   } catch (const usage_error& e) {
     std::cerr << "splitmerge: " << e.what() << '\n';
     return exit_bad_input;

@@ -65,6 +65,10 @@ struct image_view {
   std::int32_t size_z = 1;
 };
 
+// The largest total size, in bytes, of the display frames a run collects in
+// memory (options::frame_budget).
+inline constexpr std::uint64_t default_frame_budget = std::uint64_t{2} << 30;
+
 struct options {
   // Record display frames (the segmentation as it progresses).
   bool display = true;
@@ -82,7 +86,7 @@ struct options {
   std::optional<std::string> region_file;
   // Largest total size of the frames collected in `segmentation::frames`, in
   // bytes; frames handed to `frame_sink` are not counted.
-  std::uint64_t frame_budget = std::uint64_t{2} << 30;
+  std::uint64_t frame_budget = default_frame_budget;
   // Receives each display frame (the image's pixel count of values) as soon as
   // it is final, in order, with its index from 0. When set, the frames are not
   // collected in `segmentation::frames`: the run holds only the frame being

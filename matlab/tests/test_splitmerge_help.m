@@ -51,7 +51,8 @@ function smsegment_help_gives_every_option()
 text = get_help_text('smsegment');
 options = {'Predicate', 'IntervalLength', 'Rejection', 'Sigma', 'ThresholdRow', ...
            'PseudoFactor', 'SmallSize', 'StatisticUpdate', 'Grouping', 'MaxSeed', ...
-           'UseAllSeeds', 'InitLevel', 'Fit', 'Rescale', 'ZeroBased', 'Frames', 'Verbose'};
+           'UseAllSeeds', 'InitLevel', 'MaxLevel', 'LimOctLevel', 'Fit', 'Rescale', ...
+           'StartLabel', 'MemoryLimit', 'Frames', 'Regions', 'Verbose', 'Volume'};
 for k = 1:numel(options)
   entry = regexp(text, ['\n\s*''' options{k} '''\s(.*?)(?=\n\s*''[A-Z]|\n\s*\n)'], ...
                  'tokens', 'once');
@@ -60,7 +61,8 @@ for k = 1:numel(options)
   end
 end
 ids = {'smsegment:badOption', 'smsegment:imageClass', 'smsegment:imageRange', ...
-       'smsegment:imageSize', 'smsegment:outOfRange', 'splitmerge:interrupted', 'Example'};
+       'smsegment:imageSize', 'smsegment:outOfRange', 'splitmerge:interrupted', ...
+       'splitmerge:outOfMemory', 'Example'};
 check_mentions(text, ids, '%s');
 end
 

@@ -5,23 +5,21 @@ from __future__ import annotations
 import os
 import warnings
 from dataclasses import dataclass, field
-from typing import Callable, Optional, Union
+from typing import Any, Callable, Optional, Sequence, Union
 
 import numpy as np
 import numpy.typing as npt
 
 from . import _core
-from ._fit import Box, Rescale, fit_image
 from ._params import library_parameters
 
 __all__ = ["Region", "Segmentation", "segment"]
 
-DEFAULT_FRAME_BUDGET = 2 << 30
+DEFAULT_FRAME_BUDGET: int = _core.default_frame_budget
+FIT_MODES = {None: 0, "none": 0, "pad": 1, "crop": 2}
 
-# Library messages about the image's shape (when the levels are derived from
-# it), which fit= can remedy.
-_SHAPE_PROBLEMS = ("the image width ", "the slice count ", "invalid parameter size_",
-                   "invalid parameter max_level ", "invalid parameter lim_oct_level ")
+Box = tuple[slice, ...]
+Rescale = Union[bool, Sequence[float]]
 
 
 @dataclass(frozen=True)
@@ -52,27 +50,34 @@ class Region:
 
 @dataclass
 class Segmentation:
-    """The results of a run asked for with frames, regions or lines.
+    """The results of a run asked for with frames, regions, lines or info.
 
     Attributes
     ----------
     labels : numpy.ndarray
-        int32 label image of the input's shape (of the kept part with
-        ``fit="crop"``); 0 is the largest region.
+        int32 label image of the input's shape: `start_label` for the largest
+        region, then by decreasing size; ``start_label - 1`` where the input
+        was not segmented (outside the box kept by ``fit="crop"``).
     frames : numpy.ndarray or None
         int32 display frames, shape ``(frames,) + labels.shape``, in
-        recording order; None unless ``frames=True``.
+        recording order (-1 outside a crop); None unless ``frames=True``.
     regions : list of Region or None
-        The final region list, index = label; None unless ``regions=True``.
+        The final region list in the run's order: ``regions[k]`` is the region
+        labelled ``start_label + k``; None unless ``regions=True``.
     lines : list of str or None
         The progress lines, without their newlines; None unless
         ``lines=True``.
     notes : list of str
-        What fitting changed (padding, cropping, rescaling).
+        What was changed on the way (colour, rescaling, padding, cropping).
     box : tuple of slice
-        The part of the input that `labels` and `frames` cover, (y, x) or
-        (z, y, x): all of it unless ``fit="crop"`` cut it, so
-        ``image[box]`` has the shape of `labels`.
+        The part of the input that was segmented, (y, x) or (z, y, x): all of
+        it unless ``fit="crop"`` cut it.
+    region_count : int
+        The number of regions of the run (those of padding included).
+    parameters : dict
+        Every parameter as the run used it, the levels included.
+    version : str
+        The version of splitmerge that made the labels.
     """
 
     labels: np.ndarray
@@ -81,24 +86,55 @@ class Segmentation:
     lines: Optional[list[str]] = None
     notes: list[str] = field(default_factory=list)
     box: Box = ()
+    region_count: int = 0
+    parameters: dict[str, Any] = field(default_factory=dict)
+    version: str = _core.version
 
 
-def _raise_for_status(run: dict, region_file: Optional[str], shape_hint: bool) -> None:
-    status = run["status"]
-    if status == _core.status_ok:
+_EXCEPTIONS = {
+    _core.problem_invalid_argument: ValueError,
+    _core.problem_resource_exhausted: MemoryError,
+    _core.problem_interrupted: KeyboardInterrupt,
+    _core.problem_input_output: OSError,
+}
+
+
+def _raise_for(failure: dict, region_file: Optional[str]) -> None:
+    kind = failure["kind"]
+    if not kind:
         return
-    if status == _core.status_interrupted:
-        raise KeyboardInterrupt("the segmentation was interrupted")
-    if status == _core.status_file_failed:
-        raise OSError(f"cannot write the region list file {region_file}")
-    message = run["error"]
-    if not message:
-        raise MemoryError("the segmentation ran out of memory")
-    if run["memory_needed"]:
-        raise MemoryError(message)
-    if shape_hint and message.startswith(_SHAPE_PROBLEMS):
-        message += "; fit='pad' or fit='crop' makes any shape fit"
-    raise ValueError(message)
+    message = failure["message"]
+    if kind == _core.problem_input_output and region_file is not None:
+        message = f"{message} {region_file}"
+    raise _EXCEPTIONS[kind](message)
+
+
+def _rescale_window(rescale: Rescale) -> tuple[bool, float, float]:
+    if isinstance(rescale, (bool, np.bool_)):
+        return bool(rescale), 0.0, 100.0
+    try:
+        low, high = (float(v) for v in rescale)
+    except (TypeError, ValueError):
+        raise TypeError("rescale must be True, False or a (low, high) pair of percentiles, "
+                        f"not {rescale!r}") from None
+    return True, low, high
+
+
+def _box_of(segmented: dict, shape: tuple[int, ...]) -> Box:
+    starts = (segmented["z0"], segmented["y0"], segmented["x0"])
+    sizes = (segmented["size_z"], segmented["size_y"], segmented["size_x"])
+    box = tuple(slice(max(0, s), min(n, s + k)) for s, k, n in
+                zip(starts[3 - len(shape):], sizes[3 - len(shape):], shape))
+    return box
+
+
+def _int(name: str, value: Any, low: int, high: int) -> int:
+    if isinstance(value, (bool, np.bool_)) or not isinstance(value, (int, np.integer)):
+        raise TypeError(f"{name} must be an int, not {type(value).__name__}")
+    v = int(value)
+    if not low <= v <= high:
+        raise ValueError(f"{name}={v} must be {low} to {high}")
+    return v
 
 
 def _checked_threads(threads: int) -> int:
@@ -141,9 +177,13 @@ def segment(
     statistic_update: Union[bool, int] = True,
     fit: Optional[str] = None,
     rescale: Rescale = False,
+    channel_axis: Optional[int] = -1,
+    slice: Optional[int] = None,
+    start_label: int = _core.default_start_label,
     frames: bool = False,
     regions: bool = False,
     lines: bool = False,
+    info: bool = False,
     progress: Optional[Callable[[str], object]] = None,
     region_file: Optional[Union[str, os.PathLike]] = None,
     frame_budget: int = DEFAULT_FRAME_BUDGET,
@@ -155,19 +195,19 @@ def segment(
     The image is covered with blocks of level `init_level`; homogeneous
     sibling blocks merge upward, inhomogeneous blocks split downward, adjacent
     blocks grow into regions, regions below `small_size` pixels are absorbed by
-    their most similar neighbour, and the regions are labelled 0, 1, ... by
-    decreasing size.
+    their most similar neighbour, and the regions are labelled `start_label`,
+    `start_label` + 1, ... by decreasing size.
 
     Parameters
     ----------
     image : array_like
-        2-D (Y, X) or 3-D (Z, Y, X) array, C order, x fastest. Slices must be
-        square with an edge of 2, 4, ..., 4096 pixels (at most 512 for a
-        volume of more than one slice) and a volume must have 1, 2, 4, ...
-        slices, no more than the edge (see `fit`). Values must be
-        whole numbers 0..255 (see `rescale`). An int32 C-contiguous array is
-        used without a copy; other integer, boolean and floating-point
-        dtypes and other memory orders are converted.
+        2-D (Y, X) or 3-D (Z, Y, X) grey array, or a colour picture (Y, X, 3)
+        or (Y, X, 4) (see `channel_axis`), of any integer, boolean or
+        floating-point dtype and any memory layout. Slices must be square
+        with an edge of 2, 4, ..., 4096 pixels (at most 512 for a volume of
+        more than one slice) and a volume must have 1, 2, 4, ... slices, no
+        more than the edge (see `fit`). Values must be whole numbers 0..255
+        (see `rescale`); a boolean image is read as 0 and 255.
     max_level : int, optional
         Level of the whole image, 1..12 (1..9 for a volume of more than one
         slice): the edge is ``2**max_level``.
@@ -217,29 +257,42 @@ def segment(
         An absorbing region takes in the small region's statistics (True,
         non-zero, the default) or keeps its own (False, 0).
     fit : {None, "pad", "crop"}, optional
-        Make any shape segmentable as the command-line program's ``--fit``
-        does. "pad" centres the image in a zero-filled one of the next
-        allowed size and segments that; the labels and frames are cut back
-        to the input's place in it, so they have the input's shape and
-        overlay it (the region list and the region list file still describe
-        the padded image: its block codes and region sizes). "crop" segments
-        the centred largest allowed part; the labels and frames have its
-        shape, and ``Segmentation.box`` (or ``fit_image(image,
-        fit="crop").box``) says which part of the input it is. Default
+        Make any shape segmentable. "pad" centres the image in a zero-filled
+        one of the next allowed size; "crop" segments the centred largest
+        allowed part. Either way the labels and frames have the input's
+        shape: padding is cut off, and pixels outside a crop get
+        ``start_label - 1`` (see ``Segmentation.box``). The region list and
+        the region list file describe the image that was segmented. Default
         None: a shape that does not fit is an error.
     rescale : bool or (float, float), optional
-        True maps the value range linearly onto 0..255 (rounded, before
-        padding) instead of requiring whole numbers 0..255; ``(low, high)``
-        maps the window between those percentiles of the values (e.g.
-        ``(1, 99)``), clipping values outside it. The range or window is
-        found over the whole input, before cropping (see
-        `splitmerge.fit_image`). Default False.
+        True maps the value range linearly onto 0..255 (rounded) instead of
+        requiring whole numbers 0..255; ``(low, high)`` maps the window
+        between those percentiles of the values (e.g. ``(1, 99)``), clipping
+        values outside it. The range or window is found over the whole
+        input, before slicing or cropping. Default False.
+    channel_axis : {-1, None}, optional
+        -1 (the default): a 3-D array whose last axis has 3 or 4 entries,
+        after an x axis of more than 4, is a colour picture (RGB or RGBA),
+        segmented as its grey levels (299 R + 587 G + 114 B) / 1000 (rounded
+        for whole-number samples; alpha ignored). None: every 3-D array is a
+        volume (Z, Y, X).
+    slice : int, optional
+        Segment only this slice (0-based, along z) of a volume; the labels
+        are then 2-D.
+    start_label : int, optional
+        The label of the largest region, 1 by default so that 0 is free for
+        "not segmented" (as ``regionprops`` and napari expect); 0 gives the
+        library's own numbering.
     frames : bool, optional
         Record the display frames (the segmentation as it progresses).
     regions : bool, optional
         Collect the final region list.
     lines : bool, optional
         Keep the progress lines.
+    info : bool, optional
+        Return a `Segmentation` with the resolved parameters, the region
+        count, the notes and the version even without frames, regions or
+        lines.
     progress : callable, optional
         Called with each progress line (a str without its newline) as the
         run prints it, in the calling thread, with the GIL held. An exception
@@ -261,10 +314,9 @@ def segment(
     Returns
     -------
     numpy.ndarray or Segmentation
-        The int32 label image of the input's shape (of the kept part with
-        ``fit="crop"``), 0 for the largest region; a `Segmentation`
-        (``labels``, ``frames``, ``regions``, ``lines``, ``notes``, ``box``)
-        when `frames`, `regions` or `lines` is asked for.
+        The int32 label image of the input's shape, `start_label` for the
+        largest region; a `Segmentation` when `frames`, `regions`, `lines`
+        or `info` is asked for.
 
     Raises
     ------
@@ -293,7 +345,7 @@ def segment(
     >>> image[16:48, 16:48] = 200
     >>> labels = splitmerge.segment(image, pred_choice="range", small_size=0)
     >>> np.unique(labels).tolist()
-    [0, 1]
+    [1, 2]
     """
     params = library_parameters({
         "max_level": max_level, "lim_oct_level": lim_oct_level, "init_level": init_level,
@@ -308,28 +360,45 @@ def segment(
     budget = int(frame_budget)
     if not 0 <= budget < 2**64:
         raise ValueError(f"frame_budget = {budget} must be 0 to 2**64 - 1 bytes")
-    thread_count = _checked_threads(threads)
-    limit = _checked_memory_limit(memory_limit)
-    fitted = fit_image(image, fit=fit, rescale=rescale)
+    if fit not in FIT_MODES:
+        raise ValueError(f"fit must be None, 'pad' or 'crop', not {fit!r}")
+    if channel_axis not in (-1, None):
+        raise ValueError(f"channel_axis must be -1 or None, not {channel_axis!r}")
+    do_rescale, low, high = _rescale_window(rescale)
+    around = {
+        "fit": FIT_MODES[fit], "volume": channel_axis is None, "rescale": do_rescale,
+        "low": low, "high": high,
+        "slice": None if slice is None else _int("slice", slice, -2**63, 2**63 - 1),
+        "start_label": _int("start_label", start_label, 0, 2**31 - 1),
+    }
+    array = np.asarray(image)
+    if array.dtype == np.float16:
+        array = array.astype(np.float32)
+    elif array.dtype.byteorder not in ("=", "|"):
+        array = array.astype(array.dtype.newbyteorder("="))
     path = None if region_file is None else os.fspath(region_file)
     run = _core.run(
-        fitted.pixels, params, frames=bool(frames), lines=bool(lines), regions=bool(regions),
+        array, params, around, frames=bool(frames), lines=bool(lines), regions=bool(regions),
         region_file=None if path is None else os.fsencode(path), frame_budget=budget,
-        progress=progress, threads=thread_count, memory_limit=limit)
-    shape_hint = fit is None and max_level is None and lim_oct_level is None
-    _raise_for_status(run, None if path is None else os.fsdecode(path), shape_hint)
+        progress=progress, threads=_checked_threads(threads),
+        memory_limit=_checked_memory_limit(memory_limit))
     for message in run["warnings"]:
+        warnings.warn(message, UserWarning, stacklevel=2)
+    _raise_for(run["failure"], None if path is None else os.fsdecode(path))
+    for message in run["run_warnings"]:
         warnings.warn(message.strip().removeprefix("splitmerge: "), RuntimeWarning,
                       stacklevel=2)
-    labels = fitted.to_input(run["labels"])
-    if not (frames or regions or lines):
+    labels = run["labels"]
+    if not (frames or regions or lines or info):
         return labels
     return Segmentation(
         labels=labels,
-        frames=None if run["frames"] is None else fitted.to_input(run["frames"]),
+        frames=run["frames"],
         regions=[Region((s0, s1), codes, nbs) for s0, s1, codes, nbs in run["regions"]]
         if regions else None,
         lines=run["lines"] if lines else None,
-        notes=fitted.notes,
-        box=fitted.box,
+        notes=run["notes"],
+        box=_box_of(run["segmented"], labels.shape),
+        region_count=run["region_count"],
+        parameters=run["resolved"],
     )

@@ -3,7 +3,7 @@ writing label images next to them.
 
 Formats by extension: .npy ((Y, X) or (Z, Y, X)), .nii / .nii.gz (NIfTI-1,
 x fastest, with its scaling), .tif / .tiff (one grey page per slice), .png and
-.pgm (grey; colour PNG as its luma 0.299 R + 0.587 G + 0.114 B).
+.pgm (grey; a colour PNG is segmented as its grey levels, see segment()).
 """
 
 from __future__ import annotations
@@ -108,13 +108,11 @@ def _read_png_or_pgm(path: Path) -> np.ndarray:
             picture = picture.convert("RGBA" if "transparency" in picture.info else "RGB")
         if picture.mode in ("LA", "RGBA", "PA") or "transparency" in picture.info:
             raise ReadError(f"{path}: images with transparency are not read; flatten it first")
-        if picture.mode == "RGB":
-            rgb = np.asarray(picture).astype(np.int64)
-            # Integer weights keep grey pixels of a colour file exactly grey.
-            return (299 * rgb[..., 0] + 587 * rgb[..., 1] + 114 * rgb[..., 2] + 500) // 1000
-        if picture.mode not in ("L", "I", "I;16", "I;16B", "I;16L", "1"):
+        if picture.mode not in ("RGB", "L", "I", "I;16", "I;16B", "I;16L", "1"):
             raise ReadError(f"{path}: PNG/PGM mode {picture.mode} is not a grey image")
-        return np.asarray(picture).astype(np.int64)
+        # Colour stays (Y, X, 3) and a 1-bit picture boolean: segment() turns
+        # them into grey levels by the rules every front end shares.
+        return np.asarray(picture)
 
 
 def read_image(path: os.PathLike | str) -> ScanImage:
@@ -141,20 +139,14 @@ def read_image(path: os.PathLike | str) -> ScanImage:
     raise ReadError(f"{path}: unsupported format {shown} (readable: {', '.join(READABLE)})")
 
 
-def labels_extension(input_path: os.PathLike | str) -> str:
-    """NIfTI labels for NIfTI scans (so they overlay in a viewer), else .npy."""
-    ext = extension_of(input_path)
-    return ext if ext in (".nii", ".nii.gz") else ".npy"
-
-
 def write_labels(path: Path, labels: np.ndarray, scan: ScanImage,
-                 origin: tuple[int, int, int]) -> None:
+                 origin: tuple[int, int, int], description: str = "splitmerge labels") -> None:
     """Write labels as .npy, or as NIfTI with the scan's header and affine.
 
     `origin` is the scan's voxel (z, y, x) at the labels' first pixel: fitting
     may have cropped or padded, and the affine moves with it.
     """
-    if extension_of(path) == ".npy":
+    if not (extension_of(path) in (".nii", ".nii.gz") or path.name.endswith(".nii.gz")):
         with open(path, "wb") as f:
             np.save(f, labels)
         return
@@ -171,5 +163,6 @@ def write_labels(path: Path, labels: np.ndarray, scan: ScanImage,
     out.header.set_slope_inter(1.0, 0.0)
     out.header["cal_min"] = 0
     out.header["cal_max"] = int(labels.max()) if labels.size else 0
-    out.header["descrip"] = b"splitmerge labels"
+    out.header["descrip"] = description.encode()[:79]
+    out.header.set_intent("label")
     nibabel.save(out, path)

@@ -13,6 +13,8 @@ from typing import Any, Optional, Union
 
 import numpy as np
 
+from . import _core
+
 __all__ = ["DEFAULTS", "PARAMETER_NAMES", "PRED_CHOICES", "GROUP_MODES", "library_parameters"]
 
 INT32_MIN, INT32_MAX = -(2**31), 2**31 - 1
@@ -20,22 +22,12 @@ INT32_MIN, INT32_MAX = -(2**31), 2**31 - 1
 PRED_CHOICES = {"range": 1, "mean": 2, "median": 3, "chi2": 4, "pseudo": 5}
 GROUP_MODES = {"sequential": 0, "parallel": 1}
 
-# The library's defaults; None means derived from the image's shape.
+# The library's defaults (declared once, in its public header); None means
+# derived from the image's shape.
 DEFAULTS: dict[str, Any] = {
-    "max_level": None,
-    "lim_oct_level": None,
-    "init_level": None,
-    "group_mode": 0,
-    "max_seed": 8,
-    "use_all_seeds": 0,
-    "pred_choice": 4,
-    "interval_length": 10,
-    "rejection": 0.1,
-    "sigma": 5.0,
-    "threshold_row": 3,
-    "pseudo_factor": 2.0,
-    "small_size": 30,
-    "statistic_update": 1,
+    name: (None if value == -1 and name in ("max_level", "lim_oct_level", "init_level")
+           else value)
+    for name, value in _core.defaults.items()
 }
 PARAMETER_NAMES = tuple(DEFAULTS)
 _DERIVED = ("max_level", "lim_oct_level", "init_level")
@@ -54,7 +46,7 @@ def _int32(name: str, value: Any) -> int:
         raise TypeError(
             f"{name} must be an integer, not {type(value).__name__} ({value!r})") from None
     if not INT32_MIN <= v <= INT32_MAX:
-        raise ValueError(f"invalid parameter {name} = {v}: outside the 32-bit integer range")
+        raise ValueError(f"{name}={v}: outside the 32-bit integer range")
     return v
 
 
@@ -73,7 +65,7 @@ def _named(name: str, value: Any) -> Any:
     except KeyError:
         allowed = ", ".join(repr(n) for n in names)
         raise ValueError(
-            f"invalid parameter {name} = {value!r}: use {allowed} or a number") from None
+            f"{name}={value!r}: use {allowed} or a number") from None
 
 
 def library_parameters(given: dict[str, Any]) -> dict[str, Union[int, float]]:

@@ -3,17 +3,20 @@
     python3 -m splitmerge.batch INPUTS... --out DIR [options]
 
 Every input (a file or a glob pattern of .npy, .nii, .nii.gz, .tif, .tiff,
-.png or .pgm files) becomes one task that reads, fits, segments and writes
-``DIR/<name>.labels.<ext>`` (NIfTI for NIfTI scans, with the scan's header and
-affine so the labels overlay it in a viewer; .npy otherwise; padded scans give
-labels of the scan's own shape, cropped ones of the kept part, with the affine
-moved to it) and, with
-``--regions``, ``DIR/<name>.regions.txt``. Outputs are written under temporary
-names and renamed when complete; ``DIR/manifest.csv`` holds one row per input
-(status, error, seconds, regions, output), rewritten as results arrive. A run
-started again skips inputs whose outputs are complete (``--force`` redoes
-them); a bad input fails its own row, never the batch; tasks of a worker that
-dies are run again by Dask.
+.png or .pgm files) becomes one task that reads, segments and writes its
+labels, of the scan's own shape after --fit too (--start-label - 1 outside the
+part a crop kept; NIfTI for NIfTI scans, with the scan's header and affine so
+the labels overlay it in a viewer, intent "label"; .npy otherwise), a JSON sidecar with the version and every parameter and, with
+``--regions``, the region list file. The outputs mirror the inputs' folders
+below each pattern's fixed prefix, so scans of one name in different folders
+never collide; ``--bids`` writes BIDS derivatives instead. Outputs are written
+under temporary names and renamed when complete; ``DIR/manifest.csv`` holds
+one row per input (status, error, seconds, regions, output, version and the
+parameters), rewritten as results arrive. A run started again skips inputs
+whose outputs were made with the same parameters and version (``--force``
+redoes them); a bad input fails its own row, never the batch; tasks of a
+worker that dies are run again by Dask; Ctrl-C stops the workers, keeps what
+finished and exits with status 130.
 """
 
 from __future__ import annotations
@@ -21,6 +24,7 @@ from __future__ import annotations
 import argparse
 import csv
 import glob
+import json
 import logging
 import os
 import sys
@@ -30,17 +34,30 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any, Iterable, Optional, Sequence
 
-from ._api import _checked_threads, segment
-from ._fit import Rescale, _rescale_window, fit_image
-from ._io import labels_extension, read_image, stem_of, write_labels
+from ._api import Rescale, _checked_memory_limit, _checked_threads, _rescale_window, segment
+from ._core import version as VERSION
+from ._io import extension_of, read_image, stem_of, write_labels
 from ._params import DEFAULTS, PARAMETER_NAMES, library_parameters
 
-__all__ = ["BatchOptions", "MANIFEST_FIELDS", "main", "segment_batch", "segment_file"]
+__all__ = ["BatchOptions", "MANIFEST_FIELDS", "Interrupted", "main", "segment_batch",
+           "segment_file"]
 
 MANIFEST_NAME = "manifest.csv"
-MANIFEST_FIELDS = ("input", "status", "error", "seconds", "regions", "output")
+MANIFEST_FIELDS = ("input", "status", "error", "seconds", "regions", "output",
+                   "version") + PARAMETER_NAMES
 PART_PREFIX = ".part-"
 CONNECT_TIMEOUT = "20s"
+BIDS_FOLDER = Path("derivatives") / "splitmerge"
+BIDS_DATATYPES = ("anat", "func", "dwi", "fmap", "perf", "pet", "micr", "nirs", "meg", "eeg",
+                  "ieeg", "beh")
+
+
+class Interrupted(KeyboardInterrupt):
+    """Ctrl-C ended the batch; the manifest holds what finished."""
+
+    def __init__(self, rows: list[dict[str, str]]) -> None:
+        super().__init__("the batch was interrupted")
+        self.rows = rows
 
 
 @dataclass(frozen=True)
@@ -53,6 +70,15 @@ class BatchOptions:
     regions: bool = False
     params: dict[str, Any] = field(default_factory=dict)
     threads: int = 1
+    start_label: int = 1
+    memory_limit: Optional[int] = None  # None: the Dask worker's limit, if it has one
+
+    def request(self) -> dict[str, Any]:
+        """What the outputs depend on: a rerun with another request redoes them."""
+        rescale = self.rescale if isinstance(self.rescale, bool) else list(self.rescale)
+        return {"parameters": dict(sorted(self.params.items())), "fit": self.fit,
+                "rescale": rescale, "slice": self.slice, "start_label": self.start_label,
+                "regions": self.regions}
 
 
 @dataclass(frozen=True)
@@ -60,10 +86,24 @@ class Job:
     input: str
     labels: Path
     region_file: Optional[Path]
+    sidecar: Path
 
     def is_complete(self) -> bool:
-        # Labels are renamed last, so they exist only once everything else does.
-        return self.labels.exists() and (self.region_file is None or self.region_file.exists())
+        # The sidecar is written last, so it exists only once everything else does.
+        return (self.sidecar.exists() and self.labels.exists()
+                and (self.region_file is None or self.region_file.exists()))
+
+    def made_by(self, request: dict[str, Any]) -> Optional[dict[str, Any]]:
+        """The sidecar, when complete outputs were made with this request and version."""
+        if not self.is_complete():
+            return None
+        try:
+            with open(self.sidecar) as f:
+                made = json.load(f)
+        except (OSError, ValueError):
+            return None
+        same = made.get("Version") == VERSION and made.get("Request") == request
+        return made if same else None
 
 
 def _part_path(final: Path) -> Path:
@@ -80,86 +120,183 @@ def _remove_quietly(path: Optional[Path]) -> None:
 
 
 def _row(job: Job, status: str, error: str = "", seconds: Optional[float] = None,
-         regions: Optional[int] = None) -> dict[str, str]:
-    return {
+         regions: Optional[int] = None,
+         parameters: Optional[dict[str, Any]] = None) -> dict[str, str]:
+    row = {
         "input": job.input,
         "status": status,
         "error": error,
         "seconds": "" if seconds is None else f"{seconds:.3f}",
         "regions": "" if regions is None else str(regions),
         "output": str(job.labels) if status != "failed" else "",
+        "version": VERSION if parameters else "",
     }
+    for name in PARAMETER_NAMES:
+        row[name] = "" if not parameters else str(parameters[name])
+    return row
+
+
+def _made_row(job: Job, status: str, made: dict[str, Any]) -> dict[str, str]:
+    """A row from the sidecar of complete outputs."""
+    return _row(job, status, seconds=made.get("Seconds"), regions=made.get("RegionCount"),
+                parameters=made.get("Parameters"))
+
+
+def _descrip(parameters: dict[str, Any]) -> str:
+    """The NIfTI description: the version and as many parameters as fit 79 bytes."""
+    text = f"splitmerge {VERSION}"
+    for name in PARAMETER_NAMES:
+        more = f" {name}={parameters[name]}"
+        if len(text) + len(more) > 79:
+            break
+        text += more
+    return text
 
 
 def segment_file(job: Job, options: BatchOptions) -> dict[str, str]:
-    """One task: read, fit, segment, write; a failure becomes the row's error."""
+    """One task: read, segment, write; a failure becomes the row's error."""
     started = time.perf_counter()
-    labels_part = _part_path(job.labels)
+    parts = [_part_path(job.labels), _part_path(job.sidecar)]
     regions_part = _part_path(job.region_file) if job.region_file else None
     try:
+        job.labels.parent.mkdir(parents=True, exist_ok=True)
         scan = read_image(job.input)
-        fitted = fit_image(scan.pixels, fit=options.fit, rescale=options.rescale,
-                           slice=options.slice)
-        labels = fitted.to_input(segment(fitted.pixels, **options.params,
-                                         region_file=regions_part, threads=options.threads))
-        write_labels(labels_part, labels, scan, fitted.output_origin)
+        run = segment(scan.pixels, **options.params, fit=options.fit, rescale=options.rescale,
+                      slice=options.slice, region_file=regions_part, threads=options.threads,
+                      start_label=options.start_label, info=True,
+                      memory_limit=_task_memory_limit(options))
+        write_labels(parts[0], run.labels, scan, (options.slice or 0, 0, 0),
+                     _descrip(run.parameters))
+        seconds = round(time.perf_counter() - started, 3)  # the run, as the sidecar says
+        sidecar = {"Sources": [job.input], "Version": VERSION, "Parameters": run.parameters,
+                   "Request": options.request(), "RegionCount": run.region_count,
+                   "Seconds": seconds, "Notes": run.notes}
+        parts[1].write_text(json.dumps(sidecar, indent=2) + "\n")
         if regions_part is not None and job.region_file is not None:
             os.replace(regions_part, job.region_file)
-        os.replace(labels_part, job.labels)
-        return _row(job, "ok", seconds=time.perf_counter() - started,
-                    regions=int(labels.max()) + 1)
+        os.replace(parts[0], job.labels)
+        os.replace(parts[1], job.sidecar)
+        return _row(job, "ok", seconds=seconds, regions=run.region_count,
+                    parameters=run.parameters)
     except Exception as e:  # one bad input fails its own row only
-        _remove_quietly(labels_part)
-        _remove_quietly(regions_part)
+        for part in parts + [regions_part]:
+            _remove_quietly(part)
         message = " ".join(str(e).split()) or type(e).__name__
         return _row(job, "failed", f"{type(e).__name__}: {message}",
                     seconds=time.perf_counter() - started)
 
 
-def _expand(inputs: Iterable[str]) -> tuple[list[str], list[str]]:
-    """Files named or matched, in order without repeats; patterns matching nothing."""
-    files: list[str] = []
-    unmatched: list[str] = []
+def _task_memory_limit(options: BatchOptions) -> Optional[int]:
+    """The batch's memory limit, else the Dask worker's own when it has one."""
+    if options.memory_limit is not None:
+        return options.memory_limit
+    try:
+        from distributed import get_worker
+
+        limit = get_worker().memory_manager.memory_limit
+    except (ImportError, ValueError, AttributeError):
+        return None
+    return int(limit) if limit else None
+
+
+def _fixed_prefix(pattern: str) -> Path:
+    """The folders of a glob pattern before its first wildcard."""
+    fixed: list[str] = []
+    for part in Path(pattern).parts[:-1]:
+        if glob.has_magic(part):
+            break
+        fixed.append(part)
+    return Path(*fixed) if fixed else Path(".")
+
+
+def _is_ours(path: Path, out_dir: Path) -> bool:
+    """Outputs, partial files and manifests are never inputs."""
+    if path.name.startswith(PART_PREFIX) or path.name == MANIFEST_NAME:
+        return True
+    try:
+        path.resolve().relative_to(out_dir.resolve())
+    except ValueError:
+        return False
+    return True
+
+
+def _expand(inputs: Iterable[str], out_dir: Path) -> list[tuple[str, Path]]:
+    """Each input file and the folder its outputs mirror from, in order without repeats.
+
+    A pattern's files mirror from its fixed prefix; files named one by one,
+    from the folder they all share. Raises ValueError for a pattern that
+    matches nothing.
+    """
+    found: list[tuple[str, Optional[Path]]] = []
     for given in inputs:
         if glob.has_magic(given):
-            matches = sorted(glob.glob(given, recursive=True))
-            matches = [m for m in matches if os.path.isfile(m)]
+            matches = [m for m in sorted(glob.glob(given, recursive=True))
+                       if os.path.isfile(m) and not _is_ours(Path(m), out_dir)]
             if not matches:
-                unmatched.append(given)
-            files.extend(matches)
+                raise ValueError(f"no file matches {given}")
+            root = _fixed_prefix(given)
+            found.extend((m, root) for m in matches)
         else:
-            files.append(given)
+            found.append((given, None))
+    named = [Path(f).parent for f, root in found if root is None]
+    shared = Path(os.path.commonpath([str(p.resolve()) for p in named])) if named else None
     seen: set[str] = set()
-    unique = [f for f in files if not (f in seen or seen.add(f))]
-    return unique, unmatched
+    out: list[tuple[str, Path]] = []
+    for f, root in found:
+        if f not in seen:
+            seen.add(f)
+            out.append((f, root if root is not None else shared))  # type: ignore[arg-type]
+    return out
 
 
-def plan_jobs(inputs: Iterable[str], out_dir: Path, regions: bool) -> tuple[list[Job], list[str]]:
-    """The jobs of a batch and the patterns that matched nothing.
+def _bids_job(f: str, out_dir: Path, regions: bool) -> Job:
+    """sub-X/[ses-Y/]<datatype>/<entities>_desc-splitmerge_dseg.nii.gz."""
+    stem = stem_of(f)
+    words = stem.split("_")
+    entities = [w for w in words if "-" in w and not w.startswith("desc-")]
+    if not entities or not entities[0].startswith("sub-"):
+        raise ValueError(f"{f}: not a BIDS file name (sub-<label>_..._<suffix>)")
+    folder = out_dir / BIDS_FOLDER / entities[0]
+    session = [e for e in entities if e.startswith("ses-")]
+    if session:
+        folder /= session[0]
+    datatype = Path(f).parent.name
+    folder /= datatype if datatype in BIDS_DATATYPES else "anat"
+    name = "_".join(entities) + "_desc-splitmerge"
+    return Job(f, folder / f"{name}_dseg.nii.gz",
+               folder / f"{name}_regions.txt" if regions else None,
+               folder / f"{name}_dseg.json")
 
-    Raises ValueError when two inputs would write the same output.
+
+def plan_jobs(inputs: Iterable[str], out_dir: Path, regions: bool,
+              bids: bool = False) -> list[Job]:
+    """The jobs of a batch: outputs mirror the inputs' folders below their roots.
+
+    Raises ValueError when a pattern matches nothing or two inputs would
+    write the same output.
     """
-    files, unmatched = _expand(inputs)
     jobs: list[Job] = []
     owners: dict[Path, str] = {}
-    for f in files:
-        stem = stem_of(f)
-        labels = out_dir / f"{stem}.labels{labels_extension(f)}"
-        if labels in owners:
-            raise ValueError(f"{owners[labels]} and {f} would both write {labels}; "
-                             "rename one or run them in separate batches")
-        owners[labels] = f
-        jobs.append(Job(f, labels, out_dir / f"{stem}.regions.txt" if regions else None))
-    return jobs, unmatched
-
-
-def read_manifest(path: Path) -> dict[str, dict[str, str]]:
-    """The rows of an earlier run by input, or nothing."""
-    try:
-        with open(path, newline="") as f:
-            return {row["input"]: row for row in csv.DictReader(f) if "input" in row}
-    except (FileNotFoundError, csv.Error, UnicodeDecodeError):
-        return {}
+    for f, root in _expand(inputs, out_dir):
+        if bids:
+            job = _bids_job(f, out_dir, regions)
+        else:
+            ext = extension_of(f)
+            labels_ext = ".nii.gz" if ext in (".nii", ".nii.gz") else ".npy"
+            try:
+                below = Path(f).resolve().parent.relative_to(root.resolve())
+            except ValueError:
+                below = Path()
+            folder = out_dir / below
+            stem = stem_of(f)
+            job = Job(f, folder / f"{stem}.labels{labels_ext}",
+                      folder / f"{stem}.regions.txt" if regions else None,
+                      folder / f"{stem}.labels.json")
+        if job.labels in owners:
+            raise ValueError(f"{owners[job.labels]} and {f} would both write {job.labels}")
+        owners[job.labels] = f
+        jobs.append(job)
+    return jobs
 
 
 def write_manifest(path: Path, rows: Sequence[dict[str, str]]) -> None:
@@ -170,6 +307,18 @@ def write_manifest(path: Path, rows: Sequence[dict[str, str]]) -> None:
         writer.writeheader()
         writer.writerows(rows)
     os.replace(part, path)
+
+
+def _write_dataset_description(out_dir: Path, command: str) -> None:
+    folder = out_dir / BIDS_FOLDER
+    folder.mkdir(parents=True, exist_ok=True)
+    description = {
+        "Name": "splitmerge segmentations",
+        "BIDSVersion": "1.8.0",
+        "DatasetType": "derivative",
+        "GeneratedBy": [{"Name": "splitmerge", "Version": VERSION, "Description": command}],
+    }
+    (folder / "dataset_description.json").write_text(json.dumps(description, indent=2) + "\n")
 
 
 def _checked_params(params: dict[str, Any]) -> dict[str, Any]:
@@ -205,12 +354,16 @@ def segment_batch(
     slice: Optional[int] = None,
     regions: bool = False,
     force: bool = False,
+    bids: bool = False,
     scheduler: Optional[str] = None,
     workers: Optional[int] = None,
     client: Any = None,
     progress: Optional[bool] = None,
     announce=None,
     threads: int = 1,
+    start_label: int = 1,
+    memory_limit: Optional[int] = None,
+    command: Optional[str] = None,
     **params: Any,
 ) -> list[dict[str, str]]:
     """Segment many files, each in its own Dask task.
@@ -219,19 +372,30 @@ def segment_batch(
     ----------
     inputs : iterable of str or os.PathLike
         Files or glob patterns (``**`` included) of .npy, .nii, .nii.gz, .tif,
-        .tiff, .png or .pgm images.
+        .tiff, .png or .pgm images. Files under `out`, partial files and
+        manifests are never inputs.
     out : str or os.PathLike
         Folder of the outputs and of ``manifest.csv``; created if missing.
+        The outputs mirror the inputs' folders below each pattern's fixed
+        prefix (below the folder that files named one by one share), so
+        scans of one name in different folders never collide:
+        ``<name>.labels.nii.gz`` (NIfTI scans) or ``<name>.labels.npy``, a
+        JSON sidecar ``<name>.labels.json`` with the version and every
+        parameter, and with `regions` ``<name>.regions.txt``.
     fit, rescale, slice
         As the command-line program's ``--fit``, ``--rescale`` and
-        ``--slice`` (see `splitmerge.fit_image`): `rescale` is True (each
+        ``--slice`` (see `splitmerge.segment`): `rescale` is True (each
         scan's whole value range) or (low, high) percentiles of each scan.
-        Labels of a padded input have the input's shape; the region list
-        file describes the padded image.
+        Labels have the scan's shape; the region list file describes the
+        image that was segmented.
     regions : bool, optional
-        Also write ``<name>.regions.txt``, the region list file.
+        Also write the region list file of each scan.
     force : bool, optional
         Redo inputs whose outputs are already complete.
+    bids : bool, optional
+        Write BIDS derivatives: ``out/derivatives/splitmerge/sub-X/[ses-Y/]
+        <datatype>/<entities>_desc-splitmerge_dseg.nii.gz`` with a JSON
+        sidecar each and ``dataset_description.json``.
     scheduler : str, optional
         Address of a running Dask scheduler (``tcp://host:8786``). Without
         it a local cluster of `workers` processes is started and closed.
@@ -248,6 +412,13 @@ def segment_batch(
     threads : int, optional
         Threads of each task's segmentation (see `splitmerge.segment`);
         default 1, since the tasks already run in parallel.
+    start_label : int, optional
+        The label of the largest region (see `splitmerge.segment`).
+    memory_limit : int, optional
+        Bytes each task's segmentation may take; default the Dask worker's
+        memory limit when it has one, else the memory available.
+    command : str, optional
+        The command that started the batch, for ``dataset_description.json``.
     **params
         The segmentation parameters of `splitmerge.segment`, by name.
 
@@ -255,33 +426,41 @@ def segment_batch(
     -------
     list of dict
         The manifest rows in input order: input, status ("ok", "skipped" or
-        "failed"), error, seconds, regions, output.
+        "failed"), error, seconds, regions, output, version and the 14
+        parameters as the run used them.
+
+    Raises
+    ------
+    ValueError
+        A pattern matches nothing, two inputs would write one output, or a
+        parameter cannot be used.
+    Interrupted
+        Ctrl-C: the workers were stopped, partial files removed and the
+        manifest written for what finished; ``.rows`` holds it.
     """
     announce = announce or (lambda text: print(f"splitmerge.batch: {text}", file=sys.stderr))
-    window = _rescale_window(rescale)
-    rescale = False if window is None else True if window == (0.0, 100.0) else window
+    do_rescale, low, high = _rescale_window(rescale)
+    rescale = (low, high) if do_rescale and (low, high) != (0.0, 100.0) else do_rescale
     options = BatchOptions(fit, rescale, slice, regions, _checked_params(params),
-                           _checked_threads(threads))
+                           _checked_threads(threads), start_label,
+                           None if memory_limit is None else _checked_memory_limit(memory_limit))
     out_dir = Path(out)
+    jobs = plan_jobs((os.fspath(i) for i in inputs), out_dir, regions, bids)
     out_dir.mkdir(parents=True, exist_ok=True)
-    jobs, unmatched = plan_jobs((os.fspath(i) for i in inputs), out_dir, regions)
-    for pattern in unmatched:
-        announce(f"no file matches {pattern}")
+    if bids:
+        _write_dataset_description(
+            out_dir, command or "splitmerge.batch.segment_batch(" + repr(options.request()) + ")")
     manifest = out_dir / MANIFEST_NAME
-    earlier = read_manifest(manifest)
+    request = options.request()
 
     rows: dict[str, dict[str, str]] = {}
     todo: list[Job] = []
     for job in jobs:
-        if not force and job.is_complete():
-            before = earlier.get(job.input, {})
-            done_before = before.get("status") in ("ok", "skipped")
-            rows[job.input] = _row(job, "skipped", seconds=None, regions=None)
-            if done_before:
-                rows[job.input].update(seconds=before.get("seconds", ""),
-                                       regions=before.get("regions", ""))
-        else:
+        made = None if force else job.made_by(request)
+        if made is None:
             todo.append(job)
+        else:
+            rows[job.input] = _made_row(job, "skipped", made)
 
     def save() -> None:
         write_manifest(manifest, [rows[j.input] for j in jobs if j.input in rows])
@@ -298,10 +477,11 @@ def _run_jobs(todo: list[Job], options: BatchOptions, rows: dict[str, dict[str, 
     from tqdm import tqdm
 
     owned: list = []
-    if client is None:
-        client, owned = _start_client(scheduler, workers, announce)
-    batch_id = uuid.uuid4().hex[:8]
+    futures: dict = {}
     try:
+        if client is None:
+            client, owned = _start_client(scheduler, workers, announce)
+        batch_id = uuid.uuid4().hex[:8]
         futures = {
             client.submit(segment_file, job, options, key=f"splitmerge-{batch_id}-{i}",
                           pure=False): job
@@ -321,14 +501,28 @@ def _run_jobs(todo: list[Job], options: BatchOptions, rows: dict[str, dict[str, 
                 bar.update(1)
                 if row["status"] == "failed":
                     bar.write(f"splitmerge.batch: {job.input}: {row['error']}", file=sys.stderr)
-    finally:
-        for job in todo:  # parts left by workers that died while writing
-            for final in (job.labels, job.region_file):
-                if final is not None:
-                    for part in final.parent.glob(f"{PART_PREFIX}*-{glob.escape(final.name)}"):
-                        _remove_quietly(part)
+    except KeyboardInterrupt:
+        # The rest is cancelled and runs again next time; what finished is
+        # kept, also when its task ended after the interrupt.
+        for future in futures:
+            future.cancel()
         for resource in owned:
             resource.close()
+        request = options.request()
+        for job in todo:
+            made = None if job.input in rows else job.made_by(request)
+            if made is not None:
+                rows[job.input] = _made_row(job, "ok", made)
+        save()
+        raise Interrupted([rows[j.input] for j in todo if j.input in rows]) from None
+    finally:
+        for resource in owned:
+            resource.close()
+        for job in todo:  # parts left by tasks that were stopped or died while writing
+            for final in (job.labels, job.region_file, job.sidecar):
+                if final is not None and final.parent.exists():
+                    for part in final.parent.glob(f"{PART_PREFIX}*-{glob.escape(final.name)}"):
+                        _remove_quietly(part)
 
 
 def _number_or_name(text: str) -> Any:
@@ -348,6 +542,17 @@ _PARAMETER_HINTS = {
     "threshold_row": "1, 2 or 3; ",
     "statistic_update": "0 or 1; ",
 }
+
+
+def _byte_size(text: str) -> int:
+    """Bytes from "4096", "512K", "512M", "4G" or "1T" (powers of 1024)."""
+    units = {"": 0, "K": 10, "M": 20, "G": 30, "T": 40}
+    number = text.rstrip("KMGTkmgtiIbB")
+    unit = text[len(number):].upper().removesuffix("B").removesuffix("I")
+    if not number.isdigit() or unit not in units or int(number) == 0:
+        raise argparse.ArgumentTypeError(f"expected bytes such as 512M, 4G or 1000000, got "
+                                         f"'{text}'")
+    return int(number) << units[unit]
 
 
 def _rescale_argument(text: str) -> Rescale:
@@ -385,8 +590,11 @@ def build_parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(
         prog="python3 -m splitmerge.batch",
         description="Segment many scans, each in its own task, on a local Dask cluster or "
-                    "an existing one. Writes DIR/<name>.labels.<ext> (NIfTI for NIfTI "
-                    "scans, else .npy) and DIR/manifest.csv.",
+                    "an existing one. The outputs mirror the inputs' folders below each "
+                    "pattern's fixed prefix: <name>.labels.nii.gz for NIfTI scans, else "
+                    "<name>.labels.npy, and <name>.labels.json with the version and every "
+                    "parameter; DIR/manifest.csv has a row per input. A rerun skips inputs "
+                    "whose outputs were made with the same parameters and version.",
         epilog="Parameters not given take the defaults of splitmerge.segment (those of the "
                "C++ library). Exit status: 0 every input done or skipped, 1 some input "
                "failed, 2 bad usage.")
@@ -406,11 +614,20 @@ def build_parser() -> argparse.ArgumentParser:
     parser.add_argument("--threads", type=int, default=1, metavar="N",
                         help="threads of each task's segmentation (0: every core; default 1, "
                              "since Dask already runs the tasks in parallel)")
+    parser.add_argument("--bids", action="store_true",
+                        help="write BIDS derivatives under DIR/derivatives/splitmerge "
+                             "(sub-X/[ses-Y/]anat/<entities>_desc-splitmerge_dseg.nii.gz, "
+                             "a JSON sidecar each, dataset_description.json)")
+    parser.add_argument("--memory-limit", type=_byte_size, metavar="SIZE",
+                        help="bytes each task may take, e.g. 4G (default: the Dask worker's "
+                             "memory limit, else the memory available)")
     parser.add_argument("--no-progress", action="store_true", help="no progress bar")
     fitting = parser.add_argument_group("fitting the input (as the command-line program)")
     fitting.add_argument("--fit", choices=("pad", "crop"),
                          help="pad (with 0, centred) up to, or crop (centred) down to, the "
                               "nearest size the segmentation accepts")
+    fitting.add_argument("--start-label", type=int, default=1, metavar="N",
+                         help="label of the largest region (default 1; 0 numbers from 0)")
     fitting.add_argument("--slice", type=int, metavar="K",
                          help="segment slice K (0-based, along z) of each volume")
     fitting.add_argument("--rescale", nargs="?", const=True, default=False,
@@ -431,8 +648,8 @@ def build_parser() -> argparse.ArgumentParser:
 
 
 def main(argv: Optional[Sequence[str]] = None) -> int:
-    args = build_parser().parse_args(
-        _bare_rescale_flags(sys.argv[1:] if argv is None else argv))
+    given = list(sys.argv[1:] if argv is None else argv)
+    args = build_parser().parse_args(_bare_rescale_flags(given))
     params = {n: getattr(args, n) for n in PARAMETER_NAMES if getattr(args, n) is not None}
     if args.workers is not None and args.workers < 1:
         print("splitmerge.batch: --workers must be at least 1", file=sys.stderr)
@@ -443,12 +660,19 @@ def main(argv: Optional[Sequence[str]] = None) -> int:
     try:
         rows = segment_batch(args.inputs, args.out, fit=args.fit, rescale=args.rescale,
                              slice=args.slice, regions=args.regions, force=args.force,
-                             scheduler=args.scheduler, workers=args.workers,
+                             bids=args.bids, scheduler=args.scheduler, workers=args.workers,
                              progress=False if args.no_progress else None,
-                             threads=args.threads, **params)
+                             threads=args.threads, start_label=args.start_label,
+                             memory_limit=args.memory_limit,
+                             command=" ".join(["python3 -m splitmerge.batch", *given]),
+                             **params)
     except (TypeError, ValueError) as e:
         print(f"splitmerge.batch: {e}", file=sys.stderr)
         return 2
+    except Interrupted as e:
+        print(f"splitmerge.batch: interrupted; {len(e.rows)} finished, kept in "
+              f"{Path(args.out) / MANIFEST_NAME}; run again to do the rest", file=sys.stderr)
+        return 130
     counts = {s: sum(r["status"] == s for r in rows) for s in ("ok", "skipped", "failed")}
     print(f"splitmerge.batch: {counts['ok']} done, {counts['skipped']} skipped, "
           f"{counts['failed']} failed; manifest {Path(args.out) / MANIFEST_NAME}",

@@ -15,7 +15,10 @@
 #include <utility>
 #include <vector>
 
+#include "splitmerge/frontend.hpp"
 #include "splitmerge/splitmerge.hpp"
+
+namespace fe = splitmerge::frontend;
 
 namespace py = pybind11;
 
@@ -102,24 +105,66 @@ splitmerge::parameters parameters_from(const py::dict& d) {
   return p;
 }
 
-splitmerge::image_view view_of(const py::array& image) {
-  if (!image.dtype().is(py::dtype::of<std::int32_t>()))
-    throw py::type_error("_core.run needs an int32 array of native byte order");
-  if ((image.flags() & py::array::c_style) == 0 ||
-      (image.flags() & py::detail::npy_api::NPY_ARRAY_ALIGNED_) == 0)
-    throw py::value_error("_core.run needs an aligned C-contiguous array");
-  if (image.ndim() != 2 && image.ndim() != 3)
-    throw py::value_error("_core.run needs a 2-D or 3-D array");
-  for (py::ssize_t d = 0; d < image.ndim(); ++d)
-    if (image.shape(d) > std::numeric_limits<std::int32_t>::max())
-      throw py::value_error("_core.run: an extent does not fit in 32 bits");
-  splitmerge::image_view view;
-  view.data = static_cast<const std::int32_t*>(image.data());
-  const py::ssize_t n = image.ndim();
-  view.size_x = static_cast<std::int32_t>(image.shape(n - 1));
-  view.size_y = static_cast<std::int32_t>(image.shape(n - 2));
-  view.size_z = n == 3 ? static_cast<std::int32_t>(image.shape(0)) : 1;
+fe::pixel_type pixel_type_of(const py::array& image) {
+  const py::dtype d = image.dtype();
+  if (d.byteorder() == '>') throw py::type_error("the image must be of native byte order");
+  switch (d.kind()) {
+    case 'b':
+      return fe::pixel_type::boolean;
+    case 'i':
+    case 'u': {
+      const bool u = d.kind() == 'u';
+      switch (d.itemsize()) {
+        case 1:
+          return u ? fe::pixel_type::uint8 : fe::pixel_type::int8;
+        case 2:
+          return u ? fe::pixel_type::uint16 : fe::pixel_type::int16;
+        case 4:
+          return u ? fe::pixel_type::uint32 : fe::pixel_type::int32;
+        case 8:
+          return u ? fe::pixel_type::uint64 : fe::pixel_type::int64;
+        default:
+          break;
+      }
+      break;
+    }
+    case 'f':
+      if (d.itemsize() == 4) return fe::pixel_type::float32;
+      if (d.itemsize() == 8) return fe::pixel_type::float64;
+      break;
+    default:
+      break;
+  }
+  throw py::type_error("the image's dtype " +
+                       py::str(static_cast<const py::handle&>(d)).cast<std::string>() +
+                       " cannot be segmented; use integers, floats or bool");
+}
+
+fe::array_view view_of(const py::array& image) {
+  fe::array_view view;
+  view.data = image.data();
+  view.type = pixel_type_of(image);
+  view.order = fe::host_order::numpy;
+  view.ndim = static_cast<int>(image.ndim());
+  if (view.ndim < 2 || view.ndim > 4)
+    throw py::value_error("the image has " + std::to_string(view.ndim) +
+                          " dimensions; expected (Y, X), (Z, Y, X), (Y, X, C) or (Z, Y, X, C)");
+  for (int d = 0; d < view.ndim; ++d) {
+    view.shape[d] = image.shape(d);
+    view.strides[d] = image.strides(d);
+  }
   return view;
+}
+
+py::dict placement_of(const fe::placement& p) {
+  py::dict d;
+  d["x0"] = p.x0;
+  d["y0"] = p.y0;
+  d["z0"] = p.z0;
+  d["size_x"] = p.size_x;
+  d["size_y"] = p.size_y;
+  d["size_z"] = p.size_z;
+  return d;
 }
 
 // Codes are uint32 for images of up to 256 pixels along an edge, uint64 above.
@@ -140,14 +185,61 @@ py::list regions_of(std::vector<splitmerge::region_record>&& records, bool wide_
   return out;
 }
 
-py::dict run(const py::array& image, const py::dict& params, bool frames, bool lines, bool regions,
-             std::optional<py::bytes> region_file, std::uint64_t frame_budget, py::object progress,
-             std::int32_t threads, std::uint64_t memory_limit) {
-  const splitmerge::image_view view = view_of(image);
+// The fourteen parameters by name, as Python numbers.
+py::dict parameter_dict(const splitmerge::parameters& p) {
+  py::dict d;
+  for (const auto name : fe::parameter_names()) {
+    const std::string key(name);
+    const std::string text = fe::parameter_text(p, name);
+    if (key == "rejection" || key == "sigma" || key == "pseudo_factor") {
+      d[key.c_str()] = std::stod(text);
+    } else {
+      d[key.c_str()] = std::stoi(text);
+    }
+  }
+  return d;
+}
+
+py::dict problem_of(const fe::problem& p) {
+  py::dict d;
+  d["kind"] = static_cast<int>(p.kind);
+  d["parameter"] = p.parameter;
+  d["message"] = decoded(fe::worded(p.text, fe::spelling::python));
+  return d;
+}
+
+py::dict run(const py::array& image, const py::dict& params, const py::dict& around, bool frames,
+             bool lines, bool regions, std::optional<py::bytes> region_file,
+             std::uint64_t frame_budget, py::object progress, std::int32_t threads,
+             std::uint64_t memory_limit) {
+  const fe::array_view view = view_of(image);
   const splitmerge::parameters p = parameters_from(params);
+  fe::request req;
+  req.fit = static_cast<fe::fit_mode>(around["fit"].cast<int>());
+  req.colour = around["volume"].cast<bool>() ? fe::colour_mode::volume : fe::colour_mode::automatic;
+  req.rescale = around["rescale"].cast<bool>();
+  req.low_percentile = around["low"].cast<double>();
+  req.high_percentile = around["high"].cast<double>();
+  if (!around["slice"].is_none()) req.slice = around["slice"].cast<std::int64_t>();
+  req.start_label = around["start_label"].cast<std::int32_t>();
+
+  py::dict out;
+  fe::prepared prepared;
+  {
+    py::gil_scoped_release nogil;
+    prepared = fe::prepare(view, p, req);
+  }
+  py::list notes, warnings;
+  for (const auto& n : prepared.notes) notes.append(decoded(n));
+  for (const auto& w : prepared.warnings)
+    warnings.append(decoded(fe::worded(w.text, fe::spelling::python)));
+  out["notes"] = notes;
+  out["warnings"] = warnings;
+  out["failure"] = problem_of(prepared.failure);
+  if (prepared.failure.kind != fe::problem_kind::none) return out;
+
   run_state state;
   state.progress = std::move(progress);
-
   splitmerge::options opts;
   opts.display = frames;
   opts.capture_lines = lines;
@@ -161,43 +253,61 @@ py::dict run(const py::array& image, const py::dict& params, bool frames, bool l
   opts.interrupt = [&state] { return should_stop(state); };
   opts.error_sink = [&state](std::string_view text) { state.warnings.emplace_back(text); };
 
-  splitmerge::segmentation result;
+  fe::result result;
+  std::vector<std::int32_t> frame_stack;
   {
     py::gil_scoped_release nogil;
-    result = splitmerge::segment(view, p, opts);
+    result = fe::run(prepared, opts);
+    if (frames && result.failure.kind == fe::problem_kind::none) {
+      // Frames, like labels, have the input's shape.
+      const auto n = static_cast<std::size_t>(prepared.input_pixels());
+      frame_stack.resize(n * static_cast<std::size_t>(result.run.frame_count));
+      const auto segmented = static_cast<std::size_t>(prepared.segmented.size_x) *
+                             static_cast<std::size_t>(prepared.segmented.size_y) *
+                             static_cast<std::size_t>(prepared.segmented.size_z);
+      for (std::size_t k = 0; k < static_cast<std::size_t>(result.run.frame_count); ++k)
+        fe::to_input(prepared, result.run.frames.data() + k * segmented, frame_stack.data() + k * n,
+                     0, -1);
+      result.run.frames = {};
+    }
   }
   if (state.failure) throw std::move(*state.failure);
-
-  std::vector<py::ssize_t> shape(image.shape(), image.shape() + image.ndim());
-  py::dict out;
-  out["status"] = result.status;
-  out["error"] = decoded(result.error);
-  out["memory_needed"] = result.memory_needed;  // non-zero: refused for memory
+  out["failure"] = problem_of(result.failure);
+  if (result.failure.kind != fe::problem_kind::none) {
+    out["memory_needed"] = result.run.memory_needed;
+    return out;
+  }
+  std::vector<py::ssize_t> shape;
+  for (int d = 3 - prepared.dimensions; d < 3; ++d) shape.push_back(prepared.shape[d]);
   out["labels"] = adopt(std::move(result.labels), shape);
   if (frames) {
-    shape.insert(shape.begin(), result.frame_count);
-    out["frames"] = adopt(std::move(result.frames), shape);
+    shape.insert(shape.begin(), result.run.frame_count);
+    out["frames"] = adopt(std::move(frame_stack), shape);
   } else {
     out["frames"] = py::none();
   }
   py::list line_list;
-  for (const auto& line : result.lines) line_list.append(decoded(line));
+  for (const auto& line : result.run.lines) line_list.append(decoded(line));
   out["lines"] = line_list;
-  out["regions"] = regions_of(std::move(result.regions), view.size_x > 256);
-  py::list warning_list;
-  for (const auto& w : state.warnings) warning_list.append(decoded(w));
-  out["warnings"] = warning_list;
+  out["regions"] = regions_of(std::move(result.run.regions), prepared.segmented.size_x > 256);
+  py::list run_warnings;
+  for (const auto& w : state.warnings) run_warnings.append(decoded(w));
+  out["run_warnings"] = run_warnings;
+  out["resolved"] = parameter_dict(prepared.resolved);
+  out["region_count"] = result.region_count;
+  out["segmented"] = placement_of(prepared.segmented);
   return out;
 }
 
 // One message for memory exhaustion, whether the library reported it or a
 // result could not be allocated.
-py::dict run_or_memory_error(const py::array& image, const py::dict& params, bool frames,
-                             bool lines, bool regions, std::optional<py::bytes> region_file,
-                             std::uint64_t frame_budget, py::object progress, std::int32_t threads,
+py::dict run_or_memory_error(const py::array& image, const py::dict& params, const py::dict& around,
+                             bool frames, bool lines, bool regions,
+                             std::optional<py::bytes> region_file, std::uint64_t frame_budget,
+                             py::object progress, std::int32_t threads,
                              std::uint64_t memory_limit) {
   try {
-    return run(image, params, frames, lines, regions, std::move(region_file), frame_budget,
+    return run(image, params, around, frames, lines, regions, std::move(region_file), frame_budget,
                std::move(progress), threads, memory_limit);
   } catch (const std::bad_alloc&) {
     PyErr_SetString(PyExc_MemoryError, "the segmentation ran out of memory");
@@ -209,12 +319,16 @@ py::dict run_or_memory_error(const py::array& image, const py::dict& params, boo
 
 PYBIND11_MODULE(_core, m) {
   m.doc() = "Binding of the splitmerge C++ library; use splitmerge.segment instead.";
-  m.def("run", &run_or_memory_error, py::arg("image"), py::arg("params"), py::arg("frames"),
-        py::arg("lines"), py::arg("regions"), py::arg("region_file"), py::arg("frame_budget"),
-        py::arg("progress"), py::arg("threads"), py::arg("memory_limit"),
-        "Runs one segmentation; the image must be int32, C-contiguous, 2-D or 3-D.");
-  m.attr("status_ok") = splitmerge::status_ok;
-  m.attr("status_failed") = splitmerge::status_failed;
-  m.attr("status_file_failed") = splitmerge::status_file_failed;
-  m.attr("status_interrupted") = splitmerge::status_interrupted;
+  m.def("run", &run_or_memory_error, py::arg("image"), py::arg("params"), py::arg("around"),
+        py::arg("frames"), py::arg("lines"), py::arg("regions"), py::arg("region_file"),
+        py::arg("frame_budget"), py::arg("progress"), py::arg("threads"), py::arg("memory_limit"),
+        "Runs one segmentation of an array of any numeric dtype and strides.");
+  m.attr("version") = splitmerge::frontend::version();
+  m.attr("defaults") = parameter_dict(splitmerge::parameters{});
+  m.attr("default_frame_budget") = splitmerge::default_frame_budget;
+  m.attr("default_start_label") = splitmerge::frontend::default_start_label;
+  m.attr("problem_invalid_argument") = static_cast<int>(fe::problem_kind::invalid_argument);
+  m.attr("problem_resource_exhausted") = static_cast<int>(fe::problem_kind::resource_exhausted);
+  m.attr("problem_interrupted") = static_cast<int>(fe::problem_kind::interrupted);
+  m.attr("problem_input_output") = static_cast<int>(fe::problem_kind::input_output);
 }

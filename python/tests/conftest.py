@@ -3,10 +3,11 @@
 from __future__ import annotations
 
 import json
+import logging
 import os
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Optional
+from typing import Iterator, Optional
 
 import numpy as np
 import pytest
@@ -72,6 +73,19 @@ def noise_image(shape: tuple[int, ...], seed: int, levels: int = 4) -> np.ndarra
     base = base[tuple(slice(0, s) for s in shape)]
     noisy = base + rng.normal(0, 4, size=shape)
     return np.clip(np.rint(noisy), 0, 255).astype(np.int32)
+
+
+@pytest.fixture(scope="session")
+def client(tmp_path_factory: pytest.TempPathFactory) -> Iterator:
+    """A Dask client of a local cluster of two worker processes."""
+    distributed = pytest.importorskip("distributed")
+    with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
+                                  host="127.0.0.1", dashboard_address="127.0.0.1:0",
+                                  silence_logs=logging.ERROR,
+                                  local_directory=str(tmp_path_factory.mktemp("dask"))
+                                  ) as cluster:
+        with distributed.Client(cluster, timeout="30s") as c:
+            yield c
 
 
 @pytest.fixture

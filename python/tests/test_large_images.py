@@ -58,7 +58,7 @@ def test_512_image_runs_without_fit_and_gives_64_bit_codes(tmp_path: Path) -> No
     assert labels.shape == (512, 512) and labels.dtype == np.int32
     assert labels.max() >= 1
     covered = np.zeros(labels.shape, np.int32)
-    for label, region in enumerate(result.regions):
+    for label, region in enumerate(result.regions, start=1):
         assert region.codes.dtype == np.uint64 and region.codes.size >= 1
         for code in region.codes.tolist():
             # Every block but the whole image has a digit at level 8: past 32 bits.
@@ -76,48 +76,18 @@ def test_256_image_keeps_32_bit_codes() -> None:
     assert all(r.codes.dtype == np.uint32 for r in result.regions)
 
 
-def test_pad_to_512_gives_labels_of_the_inputs_shape() -> None:
-    image = noise_image((300, 300), seed=4)
-    fitted = splitmerge.fit_image(image, fit="pad")
-    assert fitted.pixels.shape == (512, 512)
-    assert fitted.padding == (slice(106, 406), slice(106, 406))
-    labels = splitmerge.segment(image, fit="pad", **ARGS)
-    assert labels.shape == (300, 300)
-    whole = splitmerge.segment(fitted.pixels, **ARGS)
-    # The padded run's labels at the input's place, renumbered 0, 1, ...
-    _, expected = np.unique(whole[fitted.padding], return_inverse=True)
-    np.testing.assert_array_equal(labels, expected.reshape(labels.shape))
-
-
-def test_crop_keeps_at_most_4096_pixels_along_an_edge() -> None:
-    wide = np.zeros((4100, 5000), np.uint8)
-    fitted = splitmerge.fit_image(wide, fit="crop")
-    assert fitted.pixels.shape == (4096, 4096)
-    assert fitted.box == (slice(2, 4098), slice(452, 4548))
-    image = noise_image((520, 600), seed=5)
-    result = splitmerge.segment(image, fit="crop", **ARGS, regions=True)
-    assert result.labels.shape == (512, 512)
-    assert result.box == (slice(4, 516), slice(44, 556))
-    np.testing.assert_array_equal(result.labels, splitmerge.segment(image[result.box], **ARGS))
-
-
-def test_volumes_pad_and_crop_to_at_most_512() -> None:
-    volume = noise_image((3, 300, 300), seed=6)
-    fitted = splitmerge.fit_image(volume, fit="pad")
-    assert fitted.pixels.shape == (4, 512, 512)
-    labels = splitmerge.segment(volume, fit="pad", **ARGS)
-    assert labels.shape == (3, 300, 300)
-    cropped = splitmerge.fit_image(np.zeros((4, 600, 700), np.uint8), fit="crop")
-    assert cropped.pixels.shape == (4, 512, 512)
-    # One slice is a 2-D image: the larger limit holds.
-    assert splitmerge.fit_image(np.zeros((1, 600, 700), np.uint8),
-                                fit="crop").pixels.shape == (1, 512, 512)
-    assert splitmerge.fit_image(np.zeros((1, 1100, 1100), np.uint8),
-                                fit="pad").pixels.shape == (1, 2048, 2048)
-    with pytest.raises(ValueError, match=r"^fit='pad' would need an edge of 1024 pixels for a "
-                                         r"600 x 600 x 3 image, above the largest for a "
-                                         r"volume, 512: use fit='crop'"):
-        splitmerge.segment(np.zeros((3, 600, 600), np.uint8), fit="pad")
+@pytest.mark.parametrize("shape, fit, segmented", [
+    ((4100, 5000), "crop", (4096, 4096)),
+    ((1, 1100, 1100), "pad", (1, 2048, 2048)),
+    ((1, 600, 700), "crop", (1, 512, 512)),  # one slice: the 2-D limit holds
+    ((3, 300, 300), "pad", (4, 512, 512)),
+])
+def test_fitting_reaches_the_largest_sizes(shape, fit, segmented) -> None:
+    result = splitmerge.segment(np.zeros(shape, np.uint8), fit=fit, info=True)
+    edge = 2**result.parameters["max_level"]
+    slices = edge >> result.parameters["lim_oct_level"]
+    assert (slices, edge, edge)[3 - len(segmented):] == segmented
+    assert result.labels.shape == shape
 
 
 @pytest.mark.skipif(not CLI, reason="SPLITMERGE_CLI (the command-line program) not given")

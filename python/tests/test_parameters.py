@@ -4,6 +4,8 @@ from __future__ import annotations
 
 import inspect
 import pydoc
+import warnings
+from typing import Optional
 
 import numpy as np
 import pytest
@@ -30,6 +32,8 @@ def test_every_parameter_is_keyword_only_with_the_library_name() -> None:
     for name in LIBRARY_DEFAULTS:
         assert signature.parameters[name].kind is inspect.Parameter.KEYWORD_ONLY
     assert tuple(LIBRARY_DEFAULTS) == splitmerge.PARAMETER_NAMES
+    assert splitmerge.DEFAULTS == {n: None if v == -1 else v for n, v in LIBRARY_DEFAULTS.items()}
+    assert splitmerge.segment(np.zeros((2, 2)), info=True).version == splitmerge.__version__
     with pytest.raises(TypeError):
         splitmerge.segment(np.zeros((8, 8), np.int32), 3)  # type: ignore[misc]
 
@@ -59,8 +63,9 @@ def test_group_mode_and_flags_by_name_and_boolean(image: np.ndarray) -> None:
     np.testing.assert_array_equal(splitmerge.segment(image, group_mode="sequential"),
                                   splitmerge.segment(image, group_mode=0))
     # Any non-zero number is a switch that is on.
-    np.testing.assert_array_equal(splitmerge.segment(image, group_mode=-7, use_all_seeds=99),
-                                  splitmerge.segment(image, group_mode=1, use_all_seeds=1))
+    with pytest.warns(UserWarning, match="other values act as 1"):
+        odd = splitmerge.segment(image, group_mode=-7, use_all_seeds=99)
+    np.testing.assert_array_equal(odd, splitmerge.segment(image, group_mode=1, use_all_seeds=1))
 
 
 def test_numpy_scalars_are_accepted(image: np.ndarray) -> None:
@@ -70,40 +75,50 @@ def test_numpy_scalars_are_accepted(image: np.ndarray) -> None:
         splitmerge.segment(image, pred_choice=2, sigma=4.0, use_all_seeds=1, small_size=5))
 
 
-@pytest.mark.parametrize("extreme", [
-    dict(interval_length=-2**31), dict(interval_length=INT32_MAX), dict(small_size=-3),
-    dict(small_size=INT32_MAX), dict(small_size=0), dict(max_seed=-2**31),
-    dict(threshold_row=0, pred_choice="range"), dict(threshold_row=-5, pred_choice="pseudo"),
-    dict(group_mode="parallel", max_seed=INT32_MAX), dict(rejection=-3.5),
-    dict(rejection=21474836.46), dict(sigma=0.0), dict(sigma=-1e300), dict(pseudo_factor=-9.0),
-    dict(statistic_update=-1), dict(max_level=5, lim_oct_level=5, init_level=0),
+@pytest.mark.parametrize("extreme, warned", [
+    (dict(interval_length=-2**31), "interval_length=-2147483648 is outside its meaningful "
+                                   "range (0 or more); running with it as given"),
+    (dict(interval_length=INT32_MAX), None), (dict(small_size=-3), "small_size=-3 "),
+    (dict(small_size=INT32_MAX), None), (dict(small_size=0), None),
+    (dict(max_seed=-2**31), None), (dict(threshold_row=0, pred_choice="range"), None),
+    (dict(threshold_row=-5, pred_choice="pseudo"), None),
+    (dict(group_mode="parallel", max_seed=INT32_MAX), None),
+    (dict(rejection=-3.5), "rejection=-3.5 "), (dict(rejection=21474836.46), "rejection="),
+    (dict(sigma=0.0), "sigma=0 is outside its meaningful range (above 0)"),
+    (dict(sigma=-1e300), "sigma="), (dict(pseudo_factor=-9.0), "pseudo_factor=-9 "),
+    (dict(statistic_update=-1), "statistic_update=-1 is outside its meaningful range (0 or 1; "
+                                "other values act as 1)"),
+    (dict(max_level=5, lim_oct_level=5, init_level=0), None),
 ])
-def test_every_value_the_library_accepts_is_accepted(image: np.ndarray, extreme) -> None:
-    labels = splitmerge.segment(image, **extreme)
-    assert labels.shape == image.shape and labels.min() == 0
+def test_every_value_the_library_accepts_is_accepted(image: np.ndarray, extreme,
+                                                     warned: Optional[str]) -> None:
+    with warnings.catch_warnings(record=True) as caught:
+        warnings.simplefilter("always")
+        labels = splitmerge.segment(image, **extreme)
+    assert labels.shape == image.shape and labels.min() == 1
+    assert [str(w.message)[:len(warned)] for w in caught] == ([warned] if warned else [])
+    assert all(w.category is UserWarning for w in caught)
 
 
 @pytest.mark.parametrize("given, message", [
-    (dict(pred_choice=6), r"^invalid parameter pred_choice = 6: must be 1 \(range\), 2 \(mean\)"),
-    (dict(pred_choice=0), r"^invalid parameter pred_choice = 0: "),
-    (dict(threshold_row=4), r"^invalid parameter threshold_row = 4: must be 1, 2 or 3 "),
-    (dict(group_mode=1, max_seed=0), r"^invalid parameter max_seed = 0: must be at least 1"),
-    (dict(init_level=5), r"^invalid parameter init_level = 5: must be 0 to max_level - 1 \(4\)"),
-    (dict(init_level=-2), r"^invalid parameter init_level = -2: "),
-    (dict(lim_oct_level=6), r"^invalid parameter lim_oct_level = 6: must be 0 to max_level"),
-    (dict(max_level=13), r"^invalid parameter max_level = 13: must be 1 to 12 \(1 to 9 for a "
-                         r"volume\)$"),
-    (dict(sigma=float("nan")), r"^invalid parameter sigma = nan: must be finite$"),
-    (dict(pseudo_factor=float("inf")), r"^invalid parameter pseudo_factor = inf: "),
-    (dict(rejection=21474836.48), r"^invalid parameter rejection = 2\.14748e\+07: must be a "
-                                  r"finite fraction"),
-    (dict(pred_choice="chi-square"), r"^invalid parameter pred_choice = 'chi-square': use "
+    (dict(pred_choice=6), r"^pred_choice=6: must be 1 \(range\), 2 \(mean\)"),
+    (dict(pred_choice=0), r"^pred_choice=0: "),
+    (dict(threshold_row=4), r"^threshold_row=4: must be 1, 2 or 3 "),
+    (dict(group_mode=1, max_seed=0), r"^max_seed=0: must be at least 1"),
+    (dict(init_level=5), r"^init_level=5: must be 0 to max_level - 1 \(4\)"),
+    (dict(init_level=-2), r"^init_level=-2: "),
+    (dict(lim_oct_level=6), r"^lim_oct_level=6: must be 0 to max_level"),
+    (dict(max_level=13), r"^max_level=13: must be 1 to 12 \(1 to 9 for a volume\)$"),
+    (dict(sigma=float("nan")), r"^sigma=nan: must be finite$"),
+    (dict(pseudo_factor=float("inf")), r"^pseudo_factor=inf: "),
+    (dict(rejection=21474836.48), r"^rejection=2\.14748e\+07: must be a finite fraction"),
+    (dict(pred_choice="chi-square"), r"^pred_choice='chi-square': use "
                                      r"'range', 'mean', 'median', 'chi2', 'pseudo' or a number$"),
-    (dict(group_mode="serial"), r"^invalid parameter group_mode = 'serial': use 'sequential', "
+    (dict(group_mode="serial"), r"^group_mode='serial': use 'sequential', "
                                 r"'parallel' or a number$"),
-    (dict(small_size=2**31), r"^invalid parameter small_size = 2147483648: outside the 32-bit "
+    (dict(small_size=2**31), r"^small_size=2147483648: outside the 32-bit "
                              r"integer range$"),
-    (dict(interval_length=-2**31 - 1), r"^invalid parameter interval_length = -2147483649: "),
+    (dict(interval_length=-2**31 - 1), r"^interval_length=-2147483649: "),
 ])
 def test_rejected_values_raise_value_error_with_the_reason(image: np.ndarray, given,
                                                            message) -> None:
@@ -152,8 +167,8 @@ def test_help_shows_every_parameter_with_its_range_and_default() -> None:
     assert "1..12" in entries["max_level"] and "1..9 for a volume" in entries["max_level"]
     assert "1..5" in entries["pred_choice"]
     assert "0..max_level-1" in entries["init_level"]
-    for name in ("fit", "rescale", "frames", "regions", "lines", "progress", "region_file",
-                 "frame_budget"):
+    for name in ("fit", "rescale", "channel_axis", "slice", "start_label", "frames", "regions",
+                 "lines", "info", "progress", "region_file", "frame_budget"):
         assert name in entries, name
 
 

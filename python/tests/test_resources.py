@@ -54,39 +54,9 @@ def big_volume() -> np.ndarray:
     return noise_image((64, 128, 128), seed=5, levels=6)
 
 
-def test_the_gil_is_released_while_the_library_runs() -> None:
-    """Another thread runs Python code while the run is inside the library.
-
-    If the GIL were held during the run, the main thread could execute only
-    while the run's thread executes Python code itself, i.e. inside the
-    progress callback.
-    """
-    image = big_volume()
-    state = {"lines": 0, "in_callback": False, "done": False}
-
-    def progress(line: str) -> None:
-        state["in_callback"] = True
-        state["lines"] += 1
-        state["in_callback"] = False
-
-    def work() -> None:
-        splitmerge.segment(image, sigma=3.0, small_size=0, progress=progress)
-        state["done"] = True
-
-    thread = threading.Thread(target=work)
-    thread.start()
-    observed_inside_library = 0
-    while thread.is_alive():
-        lines, inside = state["lines"], state["in_callback"]
-        if 1 <= lines and not inside and not state["done"]:
-            observed_inside_library += 1
-        time.sleep(0.001)
-    thread.join()
-    assert observed_inside_library > 0
-
-
 def test_two_threads_segment_two_images_in_parallel() -> None:
-    """Each run's progress callback sees the other run inside the library.
+    """Each run's progress callback sees the other run inside the library:
+    the GIL is released during a run.
 
     Holding the GIL, a run would let the other thread execute Python code
     only while it executes Python itself (its own callback) or is not running.
@@ -137,14 +107,20 @@ def test_ctrl_c_during_a_run_raises_keyboard_interrupt() -> None:
             os.kill(os.getpid(), signal.SIGINT)
 
     full = splitmerge.segment(image, sigma=3.0, lines=True).lines
+    # Started in the background (nohup, CI), the process ignores SIGINT:
+    # Ctrl-C must reach Python's own handler here.
+    previous = signal.signal(signal.SIGINT, signal.default_int_handler)
     presser = threading.Thread(target=press_ctrl_c)
-    presser.start()
-    with pytest.raises(KeyboardInterrupt):
-        splitmerge.segment(image, sigma=3.0, progress=progress)
-    presser.join()
+    try:
+        presser.start()
+        with pytest.raises(KeyboardInterrupt):
+            splitmerge.segment(image, sigma=3.0, progress=progress)
+    finally:
+        presser.join()
+        signal.signal(signal.SIGINT, previous)
     assert 1 <= len(lines) < len(full)
     # The interpreter is fine and the library still works.
-    assert splitmerge.segment(np.zeros((8, 8), np.int32)).max() == 0
+    assert splitmerge.segment(np.zeros((8, 8), np.int32)).max() == 1
 
 
 @pytest.mark.parametrize("headroom_mb", [40, 120])
@@ -167,7 +143,7 @@ def test_memory_exhaustion_is_a_memory_error(headroom_mb: int) -> None:
         except MemoryError as e:
             print("MemoryError:", e)
         resource.setrlimit(resource.RLIMIT_AS, (soft, hard))
-        print(splitmerge.segment(np.zeros((8, 8), np.int32)).max())
+        print(splitmerge.segment(np.zeros((8, 8), np.int32), start_label=0).max())
     """)
     done = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True,
                           timeout=300)
@@ -182,7 +158,7 @@ def test_a_run_above_memory_limit_is_refused_with_memory_error() -> None:
     message = str(refused.value)
     assert message.startswith("the run may need up to ")
     assert "but 64.0 KiB is allowed" in message
-    assert "crop" in message and "smaller max_level" in message
+    assert message.endswith("allow more with memory_limit='SIZE'")
     # A generous limit runs, and the default (None) allows what is available.
     limited = splitmerge.segment(image, memory_limit=2**30)
     np.testing.assert_array_equal(limited, splitmerge.segment(image))

@@ -11,12 +11,11 @@
 #include "context/allocator.hpp"
 #include "context/record_arena.hpp"
 #include "records/records.hpp"
+#include "splitmerge/splitmerge.hpp"
 
 namespace splitmerge {
 
 using line_sink = std::function<void(std::string_view)>;
-
-inline constexpr std::uint64_t default_frame_budget = std::uint64_t{2} << 30;
 
 class run_context {
  public:
@@ -109,6 +108,8 @@ class run_context {
   // Tests: 64-bit codes even for images of up to 8 levels, so that both
   // widths can be compared on the same runs.
   bool force_wide_codes = false;
+  // The caller has checked that every pixel lies in 0..255: no second scan.
+  bool pixels_checked = false;
   // A block's code whatever the run's width.
   [[nodiscard]] std::uint64_t full_code(const block* b) const noexcept {
     return code_high == nullptr ? std::uint64_t{b->code} : code_of<std::uint64_t>(b);

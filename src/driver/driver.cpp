@@ -204,7 +204,9 @@ std::int32_t split_merge_group(run_context& ctx, const std::int32_t* image, std:
       image,         size_x,     size_y,           size_z,        max_level,   lim_oct_level,
       init_level,    group_mode, max_seed,         use_all_seeds, pred_choice, interval_length,
       threshold_row, small_size, statistic_update, rejection,     sigma,       pseudo_factor};
-  if (const std::string problem = validate_parameters(args); !problem.empty()) {
+  const std::string problem = ctx.pixels_checked ? find_parameter_problem(args).library_text()
+                                                 : validate_parameters(args);
+  if (!problem.empty()) {
     ctx.warn("splitmerge: " + problem + "\n");
     return status_no_memory;
   }

@@ -4,9 +4,11 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "context/run_context.hpp"
 #include "records/records.hpp"
+#include "splitmerge/splitmerge.hpp"
 
 namespace splitmerge {
 
@@ -31,6 +33,32 @@ struct run_arguments {
   double sigma = 0.0;
   double pseudo_factor = 0.0;
 };
+
+// A parameter that makes no valid run: its name, its value as text and what
+// is allowed, where options are written {name} or {name=value} so that each
+// front end can spell them its own way. An empty parameter: no problem.
+struct parameter_problem {
+  std::string parameter;
+  std::string value;
+  std::string allowed;
+  // "invalid parameter NAME = VALUE: ALLOWED", options spelled as in the code.
+  [[nodiscard]] std::string library_text() const;
+};
+
+// The text with its {name} and {name=value} options spelled as in the code.
+std::string library_wording(std::string_view text);
+
+// The first problem of the arguments, pixels left out.
+parameter_problem find_parameter_problem(const run_arguments& a);
+// Empty when every pixel lies in 0..255, else the first one outside.
+std::string find_bad_pixel(const run_arguments& a);
+
+run_arguments arguments_of(const image_view& image, const parameters& p);
+
+// segment(), for a caller that has checked every pixel itself (pixels_checked)
+// and so saves the library's own scan.
+segmentation segment_run(const image_view& image, parameters p, const options& opts,
+                         bool pixels_checked);
 
 // Empty when the arguments describe a valid run; otherwise one line (without
 // newline) that names the parameter, its value and what is allowed.

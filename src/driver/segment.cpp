@@ -11,19 +11,19 @@
 
 namespace splitmerge {
 
-namespace {
-
-std::int32_t log2_exact(std::int32_t v) {
-  if (v < 1 || !std::has_single_bit(static_cast<std::uint32_t>(v))) return -1;
-  return std::countr_zero(static_cast<std::uint32_t>(v));
-}
-
 run_arguments arguments_of(const image_view& image, const parameters& p) {
   return run_arguments{image.data,      image.size_x,    image.size_y,       image.size_z,
                        p.max_level,     p.lim_oct_level, p.init_level,       p.group_mode,
                        p.max_seed,      p.use_all_seeds, p.pred_choice,      p.interval_length,
                        p.threshold_row, p.small_size,    p.statistic_update, p.rejection,
                        p.sigma,         p.pseudo_factor};
+}
+
+namespace {
+
+std::int32_t log2_exact(std::int32_t v) {
+  if (v < 1 || !std::has_single_bit(static_cast<std::uint32_t>(v))) return -1;
+  return std::countr_zero(static_cast<std::uint32_t>(v));
 }
 
 std::vector<region_record> collect(const run_context& ctx, regionlist head) {
@@ -67,9 +67,8 @@ run_shape shape_of(const image_view& image, const parameters& p, const options& 
 std::string refusal(std::uint64_t needed, std::uint64_t limit, bool machine) {
   return "the run may need up to " + format_bytes(needed) + " of memory, but " +
          format_bytes(limit) + (machine ? " is available" : " is allowed") +
-         ": segment a smaller image (crop it) or use a smaller max_level, or raise "
-         "the memory limit (the estimate is for the worst case, every pixel a block of "
-         "its own; smooth images need far less)";
+         " (the estimate is for the worst case, every pixel a block of its own; smooth images "
+         "need far less)";
 }
 
 }  // namespace
@@ -103,9 +102,18 @@ std::string check_parameters(const image_view& image, const parameters& p) {
 }
 
 segmentation segment(const image_view& image, parameters p, const options& opts) {
+  return segment_run(image, p, opts, false);
+}
+
+segmentation segment_run(const image_view& image, parameters p, const options& opts,
+                         bool pixels_checked) {
   segmentation result;
   std::string problem = resolve_parameters(image, p);
-  if (problem.empty()) problem = check_parameters(image, p);
+  if (problem.empty()) {
+    const run_arguments args = arguments_of(image, p);
+    problem =
+        pixels_checked ? find_parameter_problem(args).library_text() : validate_parameters(args);
+  }
   if (problem.empty()) {
     // Refused before any of the run's memory is taken.
     // Reading the machine's free memory costs more than a run of a small image
@@ -135,6 +143,7 @@ segmentation segment(const image_view& image, parameters p, const options& opts)
   }
 
   run_context ctx;
+  ctx.pixels_checked = true;  // checked above, or by the caller
   ctx.frame_budget = opts.frame_budget;
   ctx.threads = opts.threads;
   ctx.err = opts.error_sink;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "mex.h"
 #include "splitmerge/splitmerge.hpp"
@@ -16,9 +17,6 @@ namespace splitmerge::gateway {
 inline constexpr int input_count = 15;  // the image and 14 parameters
 inline constexpr int max_outputs = 3;   // labels, frames, regions
 
-// The largest stack of frames handed back, in bytes; later frames replace
-// the last one, so it still shows the final state.
-inline constexpr std::uint64_t default_frame_budget = std::uint64_t{2} << 30;
 
 // mwSize is signed in Octave and unsigned in MATLAB: every conversion between
 // it and the library's sizes goes through these two.
@@ -64,12 +62,34 @@ bool read_call(int nlhs, int nrhs, const mxArray* prhs[], call& c, report& r) no
 
 // What the tests change and watch; mexFunction uses the defaults.
 struct call_settings {
+  // The largest stack of frames handed back, in bytes; later frames replace
+  // the last one, so it still shows the final state.
   std::uint64_t frame_budget = default_frame_budget;
   std::uint64_t fail_frame_request = 0;  // makes this frame store request fail (from 1)
   std::uint64_t frame_requests = 0;      // out: the frame store's allocation requests
   std::uint64_t memory_limit = 0;        // bytes a run may take; 0: what is available
   std::int32_t threads = 0;              // threads of the run; 0: every core
 };
+
+// A host array that is destroyed unless it is handed to the host.
+class owned_array {
+ public:
+  explicit owned_array(mxArray* a) : array_(a) {}
+  owned_array(const owned_array&) = delete;
+  owned_array& operator=(const owned_array&) = delete;
+  ~owned_array() {
+    if (array_ != nullptr) mxDestroyArray(array_);
+  }
+  [[nodiscard]] mxArray* get() const { return array_; }
+  mxArray* release() { return std::exchange(array_, nullptr); }
+
+ private:
+  mxArray* array_;
+};
+
+// One struct per region, in label order (statistics, codes, neighbours).
+// Codes are uint32 for images of up to 256 pixels along an edge, uint64 above.
+mxArray* regions_output(const std::vector<region_record>& regions, bool wide_codes);
 
 // The body of mexFunction.
 void run_gateway(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[],

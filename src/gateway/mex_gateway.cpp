@@ -23,22 +23,6 @@ namespace splitmerge::gateway {
 
 namespace {
 
-// A host array that is destroyed unless it is handed to the host.
-class owned_array {
- public:
-  explicit owned_array(mxArray* a) : array_(a) {}
-  owned_array(const owned_array&) = delete;
-  owned_array& operator=(const owned_array&) = delete;
-  ~owned_array() {
-    if (array_ != nullptr) mxDestroyArray(array_);
-  }
-  [[nodiscard]] mxArray* get() const { return array_; }
-  mxArray* release() { return std::exchange(array_, nullptr); }
-
- private:
-  mxArray* array_;
-};
-
 void print_to_host(std::string_view text) {
   // The text is never the format: it may hold a '%'.
   mexPrintf("%.*s", static_cast<int>(text.size()), text.data());
@@ -68,35 +52,6 @@ mxArray* frames_output(const frame_store& store, const call& c, report& r) {
   }
   store.write_to(static_cast<std::int32_t*>(mxGetData(frames)));
   return frames;
-}
-
-template <class T>
-mxArray* row_of(mxClassID class_id, const T* values, std::size_t count) {
-  mxArray* a = mxCreateNumericMatrix(1, static_cast<mwSize>(count), class_id, mxREAL);
-  if (count != 0) std::copy_n(values, count, static_cast<T*>(mxGetData(a)));
-  return a;
-}
-
-// Output 2: one struct per region, in label order. Codes are uint32 for
-// images of up to 256 pixels along an edge and uint64 above.
-mxArray* regions_output(const std::vector<region_record>& regions, bool wide_codes) {
-  const char* fields[] = {"statistics", "codes", "neighbours"};
-  owned_array out(mxCreateStructMatrix(1, static_cast<mwSize>(regions.size()), 3, fields));
-  for (std::size_t k = 0; k < regions.size(); ++k) {
-    const region_record& region = regions[k];
-    const auto index = static_cast<mwIndex>(k);
-    mxSetField(out.get(), index, "statistics", row_of(mxINT64_CLASS, region.statistics, 2));
-    if (wide_codes) {
-      mxSetField(out.get(), index, "codes",
-                 row_of(mxUINT64_CLASS, region.codes.data(), region.codes.size()));
-    } else {
-      const std::vector<std::uint32_t> narrow(region.codes.begin(), region.codes.end());
-      mxSetField(out.get(), index, "codes", row_of(mxUINT32_CLASS, narrow.data(), narrow.size()));
-    }
-    mxSetField(out.get(), index, "neighbours",
-               row_of(mxINT32_CLASS, region.neighbours.data(), region.neighbours.size()));
-  }
-  return out.release();
 }
 
 void segment_call(int nlhs, mxArray* plhs[], const call& c, call_settings& settings, report& r) {

@@ -74,7 +74,7 @@ TEST(GatewayReference, EveryCaseWithFramesMatchesExactly) {
     }
     ++checked;
   }
-  if (checked == 0) GTEST_SKIP() << "no reference cases at " << testing::conformance_root();
+  if (checked == 0) FAIL() << "no reference cases at " << testing::conformance_root();
 }
 
 }  // namespace

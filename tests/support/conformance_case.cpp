@@ -13,7 +13,7 @@ namespace splitmerge::testing {
 
 std::filesystem::path conformance_root() {
   if (const char* env = std::getenv("SPLITMERGE_CONFORMANCE")) return env;
-  return std::filesystem::path(SPLITMERGE_SOURCE_DIR) / ".." / "shared" / "conformance";
+  return SPLITMERGE_REFERENCE_DIR;
 }
 
 std::vector<std::filesystem::path> conformance_cases() {

@@ -35,7 +35,11 @@ grey_image read_npy_image(const std::string& path) {
   }
   if (out.pixel_count() == 0) throw io_error(path + ": the array is empty");
   check_pixel_count(path, out.size_x, out.size_y, out.size_z);
-  out.values.assign(a.values.begin(), a.values.end());
+  // A boolean mask is 0 and 255, as every front end reads one.
+  const std::int64_t scale = a.dtype.size() > 1 && a.dtype[1] == 'b' ? 255 : 1;
+  out.values.resize(a.values.size());
+  std::transform(a.values.begin(), a.values.end(), out.values.begin(),
+                 [scale](std::int64_t v) { return static_cast<double>(v * scale); });
   return out;
 }
 

@@ -207,22 +207,32 @@ TEST(Fitting, PadRaisesTheSlicesToAPowerOfTwo) {
   EXPECT_EQ(read_npy(dir, "l.npy").shape, (std::vector<std::int64_t>{3, 4, 4}));
 }
 
-TEST(Fitting, CropKeepsTheCentre) {
+TEST(Fitting, CropKeepsTheCentreAndTheInputsShape) {
   scratch_folder dir;
   std::vector<std::int32_t> image(7 * 6 * 3);  // X = 7, Y = 6, Z = 3
   for (std::size_t i = 0; i < image.size(); ++i) image[i] = static_cast<std::int32_t>(i % 251);
   io::write_npy_int32((dir / "in.npy").string(), {3, 6, 7}, image.data());
-  const auto run = run_tool(dir, "in.npy --fit crop --save-input s.npy");
+  const auto run = run_tool(dir, "in.npy --fit crop --save-input s.npy --labels l.npy");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.err,
             "splitmerge: cropped 7 x 6 x 3 to 4 x 4 x 2 (centred), keeping x 1..4, y 1..4, z 0..1; "
-            "the outputs are 4 x 4 x 2\n");
-  std::vector<std::int32_t> expected;
+            "the outputs are 7 x 6 x 3, as the input, with label 0 outside the part kept\n");
+  // The image as segmented lies where it was; outside the box it is 0, and so
+  // is every label there.
+  std::vector<std::int32_t> expected(image.size(), 0);
   for (int z = 0; z < 2; ++z)
     for (int y = 1; y < 5; ++y)
-      for (int x = 1; x < 5; ++x)
-        expected.push_back(image[static_cast<std::size_t>((z * 6 + y) * 7 + x)]);
+      for (int x = 1; x < 5; ++x) {
+        const auto i = static_cast<std::size_t>((z * 6 + y) * 7 + x);
+        expected[i] = image[i];
+      }
   EXPECT_EQ(as_int32(read_npy(dir, "s.npy").values), expected);
+  const auto labels = as_int32(read_npy(dir, "l.npy").values);
+  for (std::size_t i = 0; i < labels.size(); ++i)
+    EXPECT_EQ(labels[i] == 0,
+              expected[i] == 0 && (i / 42 == 2 || i % 7 == 0 || i % 7 == 5 || i % 7 == 6 ||
+                                   (i / 7) % 6 == 0 || (i / 7) % 6 == 5))
+        << i;
 }
 
 TEST(Fitting, SliceOfAVolume) {

@@ -69,11 +69,16 @@ def main() -> int:
     npy = np.load(folder / "pad.npy")  # (Z, Y, X)
     assert np.array_equal(np.asarray(padded.dataobj), npy.transpose(2, 1, 0))
 
-    # --fit crop keeps x 2..17, y 4..19, z 0..3 of the 20 x 24 x 5 scan.
+    # --fit crop keeps x 2..17, y 4..19, z 0..3 of the 20 x 24 x 5 scan; the
+    # labels lie over the whole scan, 0 outside the part kept.
     run(program, folder, "scan.nii.gz", "--fit", "crop", "--labels", "crop.nii")
     cropped = nib.load(folder / "crop.nii")
-    assert cropped.shape == (16, 16, 4), cropped.shape
-    check_header(cropped, scan, translation(2, 4, 0))
+    assert cropped.shape == scan.shape, cropped.shape
+    check_header(cropped, scan, translation(0, 0, 0))
+    kept = np.zeros(scan.shape, bool)
+    kept[2:18, 4:20, 0:4] = True
+    assert (np.asarray(cropped.dataobj)[~kept] == 0).all()
+    assert (np.asarray(cropped.dataobj)[kept] >= 1).all()
 
     run(program, folder, "scan.nii.gz", "--slice", "3", "--fit", "pad", "--labels", "slice.nii")
     one = nib.load(folder / "slice.nii")

@@ -1,0 +1,176 @@
+"""Cohorts: BIDS-like trees, provenance, reruns with other parameters, inputs
+that are not inputs, Ctrl-C and restart; outputs equal the command line's."""
+
+from __future__ import annotations
+
+import csv
+import json
+import logging
+import os
+import signal
+import subprocess
+import sys
+import time
+from pathlib import Path
+from typing import Iterator
+
+import numpy as np
+import pytest
+
+import splitmerge
+from conftest import noise_image
+
+distributed = pytest.importorskip("distributed")
+nibabel = pytest.importorskip("nibabel")
+from splitmerge.batch import segment_batch  # noqa: E402
+
+CLI = os.environ.get("SPLITMERGE_CLI")
+PARAMS = dict(sigma=3.0, small_size=20)
+
+
+@pytest.fixture(scope="module")
+def client(tmp_path_factory: pytest.TempPathFactory) -> Iterator:
+    with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
+                                  host="127.0.0.1", dashboard_address="127.0.0.1:0",
+                                  silence_logs=logging.ERROR,
+                                  local_directory=str(tmp_path_factory.mktemp("dask"))
+                                  ) as cluster:
+        with distributed.Client(cluster, timeout="30s") as c:
+            yield c
+
+
+def rows_of(out: Path) -> list[dict[str, str]]:
+    with open(out / "manifest.csv", newline="") as f:
+        return list(csv.DictReader(f))
+
+
+@pytest.fixture
+def cohort(tmp_path: Path) -> Path:
+    """sub-01 and sub-02 (with a session), each with T1w.nii.gz and a BIDS-named copy."""
+    root = tmp_path / "rawdata"
+    for k, folder in enumerate(["sub-01/anat", "sub-02/ses-1/anat"]):
+        (root / folder).mkdir(parents=True)
+        volume = noise_image((6, 20, 24), seed=40 + k).T.astype(np.int16)  # x, y, z
+        image = nibabel.Nifti1Image(volume, np.diag([0.9, 1.0, 1.1, 1.0]))
+        nibabel.save(image, root / folder / "T1w.nii.gz")
+        entities = folder.split("/")[0] + ("_ses-1" if "ses" in folder else "")
+        nibabel.save(image, root / folder / f"{entities}_T1w.nii")
+    return root
+
+
+def batch(root: Path, out: Path, client, **kwargs) -> list[dict[str, str]]:
+    return segment_batch([str(root / "**" / "*.nii*")], out, fit="crop", client=client,
+                         progress=False, **PARAMS, **kwargs)
+
+
+def test_outputs_mirror_the_tree_and_equal_the_command_line(cohort: Path, tmp_path: Path,
+                                                             client) -> None:
+    out = cohort / "derived"  # inside the pattern: never read as input
+    rows = batch(cohort, out, client)
+    assert [r["status"] for r in rows] == ["ok"] * 4
+    assert len({r["output"] for r in rows}) == 4
+    for row in rows:
+        source = Path(row["input"])
+        labels = Path(row["output"])
+        # The tree below the pattern's fixed prefix, NIfTI always compressed.
+        assert labels.parent == out / source.parent.relative_to(cohort)
+        assert labels.name.endswith(".labels.nii.gz")
+        image = nibabel.load(labels)
+        assert image.header.get_intent()[0] == "label"
+        assert image.header["descrip"].item().decode().startswith(
+            f"splitmerge {splitmerge.__version__} max_level=")
+        sidecar = json.loads(labels.with_name(labels.name.replace(".nii.gz", ".json"))
+                             .read_text())
+        assert sidecar["Version"] == row["version"] == splitmerge.__version__
+        assert sidecar["Parameters"]["sigma"] == 3.0 and row["sigma"] == "3.0"
+        assert int(row["regions"]) == sidecar["RegionCount"]
+        # The manifest counts regions, not the largest label (start_label 1
+        # and the crop's background 0 would make those differ).
+        assert int(row["regions"]) == len(np.unique(image.dataobj)) - 1
+        if CLI:
+            single = tmp_path / "single.nii.gz"
+            run = subprocess.run([CLI, str(source), "--fit", "crop", "--sigma", "3",
+                                  "--small-size", "20", "--labels", str(single), "--quiet"],
+                                 capture_output=True, text=True)
+            assert run.returncode == 0, run.stderr
+            np.testing.assert_array_equal(np.asarray(image.dataobj),
+                                          np.asarray(nibabel.load(single).dataobj))
+
+
+def test_reruns_skip_only_what_the_same_parameters_made(cohort: Path, tmp_path: Path,
+                                                        client) -> None:
+    out = tmp_path / "out"
+    assert {r["status"] for r in batch(cohort, out, client)} == {"ok"}
+    assert {r["status"] for r in batch(cohort, out, client)} == {"skipped"}
+    changed = segment_batch([str(cohort / "**" / "*.nii*")], out, fit="crop", client=client,
+                            progress=False, sigma=2.0, small_size=5)
+    assert {r["status"] for r in changed} == {"ok"}
+    assert {r["sigma"] for r in rows_of(out)} == {"2.0"}
+    # A sidecar from another version is not trusted either.
+    sidecar = Path(changed[0]["output"].replace(".nii.gz", ".json"))
+    made = json.loads(sidecar.read_text())
+    sidecar.write_text(json.dumps(dict(made, Version="0.0.1")))
+    again = segment_batch([str(cohort / "**" / "*.nii*")], out, fit="crop", client=client,
+                          progress=False, sigma=2.0, small_size=5)
+    assert [r["status"] for r in again].count("ok") == 1
+
+
+def test_bids_derivatives(cohort: Path, tmp_path: Path, client) -> None:
+    out = tmp_path / "study"
+    rows = segment_batch([str(cohort / "sub-*" / "**" / "sub-*_T1w.nii")], out, bids=True,
+                         fit="pad", client=client, progress=False, command="splitmerge test")
+    derived = out / "derivatives" / "splitmerge"
+    assert sorted(Path(r["output"]).relative_to(derived).as_posix() for r in rows) == [
+        "sub-01/anat/sub-01_desc-splitmerge_dseg.nii.gz",
+        "sub-02/ses-1/anat/sub-02_ses-1_desc-splitmerge_dseg.nii.gz"]
+    description = json.loads((derived / "dataset_description.json").read_text())
+    assert description["DatasetType"] == "derivative"
+    assert description["GeneratedBy"][0] == {"Name": "splitmerge",
+                                             "Version": splitmerge.__version__,
+                                             "Description": "splitmerge test"}
+    for row in rows:
+        assert Path(row["output"].replace("_dseg.nii.gz", "_dseg.json")).is_file()
+    with pytest.raises(ValueError, match="not a BIDS file name"):
+        segment_batch([str(cohort / "**" / "T1w.nii.gz")], out, bids=True, client=client)
+
+
+def test_patterns_that_match_nothing_and_corrupt_scans(cohort: Path, tmp_path: Path,
+                                                       client) -> None:
+    with pytest.raises(ValueError, match="no file matches"):
+        segment_batch([str(tmp_path / "none" / "*.nii.gz")], tmp_path / "out", client=client)
+    (cohort / "sub-01" / "anat" / "broken.nii.gz").write_bytes(b"\x1f\x8b not a scan")
+    rows = batch(cohort, tmp_path / "out", client)
+    assert [r["status"] for r in rows].count("failed") == 1
+    assert not list((tmp_path / "out").rglob(".part-*"))
+
+
+def test_ctrl_c_keeps_what_finished_and_a_restart_does_the_rest(tmp_path: Path) -> None:
+    scans = tmp_path / "scans"
+    scans.mkdir()
+    for k in range(12):
+        np.save(scans / f"scan{k:02d}.npy", noise_image((16, 64, 64), seed=k))
+    out = tmp_path / "out"
+    command = [sys.executable, "-m", "splitmerge.batch", str(scans / "*.npy"), "--out",
+               str(out), "--workers", "1", "--no-progress", "--small-size", "0"]
+    env = dict(os.environ, DASK_TEMPORARY_DIRECTORY=str(tmp_path))
+    # Python takes Ctrl-C only when SIGINT is not ignored, as it is for jobs
+    # started in the background: restore the default for the batch.
+    process = subprocess.Popen(command, stderr=subprocess.PIPE, text=True, env=env,
+                               preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
+    deadline = time.monotonic() + 120
+    while time.monotonic() < deadline and process.poll() is None:
+        if (out / "manifest.csv").exists() and any(r["status"] == "ok" for r in rows_of(out)):
+            break
+        time.sleep(0.05)
+    process.send_signal(signal.SIGINT)
+    _, errors = process.communicate(timeout=120)
+    if process.returncode == 0:
+        pytest.skip("the batch finished before Ctrl-C reached it")
+    assert process.returncode == 130, errors
+    assert errors.strip().splitlines()[-1].startswith("splitmerge.batch: interrupted; ")
+    finished = [r for r in rows_of(out) if r["status"] == "ok"]
+    assert finished and all(Path(r["output"]).is_file() for r in finished)
+    assert not list(out.rglob(".part-*"))
+    restart = subprocess.run(command, capture_output=True, text=True, env=env, timeout=300)
+    assert restart.returncode == 0, restart.stderr
+    assert f"{12 - len(finished)} done, {len(finished)} skipped" in restart.stderr

@@ -1,0 +1,86 @@
+// Running a prepared input and mapping its labels back onto the input.
+#include <algorithm>
+
+#include "driver/driver.hpp"
+#include "splitmerge/frontend.hpp"
+
+namespace splitmerge::frontend {
+
+namespace {
+
+problem failure_of(const segmentation& run) {
+  switch (run.status) {
+    case status_ok:
+      return {};
+    case status_interrupted:
+      return {problem_kind::interrupted, "", "the segmentation was interrupted"};
+    case status_file_failed:
+      return {problem_kind::input_output, "region_file", "cannot write the region list file"};
+    default:
+      break;
+  }
+  if (run.memory_needed != 0)
+    return {problem_kind::resource_exhausted, "memory_limit",
+            run.error + ": allow more with {memory_limit=SIZE}"};
+  if (run.error.empty())
+    return {problem_kind::resource_exhausted, "", "the segmentation ran out of memory"};
+  return {problem_kind::invalid_argument, "", run.error};
+}
+
+}  // namespace
+
+void to_input(const prepared& input, const std::int32_t* segmented, std::int32_t* out,
+              std::int32_t offset, std::int32_t outside) {
+  const placement& box = input.segmented;
+  const std::int64_t nz = input.shape[0], ny = input.shape[1], nx = input.shape[2];
+  const std::int64_t ex = box.size_x, ey = box.size_y;
+  // The input's part that was segmented, and where it lies in the segmented image.
+  const std::int64_t x0 = std::max<std::int64_t>(box.x0, 0), y0 = std::max<std::int64_t>(box.y0, 0),
+                     z0 = std::max<std::int64_t>(box.z0, 0);
+  const std::int64_t kx = std::min<std::int64_t>(nx - x0,
+                                                 box.size_x + std::min<std::int64_t>(box.x0, 0)),
+                     ky = std::min<std::int64_t>(ny - y0,
+                                                 box.size_y + std::min<std::int64_t>(box.y0, 0)),
+                     kz = std::min<std::int64_t>(nz - z0,
+                                                 box.size_z + std::min<std::int64_t>(box.z0, 0));
+  const bool whole = x0 == 0 && y0 == 0 && z0 == 0 && kx == nx && ky == ny && kz == nz;
+  if (!whole) std::fill(out, out + nx * ny * nz, outside);
+  for (std::int64_t z = 0; z < kz; ++z)
+    for (std::int64_t y = 0; y < ky; ++y) {
+      const std::int32_t* from =
+          segmented + ((z + z0 - box.z0) * ey + (y + y0 - box.y0)) * ex + (x0 - box.x0);
+      std::int32_t* to = out + ((z + z0) * ny + y + y0) * nx + x0;
+      if (offset == 0) {
+        std::copy(from, from + kx, to);
+      } else {
+        std::transform(from, from + kx, to, [offset](std::int32_t v) { return v + offset; });
+      }
+    }
+}
+
+result run(const prepared& input, const options& opts) {
+  result out;
+  if (input.failure.kind != problem_kind::none) {
+    out.failure = input.failure;
+    return out;
+  }
+  out.run = segment_run(input.image(), input.resolved, opts, true);
+  out.failure = failure_of(out.run);
+  if (out.failure.kind != problem_kind::none) return out;
+  const auto largest = std::max_element(out.run.labels.begin(), out.run.labels.end());
+  out.region_count = largest == out.run.labels.end() ? 0 : *largest + 1;
+  const placement& box = input.segmented;
+  const bool same_shape = box.x0 == 0 && box.y0 == 0 && box.z0 == 0 &&
+                          box.size_x == input.shape[2] && box.size_y == input.shape[1] &&
+                          box.size_z == input.shape[0];
+  if (same_shape && input.asked.start_label == 0) {
+    out.labels = std::move(out.run.labels);  // nothing to map
+    return out;
+  }
+  out.labels.resize(static_cast<std::size_t>(input.input_pixels()));
+  to_input(input, out.run.labels.data(), out.labels.data(), input.asked.start_label,
+           input.asked.start_label - 1);
+  return out;
+}
+
+}  // namespace splitmerge::frontend
