@@ -56,7 +56,7 @@ log="$build/log.txt"
 python=/usr/bin/python3  # Debian's numpy and scikit-image live here
 
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DSPLITMERGE_BUILD_BENCH=ON \
-  -DSPLITMERGE_BUILD_TESTS=OFF -DSPLITMERGE_BUILD_MEX=OFF >/dev/null
+  -DSPLITMERGE_BUILD_TESTS=OFF -DSPLITMERGE_BUILD_MEX=OFF -DSPLITMERGE_DEVELOPER_WARNINGS=ON >/dev/null
 cmake --build "$build" -j 2 --target bench_make_data bench_whole_run bench_phases bench_micro \
   splitmerge_cli >/dev/null
 

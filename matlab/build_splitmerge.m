@@ -79,22 +79,23 @@ fprintf('built %s\n', module);
 end
 
 function files = library_sources(src)
-% Every .cpp file in the library's folders under src/; the gateway's own
-% files are added by name.
-files = {};
-folders = dir(src);
-for k = 1:numel(folders)
-  name = folders(k).name;
-  if ~folders(k).isdir || any(strcmp(name, {'.', '..', 'gateway'}))
-    continue;
-  end
-  found = dir(fullfile(src, name, '*.cpp'));
-  for j = 1:numel(found)
-    files{end + 1} = fullfile(src, name, found(j).name); %#ok<AGROW>
-  end
+% The library's sources as src/library_sources.txt lists them (one path per
+% line, relative to the repository root, # for comments), the list CMake
+% reads; the gateway's own files are added by name.
+root = fileparts(src);
+list = fullfile(src, 'library_sources.txt');
+if exist(list, 'file') ~= 2
+  error('splitmerge:buildFailed', 'no list of the library sources at %s', list);
+end
+lines = strtrim(regexp(fileread(list), '\r?\n', 'split'));
+lines = lines(~cellfun(@isempty, lines) & ~strncmp(lines, '#', 1));
+files = cell(1, numel(lines));
+for k = 1:numel(lines)
+  parts = strsplit(lines{k}, '/');
+  files{k} = fullfile(root, parts{:});
 end
 if isempty(files)
-  error('splitmerge:buildFailed', 'no library sources found under %s', src);
+  error('splitmerge:buildFailed', 'no library sources listed in %s', list);
 end
 end
 

@@ -112,9 +112,9 @@ function varargout = splitmerge(varargin)
 %       size(frames)                          % 64 64 F
 %
 %   Build the module once with build_splitmerge (MATLAB: mex, Octave:
-%   mkoctfile --mex).
+%   mkoctfile --mex). SPLITMERGE_VERSION returns the version.
 %
-%   See also SMSEGMENT, BUILD_SPLITMERGE.
+%   See also SMSEGMENT, BUILD_SPLITMERGE, SPLITMERGE_VERSION.
 
 error('splitmerge:notBuilt', ...
       'The splitmerge module is not built: run build_splitmerge in %s', ...

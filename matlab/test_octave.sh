@@ -94,6 +94,14 @@ help_tests() {
     run_octave "addpath('$root/matlab/tests'); addpath('$scratch/help'); test_splitmerge_help();"
 }
 
+# splitmerge_version gives the project's version, the one CMake builds with.
+version_test() {
+  local expected
+  expected="$(grep -oP 'project\(splitmerge\s+VERSION\s+\K[0-9.]+' "$root/CMakeLists.txt")"
+  run_octave "addpath('$root/matlab'); v = splitmerge_version(); printf('version: %s\n', v); \
+    if ~strcmp(v, '$expected'), exit(1); end"
+}
+
 stage "the module built by CMake" cmake_module
 module="$root/$build/src/gateway"
 stage "module tests (CMake build)" module_tests "$module"
@@ -102,6 +110,7 @@ stage "module tests (build_splitmerge build)" module_tests "$scratch/clone/matla
 stage "smsegment" smsegment_tests "$module"
 stage "Ctrl-C during a long call" interrupt_test "$module"
 stage "the help files" help_tests
+stage "the version" version_test
 
 if [ "${#failed[@]}" -ne 0 ]; then
   printf 'test_octave: failed: %s\n' "${failed[@]}" >&2

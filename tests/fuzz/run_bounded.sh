@@ -13,7 +13,7 @@ exec 9>build/fuzz/.build.lock
 flock 9
 cmake -S . -B build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++-14 \
   -DSPLITMERGE_BUILD_FUZZ=ON -DSPLITMERGE_BUILD_TESTS=OFF -DSPLITMERGE_BUILD_MEX=OFF \
-  -DSPLITMERGE_SANITIZE=address,undefined >/dev/null
+  -DSPLITMERGE_SANITIZE=address,undefined -DSPLITMERGE_DEVELOPER_WARNINGS=ON >/dev/null
 cmake --build build/fuzz --target splitmerge_fuzz -j "$(nproc)"
 flock -u 9
 # A corpus folder of this run's own, so that runs at the same time do not meet.

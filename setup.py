@@ -1,10 +1,11 @@
 """Builds the extension module splitmerge._core with the project's CMake.
 
-The C++ library and the binding are compiled by the top-level CMakeLists.txt
+The C++ library and the binding are compiled by CMakeLists.txt
 (option SPLITMERGE_BUILD_PYTHON) for the Python running this script.
 """
 
 import os
+import re
 import subprocess
 import sys
 from pathlib import Path
@@ -12,7 +13,7 @@ from pathlib import Path
 from setuptools import Extension, setup
 from setuptools.command.build_ext import build_ext
 
-PROJECT_ROOT = Path(__file__).resolve().parent.parent
+PROJECT_ROOT = Path(__file__).resolve().parent
 
 
 def _forget_other_source(build_dir: Path) -> None:
@@ -25,6 +26,15 @@ def _forget_other_source(build_dir: Path) -> None:
             if Path(line.split("=", 1)[1]).resolve() != PROJECT_ROOT:
                 cache.unlink()
             return
+
+
+def project_version() -> str:
+    """The version in CMakeLists.txt's project(), the project's only copy."""
+    text = (PROJECT_ROOT / "CMakeLists.txt").read_text()
+    found = re.search(r"project\(splitmerge\s+VERSION\s+([0-9.]+)", text)
+    if found is None:
+        raise RuntimeError("no project version in CMakeLists.txt")
+    return found.group(1)
 
 
 class CMakeExtension(Extension):
@@ -45,6 +55,7 @@ class CMakeBuild(build_ext):
              "-DSPLITMERGE_BUILD_TESTS=OFF",
              "-DSPLITMERGE_BUILD_TOOLS=OFF",
              "-DSPLITMERGE_BUILD_MEX=OFF",
+             "-DSPLITMERGE_INSTALL=OFF",
              f"-DPython_EXECUTABLE={sys.executable}",
              f"-DSPLITMERGE_PYTHON_OUTPUT_DIR={target.parent}"],
             check=True)
@@ -57,4 +68,5 @@ class CMakeBuild(build_ext):
             raise RuntimeError(f"CMake did not produce {built}")
 
 
-setup(ext_modules=[CMakeExtension("splitmerge._core")], cmdclass={"build_ext": CMakeBuild})
+setup(version=project_version(), ext_modules=[CMakeExtension("splitmerge._core")],
+      cmdclass={"build_ext": CMakeBuild})
