@@ -277,7 +277,9 @@ def plan_jobs(inputs: Iterable[str], out_dir: Path, regions: bool,
     """
     jobs: list[Job] = []
     owners: dict[Path, str] = {}
-    for f, root in _expand(inputs, out_dir):
+    # Only what this batch writes is left out: a BIDS dataset may hold its
+    # derivatives, so --out may be the dataset itself.
+    for f, root in _expand(inputs, out_dir / BIDS_FOLDER if bids else out_dir):
         if bids:
             job = _bids_job(f, out_dir, regions)
         else:

@@ -116,9 +116,10 @@ def test_reruns_skip_only_what_the_same_parameters_made(cohort: Path, tmp_path: 
 
 
 def test_bids_derivatives(cohort: Path, tmp_path: Path, client) -> None:
-    out = tmp_path / "study"
-    rows = segment_batch([str(cohort / "sub-*" / "**" / "sub-*_T1w.nii")], out, bids=True,
-                         fit="pad", client=client, progress=False, command="splitmerge test")
+    out = cohort  # the dataset holds its derivatives; they are never inputs
+    pattern = str(cohort / "**" / "sub-*.nii*")
+    rows = segment_batch([pattern], out, bids=True, fit="pad", client=client, progress=False,
+                         command="splitmerge test")
     derived = out / "derivatives" / "splitmerge"
     assert sorted(Path(r["output"]).relative_to(derived).as_posix() for r in rows) == [
         "sub-01/anat/sub-01_desc-splitmerge_dseg.nii.gz",
@@ -130,6 +131,8 @@ def test_bids_derivatives(cohort: Path, tmp_path: Path, client) -> None:
                                              "Description": "splitmerge test"}
     for row in rows:
         assert Path(row["output"].replace("_dseg.nii.gz", "_dseg.json")).is_file()
+    again = segment_batch([pattern], out, bids=True, fit="pad", client=client, progress=False)
+    assert [r["status"] for r in again] == ["skipped", "skipped"]
     with pytest.raises(ValueError, match="not a BIDS file name"):
         segment_batch([str(cohort / "**" / "T1w.nii.gz")], out, bids=True, client=client)
 
