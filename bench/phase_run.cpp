@@ -3,6 +3,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 #include "geometry/geometry.hpp"
 #include "grouping/grouping.hpp"
@@ -14,22 +15,6 @@
 namespace splitmerge::bench {
 
 namespace {
-
-void count_leaves(const run_context& ctx, blocklist list, phase_result& r) {
-  for (const block* b = list[0]; b != nullptr; b = ctx.block_at(b->next_block)) {
-    ++r.leaves;
-    if (level(ctx, b->code) == 0) ++r.single_voxels;
-  }
-}
-
-std::int64_t count_entries(const run_context& ctx, regionlist head) {
-  std::int64_t n = 0;
-  for (const block* h = head; h != nullptr; h = ctx.block_at(h->next_region))
-    for (const nb_node* e = ctx.entry_at(h->nb_pointers[0]); e != nullptr;
-         e = ctx.entry_at(e->next))
-      ++n;
-  return n;
-}
 
 // Times the phases in order: each lap closes the phase it names.
 class lap_timer {
@@ -80,6 +65,8 @@ blocklist build_tree(run_context& ctx, const run_arguments& args) {
   return list;
 }
 
+// The library's own sequencer runs the phases (split_merge_group, with the
+// code width the image needs); each progress line closes the phase it names.
 phase_result time_phases(const run_arguments& args, std::int32_t* labels, bool count,
                          std::int32_t threads) {
   phase_result r;
@@ -89,81 +76,46 @@ phase_result time_phases(const run_arguments& args, std::int32_t* labels, bool c
   auto owner = std::make_unique<run_context>();
   run_context& ctx = *owner;
   ctx.threads = threads;
-  silence(ctx);
-  timer.resume();
-  const auto fail = [&](std::int64_t status) {
-    free_variables(ctx);
-    r.status = static_cast<std::int32_t>(status);
-    return r;
+  static const std::pair<std::string_view, phase> closes[] = {
+      {"finished initialisation\n", phase::initial_blocks},
+      {"finished merging\n", phase::merge},
+      {"finished splitting\n", phase::split},
+      {"finished ordering regionlist\n", phase::adjacency},
+      {"finished grouping\n", phase::grouping},
+      {"finished small region elimination\n", phase::elimination},
+      {"finished cleaning of regionlist\n", phase::cleaning},
+      {"finished sorting of regionlist\n", phase::sorting},
+      {"finished the split_merge routine\n", phase::sorting},
+      {"finished make_output \n", phase::label_image}};
+  ctx.out = [&timer](std::string_view line) {
+    for (const auto& [text, p] : closes)
+      if (line == text) timer.lap(p);
   };
-
-  if (prepare_run(ctx, args) != 0) return fail(status_no_memory);
-  timer.lap(phase::setup);
-  const auto built = init_blocklist(ctx);
-  if (check_pointer(built) != 0) return fail(built.status);
-  blocklist list = built.value;
-  timer.lap(phase::initial_blocks);
-  smg_merge(ctx, list);
-  timer.lap(phase::merge);
-
-  regionlist head = nullptr;
-  if (list[0]->next_block == 0) {
-    // The whole image is one homogeneous block.
-    head = make_one_region(ctx, list[0]);
-    ctx.allocator.release(list);
-    r.leaves = 1;
-    r.regions = 1;
-  } else {
-    if (const std::int32_t s = smg_split(ctx, list); check_pointer(s) != 0) return fail(s);
-    timer.lap(phase::split);
-    count_leaves(ctx, list, r);
+  // Counted untimed, once the regions are final: every leaf of the split is
+  // a block of one of them.
+  ctx.inspect_regions = [&](regionlist head) {
+    for (const block* h = head; h != nullptr; h = ctx.block_at(h->next_region)) {
+      ++r.regions;
+      for (const block* b = h; b != nullptr; b = ctx.block_at(b->next_block)) {
+        ++r.leaves;
+        const bool single = ctx.code_high != nullptr
+                                ? level<std::uint64_t>(ctx, ctx.full_code(b)) == 0
+                                : level(ctx, b->code) == 0;
+        if (single) ++r.single_voxels;
+        if (count)
+          for (const nb_node* e = ctx.entry_at(b == h ? h->nb_pointers[0] : 0); e != nullptr;
+               e = ctx.entry_at(e->next))
+            ++r.neighbour_entries;
+      }
+    }
     timer.resume();
-    const auto regions = group_init(ctx, list);
-    if (check_pointer(regions) != 0) return fail(regions.status);
-    head = regions.value;
-    timer.lap(phase::adjacency);
-    if (count) {
-      r.neighbour_entries = count_entries(ctx, head);
-      timer.resume();
-    }
-    const auto grouped =
-        args.group_mode != 0 ? parallel_grouping(ctx, head) : sequential_grouping(ctx, head);
-    if (grouped.status != 0) {
-      free_regionlist(ctx, head);
-      return fail(grouped.status);
-    }
-    head = grouped.value;
-    timer.lap(phase::grouping);
-    if (head->nb_pointers[0] == 0) {
-      r.regions = 1;
-    } else {
-      if (args.small_size != 0) {
-        if (const std::int32_t status = region_elimination(ctx, head); status != 0) {
-          free_regionlist(ctx, head);
-          return fail(status);
-        }
-      }
-      timer.lap(phase::elimination);
-      head = clean_regionlist(ctx, head);
-      timer.lap(phase::cleaning);
-      const auto sorted = sort_regionlist(ctx, head);
-      if (check_pointer(sorted) != 0) {
-        free_regionlist(ctx, head);
-        return fail(sorted.status);
-      }
-      head = sorted.value;
-      timer.lap(phase::sorting);
-      r.regions = ctx.number_regions + 1;
-    }
-  }
+  };
   timer.resume();
-  if (make_output(ctx, head, labels) != 0) {
-    free_regionlist(ctx, head);
-    return fail(status_no_memory);
-  }
-  timer.lap(phase::label_image);
-  free_variables(ctx);
-  ctx.release_records();
+  r.status = split_merge_group(
+      ctx, args.image, args.size_x, args.size_y, args.size_z, args.max_level, args.lim_oct_level,
+      labels, args.init_level, args.group_mode, args.max_seed, args.use_all_seeds, args.pred_choice,
+      args.interval_length, args.threshold_row, args.small_size, args.statistic_update, 0, 0, "",
+      args.rejection, args.sigma, args.pseudo_factor);
   owner.reset();
   timer.lap(phase::release);
   return r;

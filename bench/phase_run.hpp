@@ -1,6 +1,6 @@
-// A run of the segmentation phase by phase through the internal functions, in
-// the order and with the checks of the library entry (display off), so that
-// each phase can be timed on its own.
+// A run of the segmentation through the library entry itself (display off),
+// each phase timed by the progress line that closes it, so that the phases
+// are those the library runs, with the code width the image needs.
 #pragma once
 
 #include <array>
