@@ -675,6 +675,10 @@ def main(argv: Optional[Sequence[str]] = None) -> int:
         print(f"splitmerge.batch: interrupted; {len(e.rows)} finished, kept in "
               f"{Path(args.out) / MANIFEST_NAME}; run again to do the rest", file=sys.stderr)
         return 130
+    except KeyboardInterrupt:  # while the cluster starts or closes
+        print(f"splitmerge.batch: interrupted; what finished is kept in "
+              f"{Path(args.out) / MANIFEST_NAME}; run again to do the rest", file=sys.stderr)
+        return 130
     counts = {s: sum(r["status"] == s for r in rows) for s in ("ok", "skipped", "failed")}
     print(f"splitmerge.batch: {counts['ok']} done, {counts['skipped']} skipped, "
           f"{counts['failed']} failed; manifest {Path(args.out) / MANIFEST_NAME}",

@@ -151,7 +151,7 @@ def test_ctrl_c_keeps_what_finished_and_a_restart_does_the_rest(tmp_path: Path) 
     scans = tmp_path / "scans"
     scans.mkdir()
     for k in range(12):
-        np.save(scans / f"scan{k:02d}.npy", noise_image((16, 64, 64), seed=k))
+        np.save(scans / f"scan{k:02d}.npy", noise_image((32, 128, 128), seed=k))
     out = tmp_path / "out"
     command = [sys.executable, "-m", "splitmerge.batch", str(scans / "*.npy"), "--out",
                str(out), "--workers", "1", "--no-progress", "--small-size", "0"]
