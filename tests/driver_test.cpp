@@ -93,6 +93,20 @@ run_setup plane(std::vector<std::int32_t> image, int size_x, int max_level) {
   return s;
 }
 
+// A random 16 x 16 x 4 volume of blobs, chi-square test, small regions absorbed.
+run_setup small_volume(std::mt19937& rng) {
+  run_setup s;
+  s.image = testing::blob_image(rng, 16, 4, 30);
+  s.size_x = 16;
+  s.size_z = 4;
+  s.max_level = 4;
+  s.lim_oct_level = 2;
+  s.init_level = 2;
+  s.pred_choice = 4;
+  s.small_size = 5;
+  return s;
+}
+
 TEST(Parameters, EveryInvalidParameterIsRejectedBeforeAnythingIsBuilt) {
   const run_setup good = plane(std::vector<std::int32_t>(64, 3), 8, 3);
   struct bad_case {
@@ -532,15 +546,9 @@ TEST(Interrupt, EveryPollThatAsksEndsTheRunWithNothingLeft) {
   std::mt19937 rng(91);
   const testing::temp_folder folder;
   for (const int group_mode : {0, 1}) {
-    run_setup s;
-    s.image = testing::blob_image(rng, 16, 4, 30);
-    s.size_x = 16;
-    s.size_z = 4;
-    s.max_level = 4;
-    s.lim_oct_level = 2;
-    s.init_level = 2;
+    run_setup s = small_volume(rng);
+    s.pred_choice = 1;
     s.group_mode = group_mode;
-    s.small_size = 5;
     s.display = group_mode;
     s.save_flag = 1;
     s.filename = folder.file("interrupt.txt");
@@ -559,15 +567,7 @@ TEST(Interrupt, EveryPollThatAsksEndsTheRunWithNothingLeft) {
 
 TEST(Determinism, PromiseRepeatedRunsAreBitIdentical) {
   std::mt19937 rng(321);
-  run_setup s;
-  s.image = testing::blob_image(rng, 16, 4, 30);
-  s.size_x = 16;
-  s.size_z = 4;
-  s.max_level = 4;
-  s.lim_oct_level = 2;
-  s.init_level = 2;
-  s.pred_choice = 4;
-  s.small_size = 5;
+  run_setup s = small_volume(rng);
   s.save_flag = 1;
   const testing::temp_folder folder;
   std::string first_file;

@@ -5,14 +5,12 @@ from __future__ import annotations
 
 import csv
 import json
-import logging
 import os
 import signal
 import subprocess
 import sys
 import time
 from pathlib import Path
-from typing import Iterator
 
 import numpy as np
 import pytest
@@ -26,17 +24,6 @@ from splitmerge.batch import segment_batch  # noqa: E402
 
 CLI = os.environ.get("SPLITMERGE_CLI")
 PARAMS = dict(sigma=3.0, small_size=20)
-
-
-@pytest.fixture(scope="module")
-def client(tmp_path_factory: pytest.TempPathFactory) -> Iterator:
-    with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
-                                  host="127.0.0.1", dashboard_address="127.0.0.1:0",
-                                  silence_logs=logging.ERROR,
-                                  local_directory=str(tmp_path_factory.mktemp("dask"))
-                                  ) as cluster:
-        with distributed.Client(cluster, timeout="30s") as c:
-            yield c
 
 
 def rows_of(out: Path) -> list[dict[str, str]]:

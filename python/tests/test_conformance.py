@@ -14,6 +14,10 @@ from conftest import conformance_cases, load_case
 CASES = conformance_cases()
 
 
+def test_every_reference_case_is_there() -> None:
+    assert len(CASES) >= 200
+
+
 def region_records_text(regions: list[splitmerge.Region]) -> str:
     """The region records as the region list file writes them (after its six
     header lines): statistics, hexadecimal block codes, 0, neighbours, -1."""
@@ -27,11 +31,12 @@ def region_records_text(regions: list[splitmerge.Region]) -> str:
     return "".join(out)
 
 
-@pytest.mark.skipif(not CASES, reason="no reference cases found")
 # Some cases take values outside the meaningful ranges on purpose.
 @pytest.mark.filterwarnings("ignore::UserWarning")
+@pytest.mark.parametrize("threads", [1, 0], ids=["one thread", "every core"])
 @pytest.mark.parametrize("folder", CASES, ids=[c.name for c in CASES])
-def test_reference_case(folder: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+def test_reference_case(folder: Path, threads: int, tmp_path: Path,
+                        monkeypatch: pytest.MonkeyPatch) -> None:
     case = load_case(folder)
     assert case.status == 0, "cases that fail have no Python outcome to compare"
     # The progress lines name the region list file as given: run where the
@@ -39,7 +44,7 @@ def test_reference_case(folder: Path, tmp_path: Path, monkeypatch: pytest.Monkey
     monkeypatch.chdir(tmp_path)
     result = splitmerge.segment(
         case.image, **case.params, frames=case.display, lines=True, regions=True,
-        region_file="regions.txt" if case.save else None, start_label=0)
+        region_file="regions.txt" if case.save else None, start_label=0, threads=threads)
 
     assert result.labels.dtype == np.int32
     assert result.labels.shape == case.image.shape
