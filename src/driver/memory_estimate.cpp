@@ -107,6 +107,15 @@ std::uint64_t available_memory() noexcept {
   return static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(page_size);
 }
 
+std::uint64_t memory_budget(std::uint64_t memory_limit) noexcept {
+  if (memory_limit != 0) return memory_limit;
+  const std::uint64_t available = available_memory();
+  // Leaves a sixteenth, and at least 256 MiB, to the host process and the
+  // system: a run that takes the last page would push the machine into swap.
+  const std::uint64_t margin = std::max<std::uint64_t>(available / 16, std::uint64_t{256} << 20);
+  return available > 2 * margin ? available - margin : available / 2;
+}
+
 std::string format_bytes(std::uint64_t bytes) {
   const char* units[] = {"bytes", "KiB", "MiB", "GiB", "TiB"};
   double v = static_cast<double>(bytes);
