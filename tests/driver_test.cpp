@@ -38,6 +38,7 @@ struct run_setup {
   // Records per arena request: small, so that failures strike mid-phase.
   std::uint32_t block_chunk = 3, entry_chunk = 5;
   std::uint32_t elimination_walk = 32;
+  std::uint64_t budget = 0;  // bytes the run may hold (0: no limit)
   // The poll of the caller's interrupt that asks to stop (0: none).
   std::uint64_t interrupt_at = 0;
 };
@@ -51,6 +52,8 @@ struct run_result {
   std::int64_t live_after = 0;
   std::uint64_t requests = 0;
   std::uint64_t polls = 0;
+  std::uint64_t peak = 0;
+  bool over_budget = false;
   bool failed_site[alloc_site_count] = {};
 };
 
@@ -68,6 +71,7 @@ run_result run(const run_setup& s, std::uint64_t fail_at = 0) {
   ctx.out = [&](std::string_view t) { r.printed.append(t); };
   ctx.err = [&](std::string_view t) { r.errors.append(t); };
   ctx.allocator.fail_at(fail_at);
+  ctx.allocator.set_budget(s.budget);
   r.labels.assign(s.image.size(), 0);
   r.status = split_merge_group(
       ctx, s.image.data(), s.size_x, s.size_x, s.size_z, s.max_level, s.lim_oct_level,
@@ -79,6 +83,8 @@ run_result run(const run_setup& s, std::uint64_t fail_at = 0) {
   ctx.release_frames();
   r.live_after = ctx.allocator.live();
   r.requests = ctx.allocator.requests();
+  r.peak = ctx.allocator.peak_bytes();
+  r.over_budget = ctx.allocator.over_budget();
   for (std::size_t i = 0; i < alloc_site_count; ++i)
     r.failed_site[i] = ctx.allocator.site_failed(static_cast<alloc_site>(i));
   return r;
@@ -430,6 +436,30 @@ TEST(FailureSweep, EveryAllocationFailureEndsCleanly) {
   for (std::size_t i = 0; i < alloc_site_count; ++i)
     EXPECT_TRUE(site_reached[i]) << "allocation site " << i << " was never failed";
   EXPECT_GT(total_runs, 1000u);
+}
+
+TEST(FailureSweep, ARunStoppedByItsBudgetAnywhereLeavesNothing) {
+  const testing::temp_folder folder;
+  for (const auto& config : sweep_configs(folder)) {
+    SCOPED_TRACE(config.name);
+    const run_result reference = run(config.setup);
+    for (std::uint64_t step = 1; step <= 64; ++step) {
+      run_setup s = config.setup;
+      s.budget = reference.peak * step / 64;
+      const run_result r = run(s);
+      ASSERT_EQ(r.live_after, 0) << "budget " << s.budget;
+      ASSERT_LE(r.peak, s.budget);
+      if (r.status == 0) {
+        ASSERT_EQ(r.labels, reference.labels) << "budget " << s.budget;
+      } else {
+        ASSERT_EQ(r.status, -1);
+        ASSERT_TRUE(r.over_budget);
+      }
+    }
+    run_setup enough = config.setup;
+    enough.budget = reference.peak;
+    EXPECT_EQ(run(enough).status, 0) << "the measured peak is enough";
+  }
 }
 
 TEST(Concurrency, PromiseOneContextPerRunThreadedRunsMatchSingleThreadedOnes) {

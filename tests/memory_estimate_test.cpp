@@ -169,37 +169,39 @@ TEST(MemoryEstimate, AvailableMemoryIsKnownOnThisMachine) {
   EXPECT_GT(available_memory(), std::uint64_t{1} << 20);
 }
 
-TEST(MemoryLimit, ARunAboveTheLimitIsRefusedBeforeItStarts) {
-  const auto image = noise(32, 1, 3);
-  const image_view view{image.data(), 32, 32, 1};
-  options o;
-  std::string errors;
-  o.error_sink = [&](std::string_view t) { errors.append(t); };
-  std::int32_t frames_seen = 0;
-  o.frame_sink = [&](const std::int32_t*, std::int32_t) { ++frames_seen; };
-  bool polled = false;
-  o.interrupt = [&] { return polled = true, false; };
-  const std::uint64_t needed = worst_case_memory(view, parameters{}, o);
-  o.memory_limit = needed - 1;
-  const segmentation s = segment(view, parameters{}, o);
-  EXPECT_EQ(s.status, status_failed);
-  EXPECT_EQ(s.memory_needed, needed);
-  EXPECT_EQ(s.memory_limit, needed - 1);
-  EXPECT_NE(s.error.find("may need up to " + format_bytes(needed)), std::string::npos) << s.error;
-  EXPECT_NE(s.error.find(format_bytes(needed - 1) + " is allowed"), std::string::npos) << s.error;
-  EXPECT_NE(s.error.find("worst case"), std::string::npos);
-  EXPECT_EQ(errors, "splitmerge: " + s.error + "\n");
-  EXPECT_TRUE(s.labels.empty());
-  EXPECT_TRUE(s.frames.empty());
-  EXPECT_EQ(s.frame_count, 0);
-  EXPECT_EQ(frames_seen, 0);
-  EXPECT_FALSE(polled) << "the run never started";
-
-  o.memory_limit = needed;  // exactly enough
-  const segmentation ran = segment(view, parameters{}, o);
-  EXPECT_EQ(ran.status, status_ok);
-  EXPECT_EQ(ran.memory_needed, 0u);
-  EXPECT_EQ(ran.labels.size(), image.size());
+TEST(MemoryLimit, OnlyTheCertainIsRefusedUpFrontTheRestStopsTheRunWhenCrossed) {
+  const auto image = noise(64, 1, 3);
+  const image_view view{image.data(), 64, 64, 1};
+  const std::uint64_t labels = image.size() * sizeof(std::int32_t);
+  struct row {
+    std::uint64_t limit;
+    const char* says;
+    bool polled;  // whether the run began
+  };
+  for (const row& r : {row{labels, "the run needs at least", false},
+                       row{labels + (std::uint64_t{96} << 10), "the run stopped at", true},
+                       row{std::uint64_t{1} << 30, "", true}}) {
+    SCOPED_TRACE(r.limit);
+    options o;
+    std::string errors;
+    o.error_sink = [&](std::string_view t) { errors.append(t); };
+    bool polled = false;
+    o.interrupt = [&] { return polled = true, false; };
+    o.memory_limit = r.limit;
+    const segmentation s = segment(view, parameters{}, o);
+    EXPECT_EQ(polled, r.polled);
+    if (*r.says == '\0') {
+      EXPECT_EQ(s.status, status_ok);
+      EXPECT_EQ(s.memory_needed, 0u);
+      continue;
+    }
+    EXPECT_EQ(s.status, status_failed);
+    EXPECT_EQ(s.memory_limit, r.limit);
+    EXPECT_GT(s.memory_needed, r.limit);
+    EXPECT_EQ(s.error.rfind(r.says, 0), 0u) << s.error;
+    EXPECT_NE(s.error.find(format_bytes(r.limit)), std::string::npos) << s.error;
+    EXPECT_EQ(errors, "splitmerge: " + s.error + "\n");
+  }
 }
 
 }  // namespace

@@ -141,16 +141,9 @@ frontend::result segment_with_progress(const frontend::prepared& input, const to
 int report_failed_run(const frontend::result& result, terminal_progress& progress) {
   progress.stop();
   const frontend::problem& p = result.failure;
-  std::cerr << "splitmerge: "
-            << (p.kind == frontend::problem_kind::resource_exhausted &&
-                        result.run.memory_needed == 0
-                    ? "the segmentation failed (out of memory)"
-                    : in_words(p))
-            << '\n';
-  // A run refused before it began is a usage problem, as bad parameters are.
-  return result.run.memory_needed != 0 || p.kind == frontend::problem_kind::invalid_argument
-             ? exit_bad_input
-             : exit_run_failed;
+  std::cerr << "splitmerge: " << in_words(p) << '\n';
+  if (p.kind == frontend::problem_kind::resource_exhausted) return exit_out_of_memory;
+  return p.kind == frontend::problem_kind::invalid_argument ? exit_bad_input : exit_run_failed;
 }
 
 int write_results(const tool_settings& s, const fitted_image& image, const frontend::result& result,

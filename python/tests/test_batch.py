@@ -145,7 +145,7 @@ def test_bad_inputs_fail_their_own_rows(scans: list[Path], tmp_path: Path, clien
     assert status["corrupt.npy"][1].startswith("ValueError:")
     assert status["oblong.npy"] == (
         "failed", "ValueError: the image is 16 x 8 pixels, but the segmentation needs square "
-                  "slices of 2, 4, 8, ..., 4096 pixels: use fit='pad' or fit='crop'")
+                  "slices of 2, 4, 8, ..., 16384 pixels: use fit='pad' or fit='crop'")
     assert status["notes.txt"] == (
         "failed", f"ReadError: {folder / 'notes.txt'}: unsupported format '.txt' (readable: "
                   ".npy, .nii, .nii.gz, .tif, .tiff, .png, .pgm)")

@@ -90,7 +90,7 @@ def test_colour_pictures_are_segmented_as_their_grey_levels() -> None:
     ((2, 2, 2, 2), np.int32, ValueError, r"^a 4-D image must have 3 or 4 colour channels"),
     ((0, 0), np.int32, ValueError, r"^the image is empty$"),
     ((5, 5), np.int32, ValueError, r"^the image is 5 x 5 pixels, but the segmentation needs "
-                                   r"square slices of 2, 4, 8, \.\.\., 4096 pixels: use "
+                                   r"square slices of 2, 4, 8, \.\.\., 16384 pixels: use "
                                    r"fit='pad' or fit='crop'$"),
     ((3, 8, 8), np.int32, ValueError, r"^the image is 8 x 8 x 3 pixels, .* no more than the "
                                       r"edge: use fit='pad' or fit='crop' \(or slice=K for "
@@ -220,12 +220,12 @@ def test_fit_gives_labels_of_the_inputs_shape(shape, fit, box, max_level, start_
 
 
 @pytest.mark.parametrize("image, options, message", [
-    (np.zeros((2, 5000)), dict(fit="pad"), r"^fit='pad' would need an edge of 8192 pixels for "
-                                           r"a 5000 x 2 image, above the largest, 4096: use "
-                                           r"fit='crop'$"),
-    (np.zeros((3, 600, 2)), dict(fit="pad"), r"^fit='pad' would need an edge of 1024 pixels "
-                                             r"for a 2 x 600 x 3 image, above the largest for "
-                                             r"a volume, 512: use fit='crop'"),
+    (np.zeros((2, 17000)), dict(fit="pad"), r"^fit='pad' would need an edge of 32768 pixels for "
+                                            r"a 17000 x 2 image, above the largest, 16384: use "
+                                            r"fit='crop'$"),
+    (np.zeros((3, 1100, 2)), dict(fit="pad"), r"^fit='pad' would need an edge of 2048 pixels "
+                                              r"for a 2 x 1100 x 3 image, above the largest for "
+                                              r"a volume, 1024: use fit='crop'"),
     (np.zeros((1, 7)), dict(fit="crop"), r"^fit='crop' needs at least 2 x 2 pixels; the "
                                          r"image is 7 x 1: use fit='pad'$"),
     (np.zeros((8, 8)), dict(fit="grow"), r"^fit must be None, 'pad' or 'crop', not 'grow'$"),

@@ -1,4 +1,4 @@
-"""Images beyond 256 pixels along an edge: 2-D up to 4096, volumes up to 512,
+"""Images beyond 256 pixels along an edge: 2-D up to 16384, volumes up to 1024,
 with 64-bit block codes."""
 
 from __future__ import annotations

@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -31,6 +32,8 @@ struct header {
   std::size_t size_class;
 };
 static_assert(sizeof(header) == 8);
+// The header of a reserved range; the header before it holds the length.
+constexpr std::size_t reserved_range = ~std::size_t{0};
 
 // Bytes counted for a request: small ones by their size class, whether or
 // not the pool serves them, so that counts agree in every build.
@@ -62,11 +65,18 @@ run_allocator::~run_allocator() {
   }
 }
 
-bool run_allocator::admit(alloc_site site) noexcept {
+bool run_allocator::admit(alloc_site site, std::size_t counted) noexcept {
   ++requests_;
   requested_[static_cast<std::size_t>(site)] = true;
   if (requests_ == fail_at_) {
     failed_[static_cast<std::size_t>(site)] = true;
+    return false;
+  }
+  if (budget_ != 0 && counted > budget_ - std::min(budget_, live_bytes_)) {
+    if (refused_bytes_ == 0) {
+      refused_bytes_ = counted;
+      held_at_refusal_ = live_bytes_;
+    }
     return false;
   }
   return true;
@@ -107,7 +117,7 @@ void* run_allocator::obtain(std::size_t bytes, std::size_t counted) noexcept {
 }
 
 void* run_allocator::allocate(std::size_t bytes, alloc_site site) noexcept {
-  if (!admit(site)) return nullptr;
+  if (!admit(site, counted_size(bytes, granule, small_limit))) return nullptr;
   if (!SPLITMERGE_POOL || bytes > small_limit) {
     // Large zero-filled memory straight from calloc: fresh pages are zero
     // already, so the parts a run never writes never become memory.
@@ -127,27 +137,37 @@ void* run_allocator::allocate(std::size_t bytes, alloc_site site) noexcept {
 }
 
 void* run_allocator::allocate_uninitialised(std::size_t bytes, alloc_site site) noexcept {
-  if (!admit(site)) return nullptr;
+  if (!admit(site, counted_size(bytes, granule, small_limit))) return nullptr;
   void* p = obtain(bytes, counted_size(bytes, granule, small_limit));
   if (p != nullptr) ++live_;
   return p;
 }
 
 void* run_allocator::reserve(std::size_t bytes, alloc_site site) noexcept {
-  if (!admit(site)) return nullptr;
-  // Always from the general allocator: a range is never a small piece.
-  auto* h = static_cast<header*>(std::malloc(sizeof(header) + (bytes == 0 ? 1 : bytes)));
-  if (h == nullptr) return nullptr;
-  h->size_class = class_count;  // nothing counted
+  if (!admit(site, 0)) return nullptr;
+  // Address space only: the system commits no memory for it, so a range
+  // sized for the largest image is granted even where the system refuses
+  // to promise that much memory; pages become memory when first written.
+  const std::size_t length = 2 * sizeof(header) + (bytes == 0 ? 1 : bytes);
+  void* p = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
+                 -1, 0);
+  if (p == MAP_FAILED) return nullptr;
+  auto* h = static_cast<header*>(p);
+  h[0].size_class = length;
+  h[1].size_class = reserved_range;
   ++live_;
-  prefer_large_pages(h + 1, bytes);
-  return h + 1;
+  prefer_large_pages(h + 2, bytes);
+  return h + 2;
 }
 
 void run_allocator::release(void* p) noexcept {
   if (p == nullptr) return;
   --live_;
   header* h = static_cast<header*>(p) - 1;
+  if (h->size_class == reserved_range) {
+    munmap(h - 1, h[-1].size_class);
+    return;
+  }
   if (h->size_class >= class_count) {
     live_bytes_ -= h->size_class - class_count;
     std::free(h);

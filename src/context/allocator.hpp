@@ -53,12 +53,22 @@ class run_allocator {
   // by `bytes` into its reserved range); false when that request is the one
   // to fail.
   bool grant(alloc_site site, std::size_t bytes) noexcept {
-    if (!admit(site)) return false;
+    if (!admit(site, bytes)) return false;
     count(bytes);
     return true;
   }
   // Gives back bytes counted by grant (the arena released its range).
   void ungrant(std::size_t bytes) noexcept { live_bytes_ -= bytes; }
+
+  // The most bytes the run may hold at once (0: no limit): a request that
+  // would cross it fails like any failed request, and is remembered.
+  void set_budget(std::uint64_t bytes) noexcept { budget_ = bytes; }
+  [[nodiscard]] std::uint64_t budget() const noexcept { return budget_; }
+  // Whether a request failed for the budget, and the bytes held and asked
+  // for at that moment.
+  [[nodiscard]] bool over_budget() const noexcept { return refused_bytes_ != 0; }
+  [[nodiscard]] std::uint64_t refused_bytes() const noexcept { return refused_bytes_; }
+  [[nodiscard]] std::uint64_t held_at_refusal() const noexcept { return held_at_refusal_; }
 
   // Makes request number k (counting from 1) fail; 0 disables the hook.
   void fail_at(std::uint64_t k) noexcept { fail_at_ = k; }
@@ -91,7 +101,7 @@ class run_allocator {
     slab* next;
   };
 
-  bool admit(alloc_site site) noexcept;
+  bool admit(alloc_site site, std::size_t counted) noexcept;
   void* obtain(std::size_t bytes, std::size_t counted) noexcept;
   void count(std::size_t bytes) noexcept {
     live_bytes_ += bytes;
@@ -99,6 +109,9 @@ class run_allocator {
   }
 
   std::uint64_t fail_at_ = 0;
+  std::uint64_t budget_ = 0;
+  std::uint64_t refused_bytes_ = 0;
+  std::uint64_t held_at_refusal_ = 0;
   std::uint64_t requests_ = 0;
   std::int64_t live_ = 0;
   std::uint64_t live_bytes_ = 0;

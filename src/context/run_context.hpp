@@ -78,7 +78,7 @@ class run_context {
   // --- per-run tables ---
   // Pixel offset of each digit at each level: a block's first pixel is the
   // sum over its code's digits, with no decoding of coordinates.
-  static constexpr std::int32_t offset_levels = 12;
+  static constexpr std::int32_t offset_levels = 14;
   std::int32_t digit_offset[offset_levels][16] = {};
   template <class Code = std::uint32_t>
   [[nodiscard]] std::int32_t first_pixel(std::type_identity_t<Code> code) const noexcept {
@@ -88,9 +88,9 @@ class run_context {
     for (std::int32_t l = 0; l < levels; ++l, code >>= 4) at += digit_offset[l][code & 0xFu];
     return at;
   }
-  // Runs of more than 8 levels: the digits of levels 8 to 11 of every block,
+  // Runs of more than 8 levels: the digits of levels 8 and up of every block,
   // by block index (a block's `code` holds those of levels 0 to 7).
-  std::uint16_t* code_high = nullptr;
+  std::uint32_t* code_high = nullptr;
   // A block's code at the run's width.
   template <class Code>
   [[nodiscard]] Code code_of(const block* b) const noexcept {
@@ -104,7 +104,7 @@ class run_context {
   void set_code(block* b, std::type_identity_t<Code> code) noexcept {
     b->code = static_cast<std::uint32_t>(code);
     if constexpr (sizeof(Code) > sizeof(std::uint32_t))
-      code_high[id(b)] = static_cast<std::uint16_t>(code >> 32);
+      code_high[id(b)] = static_cast<std::uint32_t>(code >> 32);
   }
   // Tests: 64-bit codes even for images of up to 8 levels, so that both
   // widths can be compared on the same runs.

@@ -155,15 +155,17 @@ std::int32_t prepare_run(run_context& ctx, const run_arguments& a) {
   const std::size_t block_capacity = voxels + 64;
   ctx.blocks.set_capacity(block_capacity);
   fill_digit_offsets(ctx);
-  ctx.entries.set_capacity(7 * voxels + 64);
+  // Entries are named by 32-bit indices: beyond that a run fails as out of
+  // memory (no machine of today holds that many at 16 bytes each anyway).
+  ctx.entries.set_capacity(std::min<std::size_t>(7 * voxels + 64, 0xFFFFFFFEu));
 
   if (fill_blocks_per_level(ctx) != 0) return status_no_memory;
   if (ctx.max_level > narrow_code_levels || ctx.force_wide_codes) {
     // The high digits of every block index the arena can hand out (its
     // reserved range); pages become memory only as blocks are made.
     const std::size_t indices = std::max(block_capacity, arena_minimum_capacity) + 1;
-    ctx.code_high = static_cast<std::uint16_t*>(ctx.allocator.allocate_uninitialised(
-        indices * sizeof(std::uint16_t), alloc_site::code_table));
+    ctx.code_high = static_cast<std::uint32_t*>(ctx.allocator.allocate_uninitialised(
+        indices * sizeof(std::uint32_t), alloc_site::code_table));
     if (ctx.code_high == nullptr) {
       free_variables(ctx);
       return status_no_memory;

@@ -44,7 +44,7 @@ std::uint64_t arena_records(std::uint64_t capacity, std::uint64_t used_bound) {
 
 std::size_t block_record_bytes(std::int32_t max_level) noexcept {
   // Runs of more than 8 levels keep each block's high code digits beside it.
-  return max_level > narrow_code_levels ? sizeof(block) + sizeof(std::uint16_t) : sizeof(block);
+  return max_level > narrow_code_levels ? sizeof(block) + sizeof(std::uint32_t) : sizeof(block);
 }
 
 std::uint64_t worst_case_bytes(const run_shape& s) noexcept {

@@ -64,11 +64,27 @@ run_shape shape_of(const image_view& image, const parameters& p, const options& 
   return s;
 }
 
-std::string refusal(std::uint64_t needed, std::uint64_t limit, bool machine) {
-  return "the run may need up to " + format_bytes(needed) + " of memory, but " +
-         format_bytes(limit) + (machine ? " is available" : " is allowed") +
-         " (the estimate is for the worst case, every pixel a block of its own; smooth images "
-         "need far less)";
+std::string budget_text(std::uint64_t budget, bool machine) {
+  return "the memory budget of " + format_bytes(budget) +
+         (machine ? " (the memory available, less a margin)" : "");
+}
+
+// The budget of a run: the limit given, else for runs that could take a
+// noticeable share of a machine the memory available now; 0 for none.
+// Reading the machine's free memory costs more than a small run takes.
+std::uint64_t run_budget(std::uint64_t limit, const run_shape& shape) {
+  constexpr std::uint64_t small_run_bytes = std::uint64_t{64} << 20;
+  if (limit != 0) return limit;
+  return worst_case_bytes(shape) > small_run_bytes ? memory_budget(0) : 0;
+}
+
+void report(const options& opts, const std::string& problem) {
+  const std::string line = "splitmerge: " + problem + "\n";
+  if (opts.error_sink) {
+    opts.error_sink(line);
+  } else {
+    std::fwrite(line.data(), 1, line.size(), stderr);
+  }
 }
 
 }  // namespace
@@ -114,31 +130,30 @@ segmentation segment_run(const image_view& image, parameters p, const options& o
     problem =
         pixels_checked ? find_parameter_problem(args).library_text() : validate_parameters(args);
   }
+  const auto pixels = static_cast<std::size_t>(image.size_x) *
+                      static_cast<std::size_t>(image.size_y) *
+                      static_cast<std::size_t>(image.size_z);
+  // Only what is certain is refused up front: the labels and the smallest
+  // run. The rest of the budget is enforced by the run's allocator as the
+  // run grows, so smooth images take what they need, not the worst case.
+  const std::uint64_t labels_bytes = pixels * sizeof(std::int32_t);
+  constexpr std::uint64_t smallest_run_bytes = std::uint64_t{64} << 10;
+  std::uint64_t budget = 0;
   if (problem.empty()) {
-    // Refused before any of the run's memory is taken.
-    // Reading the machine's free memory costs more than a run of a small image
-    // takes, and such a run cannot exhaust any machine: it is not asked then.
-    constexpr std::uint64_t small_run_bytes = std::uint64_t{64} << 20;
-    const std::uint64_t needed = worst_case_bytes(shape_of(image, p, opts));
-    const std::uint64_t limit = opts.memory_limit != 0     ? opts.memory_limit
-                                : needed > small_run_bytes ? available_memory()
-                                                           : 0;
-    if (limit != 0 && needed > limit) {
-      problem = refusal(needed, limit, opts.memory_limit == 0);
-      result.memory_needed = needed;
-      result.memory_limit = limit;
+    budget = run_budget(opts.memory_limit, shape_of(image, p, opts));
+    if (budget != 0 && labels_bytes + smallest_run_bytes > budget) {
+      problem = "the run needs at least " + format_bytes(labels_bytes + smallest_run_bytes) +
+                " of memory (the labels alone take " + format_bytes(labels_bytes) + "), above " +
+                budget_text(budget, opts.memory_limit == 0);
+      result.memory_needed = labels_bytes + smallest_run_bytes;
+      result.memory_limit = budget;
     }
   }
   if (!problem.empty()) {
     // Rejected before anything is built, with the one message the entry gives.
     result.status = status_failed;
     result.error = std::move(problem);
-    const std::string line = "splitmerge: " + result.error + "\n";
-    if (opts.error_sink) {
-      opts.error_sink(line);
-    } else {
-      std::fwrite(line.data(), 1, line.size(), stderr);
-    }
+    report(opts, result.error);
     return result;
   }
 
@@ -166,12 +181,10 @@ segmentation segment_run(const image_view& image, parameters p, const options& o
     };
   }
   ctx.interrupt = opts.interrupt;
+  if (budget != 0) ctx.allocator.set_budget(budget - labels_bytes);
   if (opts.collect_regions)
     ctx.inspect_regions = [&](regionlist head) { result.regions = collect(ctx, head); };
 
-  const auto pixels = static_cast<std::size_t>(image.size_x) *
-                      static_cast<std::size_t>(image.size_y) *
-                      static_cast<std::size_t>(image.size_z);
   result.labels.assign(pixels, 0);
   const std::string path = opts.region_file.value_or(std::string{});
   result.status = split_merge_group(
@@ -182,6 +195,16 @@ segmentation segment_run(const image_view& image, parameters p, const options& o
       p.sigma, p.pseudo_factor);
 
   if (result.status == status_interrupted) result.error = "interrupted";
+  if (result.status == status_failed && ctx.allocator.over_budget()) {
+    // Everything the run built is released by now.
+    const std::uint64_t held = labels_bytes + ctx.allocator.held_at_refusal();
+    result.memory_needed = held + ctx.allocator.refused_bytes();
+    result.memory_limit = budget;
+    result.error = "the run stopped at " + budget_text(budget, opts.memory_limit == 0) + ": " +
+                   format_bytes(held) + " were in use when it asked for " +
+                   format_bytes(ctx.allocator.refused_bytes()) + " more";
+    report(opts, result.error);
+  }
   if (ctx.frame_sink) {
     hand_over_last_frame(ctx);
     ctx.release_frames();

@@ -24,9 +24,9 @@ std::int32_t evaluation_block(const run_context& ctx, std::int64_t first, std::i
 
 // --- variance threshold tables ---
 // Chi-square quantile ratios by threshold row (1..3) and log2 of the pixel count.
-inline constexpr int s_th_columns = 25;
-// The largest block tested is of level max_level - 1: 4^11 pixels in a 2-D
-// image, 8^8 in a volume.
+inline constexpr int s_th_columns = 28;
+// The largest block tested is of level max_level - 1: 4^13 pixels in a 2-D
+// image, 8^9 in a volume.
 static_assert(s_th_columns > 2 * (max_levels_2d - 1) && s_th_columns > 3 * (max_levels_3d - 1));
 extern const float s_th[3][s_th_columns];
 std::int32_t fill_chi_variance(run_context& ctx, std::int32_t threshold_row,

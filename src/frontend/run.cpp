@@ -86,17 +86,36 @@ result run(const prepared& input, const options& opts) {
     out.failure = input.failure;
     return out;
   }
-  out.run = segment_run(input.image(), input.resolved, opts, true);
-  out.failure = failure_of(out.run);
-  if (out.failure.kind != problem_kind::none) return out;
-  const auto largest = std::max_element(out.run.labels.begin(), out.run.labels.end());
-  out.region_count = largest == out.run.labels.end() ? 0 : *largest + 1;
   const placement& box = input.segmented;
   const bool same_shape = box.x0 == 0 && box.y0 == 0 && box.z0 == 0 &&
                           box.size_x == input.shape[2] && box.size_y == input.shape[1] &&
                           box.size_z == input.shape[0];
-  if (same_shape && input.asked.start_label == 0) {
-    out.labels = std::move(out.run.labels);  // nothing to map
+  options run_opts = opts;
+  if (opts.memory_limit != 0) {
+    // A limit given covers what this layer holds beside the run: its copy
+    // of the pixels, and labels of the input's shape when they differ.
+    const std::uint64_t held =
+        input.pixels.size() +
+        (same_shape ? 0 : static_cast<std::uint64_t>(input.input_pixels()) * sizeof(std::int32_t));
+    if (held >= opts.memory_limit) {
+      out.failure = {problem_kind::resource_exhausted, "memory_limit",
+                     "the input's copy and labels take " + format_bytes(held) +
+                         ", above the memory limit of " + format_bytes(opts.memory_limit) +
+                         ": allow more with {memory_limit=SIZE}"};
+      return out;
+    }
+    run_opts.memory_limit = opts.memory_limit - held;
+  }
+  out.run = segment_run(input.image(), input.resolved, run_opts, true);
+  out.failure = failure_of(out.run);
+  if (out.failure.kind != problem_kind::none) return out;
+  const auto largest = std::max_element(out.run.labels.begin(), out.run.labels.end());
+  out.region_count = largest == out.run.labels.end() ? 0 : *largest + 1;
+  if (same_shape) {
+    // Numbered in place: no second copy of the labels.
+    if (const std::int32_t offset = input.asked.start_label; offset != 0)
+      for (std::int32_t& v : out.run.labels) v += offset;
+    out.labels = std::move(out.run.labels);
     return out;
   }
   out.labels.resize(static_cast<std::size_t>(input.input_pixels()));

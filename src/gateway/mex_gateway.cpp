@@ -85,7 +85,7 @@ void segment_call(int nlhs, mxArray* plhs[], const call& c, call_settings& setti
     return;
   }
   if (result.memory_needed != 0) {
-    // Refused before the run: the message says how much and the way out.
+    // Above the memory limit: the message says how much was in use.
     r.fail("splitmerge:memory", "%s", result.error.c_str());
     return;
   }

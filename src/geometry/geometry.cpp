@@ -68,6 +68,8 @@ block_position coordinates(const run_context& ctx, std::type_identity_t<Code> co
   return p;
 }
 
+static_assert(run_context::offset_levels >= max_levels_2d);
+
 void fill_digit_offsets(run_context& ctx) noexcept {
   for (std::int32_t j = 0; j < run_context::offset_levels; ++j)
     for (std::uint32_t n = 0; n < 16; ++n) {

@@ -22,8 +22,8 @@ inline constexpr std::int32_t code_digits = static_cast<std::int32_t>(2 * sizeof
 // Runs with more levels than this use 64-bit codes.
 inline constexpr std::int32_t narrow_code_levels = 8;
 // The most levels of a 2-D image and of a volume.
-inline constexpr std::int32_t max_levels_2d = 12;
-inline constexpr std::int32_t max_levels_3d = 9;
+inline constexpr std::int32_t max_levels_2d = 14;
+inline constexpr std::int32_t max_levels_3d = 10;
 
 namespace detail {
 template <class Code>

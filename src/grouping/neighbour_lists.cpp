@@ -280,20 +280,24 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
       index.cells * sizeof(std::uint32_t), alloc_site::leaf_index));
   if (index.position == nullptr) return fail(scratch);
 
-  // Where each part writes its finds: three per pixel of the leaves before it.
+  // A leaf finds at most one neighbour per cell of its lower faces; each
+  // part writes its finds after the bounds of the leaves before it.
+  std::size_t face_cells[run_context::offset_levels + 1] = {};
+  for (std::int32_t l = 0; l <= ctx.max_level; ++l) {
+    const std::size_t side = static_cast<std::size_t>((1 << l) >> index.shift_xy);
+    const std::size_t depth = static_cast<std::size_t>(
+        (l > ctx.lim_oct_level ? 1 << (l - ctx.lim_oct_level) : 1) >> index.shift_z);
+    face_cells[l] = 2 * side * depth + (ctx.im_format_z > 1 ? side * side : 0);
+  }
   const std::size_t parts = parts_for(index.count, thread_count(ctx.threads), ctx.thread_grain);
   std::size_t part_start[max_parts + 1] = {};
-  {
-    std::size_t pixels = 0;
-    std::size_t t = 1;
-    for (std::size_t p = 0; p < index.count && t < parts; ++p) {
-      if (p == part_begin(index.count, parts, t)) part_start[t++] = 3 * pixels;
-      pixels += static_cast<std::size_t>(ctx.pixels_perblock[index.levels[p]]);
-    }
+  std::size_t bound = 0;
+  for (std::size_t p = 0, t = 1; p < index.count; ++p) {
+    if (t < parts && p == part_begin(index.count, parts, t)) part_start[t++] = bound;
+    bound += face_cells[index.levels[p]];
   }
-  // Only what is written becomes memory: the bound is rarely reached.
   pairs.found = static_cast<block_id*>(ctx.allocator.allocate_uninitialised(
-      3 * static_cast<std::size_t>(ctx.voxels_image) * sizeof(block_id), alloc_site::leaf_index));
+      std::max<std::size_t>(bound, 1) * sizeof(block_id), alloc_site::leaf_index));
   if (pairs.found == nullptr) {
     ctx.allocator.release(index.position);
     return fail(scratch);
@@ -308,8 +312,10 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
     for (std::uint32_t j = 0; j < pairs.found_count[p]; ++j)
       ++pairs.slot[pairs.found[pairs.found_begin[p] + j]];
   }
-  const entry_id base =
-      total == 0 ? 0 : ctx.entries.obtain_range(static_cast<std::uint32_t>(total));
+  // Beyond 32-bit entry indices the run fails as out of memory.
+  const entry_id base = total == 0 || total > 0xFFFFFFFEu
+                            ? 0
+                            : ctx.entries.obtain_range(static_cast<std::uint32_t>(total));
   if (total != 0 && base == 0) {
     ctx.allocator.release(pairs.found);
     return fail(scratch);

@@ -53,10 +53,10 @@ void elimination_index::release() noexcept {
 // The tables by entry and by block, made when the first list is indexed.
 bool elimination_index::prepare() noexcept {
   if (marks_ != nullptr) return true;
-  // One key per possible entry; only the keys of indexed lists are ever
-  // written, so untouched pages of the range cost nothing.
+  // One key per entry made so far (the elimination makes none); only the
+  // keys of indexed lists are ever written.
   orders_ = static_cast<std::uint64_t*>(ctx_.allocator.allocate_uninitialised(
-      std::size_t{ctx_.entries.limit()} * sizeof(std::uint64_t), alloc_site::elimination_index));
+      std::size_t{ctx_.entries.end()} * sizeof(std::uint64_t), alloc_site::elimination_index));
   if (orders_ == nullptr) return false;
   const std::size_t blocks = ctx_.blocks.end();
   direct_ = create_array<direct_slot>(ctx_, blocks, alloc_site::elimination_index);

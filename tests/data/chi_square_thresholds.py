@@ -32,9 +32,9 @@ from scipy.stats import chi2
 #: Probability of each row of the table, row 1 first.
 ROW_PROBABILITIES: tuple[float, ...] = (0.50, 0.75, 0.90)
 
-#: The exponents covered: blocks of 4 to 2**24 pixels.
+#: The exponents covered: blocks of 4 to 2**27 pixels.
 FIRST_EXPONENT: int = 2
-LAST_EXPONENT: int = 24
+LAST_EXPONENT: int = 27
 
 
 def chi_square_ratio(p: float, e: int) -> float:

@@ -66,11 +66,21 @@ const std::vector<error_case>& error_cases() {
        2,
        {"--memory-limit", "512M, 4G or 1000000", "4X"}},
       {"MemoryLimitNegative", write_halves, "in.npy --memory-limit -5", 2, {"--memory-limit"}},
-      {"RunAboveTheMemoryLimit",
+      {"RunBelowItsLabels",
        write_halves,
-       "in.npy --memory-limit 64K",
-       2,
-       {"the run may need up to ", "64.0 KiB is allowed", "--memory-limit SIZE"}},
+       "in.npy --memory-limit 4K",
+       3,
+       {"the run needs at least ", "above the memory budget of 3.8 KiB", "--memory-limit SIZE"}},
+      {"RunGrowsAboveTheMemoryLimit",
+       [](const scratch_folder& d) {
+         std::vector<std::int32_t> v(128 * 128);
+         for (std::size_t i = 0; i < v.size(); ++i) v[i] = static_cast<std::int32_t>(i * 7919 % 256);
+         io::write_npy_int32((d / "in.npy").string(), {128, 128}, v.data());
+       },
+       "in.npy --memory-limit 256K --quiet",
+       3,
+       {"the run stopped at the memory budget of 240.0 KiB", "were in use when it asked for",
+        "--memory-limit SIZE"}},
       {"UnknownPredicateName",
        write_halves,
        "in.npy --pred-choice gauss",
@@ -165,7 +175,7 @@ const std::vector<error_case>& error_cases() {
        },
        "in.npy",
        2,
-       {"16 x 8 pixels", "2, 4, 8, ..., 4096", "--fit pad or --fit crop"}},
+       {"16 x 8 pixels", "2, 4, 8, ..., 16384", "--fit pad or --fit crop"}},
       {"TooManySlices",
        [](const scratch_folder& d) {
          write_npy_of(d, "in.npy", {8, 4, 4}, 0);
@@ -175,26 +185,27 @@ const std::vector<error_case>& error_cases() {
        {"4 x 4 x 8", "no more than the edge", "--slice K"}},
       {"TooLargeToPad",
        [](const scratch_folder& d) {
-         write_npy_of(d, "in.npy", {5000, 2}, 0);
+         write_npy_of(d, "in.npy", {17000, 2}, 0);
        },
        "in.npy --fit pad",
        2,
-       {"edge of 8192", "2 x 5000 image", "above the largest, 4096", "--fit crop"}},
+       {"edge of 32768", "2 x 17000 image", "above the largest, 16384", "--fit crop"}},
       {"VolumeTooLargeToPad",
        [](const scratch_folder& d) {
-         write_npy_of(d, "in.npy", {3, 600, 2}, 0);
+         write_npy_of(d, "in.npy", {3, 1100, 2}, 0);
        },
        "in.npy --fit pad",
        2,
-       {"edge of 1024", "2 x 600 x 3 image", "above the largest for a volume, 512", "--fit crop",
+       {"edge of 2048", "2 x 1100 x 3 image", "above the largest for a volume, 1024", "--fit crop",
         "--slice K"}},
       {"VolumeTooLargeToSegment",
        [](const scratch_folder& d) {
-         write_npy_of(d, "in.npy", {2, 1024, 1024}, 0);
+         testing::write_npy_raw(d / "in.npy", "|u1", {2, 2048, 2048}, false,
+                                std::string(std::size_t{2} * 2048 * 2048, '\0'));
        },
        "in.npy",
        2,
-       {"1024 x 1024 x 2 pixels", "..., 4096 pixels (512 at most with more than one slice)",
+       {"2048 x 2048 x 2 pixels", "..., 16384 pixels (1024 at most with more than one slice)",
         "--fit pad or --fit crop"}},
       {"TooSmallToCrop",
        [](const scratch_folder& d) {
@@ -360,7 +371,7 @@ TEST(RunFailure, OutOfMemory) {
     v = static_cast<std::int32_t>((state = state * 1664525u + 1013904223u) >> 24);
   io::write_npy_int32((dir / "in.npy").string(), {128, 128, 128}, noise.data());
   const auto result = testing::run_tool(dir, "in.npy --labels l.npy --quiet", "ulimit -v 150000;");
-  EXPECT_EQ(result.status, 1) << result.err;
+  EXPECT_EQ(result.status, 3) << result.err;
   EXPECT_NE(result.err.find("out of memory"), std::string::npos) << result.err;
   EXPECT_EQ(dir.file_names(), std::vector<std::string>{"in.npy"});
 }
