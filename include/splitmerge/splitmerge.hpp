@@ -133,7 +133,7 @@ struct segmentation {
   // The display frames, frame_count images of the input's size, in order
   // (empty when they went to options::frame_sink).
   std::vector<std::int32_t> frames;
-  // Frames recorded, collected or handed to the sink.
+  // Frames recorded, collected or handed to the sink (none without options::display).
   std::int32_t frame_count = 0;
   std::vector<std::string> lines;
   std::vector<region_record> regions;

@@ -210,6 +210,12 @@ segmentation segment_run(const image_view& image, parameters p, const options& o
     ctx.release_frames();
     return result;
   }
+  if (!opts.display) {
+    // The run's first frame stays blank without the display: not worth a
+    // copy of the image's size.
+    ctx.release_frames();
+    return result;
+  }
   for (const disp_frame* f = ctx.smg_disp; f != nullptr; f = f->next) ++result.frame_count;
   result.frames.reserve(static_cast<std::size_t>(result.frame_count) * pixels);
   // Release each frame as soon as it is copied, so that the peak stays near
