@@ -99,6 +99,16 @@ def noise_image(shape: tuple[int, ...], seed: int, levels: int = 4) -> np.ndarra
     return np.clip(np.rint(noisy), 0, 255).astype(np.int32)
 
 
+def npy_scans(folder: Path, shapes: list[tuple[int, ...]], seed: int,
+              levels: int = 4) -> list[Path]:
+    """A noise_image of each shape, saved as folder/scan<k>.npy."""
+    folder.mkdir(exist_ok=True)
+    paths = [folder / f"scan{k:02d}.npy" for k in range(len(shapes))]
+    for k, (path, shape) in enumerate(zip(paths, shapes)):
+        np.save(path, noise_image(shape, seed + k, levels))
+    return paths
+
+
 @pytest.fixture(scope="session")
 def client(tmp_path_factory: pytest.TempPathFactory) -> Iterator:
     """A Dask client of a local cluster of two worker processes."""

@@ -13,7 +13,7 @@ import numpy as np
 import pytest
 
 import splitmerge
-from conftest import DaskProcesses, manifest_rows, noise_image, wait_for_a_finished_row
+from conftest import DaskProcesses, manifest_rows, npy_scans, wait_for_a_finished_row
 
 distributed = pytest.importorskip("distributed")
 nibabel = pytest.importorskip("nibabel")
@@ -38,16 +38,11 @@ def direct_labels(path: Path, **fitting) -> np.ndarray:
 @pytest.fixture
 def scans(tmp_path: Path) -> list[Path]:
     """Three small synthetic volumes and a Colin27 crop (not of a segmentable size)."""
-    folder = tmp_path / "scans"
-    folder.mkdir()
-    paths = []
-    for k, shape in enumerate([(8, 32, 32), (4, 16, 16), (16, 16, 16)]):
-        paths.append(folder / f"synthetic{k}.npy")
-        np.save(paths[-1], noise_image(shape, seed=30 + k))
+    paths = npy_scans(tmp_path / "scans", [(8, 32, 32), (4, 16, 16), (16, 16, 16)], seed=30)
     if SCAN.exists():
         scan = nibabel.load(SCAN)
         crop = np.asarray(scan.dataobj)[50:110, 60:124, 70:100]  # x, y, z: 60 x 64 x 30
-        paths.append(folder / "colin27.nii.gz")
+        paths.append(tmp_path / "scans" / "colin27.nii.gz")
         nibabel.save(nibabel.Nifti1Image(crop, scan.affine, scan.header), paths[-1])
     return paths
 
@@ -152,7 +147,7 @@ def run_command_line(workspace: Path, *args: str) -> subprocess.CompletedProcess
 def test_command_line_run_then_restart_skips_finished_work(scans: list[Path],
                                                            tmp_path: Path) -> None:
     out = tmp_path / "out"
-    pattern = str(scans[0].parent / "synthetic*.npy")
+    pattern = str(scans[0].parent / "scan*.npy")
     options = ["--out", str(out), "--workers", "1", "--fit", "crop", "--sigma", "3",
                "--interval-length", "12", "--small-size", "20", "--pred-choice", "chi2",
                "--threads", "2"]
@@ -226,12 +221,7 @@ def test_command_line_usage_errors_exit_2(tmp_path: Path) -> None:
 def test_a_worker_killed_mid_batch_loses_nothing(tmp_path: Path,
                                                  dask_processes: DaskProcesses) -> None:
     dask_processes.start_workers("worker3")  # the one to kill; the cluster's two remain
-    folder = tmp_path / "scans"
-    folder.mkdir()
-    inputs = []
-    for k in range(8):  # about a second each
-        inputs.append(folder / f"volume{k}.npy")
-        np.save(inputs[-1], noise_image((64, 128, 128), seed=50 + k, levels=6))
+    inputs = npy_scans(tmp_path / "scans", [(64, 128, 128)] * 8, seed=50, levels=6)  # ~1 s each
     out = tmp_path / "out"
     result: dict = {}
 

@@ -14,7 +14,7 @@ import numpy as np
 import pytest
 
 import splitmerge
-from conftest import manifest_rows, noise_image, wait_for_a_finished_row
+from conftest import manifest_rows, noise_image, npy_scans, wait_for_a_finished_row
 
 distributed = pytest.importorskip("distributed")
 nibabel = pytest.importorskip("nibabel")
@@ -138,10 +138,7 @@ def test_patterns_that_match_nothing_and_corrupt_scans(cohort: Path, tmp_path: P
 
 def test_ctrl_c_keeps_what_finished_and_a_restart_does_the_rest(tmp_path: Path,
                                                                cluster: dict) -> None:
-    scans = tmp_path / "scans"
-    scans.mkdir()
-    for k in range(12):
-        np.save(scans / f"scan{k:02d}.npy", noise_image((32, 128, 128), seed=k))
+    scans = npy_scans(tmp_path / "scans", [(32, 128, 128)] * 12, seed=0)[0].parent
     out = tmp_path / "out"
     where = ["--scheduler", cluster["scheduler"]] if "scheduler" in cluster else ["--workers", "1"]
     # Python takes Ctrl-C only when SIGINT is not ignored, as it is for jobs
