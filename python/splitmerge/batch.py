@@ -6,8 +6,9 @@ Every input (a file or a glob pattern of .npy, .nii, .nii.gz, .tif, .tiff,
 .png or .pgm files) becomes one task that reads, segments and writes its
 labels, of the scan's own shape after --fit too (--start-label - 1 outside the
 part a crop kept; NIfTI for NIfTI scans, with the scan's header and affine so
-the labels overlay it in a viewer, intent "label"; .npy otherwise), a JSON sidecar with the version and every parameter and, with
-``--regions``, the region list file. The outputs mirror the inputs' folders
+the labels overlay it in a viewer, intent "label"; .npy otherwise), a JSON
+sidecar with the version and every parameter and, with ``--regions``, the
+region list file. The outputs mirror the inputs' folders
 below each pattern's fixed prefix, so scans of one name in different folders
 never collide; ``--bids`` writes BIDS derivatives instead. Outputs are written
 under temporary names and renamed when complete; ``DIR/manifest.csv`` holds
@@ -15,8 +16,10 @@ one row per input (status, error, seconds, regions, output, version and the
 parameters), rewritten as results arrive. A run started again skips inputs
 whose outputs were made with the same parameters and version (``--force``
 redoes them); a bad input fails its own row, never the batch; tasks of a
-worker that dies are run again by Dask; Ctrl-C stops the workers, keeps what
-finished and exits with status 130.
+worker that dies are run again by Dask; Ctrl-C cancels the tasks, keeps what
+finished and exits with status 130 (the workers of a local cluster stop; those
+of a scheduler given finish their running tasks, whose complete outputs the
+next run skips).
 """
 
 from __future__ import annotations
@@ -437,8 +440,9 @@ def segment_batch(
         A pattern matches nothing, two inputs would write one output, or a
         parameter cannot be used.
     Interrupted
-        Ctrl-C: the workers were stopped, partial files removed and the
-        manifest written for what finished; ``.rows`` holds it.
+        Ctrl-C: the tasks were cancelled (a local cluster's workers stopped),
+        partial files removed and the manifest written for what finished;
+        ``.rows`` holds it.
     """
     announce = announce or (lambda text: print(f"splitmerge.batch: {text}", file=sys.stderr))
     do_rescale, low, high = _rescale_window(rescale)

@@ -3,21 +3,17 @@ mid-batch, failing inputs, restarts, and the command line."""
 
 from __future__ import annotations
 
-import csv
 import os
-import signal
 import subprocess
 import sys
 import threading
-import time
 from pathlib import Path
-from typing import Iterator
 
 import numpy as np
 import pytest
 
 import splitmerge
-from conftest import noise_image
+from conftest import DaskProcesses, manifest_rows, npy_scans, wait_for_a_finished_row
 
 distributed = pytest.importorskip("distributed")
 nibabel = pytest.importorskip("nibabel")
@@ -25,11 +21,6 @@ from splitmerge.batch import main, segment_batch  # noqa: E402
 
 SCAN = Path("/usr/share/mricron/templates/ch2.nii.gz")
 PARAMS = dict(sigma=3.0, interval_length=12, small_size=20)
-
-
-def manifest_rows(out: Path) -> list[dict[str, str]]:
-    with open(out / "manifest.csv", newline="") as f:
-        return list(csv.DictReader(f))
 
 
 def read_pixels(path: Path) -> np.ndarray:
@@ -44,25 +35,14 @@ def direct_labels(path: Path, **fitting) -> np.ndarray:
     return splitmerge.segment(read_pixels(path), **fitting, **PARAMS)
 
 
-def saved_labels(path: Path) -> np.ndarray:
-    if path.name.endswith(".nii.gz"):
-        return np.asarray(nibabel.load(path).dataobj).T
-    return np.load(path)
-
-
 @pytest.fixture
 def scans(tmp_path: Path) -> list[Path]:
     """Three small synthetic volumes and a Colin27 crop (not of a segmentable size)."""
-    folder = tmp_path / "scans"
-    folder.mkdir()
-    paths = []
-    for k, shape in enumerate([(8, 32, 32), (4, 16, 16), (16, 16, 16)]):
-        paths.append(folder / f"synthetic{k}.npy")
-        np.save(paths[-1], noise_image(shape, seed=30 + k))
+    paths = npy_scans(tmp_path / "scans", [(8, 32, 32), (4, 16, 16), (16, 16, 16)], seed=30)
     if SCAN.exists():
         scan = nibabel.load(SCAN)
         crop = np.asarray(scan.dataobj)[50:110, 60:124, 70:100]  # x, y, z: 60 x 64 x 30
-        paths.append(folder / "colin27.nii.gz")
+        paths.append(tmp_path / "scans" / "colin27.nii.gz")
         nibabel.save(nibabel.Nifti1Image(crop, scan.affine, scan.header), paths[-1])
     return paths
 
@@ -82,7 +62,7 @@ def test_batch_on_a_local_cluster_equals_single_calls(scans: list[Path], tmp_pat
         labels_file = Path(row["output"])
         assert labels_file.name == scan.name.replace(".npy", ".labels.npy").replace(
             ".nii.gz", ".labels.nii.gz")
-        np.testing.assert_array_equal(saved_labels(labels_file), expected.labels)
+        np.testing.assert_array_equal(read_pixels(labels_file), expected.labels)
         assert int(row["regions"]) == expected.region_count
         region_file = out / labels_file.name.replace(".labels.npy", ".regions.txt").replace(
             ".labels.nii.gz", ".regions.txt")
@@ -167,7 +147,7 @@ def run_command_line(workspace: Path, *args: str) -> subprocess.CompletedProcess
 def test_command_line_run_then_restart_skips_finished_work(scans: list[Path],
                                                            tmp_path: Path) -> None:
     out = tmp_path / "out"
-    pattern = str(scans[0].parent / "synthetic*.npy")
+    pattern = str(scans[0].parent / "scan*.npy")
     options = ["--out", str(out), "--workers", "1", "--fit", "crop", "--sigma", "3",
                "--interval-length", "12", "--small-size", "20", "--pred-choice", "chi2",
                "--threads", "2"]
@@ -238,92 +218,23 @@ def test_command_line_usage_errors_exit_2(tmp_path: Path) -> None:
     assert raised.value.code == 2
 
 
-class DaskProcesses:
-    """A dask-scheduler and dask-worker processes on the loopback address."""
-
-    def __init__(self, folder: Path) -> None:
-        self.folder = folder
-        self.processes: dict[str, subprocess.Popen] = {}
-
-    def start(self, name: str, *args: str) -> None:
-        log = open(self.folder / f"{name}.log", "w")
-        self.processes[name] = subprocess.Popen(
-            [sys.executable, "-m", *args], stdout=log, stderr=subprocess.STDOUT,
-            start_new_session=True)
-        log.close()
-
-    def kill(self, name: str) -> None:
-        process = self.processes[name]
-        if process.poll() is None:
-            os.killpg(process.pid, signal.SIGKILL)
-        process.wait(timeout=30)
-
-    def close(self) -> None:
-        for name, process in self.processes.items():
-            if process.poll() is None:
-                os.killpg(process.pid, signal.SIGTERM)
-        for name, process in self.processes.items():
-            try:
-                process.wait(timeout=15)
-            except subprocess.TimeoutExpired:
-                self.kill(name)
-
-
-@pytest.fixture
-def dask_processes(tmp_path: Path) -> Iterator[DaskProcesses]:
-    processes = DaskProcesses(tmp_path)
-    try:
-        yield processes
-    finally:
-        processes.close()
-
-
 def test_a_worker_killed_mid_batch_loses_nothing(tmp_path: Path,
                                                  dask_processes: DaskProcesses) -> None:
-    scheduler_file = tmp_path / "scheduler.json"
-    dask_processes.start("scheduler", "distributed.cli.dask_scheduler", "--host", "127.0.0.1",
-                         "--port", "0", "--no-dashboard", "--scheduler-file",
-                         str(scheduler_file))
-    deadline = time.monotonic() + 60
-    while not scheduler_file.exists() and time.monotonic() < deadline:
-        time.sleep(0.1)
-    import json
-
-    address = json.loads(scheduler_file.read_text())["address"]
-    assert address.startswith("tcp://127.0.0.1:")
-    for name in ("worker1", "worker2"):
-        dask_processes.start(name, "distributed.cli.dask_worker", address, "--name", name,
-                             "--nthreads", "1", "--no-nanny", "--no-dashboard", "--host",
-                             "127.0.0.1", "--death-timeout", "60", "--local-directory",
-                             str(tmp_path / name))
-    with distributed.Client(address, timeout="30s") as c:
-        c.wait_for_workers(2, timeout=60)
-
-    folder = tmp_path / "scans"
-    folder.mkdir()
-    inputs = []
-    for k in range(8):  # about a second each
-        inputs.append(folder / f"volume{k}.npy")
-        np.save(inputs[-1], noise_image((64, 128, 128), seed=50 + k, levels=6))
+    dask_processes.start_workers("worker3")  # the one to kill; the cluster's two remain
+    inputs = npy_scans(tmp_path / "scans", [(64, 128, 128)] * 8, seed=50, levels=6)  # ~1 s each
     out = tmp_path / "out"
     result: dict = {}
 
     def run() -> None:
-        result["rows"] = segment_batch([str(p) for p in inputs], out, scheduler=address,
+        result["rows"] = segment_batch([str(p) for p in inputs], out,
+                                       scheduler=dask_processes.address,
                                        progress=False, announce=lambda text: None, **PARAMS)
 
     batch = threading.Thread(target=run)
     batch.start()
-    deadline = time.monotonic() + 240
-    done = 0
-    while time.monotonic() < deadline and batch.is_alive():
-        if (out / "manifest.csv").exists():
-            done = sum(r["status"] == "ok" for r in manifest_rows(out))
-            if done >= 1:
-                break
-        time.sleep(0.05)
+    done = wait_for_a_finished_row(out, batch.is_alive)
     assert 1 <= done < len(inputs), "the kill must come mid-batch"
-    dask_processes.kill("worker1")
+    dask_processes.kill("worker3")
     batch.join(timeout=300)
     assert not batch.is_alive()
 

@@ -3,20 +3,18 @@ that are not inputs, Ctrl-C and restart; outputs equal the command line's."""
 
 from __future__ import annotations
 
-import csv
 import json
 import os
 import signal
 import subprocess
 import sys
-import time
 from pathlib import Path
 
 import numpy as np
 import pytest
 
 import splitmerge
-from conftest import noise_image
+from conftest import manifest_rows, noise_image, npy_scans, wait_for_a_finished_row
 
 distributed = pytest.importorskip("distributed")
 nibabel = pytest.importorskip("nibabel")
@@ -26,9 +24,13 @@ CLI = os.environ.get("SPLITMERGE_CLI")
 PARAMS = dict(sigma=3.0, small_size=20)
 
 
-def rows_of(out: Path) -> list[dict[str, str]]:
-    with open(out / "manifest.csv", newline="") as f:
-        return list(csv.DictReader(f))
+@pytest.fixture(params=["LocalCluster", "dask-scheduler"])
+def cluster(request: pytest.FixtureRequest) -> dict:
+    """segment_batch's client of the session's LocalCluster, or the address of
+    the session's dask-scheduler with two dask-worker processes."""
+    if request.param == "LocalCluster":
+        return {"client": request.getfixturevalue("client")}
+    return {"scheduler": request.getfixturevalue("dask_processes").address}
 
 
 @pytest.fixture
@@ -45,15 +47,15 @@ def cohort(tmp_path: Path) -> Path:
     return root
 
 
-def batch(root: Path, out: Path, client, **kwargs) -> list[dict[str, str]]:
-    return segment_batch([str(root / "**" / "*.nii*")], out, fit="crop", client=client,
-                         progress=False, **PARAMS, **kwargs)
+def batch(root: Path, out: Path, cluster: dict, **kwargs) -> list[dict[str, str]]:
+    return segment_batch([str(root / "**" / "*.nii*")], out, fit="crop", progress=False,
+                         **cluster, **PARAMS, **kwargs)
 
 
 def test_outputs_mirror_the_tree_and_equal_the_command_line(cohort: Path, tmp_path: Path,
-                                                             client) -> None:
+                                                             cluster: dict) -> None:
     out = cohort / "derived"  # inside the pattern: never read as input
-    rows = batch(cohort, out, client)
+    rows = batch(cohort, out, cluster)
     assert [r["status"] for r in rows] == ["ok"] * 4
     assert len({r["output"] for r in rows}) == 4
     for row in rows:
@@ -85,27 +87,27 @@ def test_outputs_mirror_the_tree_and_equal_the_command_line(cohort: Path, tmp_pa
 
 
 def test_reruns_skip_only_what_the_same_parameters_made(cohort: Path, tmp_path: Path,
-                                                        client) -> None:
+                                                        cluster: dict) -> None:
     out = tmp_path / "out"
-    assert {r["status"] for r in batch(cohort, out, client)} == {"ok"}
-    assert {r["status"] for r in batch(cohort, out, client)} == {"skipped"}
-    changed = segment_batch([str(cohort / "**" / "*.nii*")], out, fit="crop", client=client,
+    assert {r["status"] for r in batch(cohort, out, cluster)} == {"ok"}
+    assert {r["status"] for r in batch(cohort, out, cluster)} == {"skipped"}
+    changed = segment_batch([str(cohort / "**" / "*.nii*")], out, fit="crop", **cluster,
                             progress=False, sigma=2.0, small_size=5)
     assert {r["status"] for r in changed} == {"ok"}
-    assert {r["sigma"] for r in rows_of(out)} == {"2.0"}
+    assert {r["sigma"] for r in manifest_rows(out)} == {"2.0"}
     # A sidecar from another version is not trusted either.
     sidecar = Path(changed[0]["output"].replace(".nii.gz", ".json"))
     made = json.loads(sidecar.read_text())
     sidecar.write_text(json.dumps(dict(made, Version="0.0.1")))
-    again = segment_batch([str(cohort / "**" / "*.nii*")], out, fit="crop", client=client,
+    again = segment_batch([str(cohort / "**" / "*.nii*")], out, fit="crop", **cluster,
                           progress=False, sigma=2.0, small_size=5)
     assert [r["status"] for r in again].count("ok") == 1
 
 
-def test_bids_derivatives(cohort: Path, tmp_path: Path, client) -> None:
+def test_bids_derivatives(cohort: Path, tmp_path: Path, cluster: dict) -> None:
     out = cohort  # the dataset holds its derivatives; they are never inputs
     pattern = str(cohort / "**" / "sub-*.nii*")
-    rows = segment_batch([pattern], out, bids=True, fit="pad", client=client, progress=False,
+    rows = segment_batch([pattern], out, bids=True, fit="pad", **cluster, progress=False,
                          command="splitmerge test")
     derived = out / "derivatives" / "splitmerge"
     assert sorted(Path(r["output"]).relative_to(derived).as_posix() for r in rows) == [
@@ -118,49 +120,50 @@ def test_bids_derivatives(cohort: Path, tmp_path: Path, client) -> None:
                                              "Description": "splitmerge test"}
     for row in rows:
         assert Path(row["output"].replace("_dseg.nii.gz", "_dseg.json")).is_file()
-    again = segment_batch([pattern], out, bids=True, fit="pad", client=client, progress=False)
+    again = segment_batch([pattern], out, bids=True, fit="pad", **cluster, progress=False)
     assert [r["status"] for r in again] == ["skipped", "skipped"]
     with pytest.raises(ValueError, match="not a BIDS file name"):
-        segment_batch([str(cohort / "**" / "T1w.nii.gz")], out, bids=True, client=client)
+        segment_batch([str(cohort / "**" / "T1w.nii.gz")], out, bids=True, **cluster)
 
 
 def test_patterns_that_match_nothing_and_corrupt_scans(cohort: Path, tmp_path: Path,
-                                                       client) -> None:
+                                                       cluster: dict) -> None:
     with pytest.raises(ValueError, match="no file matches"):
-        segment_batch([str(tmp_path / "none" / "*.nii.gz")], tmp_path / "out", client=client)
+        segment_batch([str(tmp_path / "none" / "*.nii.gz")], tmp_path / "out", **cluster)
     (cohort / "sub-01" / "anat" / "broken.nii.gz").write_bytes(b"\x1f\x8b not a scan")
-    rows = batch(cohort, tmp_path / "out", client)
+    rows = batch(cohort, tmp_path / "out", cluster)
     assert [r["status"] for r in rows].count("failed") == 1
     assert not list((tmp_path / "out").rglob(".part-*"))
 
 
-def test_ctrl_c_keeps_what_finished_and_a_restart_does_the_rest(tmp_path: Path) -> None:
-    scans = tmp_path / "scans"
-    scans.mkdir()
-    for k in range(12):
-        np.save(scans / f"scan{k:02d}.npy", noise_image((32, 128, 128), seed=k))
+def test_ctrl_c_keeps_what_finished_and_a_restart_does_the_rest(tmp_path: Path,
+                                                               cluster: dict) -> None:
+    scans = npy_scans(tmp_path / "scans", [(32, 128, 128)] * 12, seed=0)[0].parent
     out = tmp_path / "out"
-    command = [sys.executable, "-m", "splitmerge.batch", str(scans / "*.npy"), "--out",
-               str(out), "--workers", "1", "--no-progress", "--small-size", "0"]
-    env = dict(os.environ, DASK_TEMPORARY_DIRECTORY=str(tmp_path))
+    where = ["--scheduler", cluster["scheduler"]] if "scheduler" in cluster else ["--workers", "1"]
     # Python takes Ctrl-C only when SIGINT is not ignored, as it is for jobs
-    # started in the background: restore the default for the batch.
-    process = subprocess.Popen(command, stderr=subprocess.PIPE, text=True, env=env,
-                               preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
-    deadline = time.monotonic() + 120
-    while time.monotonic() < deadline and process.poll() is None:
-        if (out / "manifest.csv").exists() and any(r["status"] == "ok" for r in rows_of(out)):
-            break
-        time.sleep(0.05)
+    # started in the background: env restores the default for the batch.
+    command = ["env", "--default-signal=INT", sys.executable, "-m", "splitmerge.batch",
+               str(scans / "*.npy"), "--out", str(out), *where, "--no-progress",
+               "--small-size", "0"]
+    env = dict(os.environ, DASK_TEMPORARY_DIRECTORY=str(tmp_path))
+    process = subprocess.Popen(command, stderr=subprocess.PIPE, text=True, env=env)
+    wait_for_a_finished_row(out, lambda: process.poll() is None)
     process.send_signal(signal.SIGINT)
     _, errors = process.communicate(timeout=120)
     if process.returncode == 0:
         pytest.skip("the batch finished before Ctrl-C reached it")
     assert process.returncode == 130, errors
     assert errors.strip().splitlines()[-1].startswith("splitmerge.batch: interrupted; ")
-    finished = [r for r in rows_of(out) if r["status"] == "ok"]
+    finished = [r for r in manifest_rows(out) if r["status"] == "ok"]
     assert finished and all(Path(r["output"]).is_file() for r in finished)
+    if "scheduler" in cluster:  # the tasks running at Ctrl-C finish there: wait for them
+        with distributed.Client(cluster["scheduler"], timeout="30s") as c:
+            c.gather([c.submit(int, workers=[w], pure=False)
+                      for w in c.scheduler_info()["workers"]])
     assert not list(out.rglob(".part-*"))
+    complete = len(list(out.glob("*.labels.json")))
+    assert complete == len(finished) or "scheduler" in cluster
     restart = subprocess.run(command, capture_output=True, text=True, env=env, timeout=300)
     assert restart.returncode == 0, restart.stderr
-    assert f"{12 - len(finished)} done, {len(finished)} skipped" in restart.stderr
+    assert f"{12 - complete} done, {complete} skipped" in restart.stderr
