@@ -47,7 +47,9 @@ def stem_of(path: os.PathLike | str) -> str:
 
 
 def _read_npy(path: Path) -> np.ndarray:
-    a = np.load(path, allow_pickle=False)
+    # Mapped, not read: the run reads the pixels from the file's pages, and
+    # the process holds no second copy of a large scan.
+    a = np.load(path, mmap_mode="r", allow_pickle=False)
     if a.ndim not in (2, 3):
         raise ReadError(f"{path}: the array has {a.ndim} dimensions; expected (Y, X) or "
                         "(Z, Y, X)")
