@@ -89,8 +89,9 @@ function [L, n, info] = smsegment(I, varargin)
 %                     false.
 %   'StartLabel'      The label of the largest region; 0 numbers the regions
 %                     from 0, as the SPLITMERGE module does. Default 1.
-%   'MemoryLimit'     Bytes the run may take, or 0: the memory available
-%                     (splitmerge:outOfMemory above it). Default 0.
+%   'MemoryLimit'     The run's memory budget in bytes, or 0: the memory
+%                     available less a margin (splitmerge:outOfMemory when
+%                     the run would cross it). Default 0.
 %   'Frames'          true: INFO.Frames holds the display frames, int32, the
 %                     size of L plus one dimension (-1 outside a crop),
 %                     one frame per index of the last dimension. Frame 1 colours

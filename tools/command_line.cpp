@@ -340,9 +340,10 @@ parse_result parse_command_line(int argc, const char* const* argv) {
 
   std::string memory_limit;
   app.add_option("--memory-limit", memory_limit,
-                 wrapped("refuse to start a run whose worst case needs more memory than SIZE "
-                         "bytes, e.g. 512M, 4G or 1000000 (K, M, G, T: powers of 1024); 0 (the "
-                         "default) allows what the machine has available"))
+                 wrapped("the run's memory budget: a run that would hold more than SIZE bytes "
+                         "stops there with exit status 3, e.g. 512M, 4G or 1000000 (K, M, G, T: "
+                         "powers of 1024); 0 (the default) allows the memory available, less a "
+                         "margin"))
       ->type_name("SIZE")
       ->group("Running");
 

@@ -307,9 +307,11 @@ def segment(
         default) uses every core, 1 runs single-threaded. The results are
         identical for every count.
     memory_limit : int, optional
-        Bytes the run may take at most; a run whose worst case needs more
-        is refused with MemoryError before it starts. None (the default)
-        allows the memory available on this machine.
+        The run's memory budget in bytes: a run whose labels alone do not
+        fit is refused before it starts, and a run that would cross the
+        budget as it grows stops there with MemoryError, having released
+        everything. None (the default): the memory available when the run
+        starts, less a margin.
 
     Returns
     -------
@@ -326,8 +328,8 @@ def segment(
         The image's shape or values, or a parameter, cannot be used; the
         message is the library's one line (or says which option helps).
     MemoryError
-        The run ran out of memory, or its worst case exceeds `memory_limit`
-        (the message says how much it may need and how much is allowed).
+        The run ran out of memory or would cross its budget (the message
+        says the budget and what was in use).
     OSError
         The region list file cannot be written.
     KeyboardInterrupt
