@@ -15,6 +15,7 @@ struct tool_settings {
   std::string image;
   std::optional<std::string> labels;
   std::optional<std::string> frames;
+  std::optional<std::int64_t> frames_every;  // keep every N-th frame (and the last)
   std::optional<std::string> regions;
   std::optional<std::string> input_copy;
   std::optional<std::string> overlay;

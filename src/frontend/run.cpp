@@ -1,6 +1,7 @@
 // Running a prepared input and mapping its labels back onto the input.
 #include <algorithm>
 
+#include "display/display.hpp"
 #include "driver/driver.hpp"
 #include "splitmerge/frontend.hpp"
 
@@ -80,6 +81,16 @@ std::vector<std::int32_t> segmented_on_input(const prepared& input) {
   return out;
 }
 
+std::int64_t most_frames(const prepared& input) {
+  // The display counts a tick per block made or merged in the tree (under
+  // 4/3 n), per region started and per union (each under n): under 4 n + 1
+  // ticks, a frame at the first tick and every frame_interval + 1 after it,
+  // and the last one (as the memory estimate counts them).
+  const std::int64_t n = std::int64_t{input.segmented.size_x} * input.segmented.size_y *
+                         input.segmented.size_z;
+  return 2 + (4 * n + 1) / (frame_interval + 1);
+}
+
 result run(const prepared& input, const options& opts) {
   result out;
   if (input.failure.kind != problem_kind::none) {
@@ -95,8 +106,12 @@ result run(const prepared& input, const options& opts) {
   const bool same_shape = box.x0 == 0 && box.y0 == 0 && box.z0 == 0 &&
                           box.size_x == input.shape[2] && box.size_y == input.shape[1] &&
                           box.size_z == input.shape[0];
-  if (same_shape && input.asked.start_label == 0) {
-    out.labels = std::move(out.run.labels);  // nothing to map
+  if (same_shape) {
+    // Numbered in place: a second label image would double the largest
+    // array of the run.
+    out.labels = std::move(out.run.labels);
+    if (const std::int32_t offset = input.asked.start_label; offset != 0)
+      for (std::int32_t& label : out.labels) label += offset;
     return out;
   }
   out.labels.resize(static_cast<std::size_t>(input.input_pixels()));
