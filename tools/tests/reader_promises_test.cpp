@@ -26,7 +26,7 @@ using testing::run_tool;
 using testing::scratch_folder;
 
 std::vector<double> read_values(const std::filesystem::path& path) {
-  return io::read_grey_image(path.string()).values;
+  return io::read_grey_image(path.string()).values();
 }
 
 TEST(PngSamples, GammaAndColourSpaceChunksChangeNoSample) {
@@ -210,9 +210,9 @@ void set_sform(const std::filesystem::path& path, const float (&rows)[3][4]) {
 std::pair<int, int> marker_place(const scratch_folder& dir, const std::string& name) {
   const auto run = run_tool(dir, name + " --quiet --save-input s.pgm");
   EXPECT_EQ(run.status, 0) << run.err;
-  const auto picture = io::read_grey_image((dir / "s.pgm").string());
-  for (std::size_t i = 0; i < picture.values.size(); ++i)
-    if (picture.values[i] == 255)
+  const auto picture = io::read_grey_image((dir / "s.pgm").string()).values();
+  for (std::size_t i = 0; i < picture.size(); ++i)
+    if (picture[i] == 255)
       return {static_cast<int>(i / 16), static_cast<int>(i % 16)};  // row, column
   return {-1, -1};
 }

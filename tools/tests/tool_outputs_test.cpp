@@ -61,7 +61,7 @@ TEST(Outputs, LabelsAreTheSameInEveryFormat) {
   ASSERT_GE(*std::max_element(npy.values.begin(), npy.values.end()), 2);
 
   const auto tif = io::read_grey_image((dir / "l.tif").string());
-  EXPECT_EQ(tif.values, std::vector<double>(npy.values.begin(), npy.values.end()));
+  EXPECT_EQ(tif.values(), std::vector<double>(npy.values.begin(), npy.values.end()));
 
   int width = 0, height = 0;
   const auto rgb = testing::read_png_rgb(dir / "l.png", width, height);
@@ -123,7 +123,7 @@ TEST(Outputs, PicturesOfAVolumeShowItsMiddleSlice) {
         << "pixel " << i;
   }
   const auto input = io::read_grey_image((dir / "s.png").string());
-  EXPECT_EQ(input.values, as_doubles({image.begin() + 128, image.begin() + 192}));
+  EXPECT_EQ(input.values(), as_doubles({image.begin() + 128, image.begin() + 192}));
 }
 
 TEST(Outputs, SavedInputInEveryFormat) {
@@ -133,13 +133,13 @@ TEST(Outputs, SavedInputInEveryFormat) {
   for (const char* copy : {"s.npy", "s.tif"}) {
     ASSERT_EQ(run_tool(dir, std::string("in.npy --quiet --save-input ") + copy).status, 0);
     const auto saved = io::read_grey_image((dir / copy).string());
-    EXPECT_EQ(saved.values, as_doubles(image)) << copy;
+    EXPECT_EQ(saved.values(), as_doubles(image)) << copy;
     EXPECT_EQ(saved.size_z, 2) << copy;
   }
   const std::vector<std::int32_t> middle(image.begin() + 64, image.end());
   for (const char* copy : {"s.png", "s.pgm"}) {
     ASSERT_EQ(run_tool(dir, std::string("in.npy --quiet --save-input ") + copy).status, 0);
-    EXPECT_EQ(io::read_grey_image((dir / copy).string()).values, as_doubles(middle)) << copy;
+    EXPECT_EQ(io::read_grey_image((dir / copy).string()).values(), as_doubles(middle)) << copy;
   }
 }
 
