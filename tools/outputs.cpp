@@ -65,8 +65,8 @@ std::vector<std::int32_t> shown_part(const fitted_image& image, const std::int32
 const std::int32_t* shown_values(const fitted_image& image, const std::int32_t* volume,
                                  std::vector<std::int32_t>& part) {
   const pixel_box& b = image.shown;
-  if (b.x0 == 0 && b.y0 == 0 && b.z0 == 0 && b.size_x == image.size_x &&
-      b.size_y == image.size_y && b.size_z == image.size_z)
+  if (b.x0 == 0 && b.y0 == 0 && b.z0 == 0 && b.size_x == image.size_x && b.size_y == image.size_y &&
+      b.size_z == image.size_z)
     return volume;
   part = shown_part(image, volume);
   return part.data();
@@ -128,8 +128,7 @@ void write_labels(const std::string& file, const std::string& ext, const fitted_
     io::write_npy_int32(file, image_shape(image), shown);
   } else if (ext == ".nii" || ext == ".nii.gz") {
     io::write_nifti_labels(file, image.nifti_header, box.size_x, box.size_y, box.size_z,
-                           image.input_x0, image.input_y0, image.input_z0, shown,
-                           ext == ".nii.gz");
+                           image.input_x0, image.input_y0, image.input_z0, shown, ext == ".nii.gz");
   } else {
     io::write_tiff(file, box.size_x, box.size_y, box.size_z, shown, io::tiff_pixel::int32);
   }

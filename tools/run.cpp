@@ -50,16 +50,18 @@ void check_frames_room(const tool_settings& s, const fitted_image& image,
       frame_file_bound_of(io::extension_of(*s.frames), image, frontend::most_frames(prepared));
   std::filesystem::path folder = std::filesystem::path(*s.frames).parent_path();
   std::error_code error;
-  const std::filesystem::space_info space = std::filesystem::space(folder.empty() ? "." : folder, error);
+  const std::filesystem::space_info space =
+      std::filesystem::space(folder.empty() ? "." : folder, error);
   const std::int64_t every = s.frames_every.value_or(1);
   if (error || bound.bytes(every) <= space.available) return;
   const std::int64_t fits = bound.every_within(space.available);
-  throw usage_error("--frames " + *s.frames + " may take up to " + format_bytes(bound.bytes(every)) +
-                    " (up to " + std::to_string(bound.most) + " frames" +
-                    (every > 1 ? ", one in " + std::to_string(every) + " kept" : "") +
+  throw usage_error("--frames " + *s.frames + " may take up to " +
+                    format_bytes(bound.bytes(every)) + " (up to " + std::to_string(bound.most) +
+                    " frames" + (every > 1 ? ", one in " + std::to_string(every) + " kept" : "") +
                     "), but its file system has " + format_bytes(space.available) + " free" +
-                    (fits == 0 ? ": not even the first and the last frame fit"
-                               : ": keep fewer frames with --frames-every " + std::to_string(fits)));
+                    (fits == 0
+                         ? ": not even the first and the last frame fit"
+                         : ": keep fewer frames with --frames-every " + std::to_string(fits)));
 }
 
 // The outputs asked for, in the order they are written.

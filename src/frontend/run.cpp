@@ -86,8 +86,8 @@ std::int64_t most_frames(const prepared& input) {
   // 4/3 n), per region started and per union (each under n): under 4 n + 1
   // ticks, a frame at the first tick and every frame_interval + 1 after it,
   // and the last one (as the memory estimate counts them).
-  const std::int64_t n = std::int64_t{input.segmented.size_x} * input.segmented.size_y *
-                         input.segmented.size_z;
+  const std::int64_t n =
+      std::int64_t{input.segmented.size_x} * input.segmented.size_y * input.segmented.size_z;
   return 2 + (4 * n + 1) / (frame_interval + 1);
 }
 

@@ -180,7 +180,7 @@ void fuzz_file(byte_reader& in, Reader read) {
     const splitmerge::io::grey_image image = read(file_of(in));
     check(image.size_x > 0 && image.size_y > 0 && image.size_z > 0, "an image without pixels");
     check(image.pixels.size() >= static_cast<std::size_t>(image.pixel_count()) *
-                                      splitmerge::frontend::pixel_size(image.type),
+                                     splitmerge::frontend::pixel_size(image.type),
           "pixels and sizes disagree");
   } catch (const splitmerge::io::io_error&) {
     // Refused with a message: fine.

@@ -110,7 +110,8 @@ grey_image read_npy_image(const std::string& path, const read_options& options) 
   const std::uint64_t file_size = std::filesystem::file_size(path, error);
   if (error || file_size - h.data_offset < bytes)
     throw io_error(path + ": .npy data is shorter than its shape says");
-  const bool swapped = h.item_bytes > 1 && h.big_endian != (std::endian::native == std::endian::big);
+  const bool swapped =
+      h.item_bytes > 1 && h.big_endian != (std::endian::native == std::endian::big);
   if (!swapped && h.data_offset % static_cast<std::size_t>(h.item_bytes) == 0)
     if (auto mapped = pixel_buffer::map(path, h.data_offset, bytes)) {
       out.pixels = std::move(*mapped);

@@ -240,7 +240,8 @@ void write_npy_int32(const std::string& path, const std::vector<std::int64_t>& s
     } else {
       std::string bytes(static_cast<std::size_t>(n) * 4, '\0');
       for (std::size_t i = 0; i < bytes.size(); ++i)
-        bytes[i] = static_cast<char>((static_cast<std::uint32_t>(data[at + i / 4]) >> (8 * (i % 4))) & 0xFF);
+        bytes[i] = static_cast<char>(
+            (static_cast<std::uint32_t>(data[at + i / 4]) >> (8 * (i % 4))) & 0xFF);
       written = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
     }
   }

@@ -8,7 +8,8 @@
 namespace splitmerge::io {
 
 std::int64_t largest_pixel_count() {
-  const std::int64_t edge_2d = frontend::largest_edge(false), edge_3d = frontend::largest_edge(true);
+  const std::int64_t edge_2d = frontend::largest_edge(false),
+                     edge_3d = frontend::largest_edge(true);
   const std::int64_t segmentable = std::max(edge_2d * edge_2d, edge_3d * edge_3d * edge_3d);
   return std::min<std::int64_t>(2 * segmentable, std::numeric_limits<std::int32_t>::max() - 1);
 }
@@ -16,8 +17,8 @@ std::int64_t largest_pixel_count() {
 void check_declared_image(const std::string& path, std::int64_t size_x, std::int64_t size_y,
                           std::int64_t size_z, pixel_type type, const read_options& options) {
   const std::int64_t most = largest_pixel_count();
-  const bool too_many = size_x > most || size_y > most || size_z > most ||
-                        size_x * size_y > most || size_x * size_y * size_z > most;
+  const bool too_many = size_x > most || size_y > most || size_z > most || size_x * size_y > most ||
+                        size_x * size_y * size_z > most;
   if (too_many)
     throw io_error(path + ": the header declares " + std::to_string(size_x) + " x " +
                    std::to_string(size_y) + " x " + std::to_string(size_z) +
@@ -30,11 +31,12 @@ void check_declared_image(const std::string& path, std::int64_t size_x, std::int
   const std::uint64_t needed = pixels * frontend::pixel_size(type) + 4 * labelled;
   const std::uint64_t budget = memory_budget(options.memory_limit);
   if (budget == 0 || needed <= budget) return;
-  const bool given = options.memory_limit != 0;
-  throw io_error(path + ": the image needs at least " + format_bytes(needed) +
-                 " of memory (its pixels and their labels), but " + format_bytes(budget) +
-                 (given ? " is allowed: raise --memory-limit" : " is available: allow more with "
-                                                                "--memory-limit SIZE"));
+  const std::string what = path + ": the image needs at least " + format_bytes(needed) +
+                           " of memory (its pixels and their labels), but ";
+  if (options.memory_limit != 0)
+    throw io_error(what + "--memory-limit allows " + format_bytes(budget));
+  throw io_error(what + format_bytes(budget) +
+                 " is available: allow more with --memory-limit SIZE");
 }
 
 void check_declared_size(const std::string& path, std::uint64_t declared_bytes,

@@ -66,7 +66,7 @@ struct page_layout {
   std::uint32_t width = 0, height = 0, rows_per_strip = 0;
   std::uint16_t bits = 1, samples = 1, format = SAMPLEFORMAT_UINT, photometric = 0;
   std::uint16_t planar = PLANARCONFIG_CONTIG, compression = COMPRESSION_NONE;
-  bool colour = false;  // RGB, read as its luma
+  bool colour = false;                  // RGB, read as its luma
   pixel_type type = pixel_type::uint8;  // of the samples, and of the grey pixels
 };
 
@@ -158,8 +158,8 @@ void grey_row(const unsigned char* const* channel, std::size_t step, std::uint32
       return v;
     };
     T v = colour ? static_cast<T>(grey_of_colour(static_cast<std::int64_t>(at(0)),
-                                                  static_cast<std::int64_t>(at(1)),
-                                                  static_cast<std::int64_t>(at(2))))
+                                                 static_cast<std::int64_t>(at(1)),
+                                                 static_cast<std::int64_t>(at(2))))
                  : at(0);
     if (inverted) v = static_cast<T>(std::numeric_limits<T>::max() - v);
     std::memcpy(out + x * sizeof(T), &v, sizeof v);
@@ -168,8 +168,7 @@ void grey_row(const unsigned char* const* channel, std::size_t step, std::uint32
 
 // Makes room for page `page` (0-based) of `page_bytes` in the image's
 // buffer: for all `pages` counted at the start, more only if more come.
-void room_for_page(grey_image& out, std::int64_t page, std::int64_t pages,
-                   std::size_t page_bytes) {
+void room_for_page(grey_image& out, std::int64_t page, std::int64_t pages, std::size_t page_bytes) {
   const auto needed = static_cast<std::size_t>(page + 1) * page_bytes;
   if (out.pixels.size() >= needed) return;
   const auto counted = static_cast<std::size_t>(std::max(page + 1, pages)) * page_bytes;
@@ -228,8 +227,8 @@ void read_page(TIFF* tif, const std::string& path, grey_image& out, std::int64_t
     const unsigned char* channel[3];
     for (std::uint16_t c = 0; c < used; ++c)
       channel[c] = separate ? planes[c].data() + row_bytes * y : planes[0].data() + c * sample;
-    std::byte* to = out.pixels.writable() + page_bytes * static_cast<std::size_t>(page) +
-                    grey_row_bytes * y;
+    std::byte* to =
+        out.pixels.writable() + page_bytes * static_cast<std::size_t>(page) + grey_row_bytes * y;
     with_pixel_type(l.type, [&](auto tag) {
       grey_row<decltype(tag)>(channel, stride, l.width, l.colour, inverted, to);
     });

@@ -117,7 +117,7 @@ const std::vector<refused_file>& refused_files() {
        "in.png: truncated or damaged: the header declares 144000000 bytes"},
       {"PngOfTooManyPixels",
        [](const scratch_folder& d) { write_header_only_png(d / "in.png", 100000, 100000); },
-       "in.png", "more than the 268435456 this program reads"},
+       "in.png", "pixels, more than the"},
       {"TruncatedCompressedNifti",
        [](const scratch_folder& d) {
          std::string voxels(64 * 64 * 16, '\0');
@@ -133,7 +133,7 @@ const std::vector<refused_file>& refused_files() {
          testing::write_nifti(d / "in.nii", 2, 2, 1, testing::nifti_uint8, std::string(4, '\0'));
          patch_nifti_dims(d / "in.nii", 30000, 30000, 30000);
        },
-       "in.nii", "more than the 268435456 this program reads"},
+       "in.nii", "pixels, more than the"},
       {"NiftiNotANumber",
        [](const scratch_folder& d) {
          const float nan = std::numeric_limits<float>::quiet_NaN();
@@ -146,6 +146,13 @@ const std::vector<refused_file>& refused_files() {
          testing::write_npy_raw(d / "in.npy", "<u1", {100000, 100000, 100}, false, "abc");
        },
        "in.npy", "in.npy: "},
+      {"NpyAboveTheMemoryLimit",  // refused before its (missing) pixels are read
+       [](const scratch_folder& d) {
+         testing::write_npy_raw(d / "in.npy", "<u2", {64, 1024, 1024}, false, "abc");
+       },
+       "in.npy --memory-limit 64M",
+       "in.npy: the image needs at least 384.0 MiB of memory (its pixels and their labels), but "
+       "--memory-limit allows 64.0 MiB"},
       {"PgmDeclaringMorePixelsThanItHas",
        [](const scratch_folder& d) {
          std::ofstream(d / "in.pgm", std::ios::binary) << "P5\n16000 16000\n255\nabc";

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <vector>
 
+#include "frame_stream.hpp"
 #include "grey_image.hpp"
 #include "npy.hpp"
 #include "palette.hpp"
@@ -75,6 +76,35 @@ TEST(Outputs, LabelsAreTheSameInEveryFormat) {
     expected.push_back(c.b);
   }
   EXPECT_EQ(rgb, expected);
+}
+
+// --frames-every N keeps frames 0, N, 2N, ... and always the last; the
+// file's bound names the smallest N whose frames fit a given room.
+TEST(Outputs, FramesEveryKeepsEveryNthFrameAndTheLast) {
+  scratch_folder dir;
+  std::vector<std::int32_t> noise(64 * 64);  // many blocks: a frame every 1001 of them
+  std::uint32_t state = 5;
+  for (auto& v : noise)
+    v = static_cast<std::int32_t>((state = state * 1664525u + 1013904223u) >> 24);
+  io::write_npy_int32((dir / "in.npy").string(), {64, 64}, noise.data());
+  ASSERT_EQ(run_tool(dir, "in.npy --quiet --frames all.npy").status, 0);
+  ASSERT_EQ(run_tool(dir, "in.npy --quiet --frames f.npy --frames-every 3").status, 0);
+  const auto all = read_npy(dir, "all.npy");
+  const std::int64_t count = all.shape[0], size = 64 * 64;
+  ASSERT_GE(count, 5);
+  std::vector<std::int64_t> expected;
+  for (std::int64_t f = 0; f < count; ++f)
+    if (f % 3 == 0 || f == count - 1)
+      expected.insert(expected.end(), all.values.begin() + f * size,
+                      all.values.begin() + (f + 1) * size);
+  EXPECT_EQ(read_npy(dir, "f.npy").values, expected);
+
+  const frame_file_bound b{100, 1000, 50};  // header, bytes a frame, frames at most
+  EXPECT_EQ(b.bytes(1), 51100u);
+  EXPECT_EQ(b.bytes(10), 6100u);  // frames 0, 10, ..., 40 and the last
+  EXPECT_EQ(b.every_within(6100), 10);
+  EXPECT_EQ(b.every_within(6099), 13);
+  EXPECT_EQ(b.every_within(2099), 0);  // not even the first and the last
 }
 
 TEST(Outputs, GifAnimatesTheFramesThroughThePalette) {
