@@ -29,7 +29,11 @@
 
 namespace {
 
-using splitmerge::io::grey_image;
+// The volume's voxels as doubles, x fastest, for the interpolation.
+struct volume_values {
+  std::int64_t size_x = 0, size_y = 0, size_z = 0;
+  std::vector<double> values;
+};
 
 struct box {
   std::int64_t x0, y0, z0;  // first source voxel
@@ -37,7 +41,7 @@ struct box {
 };
 
 // Copies the box out of the volume; voxels outside the volume become 0.
-std::vector<std::int32_t> cut(const grey_image& v, const box& b) {
+std::vector<std::int32_t> cut(const volume_values& v, const box& b) {
   std::vector<std::int32_t> out(static_cast<std::size_t>(b.nx * b.ny * b.nz), 0);
   for (std::int64_t z = 0; z < b.nz; ++z)
     for (std::int64_t y = 0; y < b.ny; ++y)
@@ -80,7 +84,7 @@ std::vector<std::int32_t> smooth(std::int64_t n) {
 
 // The volume at (x, y, z) in its own voxel coordinates, interpolated
 // trilinearly; 0 outside it.
-double sample(const grey_image& v, double x, double y, double z) {
+double sample(const volume_values& v, double x, double y, double z) {
   if (x < 0 || y < 0 || z < 0 || x > static_cast<double>(v.size_x - 1) ||
       y > static_cast<double>(v.size_y - 1) || z > static_cast<double>(v.size_z - 1))
     return 0.0;
@@ -105,7 +109,7 @@ double sample(const grey_image& v, double x, double y, double z) {
 // The volume scaled by the same factor on x and y so that its larger side
 // fills `edge` pixels, centred; output slice k samples source slice
 // source_z[k].
-std::vector<std::int32_t> scaled(const grey_image& v, std::int64_t edge,
+std::vector<std::int32_t> scaled(const volume_values& v, std::int64_t edge,
                                  const std::vector<double>& source_z) {
   const double scale =
       static_cast<double>(edge) / static_cast<double>(std::max(v.size_x, v.size_y));
@@ -125,7 +129,7 @@ std::vector<std::int32_t> scaled(const grey_image& v, std::int64_t edge,
 }
 
 // 64 slices evenly spaced from the first source slice to the last.
-std::vector<double> ct_slices(const grey_image& v) {
+std::vector<double> ct_slices(const volume_values& v) {
   std::vector<double> z(64);
   for (std::size_t k = 0; k < z.size(); ++k)
     z[k] = static_cast<double>(k) * static_cast<double>(v.size_z - 1) / 63.0;
@@ -133,7 +137,7 @@ std::vector<double> ct_slices(const grey_image& v) {
 }
 
 // Slices of an `edge`-cube scaled like x and y: 512 / 217 along z too, centred.
-std::vector<double> cube_slices(const grey_image& v, std::int64_t edge) {
+std::vector<double> cube_slices(const volume_values& v, std::int64_t edge) {
   const double scale =
       static_cast<double>(edge) / static_cast<double>(std::max(v.size_x, v.size_y));
   std::vector<double> z(static_cast<std::size_t>(edge));
@@ -164,7 +168,8 @@ int main(int argc, char** argv) {
     return 2;
   }
   try {
-    const grey_image brain = splitmerge::io::read_grey_image(argv[1]);
+    const auto file = splitmerge::io::read_grey_image(argv[1]);
+    const volume_values brain{file.size_x, file.size_y, file.size_z, file.values()};
     const std::string out = argv[2];
     write(out, "brain_slice.npy", {256, 256}, cut(brain, {0, 0, 128, 256, 256, 1}));
     const box crop{(brain.size_x - 128) / 2,

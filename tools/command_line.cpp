@@ -303,6 +303,12 @@ parse_result parse_command_line(int argc, const char* const* argv) {
   app.add_option("--frames", s.frames, "write the segmentation as it progresses")
       ->type_name("PATH")
       ->group(outputs);
+  add_number(app, "--frames-every", s.frames_every,
+             wrapped("keep every N-th frame of --frames (the first, the N+1-th, ...) and the "
+                     "last, for a smaller file (default 1: every frame)"),
+             1, std::numeric_limits<std::int64_t>::max())
+      ->type_name("N")
+      ->group(outputs);
   app.add_option("--regions", s.regions,
                  wrapped("write the region list file: per region its statistics, block codes and "
                          "neighbours"))

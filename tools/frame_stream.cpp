@@ -7,9 +7,44 @@
 
 namespace splitmerge::tool {
 
+std::uint64_t frame_file_bound::bytes(std::int64_t every) const {
+  const std::int64_t kept = (most + every - 1) / every + 1;
+  return header + static_cast<std::uint64_t>(kept) * frame_bytes;
+}
+
+std::int64_t frame_file_bound::every_within(std::uint64_t room) const {
+  if (room < header || frame_bytes == 0) return 0;
+  const auto kept = static_cast<std::int64_t>((room - header) / frame_bytes) - 1;
+  if (kept < 1) return 0;
+  return (most + kept - 1) / kept;
+}
+
+frame_file_bound frame_file_bound_of(const std::string& ext, const fitted_image& image,
+                                     std::int64_t most) {
+  frame_file_bound b;
+  b.most = most;
+  if (ext == ".npy") {
+    std::vector<std::int64_t> shape = image_shape(image);
+    std::int64_t pixels = 1;
+    for (const auto d : shape) pixels *= d;
+    shape.insert(shape.begin(), std::int64_t{1} << 62);
+    b.header = io::npy_int32_header(shape, 0).size();
+    b.frame_bytes = 4 * static_cast<std::uint64_t>(pixels);
+  } else {
+    // LZW codes of up to 12 bits for 8-bit indices, in blocks of 255 bytes,
+    // and each frame's control block and descriptor; the palette up front.
+    const auto [width, height] = picture_size(image);
+    b.header = 1024;
+    b.frame_bytes = 2 * static_cast<std::uint64_t>(width * height) + 64;
+  }
+  return b;
+}
+
 frame_stream::frame_stream(const std::string& file, const std::string& ext,
-                           const fitted_image& image)
-    : image_(image) {
+                           const fitted_image& image, std::int64_t every)
+    : image_(image),
+      every_(every),
+      frame_(static_cast<std::size_t>(image.size_x) * image.size_y * image.size_z) {
   if (ext == ".npy") {
     npy_ = std::make_unique<io::npy_int32_stream>(file, image_shape(image));
   } else {
@@ -19,19 +54,17 @@ frame_stream::frame_stream(const std::string& file, const std::string& ext,
   }
 }
 
-void frame_stream::add(const std::int32_t* frame) noexcept {
+void frame_stream::add() noexcept {
+  last_kept_ = seen_++ % every_ == 0;
+  if (last_kept_) write(frame_.data());
+}
+
+void frame_stream::write(const std::int32_t* frame) noexcept {
   if (failed()) return;
   try {
     if (npy_) {
-      // Without padding the shown box is the whole frame: no copy needed.
-      const pixel_box& b = image_.shown;
-      const bool whole = b.x0 == 0 && b.y0 == 0 && b.z0 == 0 && b.size_x == image_.size_x &&
-                         b.size_y == image_.size_y && b.size_z == image_.size_z;
-      if (whole) {
-        npy_->append(frame);
-      } else {
-        npy_->append(shown_part(image_, frame).data());
-      }
+      std::vector<std::int32_t> part;
+      npy_->append(shown_values(image_, frame, part));
     } else {
       add_to_gif(frame);
     }
@@ -58,6 +91,8 @@ void frame_stream::write_pending_gif_frame() {
 }
 
 void frame_stream::finish(std::vector<std::string>& notes) {
+  if (!last_kept_) write(frame_.data());
+  last_kept_ = true;
   if (failed()) throw io::io_error(problem_);
   if (npy_) {
     npy_->finish();

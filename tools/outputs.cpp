@@ -62,6 +62,16 @@ std::vector<std::int32_t> shown_part(const fitted_image& image, const std::int32
   return box_slices(image, volume, 0, image.shown.size_z);
 }
 
+const std::int32_t* shown_values(const fitted_image& image, const std::int32_t* volume,
+                                 std::vector<std::int32_t>& part) {
+  const pixel_box& b = image.shown;
+  if (b.x0 == 0 && b.y0 == 0 && b.z0 == 0 && b.size_x == image.size_x && b.size_y == image.size_y &&
+      b.size_z == image.size_z)
+    return volume;
+  part = shown_part(image, volume);
+  return part.data();
+}
+
 std::int32_t shown_slice(const fitted_image& image) {
   return static_cast<std::int32_t>(image.shown.size_z / 2);
 }
@@ -112,15 +122,15 @@ void write_labels(const std::string& file, const std::string& ext, const fitted_
     io::write_png_rgb(file, slice.width, slice.height, rgb.data());
     return;
   }
-  const std::vector<std::int32_t> part = shown_part(image, labels.data());
+  std::vector<std::int32_t> part;
+  const std::int32_t* shown = shown_values(image, labels.data(), part);
   if (ext == ".npy") {
-    io::write_npy_int32(file, image_shape(image), part.data());
+    io::write_npy_int32(file, image_shape(image), shown);
   } else if (ext == ".nii" || ext == ".nii.gz") {
     io::write_nifti_labels(file, image.nifti_header, box.size_x, box.size_y, box.size_z,
-                           image.input_x0, image.input_y0, image.input_z0, part.data(),
-                           ext == ".nii.gz");
+                           image.input_x0, image.input_y0, image.input_z0, shown, ext == ".nii.gz");
   } else {
-    io::write_tiff(file, box.size_x, box.size_y, box.size_z, part.data(), io::tiff_pixel::int32);
+    io::write_tiff(file, box.size_x, box.size_y, box.size_z, shown, io::tiff_pixel::int32);
   }
 }
 

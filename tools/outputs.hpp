@@ -22,6 +22,10 @@ std::vector<std::int64_t> image_shape(const fitted_image& image);
 
 // The shown box of a volume of the segmented image's size (labels, a frame).
 std::vector<std::int32_t> shown_part(const fitted_image& image, const std::int32_t* volume);
+// The same without a copy when the box is the whole volume (else copied into
+// `part`): the labels are the largest array the program holds.
+const std::int32_t* shown_values(const fitted_image& image, const std::int32_t* volume,
+                                 std::vector<std::int32_t>& part);
 
 // The slice a picture of a volume shows: the middle one of the shown box.
 std::int32_t shown_slice(const fitted_image& image);

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <string_view>
@@ -36,6 +37,31 @@ void check_output_extensions(const tool_settings& s) {
       s.overlay, "--overlay", [](const std::string& ext) { return ext == ".png"; }, ".png");
   if (s.frames && s.no_display)
     throw usage_error("--frames needs the display frames, which --no-display switches off");
+  if (s.frames_every && !s.frames)
+    throw usage_error("--frames-every thins the frames of --frames, which is not given");
+}
+
+// Refuses (usage_error) a frames file that may not fit in its file system's
+// free space, with the --frames-every that would fit.
+void check_frames_room(const tool_settings& s, const fitted_image& image,
+                       const frontend::prepared& prepared) {
+  if (!s.frames) return;
+  const frame_file_bound bound =
+      frame_file_bound_of(io::extension_of(*s.frames), image, frontend::most_frames(prepared));
+  std::filesystem::path folder = std::filesystem::path(*s.frames).parent_path();
+  std::error_code error;
+  const std::filesystem::space_info space =
+      std::filesystem::space(folder.empty() ? "." : folder, error);
+  const std::int64_t every = s.frames_every.value_or(1);
+  if (error || bound.bytes(every) <= space.available) return;
+  const std::int64_t fits = bound.every_within(space.available);
+  throw usage_error("--frames " + *s.frames + " may take up to " +
+                    format_bytes(bound.bytes(every)) + " (up to " + std::to_string(bound.most) +
+                    " frames" + (every > 1 ? ", one in " + std::to_string(every) + " kept" : "") +
+                    "), but its file system has " + format_bytes(space.available) + " free" +
+                    (fits == 0
+                         ? ": not even the first and the last frame fit"
+                         : ": keep fewer frames with --frames-every " + std::to_string(fits)));
 }
 
 // The outputs asked for, in the order they are written.
@@ -103,12 +129,10 @@ frontend::result segment_with_progress(const frontend::prepared& input, const to
   opts.threads = s.threads;
   opts.memory_limit = s.memory_limit;
   opts.display = frames != nullptr;  // frames cost time: only when asked for
-  std::vector<std::int32_t> frame;
   if (frames != nullptr) {
-    frame.resize(static_cast<std::size_t>(input.input_pixels()));
     opts.frame_sink = [&](const std::int32_t* segmented, std::int32_t) {
-      frontend::to_input(input, segmented, frame.data(), 0, -1);
-      frames->add(frame.data());
+      frontend::to_input(input, segmented, frames->frame(), 0, -1);
+      frames->add();
     };
     // A frame that cannot be written fails the run: stop it early.
     opts.interrupt = [frames] { return frames->failed(); };
@@ -176,17 +200,6 @@ int write_results(const tool_settings& s, const fitted_image& image, const front
   }
 }
 
-// The image as the reader holds it, for the front-end layer: numpy's axis
-// order; only a .npy array may hold colour channels (the picture readers
-// convert colour themselves).
-frontend::array_view view_of(const io::grey_image& image) {
-  std::int64_t shape[3] = {image.size_z, image.size_y, image.size_x};
-  const int ndim = image.dimensions;
-  return frontend::contiguous_view(image.values.data(), frontend::pixel_type::float64,
-                                   frontend::host_order::numpy, ndim,
-                                   ndim == 3 ? shape : shape + 1);
-}
-
 }  // namespace
 
 int run(const tool_settings& s) {
@@ -194,11 +207,12 @@ int run(const tool_settings& s) {
   try {
     check_output_extensions(s);
     check_output_paths(s.image, requested_outputs(s));
-    const io::grey_image input = io::read_grey_image(s.image, {s.volume});
+    const io::grey_image input =
+        io::read_grey_image(s.image, {s.volume, s.memory_limit, s.request.slice.has_value()});
     frontend::request request = s.request;
     if (io::extension_of(s.image) != ".npy") request.colour = frontend::colour_mode::volume;
     if (!s.quiet && !input.note.empty()) print_notes({input.note});
-    const frontend::prepared prepared = frontend::prepare(view_of(input), s.params, request);
+    const frontend::prepared prepared = frontend::prepare(input.view(), s.params, request);
     if (prepared.failure.kind != frontend::problem_kind::none)
       throw usage_error(in_words(prepared.failure));
     for (const auto& w : prepared.warnings)
@@ -210,12 +224,13 @@ int run(const tool_settings& s) {
     if (requested_outputs(s).empty())
       std::cerr << "splitmerge: no output asked for (--labels, --regions, --frames, --save-input "
                    "or --overlay): the run only counts the regions\n";
+    check_frames_room(s, image, prepared);
     const staged_outputs files(s);
     std::optional<frame_stream> frames;
     if (files.frames) {
       try {
         write_staged(*files.frames, [&](const std::string& path) {
-          frames.emplace(path, io::extension_of(*s.frames), image);
+          frames.emplace(path, io::extension_of(*s.frames), image, s.frames_every.value_or(1));
         });
       } catch (const io::io_error& e) {
         std::cerr << "splitmerge: " << e.what() << '\n';
@@ -241,6 +256,9 @@ int run(const tool_settings& s) {
   } catch (const usage_error& e) {
     std::cerr << "splitmerge: " << e.what() << '\n';
     return exit_bad_input;
+  } catch (const io::memory_error& e) {  // the image cannot fit
+    std::cerr << "splitmerge: " << e.what() << '\n';
+    return exit_out_of_memory;
   } catch (const io::io_error& e) {  // reading the image
     std::cerr << "splitmerge: " << e.what() << '\n';
     return exit_bad_input;

@@ -8,6 +8,7 @@
 // each front end words in its own terms.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -34,6 +35,9 @@ enum class pixel_type : std::uint8_t {
   float32,
   float64
 };
+
+// Bytes of one sample of a type.
+std::size_t pixel_size(pixel_type type);
 
 // The order in which a host lays out the axes of an image.
 enum class host_order : std::uint8_t {
@@ -167,6 +171,14 @@ struct result {
 
 // Converts and fits an array; `failure` says why it cannot be run.
 prepared prepare(const array_view& image, const parameters& params, const request& req);
+
+// The largest edge of an image the segmentation takes: of a 2-D image, or of
+// a volume of more than one slice.
+std::int64_t largest_edge(bool volume);
+
+// The most display frames a run of this input can hand to options::frame_sink
+// (a bound for sizing their file; smooth images make far fewer).
+std::int64_t most_frames(const prepared& input);
 
 // Runs a prepared input with the given options (progress, frames, regions,
 // threads, memory limit, interrupt).

@@ -45,24 +45,6 @@ std::string number_text(double v) {
   return s.str();
 }
 
-std::size_t type_size(pixel_type t) {
-  switch (t) {
-    case pixel_type::boolean:
-    case pixel_type::int8:
-    case pixel_type::uint8:
-      return 1;
-    case pixel_type::int16:
-    case pixel_type::uint16:
-      return 2;
-    case pixel_type::int32:
-    case pixel_type::uint32:
-    case pixel_type::float32:
-      return 4;
-    default:
-      return 8;
-  }
-}
-
 // The input as a grey image: logical axes z, y, x and the colour channels.
 struct grey_input {
   const char* data = nullptr;
@@ -429,6 +411,26 @@ problem resolve(const image_view& view, const parameters& given, parameters& p) 
 
 }  // namespace
 
+std::size_t pixel_size(pixel_type t) {
+  switch (t) {
+    case pixel_type::boolean:
+    case pixel_type::int8:
+    case pixel_type::uint8:
+      return 1;
+    case pixel_type::int16:
+    case pixel_type::uint16:
+      return 2;
+    case pixel_type::int32:
+    case pixel_type::uint32:
+    case pixel_type::float32:
+      return 4;
+    default:
+      return 8;
+  }
+}
+
+std::int64_t largest_edge(bool volume) { return volume ? largest_edge_volume : largest_edge_2d; }
+
 array_view contiguous_view(const void* data, pixel_type type, host_order order, int ndim,
                            const std::int64_t* shape) {
   array_view a;
@@ -436,7 +438,7 @@ array_view contiguous_view(const void* data, pixel_type type, host_order order, 
   a.type = type;
   a.order = order;
   a.ndim = ndim;
-  std::int64_t stride = static_cast<std::int64_t>(type_size(type));
+  std::int64_t stride = static_cast<std::int64_t>(pixel_size(type));
   for (int k = 0; k < ndim; ++k) {
     const int d = order == host_order::numpy ? ndim - 1 - k : k;
     a.shape[d] = shape[d];

@@ -179,7 +179,8 @@ void fuzz_file(byte_reader& in, Reader read) {
   try {
     const splitmerge::io::grey_image image = read(file_of(in));
     check(image.size_x > 0 && image.size_y > 0 && image.size_z > 0, "an image without pixels");
-    check(static_cast<std::int64_t>(image.values.size()) == image.pixel_count(),
+    check(image.pixels.size() >= static_cast<std::size_t>(image.pixel_count()) *
+                                     splitmerge::frontend::pixel_size(image.type),
           "pixels and sizes disagree");
   } catch (const splitmerge::io::io_error&) {
     // Refused with a message: fine.
@@ -201,18 +202,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       fuzz_npy(in);
       break;
     case 3:
-      fuzz_file(in, splitmerge::io::read_tiff);
+      fuzz_file(in, [](const std::string& path) { return splitmerge::io::read_tiff(path); });
       break;
     case 4: {
       const std::uint8_t volume = in.byte();
       fuzz_file(in, [volume](const std::string& path) {
-        return splitmerge::io::read_nifti(
-            path, volume % 4 == 0 ? std::nullopt : std::optional<std::int64_t>(volume % 4 - 1));
+        splitmerge::io::read_options options;
+        if (volume % 4 != 0) options.volume = volume % 4 - 1;
+        return splitmerge::io::read_nifti(path, options);
       });
       break;
     }
     default:
-      fuzz_file(in, splitmerge::io::read_jpeg);
+      fuzz_file(in, [](const std::string& path) { return splitmerge::io::read_jpeg(path); });
       break;
   }
   return 0;

@@ -65,14 +65,22 @@ bool read_header(jpeg_reader& r) {
   return true;
 }
 
-bool read_rows(jpeg_reader& r, std::vector<JSAMPLE>& pixels) {
+// Decodes the rows into `grey`, one byte a pixel: colour rows through one
+// row buffer (`colour`, a row of samples), turned into grey levels at once.
+bool read_rows(jpeg_reader& r, std::byte* grey, std::vector<JSAMPLE>& colour) {
   if (setjmp(r.on_error)) return false;
-  const std::size_t row_size = std::size_t{r.info.output_width} * r.info.output_components;
+  const std::size_t width = r.info.output_width;
+  const auto channels = static_cast<std::size_t>(r.info.output_components);
   while (r.info.output_scanline < r.info.output_height) {
-    JSAMPROW row = pixels.data() + row_size * r.info.output_scanline;
+    std::byte* out = grey + width * r.info.output_scanline;
+    JSAMPROW row = channels == 1 ? reinterpret_cast<JSAMPROW>(out) : colour.data();
     if (jpeg_read_scanlines(&r.info, &row, 1) != 1) {
       std::snprintf(r.message, sizeof r.message, "the file ends early");
       return false;
+    }
+    for (std::size_t x = 0; channels != 1 && x < width; ++x) {
+      const JSAMPLE* p = colour.data() + x * channels;
+      out[x] = static_cast<std::byte>(grey_of_colour(p[0], p[1], p[2]));
     }
   }
   jpeg_finish_decompress(&r.info);
@@ -81,28 +89,24 @@ bool read_rows(jpeg_reader& r, std::vector<JSAMPLE>& pixels) {
 
 }  // namespace
 
-grey_image read_jpeg(const std::string& path) {
+grey_image read_jpeg(const std::string& path, const read_options& options) {
   jpeg_reader r(path);
   if (r.file == nullptr) throw io_error(path + ": cannot open for reading");
   if (!read_header(r)) throw io_error(path + ": cannot read JPEG: " + r.message);
   const std::int64_t width = r.info.output_width, height = r.info.output_height;
-  check_pixel_count(path, width, height, 1);
+  check_declared_image(path, width, height, 1, pixel_type::uint8, options);
   std::error_code error;
   // JPEG compresses far less than deflate: the same bound holds.
   check_declared_size(path, static_cast<std::uint64_t>(width * height),
                       std::filesystem::file_size(path, error));
-  const int channels = r.info.output_components;
-  std::vector<JSAMPLE> pixels(static_cast<std::size_t>(width * height * channels));
-  if (!read_rows(r, pixels)) throw io_error(path + ": cannot read JPEG: " + r.message);
-
   grey_image out;
   out.size_x = width;
   out.size_y = height;
-  out.values.resize(static_cast<std::size_t>(width * height));
-  for (std::size_t i = 0; i < out.values.size(); ++i) {
-    const JSAMPLE* p = pixels.data() + i * static_cast<std::size_t>(channels);
-    out.values[i] = static_cast<double>(channels == 1 ? p[0] : grey_of_colour(p[0], p[1], p[2]));
-  }
+  out.pixels = pixel_buffer(static_cast<std::size_t>(width * height));
+  const auto channels = static_cast<std::size_t>(r.info.output_components);
+  std::vector<JSAMPLE> colour(channels == 1 ? 0 : static_cast<std::size_t>(width) * channels);
+  if (!read_rows(r, out.pixels.writable(), colour))
+    throw io_error(path + ": cannot read JPEG: " + r.message);
   if (channels != 1) out.note = colour_note(path, "JPEG");
   return out;
 }

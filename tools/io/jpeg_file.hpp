@@ -11,6 +11,6 @@ namespace splitmerge::io {
 // decoded to RGB and become grey levels by the one colour rule
 // (colour_to_grey.hpp). A file that ends early or holds damaged data is
 // refused, not padded with grey as libjpeg would.
-grey_image read_jpeg(const std::string& path);
+grey_image read_jpeg(const std::string& path, const read_options& options = {});
 
 }  // namespace splitmerge::io

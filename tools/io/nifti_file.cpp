@@ -42,37 +42,41 @@ int voxel_bytes(int datatype) {
   }
 }
 
-template <class T>
-void convert(const unsigned char* bytes, std::vector<double>& out) {
-  for (std::size_t i = 0; i < out.size(); ++i) {
-    T v;
-    std::memcpy(&v, bytes + i * sizeof(T), sizeof(T));
-    out[i] = static_cast<double>(v);
+// The pixel type of a data type's voxels (one of those voxel_bytes knows).
+pixel_type voxel_type(int datatype) {
+  switch (datatype) {
+    case DT_UINT8:
+      return pixel_type::uint8;
+    case DT_INT8:
+      return pixel_type::int8;
+    case DT_UINT16:
+      return pixel_type::uint16;
+    case DT_INT16:
+      return pixel_type::int16;
+    case DT_UINT32:
+      return pixel_type::uint32;
+    case DT_INT32:
+      return pixel_type::int32;
+    case DT_UINT64:
+      return pixel_type::uint64;
+    case DT_INT64:
+      return pixel_type::int64;
+    case DT_FLOAT32:
+      return pixel_type::float32;
+    default:
+      return pixel_type::float64;
   }
 }
 
-void convert_voxels(int datatype, const unsigned char* bytes, std::vector<double>& out) {
-  switch (datatype) {
-    case DT_UINT8:
-      return convert<std::uint8_t>(bytes, out);
-    case DT_INT8:
-      return convert<std::int8_t>(bytes, out);
-    case DT_UINT16:
-      return convert<std::uint16_t>(bytes, out);
-    case DT_INT16:
-      return convert<std::int16_t>(bytes, out);
-    case DT_UINT32:
-      return convert<std::uint32_t>(bytes, out);
-    case DT_INT32:
-      return convert<std::int32_t>(bytes, out);
-    case DT_UINT64:
-      return convert<std::uint64_t>(bytes, out);
-    case DT_INT64:
-      return convert<std::int64_t>(bytes, out);
-    case DT_FLOAT32:
-      return convert<float>(bytes, out);
-    default:
-      return convert<double>(bytes, out);
+// The voxels times slope plus intercept, as Out (float or double).
+template <class In, class Out>
+void scale_voxels(const std::byte* from, std::byte* to, std::size_t count, double slope,
+                  double intercept) {
+  for (std::size_t i = 0; i < count; ++i) {
+    In v;
+    std::memcpy(&v, from + i * sizeof(In), sizeof v);
+    const auto scaled = static_cast<Out>(static_cast<double>(v) * slope + intercept);
+    std::memcpy(to + i * sizeof(Out), &scaled, sizeof scaled);
   }
 }
 
@@ -171,26 +175,23 @@ nifti_layout read_layout(znzFile file, const std::string& path) {
   return nifti2_layout(bytes, size != 540, path);
 }
 
-// Reads exactly `bytes` bytes, in pieces, so that a file shorter than its
-// header says costs no more memory than it holds.
-std::vector<unsigned char> read_exactly(znzFile file, std::uint64_t bytes,
-                                        const std::string& path) {
-  std::vector<unsigned char> data;
+// Reads exactly `bytes` bytes into `into`, in pieces, so that a file shorter
+// than its header says touches no more memory than it holds.
+void read_exactly(znzFile file, std::byte* into, std::uint64_t bytes, const std::string& path) {
   constexpr std::size_t piece = std::size_t{1} << 20;
-  while (data.size() < bytes) {
-    const std::size_t want = std::min<std::uint64_t>(piece, bytes - data.size());
-    const std::size_t at = data.size();
-    data.resize(at + want);
-    if (znzread(data.data() + at, 1, want, file) != want)
+  for (std::uint64_t at = 0; at < bytes;) {
+    const std::size_t want = std::min<std::uint64_t>(piece, bytes - at);
+    if (znzread(into + at, 1, want, file) != want)
       throw io_error(path + ": truncated NIfTI file: the header declares " + std::to_string(bytes) +
                      " bytes of voxels, the file holds fewer");
+    at += want;
   }
-  return data;
 }
 
 }  // namespace
 
-grey_image read_nifti(const std::string& path, std::optional<std::int64_t> volume) {
+grey_image read_nifti(const std::string& path, const read_options& options) {
+  const std::optional<std::int64_t> volume = options.volume;
   const bool compressed = nifti_is_gzfile(path.c_str()) != 0;
   std::error_code error;
   const std::uint64_t file_size = std::filesystem::file_size(path, error);
@@ -225,8 +226,6 @@ grey_image read_nifti(const std::string& path, std::optional<std::int64_t> volum
     throw io_error(path + ": --volume " + std::to_string(picked) + " is not among its " +
                    std::to_string(volumes) + " volume" + (volumes == 1 ? "" : "s") + " (0 to " +
                    std::to_string(volumes - 1) + ")");
-  check_pixel_count(path, size[1], size[2], size[3]);
-
   const int bytes_per_voxel = voxel_bytes(l.datatype);
   if (bytes_per_voxel == 0)
     throw io_error(path + ": NIfTI data type " + nifti_datatype_string(l.datatype) +
@@ -234,6 +233,8 @@ grey_image read_nifti(const std::string& path, std::optional<std::int64_t> volum
   if (l.bitpix != 8 * bytes_per_voxel)
     throw io_error(path + ": damaged " + kind + " header (bitpix " + std::to_string(l.bitpix) +
                    " for data type " + nifti_datatype_string(l.datatype) + ")");
+  const pixel_type stored = voxel_type(l.datatype);
+  check_declared_image(path, size[1], size[2], size[3], stored, options);
   // The voxels start after the header and its four extension bytes, at a
   // whole byte within the file.
   const std::int64_t first_offset = l.header_bytes + 4;
@@ -257,22 +258,37 @@ grey_image read_nifti(const std::string& path, std::optional<std::int64_t> volum
   if (znzseek(file.get(), static_cast<znz_off_t>(start), SEEK_SET) < 0)
     throw io_error(path + ": truncated " + kind + " file: no voxels at byte " +
                    std::to_string(start));
-  std::vector<unsigned char> data = read_exactly(file.get(), volume_bytes, path);
-  if (l.swapped) nifti_swap_Nbytes(voxels, bytes_per_voxel, data.data());
-
   grey_image out;
   out.size_x = size[1];
   out.size_y = size[2];
   out.size_z = size[3];
   out.dimensions = out.size_z > 1 ? 3 : 2;
-  out.values.resize(voxels);
-  convert_voxels(l.datatype, data.data(), out.values);
+  out.type = stored;
+  out.pixels = pixel_buffer(volume_bytes);
+  read_exactly(file.get(), out.pixels.writable(), volume_bytes, path);
+  if (l.swapped) nifti_swap_Nbytes(voxels, bytes_per_voxel, out.pixels.writable());
   out.nifti_header.assign(reinterpret_cast<const char*>(&l.as_nifti1), sizeof l.as_nifti1);
-  // As libniftiio does: a zero or non-finite slope means no scaling.
+  // As libniftiio does: a zero or non-finite slope means no scaling. Scaled
+  // values are floats: of 32 bits for voxels that have no more digits, else 64.
   const double slope = l.slope, intercept = l.intercept;
   if (std::isfinite(slope) && slope != 0.0 && std::isfinite(intercept) &&
-      (slope != 1.0 || intercept != 0.0))
-    for (auto& v : out.values) v = v * slope + intercept;
+      (slope != 1.0 || intercept != 0.0)) {
+    const bool narrow = bytes_per_voxel <= 2 || stored == pixel_type::float32;
+    out.type = narrow ? pixel_type::float32 : pixel_type::float64;
+    pixel_buffer scaled = frontend::pixel_size(out.type) == frontend::pixel_size(stored)
+                              ? out.pixels
+                              : pixel_buffer(voxels * frontend::pixel_size(out.type));
+    with_pixel_type(stored, [&](auto in) {
+      const std::byte* from = out.pixels.data();
+      std::byte* to = scaled.writable();
+      if (narrow) {
+        scale_voxels<decltype(in), float>(from, to, voxels, slope, intercept);
+      } else {
+        scale_voxels<decltype(in), double>(from, to, voxels, slope, intercept);
+      }
+    });
+    out.pixels = std::move(scaled);
+  }
   return out;
 }
 

@@ -9,12 +9,13 @@
 
 namespace splitmerge::io {
 
-// Reads one volume of integer or floating-point voxels; x is the first (fastest)
-// dimension. The header's scaling (scl_slope, scl_inter) is applied. A 4-D
-// file needs `volume` (0-based). Every field that sizes or places the voxels is
+// Reads one volume of integer or floating-point voxels in their stored type;
+// x is the first (fastest) dimension. The header's scaling (scl_slope,
+// scl_inter) is applied, the values then floats. A 4-D file needs
+// options.volume (0-based). Every field that sizes or places the voxels is
 // checked against the file before anything is allocated; the header is kept
 // (as NIfTI-1) for the outputs.
-grey_image read_nifti(const std::string& path, std::optional<std::int64_t> volume);
+grey_image read_nifti(const std::string& path, const read_options& options);
 
 // How to turn a stored slice (x along columns, y along rows) into a picture
 // that follows the scan's orientation in the radiological convention: the

@@ -1,9 +1,11 @@
 #include "npy.hpp"
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -83,76 +85,112 @@ io_error write_failure(const std::string& path) {
   return io_error(path + ": write failed (" + std::strerror(errno) + ")");
 }
 
-npy_array parse_npy(const std::string& bytes, const std::string& name) {
+namespace {
+
+// The size of the preamble and header at the start of `bytes`, from the
+// preamble alone.
+std::size_t npy_header_end(const std::string& bytes, const std::string& name) {
   if (bytes.size() < 10 || std::memcmp(bytes.data(), "\x93NUMPY", 6) != 0)
     throw io_error(name + ": not a .npy file");
   const auto major = static_cast<unsigned char>(bytes[6]);
-  std::size_t header_len;
-  std::size_t offset;
-  if (major == 1) {
-    header_len = static_cast<unsigned char>(bytes[8]) |
-                 (static_cast<std::size_t>(static_cast<unsigned char>(bytes[9])) << 8);
-    offset = 10;
-  } else {
-    if (bytes.size() < 12) throw io_error(name + ": truncated .npy header");
-    header_len = 0;
-    for (int i = 3; i >= 0; --i)
-      header_len = (header_len << 8) | static_cast<unsigned char>(bytes[8 + i]);
-    offset = 12;
-  }
-  if (bytes.size() < offset + header_len) throw io_error(name + ": truncated .npy header");
-  const std::string header = bytes.substr(offset, header_len);
-  offset += header_len;
+  if (major == 1)
+    return 10 + (static_cast<unsigned char>(bytes[8]) |
+                 (static_cast<std::size_t>(static_cast<unsigned char>(bytes[9])) << 8));
+  if (bytes.size() < 12) throw io_error(name + ": truncated .npy header");
+  std::size_t header_len = 0;
+  for (int i = 3; i >= 0; --i)
+    header_len = (header_len << 8) | static_cast<unsigned char>(bytes[8 + i]);
+  return 12 + header_len;
+}
 
-  npy_array a;
+npy_header parse_npy_header(const std::string& bytes, const std::string& name) {
+  npy_header h;
+  h.data_offset = npy_header_end(bytes, name);
+  if (bytes.size() < h.data_offset) throw io_error(name + ": truncated .npy header");
+  const std::size_t start = static_cast<unsigned char>(bytes[6]) == 1 ? 10 : 12;
+  const std::string header = bytes.substr(start, h.data_offset - start);
+
   std::string descr = header_value(header, "descr", name);
   if (descr.size() < 2 || descr[0] != '\'') throw io_error(name + ": malformed .npy dtype");
   descr = descr.substr(1, descr.find('\'', 1) - 1);
-  a.dtype = descr;
-  const bool fortran = header_value(header, "fortran_order", name).rfind("True", 0) == 0;
-  a.shape = parse_shape(header_value(header, "shape", name), name);
+  h.dtype = descr;
+  h.fortran_order = header_value(header, "fortran_order", name).rfind("True", 0) == 0;
+  h.shape = parse_shape(header_value(header, "shape", name), name);
 
   if (descr.size() < 3) throw io_error(name + ": unsupported .npy dtype '" + descr + "'");
-  const char order = descr[0];
-  const char kind = descr[1];
-  int size = 0;
+  h.kind = descr[1];
   try {
-    size = std::stoi(descr.substr(2));
+    h.item_bytes = std::stoi(descr.substr(2));
   } catch (const std::logic_error&) {
     throw io_error(name + ": unsupported .npy dtype '" + descr + "'");
   }
-  const bool floating = kind == 'f' && (size == 4 || size == 8);
-  if (!floating && ((kind != 'i' && kind != 'u' && kind != 'b') ||
+  const int size = h.item_bytes;
+  const bool floating = h.kind == 'f' && (size == 4 || size == 8);
+  if (!floating && ((h.kind != 'i' && h.kind != 'u' && h.kind != 'b') ||
                     (size != 1 && size != 2 && size != 4 && size != 8)))
     throw io_error(name + ": unsupported .npy dtype '" + descr +
                    "' (integers, booleans, float32 or float64 only)");
-  const bool big_endian = order == '>';
+  h.big_endian = descr[0] == '>';
 
-  std::int64_t count = 1;
-  for (const auto d : a.shape) {
-    if (d != 0 && count > (std::int64_t{1} << 40) / d) throw io_error(name + ": array too large");
-    count *= d;
+  h.count = 1;
+  for (const auto d : h.shape) {
+    if (d != 0 && h.count > (std::int64_t{1} << 40) / d) throw io_error(name + ": array too large");
+    h.count *= d;
   }
+  return h;
+}
+
+}  // namespace
+
+npy_array parse_npy(const std::string& bytes, const std::string& name) {
+  const npy_header h = parse_npy_header(bytes, name);
+  npy_array a;
+  a.dtype = h.dtype;
+  a.shape = h.shape;
+  const std::int64_t count = h.count;
+  const int size = h.item_bytes;
+  const std::size_t offset = h.data_offset;
   if (bytes.size() - offset < static_cast<std::size_t>(count) * static_cast<std::size_t>(size))
     throw io_error(name + ": .npy data is shorter than its shape says");
   const auto* data = reinterpret_cast<const unsigned char*>(bytes.data()) + offset;
-  if (floating) {
+  if (a.is_floating()) {
     a.floating_values.resize(static_cast<std::size_t>(count));
     for (std::int64_t i = 0; i < count; ++i) {
       const auto bits =
-          static_cast<std::uint64_t>(read_value(data + i * size, 'u', size, big_endian));
+          static_cast<std::uint64_t>(read_value(data + i * size, 'u', size, h.big_endian));
       a.floating_values[static_cast<std::size_t>(i)] =
           size == 4 ? static_cast<double>(std::bit_cast<float>(static_cast<std::uint32_t>(bits)))
                     : std::bit_cast<double>(bits);
     }
-    if (fortran) to_c_order(a.shape, a.floating_values);
+    if (h.fortran_order) to_c_order(a.shape, a.floating_values);
   } else {
     a.values.resize(static_cast<std::size_t>(count));
     for (std::int64_t i = 0; i < count; ++i)
-      a.values[static_cast<std::size_t>(i)] = read_value(data + i * size, kind, size, big_endian);
-    if (fortran) to_c_order(a.shape, a.values);
+      a.values[static_cast<std::size_t>(i)] =
+          read_value(data + i * size, h.kind, size, h.big_endian);
+    if (h.fortran_order) to_c_order(a.shape, a.values);
   }
   return a;
+}
+
+npy_header read_npy_header(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw io_error(path + ": cannot open for reading");
+  std::string bytes(12, '\0');
+  in.read(bytes.data(), 12);
+  bytes.resize(static_cast<std::size_t>(in.gcount()));
+  const std::size_t end = npy_header_end(bytes, path);
+  if (end > bytes.size()) {
+    const std::size_t have = bytes.size();
+    std::error_code error;
+    if (end > std::filesystem::file_size(path, error) || error)
+      throw io_error(path + ": truncated .npy header");
+    bytes.resize(end);
+    in.read(bytes.data() + have, static_cast<std::streamsize>(end - have));
+    if (static_cast<std::size_t>(in.gcount()) != end - have)
+      throw io_error(path + ": truncated .npy header");
+  }
+  return parse_npy_header(bytes, path);
 }
 
 npy_array read_npy(const std::string& path) {
@@ -183,28 +221,31 @@ std::string npy_int32_header(const std::vector<std::int64_t>& shape, std::size_t
   return out + header;
 }
 
-std::string format_npy_int32(const std::vector<std::int64_t>& shape, const std::int32_t* data) {
-  std::int64_t count = 1;
-  for (const auto d : shape) count *= d;
-  std::string out = npy_int32_header(shape, 0);
-  const std::size_t start = out.size();
-  out.resize(start + static_cast<std::size_t>(count) * 4);
-  for (std::int64_t i = 0; i < count; ++i) {
-    const auto u = static_cast<std::uint32_t>(data[i]);
-    for (int b = 0; b < 4; ++b)
-      out[start + static_cast<std::size_t>(i) * 4 + static_cast<std::size_t>(b)] =
-          static_cast<char>((u >> (8 * b)) & 0xFF);
-  }
-  return out;
-}
-
 void write_npy_int32(const std::string& path, const std::vector<std::int64_t>& shape,
                      const std::int32_t* data) {
-  const std::string bytes = format_npy_int32(shape, data);
+  // Written as the values lie (in pieces on a big-endian machine): the
+  // labels are the largest array the program holds, so no copy is made.
+  std::int64_t count = 1;
+  for (const auto d : shape) count *= d;
+  const std::string header = npy_int32_header(shape, 0);
   std::FILE* file = std::fopen(path.c_str(), "wb");
   if (file == nullptr) throw write_failure(path);
-  const bool written =
-      std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size() && std::fflush(file) == 0;
+  bool written = std::fwrite(header.data(), 1, header.size(), file) == header.size();
+  constexpr std::int64_t piece = std::int64_t{1} << 20;
+  for (std::int64_t at = 0; written && at < count; at += piece) {
+    const std::int64_t n = std::min(piece, count - at);
+    if constexpr (std::endian::native == std::endian::little) {
+      written = std::fwrite(data + at, 4, static_cast<std::size_t>(n), file) ==
+                static_cast<std::size_t>(n);
+    } else {
+      std::string bytes(static_cast<std::size_t>(n) * 4, '\0');
+      for (std::size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<char>(
+            (static_cast<std::uint32_t>(data[at + i / 4]) >> (8 * (i % 4))) & 0xFF);
+      written = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
+    }
+  }
+  written = written && std::fflush(file) == 0;
   const int problem = errno;
   if (std::fclose(file) != 0 && written) throw write_failure(path);
   errno = problem;

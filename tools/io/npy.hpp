@@ -12,6 +12,10 @@ namespace splitmerge::io {
 struct io_error : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
+// An image whose pixels and labels alone exceed the memory budget.
+struct memory_error : io_error {
+  using io_error::io_error;
+};
 
 // "PATH: write failed (REASON)", the reason from errno: every writer's message.
 io_error write_failure(const std::string& path);
@@ -31,10 +35,25 @@ struct npy_array {
 npy_array read_npy(const std::string& path);
 npy_array parse_npy(const std::string& bytes, const std::string& name = "array");
 
-// Writes a little-endian int32 array in C order.
+// What a .npy header says of the data after it.
+struct npy_header {
+  std::vector<std::int64_t> shape;
+  std::string dtype;  // as the file states it, e.g. "<i4"
+  char kind = 'i';    // 'i', 'u', 'b' or 'f'
+  int item_bytes = 1;
+  bool big_endian = false;
+  bool fortran_order = false;
+  std::size_t data_offset = 0;  // where the data start in the file
+  std::int64_t count = 0;       // elements
+};
+
+// The header of the file, checked (a supported dtype, a sane shape); the data
+// are not read. Throws io_error.
+npy_header read_npy_header(const std::string& path);
+
+// Writes a little-endian int32 array in C order, straight from `data`.
 void write_npy_int32(const std::string& path, const std::vector<std::int64_t>& shape,
                      const std::int32_t* data);
-std::string format_npy_int32(const std::vector<std::int64_t>& shape, const std::int32_t* data);
 
 // The preamble and header of a little-endian int32 C-order array, padded to
 // at least `at_least` bytes (and a multiple of 64).

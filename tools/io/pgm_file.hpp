@@ -8,7 +8,8 @@
 
 namespace splitmerge::io {
 
-grey_image read_pgm(const std::string& path);
+// 8-bit pixels for a maximum value up to 255, else 16-bit.
+grey_image read_pgm(const std::string& path, const read_options& options = {});
 grey_image parse_pgm(const std::string& bytes, const std::string& name);
 
 // Writes a binary 8-bit grey map (P5, maxval 255).

@@ -2,9 +2,11 @@
 
 #include <png.h>
 
+#include <bit>
 #include <cerrno>
 #include <csetjmp>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <new>
 #include <vector>
@@ -64,6 +66,8 @@ struct png_reader {
   png_infop info = nullptr;
   std::FILE* file = nullptr;
   char message[256] = "unknown error";
+  bool alpha = false;
+  int passes = 1;
 
   explicit png_reader(const std::string& path) : file(std::fopen(path.c_str(), "rb")) {
     png = png_create_read_struct(PNG_LIBPNG_VER_STRING, this, on_error, on_warning);
@@ -88,11 +92,15 @@ bool read_png_header(png_reader& r) {
   if (setjmp(png_jmpbuf(r.png))) return false;
   png_init_io(r.png, r.file);
   png_read_info(r.png, r.info);
+  r.alpha = (png_get_color_type(r.png, r.info) & PNG_COLOR_MASK_ALPHA) != 0;
   // Only the expansions that keep values: palette indices to their colours,
-  // 1, 2 and 4-bit grey to 8 bits.
+  // 1, 2 and 4-bit grey to 8 bits; alpha dropped, 16-bit samples in the
+  // machine's byte order.
   png_set_palette_to_rgb(r.png);
   png_set_expand_gray_1_2_4_to_8(r.png);
-  png_set_interlace_handling(r.png);
+  png_set_strip_alpha(r.png);
+  if constexpr (std::endian::native == std::endian::little) png_set_swap(r.png);
+  r.passes = png_set_interlace_handling(r.png);
   png_read_update_info(r.png, r.info);
   return true;
 }
@@ -100,13 +108,35 @@ bool read_png_header(png_reader& r) {
 bool read_png_rows(png_reader& r, png_bytepp rows) {
   if (setjmp(png_jmpbuf(r.png))) return false;
   png_read_image(r.png, rows);
+  return true;
+}
+
+bool read_png_row(png_reader& r, png_bytep row) {
+  if (setjmp(png_jmpbuf(r.png))) return false;
+  png_read_row(r.png, row, nullptr);
+  return true;
+}
+
+bool finish_png(png_reader& r) {
+  if (setjmp(png_jmpbuf(r.png))) return false;
   png_read_end(r.png, nullptr);
   return true;
 }
 
+// The luma of a row of RGB samples of type T into a row of grey T.
+template <class T>
+void grey_row(const unsigned char* rgb, std::size_t width, std::byte* out) {
+  for (std::size_t x = 0; x < width; ++x) {
+    T c[3];
+    std::memcpy(c, rgb + 3 * sizeof(T) * x, sizeof c);
+    const auto v = static_cast<T>(grey_of_colour(c[0], c[1], c[2]));
+    std::memcpy(out + sizeof(T) * x, &v, sizeof v);
+  }
+}
+
 }  // namespace
 
-grey_image read_png(const std::string& path) {
+grey_image read_png(const std::string& path, const read_options& options) {
   png_reader r(path);
   if (r.file == nullptr) throw io_error(path + ": cannot open for reading");
   if (r.png == nullptr || r.info == nullptr) throw std::bad_alloc();
@@ -116,34 +146,49 @@ grey_image read_png(const std::string& path) {
   const int channels = png_get_channels(r.png, r.info);
   const int depth = png_get_bit_depth(r.png, r.info);
   const std::size_t row_bytes = png_get_rowbytes(r.png, r.info);
-  check_pixel_count(path, width, height, 1);
-  std::error_code error;
-  check_declared_size(path, std::uint64_t{row_bytes} * height,
-                      std::filesystem::file_size(path, error));
-  if ((depth != 8 && depth != 16) || channels < 1 || channels > 4)
+  if ((depth != 8 && depth != 16) || (channels != 1 && channels != 3))
     throw io_error(path + ": unsupported PNG layout");
-
-  std::vector<unsigned char> pixels(row_bytes * height);
-  std::vector<png_bytep> rows(height);
-  for (png_uint_32 y = 0; y < height; ++y) rows[y] = pixels.data() + row_bytes * y;
-  if (!read_png_rows(r, rows.data())) throw io_error(path + ": cannot read PNG: " + r.message);
-
   grey_image out;
   out.size_x = width;
   out.size_y = height;
-  out.values.resize(static_cast<std::size_t>(out.pixel_count()));
-  const std::size_t bytes = depth / 8;
-  const auto sample = [&](std::size_t pixel, int channel) -> std::int64_t {
-    const unsigned char* p = pixels.data() + (pixel * channels + channel) * bytes;
-    return bytes == 1 ? p[0] : (p[0] << 8) | p[1];  // PNG stores 16 bits big-endian
+  out.type = depth == 16 ? pixel_type::uint16 : pixel_type::uint8;
+  check_declared_image(path, width, height, 1, out.type, options);
+  std::error_code error;
+  check_declared_size(path, std::uint64_t{row_bytes} * height,
+                      std::filesystem::file_size(path, error));
+
+  // Grey rows are decoded in place; colour ones a row at a time (all of
+  // them when interlaced), each turned into its grey row at once.
+  const std::size_t grey_bytes = std::size_t{width} * (depth / 8);
+  out.pixels = pixel_buffer(grey_bytes * height);
+  std::byte* grey = out.pixels.writable();
+  const bool colour = channels == 3;
+  const bool whole = !colour || r.passes > 1;
+  std::vector<unsigned char> colour_rows(colour ? row_bytes * (whole ? height : 1) : 0);
+  const auto row_at = [&](png_uint_32 y) {
+    return colour ? colour_rows.data() + (whole ? row_bytes * y : 0)
+                  : reinterpret_cast<png_bytep>(grey + grey_bytes * y);
   };
-  const bool colour = channels >= 3;
-  for (std::size_t i = 0; i < out.values.size(); ++i) {
-    out.values[i] = static_cast<double>(
-        colour ? grey_of_colour(sample(i, 0), sample(i, 1), sample(i, 2)) : sample(i, 0));
+  const auto to_grey = [&](png_uint_32 y) {
+    if (depth == 8) grey_row<std::uint8_t>(row_at(y), width, grey + grey_bytes * y);
+    if (depth == 16) grey_row<std::uint16_t>(row_at(y), width, grey + grey_bytes * y);
+  };
+  bool read = true;
+  if (whole) {
+    std::vector<png_bytep> rows(height);
+    for (png_uint_32 y = 0; y < height; ++y) rows[y] = row_at(y);
+    read = read_png_rows(r, rows.data());
+    if (colour)
+      for (png_uint_32 y = 0; y < height && read; ++y) to_grey(y);
+  } else {
+    for (png_uint_32 y = 0; y < height && read; ++y) {
+      read = read_png_row(r, row_at(y));
+      if (read) to_grey(y);
+    }
   }
+  if (!read || !finish_png(r)) throw io_error(path + ": cannot read PNG: " + r.message);
   if (colour) out.note = colour_note(path, "PNG");
-  if (channels == 2 || channels == 4)
+  if (r.alpha)
     out.note += std::string(out.note.empty() ? "" : "; ") + path +
                 " has an alpha channel, which is ignored";
   return out;

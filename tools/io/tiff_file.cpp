@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <memory>
 #include <vector>
 
@@ -60,34 +61,13 @@ std::string problem(const std::string& path, const std::string& what) {
   return path + ": " + what + (last_tiff_error.empty() ? "" : " (" + last_tiff_error + ")");
 }
 
-template <class T>
-double sample_at(const unsigned char* row, std::uint32_t x) {
-  T v;
-  std::memcpy(&v, row + x * sizeof(T), sizeof(T));
-  return static_cast<double>(v);
-}
-
-// One row of samples as doubles, by bit depth and sample format.
-double sample(const unsigned char* row, std::uint32_t x, std::uint16_t bits, std::uint16_t format) {
-  if (format == SAMPLEFORMAT_IEEEFP)
-    return bits == 32 ? sample_at<float>(row, x) : sample_at<double>(row, x);
-  const bool is_signed = format == SAMPLEFORMAT_INT;
-  switch (bits) {
-    case 8:
-      return is_signed ? sample_at<std::int8_t>(row, x) : sample_at<std::uint8_t>(row, x);
-    case 16:
-      return is_signed ? sample_at<std::int16_t>(row, x) : sample_at<std::uint16_t>(row, x);
-    default:
-      return is_signed ? sample_at<std::int32_t>(row, x) : sample_at<std::uint32_t>(row, x);
-  }
-}
-
 // What a page holds, from its tags.
 struct page_layout {
   std::uint32_t width = 0, height = 0, rows_per_strip = 0;
   std::uint16_t bits = 1, samples = 1, format = SAMPLEFORMAT_UINT, photometric = 0;
   std::uint16_t planar = PLANARCONFIG_CONTIG, compression = COMPRESSION_NONE;
-  bool colour = false;  // RGB, read as its luma
+  bool colour = false;                  // RGB, read as its luma
+  pixel_type type = pixel_type::uint8;  // of the samples, and of the grey pixels
 };
 
 page_layout layout_of(TIFF* tif, const std::string& path, const std::string& where) {
@@ -120,6 +100,14 @@ page_layout layout_of(TIFF* tif, const std::string& path, const std::string& whe
                    "-bit samples of an unsupported kind (8, 16, 32-bit integers or 32, " +
                    "64-bit floats)");
   if (TIFFIsTiled(tif)) throw io_error(path + ": tiled TIFFs are not supported");
+  if (l.format == SAMPLEFORMAT_IEEEFP) {
+    l.type = l.bits == 32 ? pixel_type::float32 : pixel_type::float64;
+  } else {
+    const bool is_signed = l.format == SAMPLEFORMAT_INT;
+    l.type = l.bits == 8    ? (is_signed ? pixel_type::int8 : pixel_type::uint8)
+             : l.bits == 16 ? (is_signed ? pixel_type::int16 : pixel_type::uint16)
+                            : (is_signed ? pixel_type::int32 : pixel_type::uint32);
+  }
   return l;
 }
 
@@ -157,20 +145,55 @@ void check_strips(TIFF* tif, const page_layout& l, const std::string& path,
   check_declared_size(path, TIFFVStripSize64(tif, l.height) * planes, stored);
 }
 
+// One row of grey pixels of type T from the channels' samples (`step`
+// samples apart): the luma of RGB, or the grey sample, inverted when white
+// is 0.
+template <class T>
+void grey_row(const unsigned char* const* channel, std::size_t step, std::uint32_t width,
+              bool colour, bool inverted, std::byte* out) {
+  for (std::uint32_t x = 0; x < width; ++x) {
+    const auto at = [&](int c) {
+      T v;
+      std::memcpy(&v, channel[c] + x * step * sizeof(T), sizeof v);
+      return v;
+    };
+    T v = colour ? static_cast<T>(grey_of_colour(static_cast<std::int64_t>(at(0)),
+                                                 static_cast<std::int64_t>(at(1)),
+                                                 static_cast<std::int64_t>(at(2))))
+                 : at(0);
+    if (inverted) v = static_cast<T>(std::numeric_limits<T>::max() - v);
+    std::memcpy(out + x * sizeof(T), &v, sizeof v);
+  }
+}
+
+// Makes room for page `page` (0-based) of `page_bytes` in the image's
+// buffer: for all `pages` counted at the start, more only if more come.
+void room_for_page(grey_image& out, std::int64_t page, std::int64_t pages, std::size_t page_bytes) {
+  const auto needed = static_cast<std::size_t>(page + 1) * page_bytes;
+  if (out.pixels.size() >= needed) return;
+  const auto counted = static_cast<std::size_t>(std::max(page + 1, pages)) * page_bytes;
+  pixel_buffer larger(std::max(counted, 2 * out.pixels.size()));
+  if (out.pixels.size() != 0) std::memcpy(larger.writable(), out.pixels.data(), out.pixels.size());
+  out.pixels = std::move(larger);
+}
+
 void read_page(TIFF* tif, const std::string& path, grey_image& out, std::int64_t page,
-               std::uint64_t file_size) {
+               std::int64_t pages, std::uint64_t file_size, const read_options& options) {
   const std::string where = "page " + std::to_string(page + 1);
   const page_layout l = layout_of(tif, path, where);
   if (page == 0) {
     out.size_x = l.width;
     out.size_y = l.height;
+    out.type = l.type;
     if (l.colour) out.note = colour_note(path, "TIFF");
   } else if (l.width != out.size_x || l.height != out.size_y) {
     throw io_error(path + ": " + where + " is " + std::to_string(l.width) + " x " +
                    std::to_string(l.height) + ", unlike page 1");
+  } else if (l.type != out.type) {
+    throw io_error(path + ": " + where + " has samples of another type than page 1");
   }
   if (out.size_x < 1 || out.size_y < 1) throw io_error(path + ": TIFF page without pixels");
-  check_pixel_count(path, out.size_x, out.size_y, page + 1);
+  check_declared_image(path, out.size_x, out.size_y, std::max(page + 1, pages), out.type, options);
   check_strips(tif, l, path, where, file_size);
 
   // Interleaved samples are decoded row by row; planes one after another
@@ -194,26 +217,21 @@ void read_page(TIFF* tif, const std::string& path, grey_image& out, std::int64_t
   } else {
     planes[0].resize(row_bytes);
   }
-  const auto value = [&](std::uint32_t x, std::uint32_t y, std::uint16_t c) {
-    return separate ? sample(planes[c].data() + row_bytes * y, x, l.bits, l.format)
-                    : sample(planes[0].data(), x * stride + c, l.bits, l.format);
-  };
-  const double white = l.format == SAMPLEFORMAT_UINT ? double((1ull << l.bits) - 1) : 0;
+  const std::size_t sample = frontend::pixel_size(l.type);
+  const std::size_t grey_row_bytes = std::size_t{l.width} * sample;
+  const std::size_t page_bytes = grey_row_bytes * l.height;
+  room_for_page(out, page, pages, page_bytes);
   const bool inverted = l.photometric == PHOTOMETRIC_MINISWHITE && l.format == SAMPLEFORMAT_UINT;
   for (std::uint32_t y = 0; y < l.height; ++y) {
     if (!separate) read_row(planes[0].data(), y, 0);
-    for (std::uint32_t x = 0; x < l.width; ++x) {
-      if (l.colour) {
-        const auto channel = [&](std::uint16_t c) {
-          return static_cast<std::int64_t>(value(x, y, c));
-        };
-        out.values.push_back(
-            static_cast<double>(grey_of_colour(channel(0), channel(1), channel(2))));
-      } else {
-        const double v = value(x, y, 0);
-        out.values.push_back(inverted ? white - v : v);
-      }
-    }
+    const unsigned char* channel[3];
+    for (std::uint16_t c = 0; c < used; ++c)
+      channel[c] = separate ? planes[c].data() + row_bytes * y : planes[0].data() + c * sample;
+    std::byte* to =
+        out.pixels.writable() + page_bytes * static_cast<std::size_t>(page) + grey_row_bytes * y;
+    with_pixel_type(l.type, [&](auto tag) {
+      grey_row<decltype(tag)>(channel, stride, l.width, l.colour, inverted, to);
+    });
   }
 }
 
@@ -245,18 +263,25 @@ void check_directory(TIFF* tif, const std::string& path, std::int64_t page,
 
 }  // namespace
 
-grey_image read_tiff(const std::string& path) {
+grey_image read_tiff(const std::string& path, const read_options& options) {
   install_handlers();
   std::error_code error;
   const std::uint64_t file_size = std::filesystem::file_size(path, error);
   if (error) throw io_error(path + ": cannot read TIFF (" + error.message() + ")");
   const tiff_handle tif(TIFFOpen(path.c_str(), "r"));
   if (!tif) throw io_error(problem(path, "cannot read TIFF"));
+  // The page count sizes the buffer and the memory check before any pixels
+  // are read; counting only follows the page links (the pages are checked as
+  // they are read), so what it reports is not the first page's problem.
+  const std::string first_page_warning = last_tiff_warning;
+  const auto counted = static_cast<std::int64_t>(TIFFNumberOfDirectories(tif.get()));
+  last_tiff_error.clear();
+  last_tiff_warning = first_page_warning;
   grey_image out;
   std::int64_t pages = 0;
   for (;;) {
     check_directory(tif.get(), path, pages, file_size);
-    read_page(tif.get(), path, out, pages, file_size);
+    read_page(tif.get(), path, out, pages, counted, file_size, options);
     ++pages;
     // A page that the one before points to must be there: a cut file would
     // otherwise end early, silently.

@@ -9,8 +9,10 @@
 namespace splitmerge::io {
 
 // Reads grey TIFFs of 8, 16 or 32-bit integers or 32/64-bit floats, stored in
-// strips. A file of several pages is a volume; all pages must be the same size.
-grey_image read_tiff(const std::string& path);
+// strips, in their own sample type (colour ones as their luma, of the same
+// type). A file of several pages is a volume; all pages must be the same size
+// and type.
+grey_image read_tiff(const std::string& path, const read_options& options = {});
 
 enum class tiff_pixel { grey8, int32 };
 

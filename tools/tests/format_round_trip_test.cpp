@@ -32,8 +32,10 @@ std::vector<std::int32_t> pattern(std::size_t n, std::int32_t modulo) {
   return v;
 }
 
+// The size, and the pixel type the file stores (held as it is, not widened).
 void expect_size(const io::grey_image& image, std::int64_t x, std::int64_t y, std::int64_t z,
-                 int dimensions) {
+                 int dimensions, io::pixel_type type) {
+  EXPECT_EQ(image.type, type);
   EXPECT_EQ(image.size_x, x);
   EXPECT_EQ(image.size_y, y);
   EXPECT_EQ(image.size_z, z);
@@ -45,8 +47,8 @@ TEST(NpyFormat, ReadsIntegerDtypesInBothOrders) {
   const auto values = pattern(2 * 3 * 4, 256);  // (Z, Y, X) = (2, 3, 4)
   io::write_npy_int32((dir / "c.npy").string(), {2, 3, 4}, values.data());
   const auto c = io::read_grey_image((dir / "c.npy").string());
-  expect_size(c, 4, 3, 2, 3);
-  EXPECT_EQ(c.values, as_doubles(values));
+  expect_size(c, 4, 3, 2, 3, io::pixel_type::int32);
+  EXPECT_EQ(c.values(), as_doubles(values));
 
   // The same array in Fortran order: element (z, y, x) stored at z + 2 y + 6 x.
   std::vector<std::uint8_t> fortran(values.size());
@@ -56,13 +58,13 @@ TEST(NpyFormat, ReadsIntegerDtypesInBothOrders) {
         fortran[static_cast<std::size_t>(z + 2 * y + 6 * x)] =
             static_cast<std::uint8_t>(values[static_cast<std::size_t>(x + 4 * y + 12 * z)]);
   testing::write_npy_raw(dir / "f.npy", "|u1", {2, 3, 4}, true, bytes_of(fortran));
-  EXPECT_EQ(io::read_grey_image((dir / "f.npy").string()).values, as_doubles(values));
+  EXPECT_EQ(io::read_grey_image((dir / "f.npy").string()).values(), as_doubles(values));
 
   const std::vector<std::int16_t> big = {static_cast<std::int16_t>(0x0100), 0x0200};  // 1, 2
   testing::write_npy_raw(dir / "b.npy", ">i2", {1, 2}, false, bytes_of(big));
   const auto b = io::read_grey_image((dir / "b.npy").string());
-  expect_size(b, 2, 1, 1, 2);
-  EXPECT_EQ(b.values, (std::vector<double>{1, 2}));
+  expect_size(b, 2, 1, 1, 2, io::pixel_type::int16);
+  EXPECT_EQ(b.values(), (std::vector<double>{1, 2}));
 }
 
 TEST(PngFormat, GreyRoundTripsAndColourBecomesLuma) {
@@ -71,21 +73,22 @@ TEST(PngFormat, GreyRoundTripsAndColourBecomesLuma) {
   const std::vector<std::uint8_t> grey(values.begin(), values.end());
   io::write_png_grey((dir / "g.png").string(), 5, 3, grey.data());
   const auto g = io::read_grey_image((dir / "g.png").string());
-  expect_size(g, 5, 3, 1, 2);
-  EXPECT_EQ(g.values, as_doubles(values));
+  expect_size(g, 5, 3, 1, 2, io::pixel_type::uint8);
+  EXPECT_EQ(g.values(), as_doubles(values));
   EXPECT_TRUE(g.note.empty());
 
   const std::vector<std::uint16_t> deep = {0, 255, 256, 1000, 65535, 7};
   testing::write_png_grey16(dir / "d.png", 3, 2, deep);
-  EXPECT_EQ(io::read_grey_image((dir / "d.png").string()).values,
-            (std::vector<double>{0, 255, 256, 1000, 65535, 7}));
+  const auto d = io::read_grey_image((dir / "d.png").string());
+  expect_size(d, 3, 2, 1, 2, io::pixel_type::uint16);
+  EXPECT_EQ(d.values(), (std::vector<double>{0, 255, 256, 1000, 65535, 7}));
 
   // Red, green, blue, a grey, and a transparent pixel (its stored colour counts).
   const std::vector<std::uint8_t> rgba = {255, 0,   0,  255, 0,  255, 0,   255, 0,   0,
                                           255, 255, 90, 90,  90, 255, 200, 200, 200, 0};
   testing::write_png_rgba(dir / "c.png", 5, 1, rgba);
   const auto c = io::read_grey_image((dir / "c.png").string());
-  EXPECT_EQ(c.values, (std::vector<double>{76, 150, 29, 90, 200}));
+  EXPECT_EQ(c.values(), (std::vector<double>{76, 150, 29, 90, 200}));
   EXPECT_NE(c.note.find("colour PNG"), std::string::npos);
 
   std::vector<std::uint8_t> rgb(2 * 2 * 3);
@@ -103,13 +106,14 @@ TEST(PgmFormat, BinaryAndPlainMapsOfEightAndSixteenBits) {
   const std::vector<std::uint8_t> grey(values.begin(), values.end());
   io::write_pgm((dir / "g.pgm").string(), 4, 6, grey.data());
   const auto g = io::read_grey_image((dir / "g.pgm").string());
-  expect_size(g, 4, 6, 1, 2);
-  EXPECT_EQ(g.values, as_doubles(values));
+  expect_size(g, 4, 6, 1, 2, io::pixel_type::uint8);
+  EXPECT_EQ(g.values(), as_doubles(values));
 
-  EXPECT_EQ(io::parse_pgm("P2\n# a comment\n3 1\n300\n0 299\n300\n", "plain").values,
+  EXPECT_EQ(io::parse_pgm("P2\n# a comment\n3 1\n300\n0 299\n300\n", "plain").values(),
             (std::vector<double>{0, 299, 300}));
-  EXPECT_EQ(io::parse_pgm(std::string("P5 2 1 1000\n\x03\xE8\x00\x07", 16), "deep").values,
-            (std::vector<double>{1000, 7}));
+  const auto deep = io::parse_pgm(std::string("P5 2 1 1000\n\x03\xE8\x00\x07", 16), "deep");
+  expect_size(deep, 2, 1, 1, 2, io::pixel_type::uint16);
+  EXPECT_EQ(deep.values(), (std::vector<double>{1000, 7}));
   EXPECT_THROW(io::parse_pgm("P5 4 4 255\n\x01\x02", "short"), io::io_error);
   EXPECT_THROW(io::parse_pgm("P6 1 1 255\n\x01\x02\x03", "colour"), io::io_error);
 }
@@ -120,24 +124,25 @@ TEST(TiffFormat, PagesAreSlicesForEverySampleType) {
   labels[5] = -7;
   io::write_tiff((dir / "l.tif").string(), 3, 2, 4, labels.data(), io::tiff_pixel::int32);
   const auto l = io::read_grey_image((dir / "l.tif").string());
-  expect_size(l, 3, 2, 4, 3);
-  EXPECT_EQ(l.values, as_doubles(labels));
+  expect_size(l, 3, 2, 4, 3, io::pixel_type::int32);
+  EXPECT_EQ(l.values(), as_doubles(labels));
 
   const auto grey = pattern(4 * 4, 256);
   io::write_tiff((dir / "g.tiff").string(), 4, 4, 1, grey.data(), io::tiff_pixel::grey8);
   const auto g = io::read_grey_image((dir / "g.tiff").string());
-  expect_size(g, 4, 4, 1, 2);
-  EXPECT_EQ(g.values, as_doubles(grey));
+  expect_size(g, 4, 4, 1, 2, io::pixel_type::uint8);
+  EXPECT_EQ(g.values(), as_doubles(grey));
 
   const std::vector<std::uint16_t> deep = {0, 1, 255, 256, 4095, 65535, 12, 13};
   testing::write_tiff_pages(dir / "d.tif", 2, 2, 2, 16, SAMPLEFORMAT_UINT, bytes_of(deep));
-  EXPECT_EQ(io::read_grey_image((dir / "d.tif").string()).values,
+  EXPECT_EQ(io::read_grey_image((dir / "d.tif").string()).values(),
             (std::vector<double>{0, 1, 255, 256, 4095, 65535, 12, 13}));
 
   const std::vector<float> real = {0.5f, -1.25f, 3.0f, 1e6f};
   testing::write_tiff_pages(dir / "f.tif", 2, 2, 1, 32, SAMPLEFORMAT_IEEEFP, bytes_of(real));
-  EXPECT_EQ(io::read_grey_image((dir / "f.tif").string()).values,
-            (std::vector<double>{0.5, -1.25, 3.0, 1e6}));
+  const auto f = io::read_grey_image((dir / "f.tif").string());
+  expect_size(f, 2, 2, 1, 2, io::pixel_type::float32);
+  EXPECT_EQ(f.values(), (std::vector<double>{0.5, -1.25, 3.0, 1e6}));
 }
 
 TEST(NiftiFormat, VolumesOfIntegersAndScaledFloatsWithXFastest) {
@@ -146,20 +151,21 @@ TEST(NiftiFormat, VolumesOfIntegersAndScaledFloatsWithXFastest) {
   const std::vector<std::uint8_t> bytes(values.begin(), values.end());
   testing::write_nifti(dir / "u8.nii", 4, 3, 2, testing::nifti_uint8, bytes_of(bytes));
   const auto u8 = io::read_grey_image((dir / "u8.nii").string());
-  expect_size(u8, 4, 3, 2, 3);
-  EXPECT_EQ(u8.values, as_doubles(values));
+  expect_size(u8, 4, 3, 2, 3, io::pixel_type::uint8);
+  EXPECT_EQ(u8.values(), as_doubles(values));
 
   const std::vector<std::int16_t> signed_values = {-300, 0, 300, 32767, -32768, 5};
   testing::write_nifti(dir / "i16.nii.gz", 3, 2, 1, testing::nifti_int16, bytes_of(signed_values));
   const auto i16 = io::read_grey_image((dir / "i16.nii.gz").string());
-  expect_size(i16, 3, 2, 1, 2);
-  EXPECT_EQ(i16.values, (std::vector<double>{-300, 0, 300, 32767, -32768, 5}));
+  expect_size(i16, 3, 2, 1, 2, io::pixel_type::int16);
+  EXPECT_EQ(i16.values(), (std::vector<double>{-300, 0, 300, 32767, -32768, 5}));
 
   const std::vector<float> real = {0.0f, 1.5f, 2.0f, 4.0f};
   testing::write_nifti(dir / "f32.NII", 2, 2, 1, testing::nifti_float32, bytes_of(real), 2.0f,
                        10.0f);
-  EXPECT_EQ(io::read_grey_image((dir / "f32.NII").string()).values,
-            (std::vector<double>{10, 13, 14, 18}));
+  const auto f32 = io::read_grey_image((dir / "f32.NII").string());
+  expect_size(f32, 2, 2, 1, 2, io::pixel_type::float32);
+  EXPECT_EQ(f32.values(), (std::vector<double>{10, 13, 14, 18}));
 }
 
 TEST(GifFormat, AnimationKeepsFramesPaletteDelaysAndLoops) {

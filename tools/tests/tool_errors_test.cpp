@@ -70,7 +70,15 @@ const std::vector<error_case>& error_cases() {
        write_halves,
        "in.npy --memory-limit 4K",
        3,
-       {"the run needs at least ", "above the memory budget of 3.8 KiB", "--memory-limit SIZE"}},
+       {"the run needs at least ", "above the memory budget of 4.0 KiB", "--memory-limit SIZE"}},
+      {"NpyAboveTheMemoryLimit",  // refused before its (missing) pixels are read
+       [](const scratch_folder& d) {
+         testing::write_npy_raw(d / "in.npy", "<u2", {64, 1024, 1024}, false, "abc");
+       },
+       "in.npy --memory-limit 64M",
+       3,
+       {"in.npy: the image needs at least 384.0 MiB of memory (its pixels and their labels), but "
+        "--memory-limit allows 64.0 MiB"}},
       {"RunGrowsAboveTheMemoryLimit",
        [](const scratch_folder& d) {
          std::vector<std::int32_t> v(128 * 128);
@@ -79,7 +87,7 @@ const std::vector<error_case>& error_cases() {
        },
        "in.npy --memory-limit 256K --quiet",
        3,
-       {"the run stopped at the memory budget of 240.0 KiB", "were in use when it asked for",
+       {"the run stopped at the memory budget of 256.0 KiB", "were in use when it asked for",
         "--memory-limit SIZE"}},
       {"UnknownPredicateName",
        write_halves,
@@ -91,6 +99,21 @@ const std::vector<error_case>& error_cases() {
        "in.npy --frames f.npy --no-display",
        2,
        {"--frames", "--no-display"}},
+      {"FramesEveryWithoutFrames",
+       write_halves,
+       "in.npy --frames-every 2 --labels l.npy",
+       2,
+       {"--frames-every thins the frames of --frames, which is not given"}},
+      {"FramesEveryOfZero",
+       write_halves,
+       "in.npy --frames f.npy --frames-every 0",
+       2,
+       {"--frames-every 0: expected a whole number from 1 to"}},
+      {"FramesEveryMisspelt",
+       write_halves,
+       "in.npy --frame-every 2",
+       2,
+       {"did you mean --frames-every?"}},
       {"LabelFormat",
        write_halves,
        "in.npy --labels l.jpg",

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -184,6 +185,24 @@ TEST(LargeImages, VolumesPadAndCropToAt512PixelsAlongAnEdge) {
             "outputs are 600 x 600, as the input\n");
   EXPECT_EQ(read_npy(dir, "s.npy").shape, (std::vector<std::int64_t>{600, 600}));
   EXPECT_EQ(testing::read_gif(dir / "f.gif").width, 600);
+}
+
+// A frames file that may outgrow its file system is refused before the run,
+// with the --frames-every that fits. The 4096 x 4096 input is a sparse file:
+// mapped, never read.
+TEST(LargeImages, FramesThatMayNotFitTheirDiskAreRefusedBeforeTheRun) {
+  scratch_folder dir;
+  if (std::filesystem::space(dir.path()).available > (std::uint64_t{1} << 42))
+    GTEST_SKIP() << "more than the 4.4 TiB the frames may take is free";
+  testing::write_npy_raw(dir / "in.npy", "|u1", {4096, 4096}, false, "");
+  std::filesystem::resize_file(dir / "in.npy",
+                               std::filesystem::file_size(dir / "in.npy") + 4096 * 4096);
+  const auto run = run_tool(dir, "in.npy --frames f.npy");
+  EXPECT_EQ(run.status, 2);
+  EXPECT_NE(run.err.find("splitmerge: --frames f.npy may take up to "), std::string::npos);
+  EXPECT_NE(run.err.find("free: keep fewer frames with --frames-every "), std::string::npos)
+      << run.err;
+  EXPECT_FALSE(std::filesystem::exists(dir / "f.npy"));
 }
 
 }  // namespace

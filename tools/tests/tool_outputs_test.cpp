@@ -6,6 +6,7 @@
 #include <cmath>
 #include <vector>
 
+#include "frame_stream.hpp"
 #include "grey_image.hpp"
 #include "npy.hpp"
 #include "palette.hpp"
@@ -61,7 +62,7 @@ TEST(Outputs, LabelsAreTheSameInEveryFormat) {
   ASSERT_GE(*std::max_element(npy.values.begin(), npy.values.end()), 2);
 
   const auto tif = io::read_grey_image((dir / "l.tif").string());
-  EXPECT_EQ(tif.values, std::vector<double>(npy.values.begin(), npy.values.end()));
+  EXPECT_EQ(tif.values(), std::vector<double>(npy.values.begin(), npy.values.end()));
 
   int width = 0, height = 0;
   const auto rgb = testing::read_png_rgb(dir / "l.png", width, height);
@@ -75,6 +76,35 @@ TEST(Outputs, LabelsAreTheSameInEveryFormat) {
     expected.push_back(c.b);
   }
   EXPECT_EQ(rgb, expected);
+}
+
+// --frames-every N keeps frames 0, N, 2N, ... and always the last; the
+// file's bound names the smallest N whose frames fit a given room.
+TEST(Outputs, FramesEveryKeepsEveryNthFrameAndTheLast) {
+  scratch_folder dir;
+  std::vector<std::int32_t> noise(64 * 64);  // many blocks: a frame every 1001 of them
+  std::uint32_t state = 5;
+  for (auto& v : noise)
+    v = static_cast<std::int32_t>((state = state * 1664525u + 1013904223u) >> 24);
+  io::write_npy_int32((dir / "in.npy").string(), {64, 64}, noise.data());
+  ASSERT_EQ(run_tool(dir, "in.npy --quiet --frames all.npy").status, 0);
+  ASSERT_EQ(run_tool(dir, "in.npy --quiet --frames f.npy --frames-every 3").status, 0);
+  const auto all = read_npy(dir, "all.npy");
+  const std::int64_t count = all.shape[0], size = 64 * 64;
+  ASSERT_GE(count, 5);
+  std::vector<std::int64_t> expected;
+  for (std::int64_t f = 0; f < count; ++f)
+    if (f % 3 == 0 || f == count - 1)
+      expected.insert(expected.end(), all.values.begin() + f * size,
+                      all.values.begin() + (f + 1) * size);
+  EXPECT_EQ(read_npy(dir, "f.npy").values, expected);
+
+  const frame_file_bound b{100, 1000, 50};  // header, bytes a frame, frames at most
+  EXPECT_EQ(b.bytes(1), 51100u);
+  EXPECT_EQ(b.bytes(10), 6100u);  // frames 0, 10, ..., 40 and the last
+  EXPECT_EQ(b.every_within(6100), 10);
+  EXPECT_EQ(b.every_within(6099), 13);
+  EXPECT_EQ(b.every_within(2099), 0);  // not even the first and the last
 }
 
 TEST(Outputs, GifAnimatesTheFramesThroughThePalette) {
@@ -123,7 +153,7 @@ TEST(Outputs, PicturesOfAVolumeShowItsMiddleSlice) {
         << "pixel " << i;
   }
   const auto input = io::read_grey_image((dir / "s.png").string());
-  EXPECT_EQ(input.values, as_doubles({image.begin() + 128, image.begin() + 192}));
+  EXPECT_EQ(input.values(), as_doubles({image.begin() + 128, image.begin() + 192}));
 }
 
 TEST(Outputs, SavedInputInEveryFormat) {
@@ -133,13 +163,13 @@ TEST(Outputs, SavedInputInEveryFormat) {
   for (const char* copy : {"s.npy", "s.tif"}) {
     ASSERT_EQ(run_tool(dir, std::string("in.npy --quiet --save-input ") + copy).status, 0);
     const auto saved = io::read_grey_image((dir / copy).string());
-    EXPECT_EQ(saved.values, as_doubles(image)) << copy;
+    EXPECT_EQ(saved.values(), as_doubles(image)) << copy;
     EXPECT_EQ(saved.size_z, 2) << copy;
   }
   const std::vector<std::int32_t> middle(image.begin() + 64, image.end());
   for (const char* copy : {"s.png", "s.pgm"}) {
     ASSERT_EQ(run_tool(dir, std::string("in.npy --quiet --save-input ") + copy).status, 0);
-    EXPECT_EQ(io::read_grey_image((dir / copy).string()).values, as_doubles(middle)) << copy;
+    EXPECT_EQ(io::read_grey_image((dir / copy).string()).values(), as_doubles(middle)) << copy;
   }
 }
 
