@@ -46,10 +46,17 @@ struct image {
 // Flat patches with deterministic noise: many blocks to merge and group.
 image patchy_image(const std::vector<mwSize>& dims, std::uint32_t seed = 1);
 
+// The names of the inputs, in the host's order.
+inline constexpr const char* slot_names[15] = {
+    "image",    "max_level",     "lim_oct_level", "init_level",      "group_mode",
+    "max_seed", "use_all_seeds", "pred_choice",   "interval_length", "rejection",
+    "sigma",    "threshold_row", "pseudo_factor", "small_size",      "statistic_update"};
+
 // The inputs of one call; they belong to the test and die with it.
 class host_inputs {
  public:
-  host_inputs(const image& img, const host_parameters& p);
+  host_inputs(const image& img, const host_parameters& p) : host_inputs(img, p.in_host_order()) {}
+  host_inputs(const image& img, const std::array<double, 14>& values);
   explicit host_inputs(std::vector<mxArray*> arrays) : arrays_(std::move(arrays)) {}
   host_inputs(const host_inputs&) = delete;
   host_inputs& operator=(const host_inputs&) = delete;
