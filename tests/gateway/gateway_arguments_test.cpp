@@ -5,16 +5,17 @@
 
 #include "gateway/gateway.hpp"
 #include "gateway_harness.hpp"
+#include "splitmerge/frontend.hpp"
 
 namespace splitmerge::gateway_testing {
 namespace {
 
-std::array<double, 14> library_order(const parameters& p) {
-  return {double(p.max_level),       double(p.lim_oct_level), double(p.init_level),
-          double(p.group_mode),      double(p.max_seed),      double(p.use_all_seeds),
-          double(p.pred_choice),     double(p.interval_length), p.rejection,
-          p.sigma,                   double(p.threshold_row), p.pseudo_factor,
-          double(p.small_size),      double(p.statistic_update)};
+// The library's parameters as text, in its order.
+std::string texts(const parameters& p) {
+  std::string out;
+  for (const auto name : frontend::parameter_names())
+    out += frontend::parameter_text(p, name) + " ";
+  return out;
 }
 
 struct argument_row {
@@ -26,19 +27,19 @@ struct argument_row {
 
 // Each row changes one input of the default call.
 constexpr argument_row rows[] = {
-    {1, 5.9, mxDOUBLE_CLASS, 5},      {2, 3.2, mxDOUBLE_CLASS, 3},
-    {3, 1.9, mxDOUBLE_CLASS, 1},      {4, -0.5, mxDOUBLE_CLASS, 0},
-    {5, 9.99, mxDOUBLE_CLASS, 9},     {6, 0.7, mxDOUBLE_CLASS, 0},
-    {7, 5.5, mxDOUBLE_CLASS, 5},      {8, 30.7, mxDOUBLE_CLASS, 30},
+    {1, 5.9, mxDOUBLE_CLASS, 5},       {2, 3.2, mxDOUBLE_CLASS, 3},
+    {3, 1.9, mxDOUBLE_CLASS, 1},       {4, -0.5, mxDOUBLE_CLASS, 0},
+    {5, 9.99, mxDOUBLE_CLASS, 9},      {6, 0.7, mxDOUBLE_CLASS, 0},
+    {7, 5.5, mxDOUBLE_CLASS, 5},       {8, 30.7, mxDOUBLE_CLASS, 30},
     {9, 0.256, mxDOUBLE_CLASS, 0.256}, {10, 2.5, mxDOUBLE_CLASS, 2.5},
-    {11, 1.5, mxDOUBLE_CLASS, 1},     {12, 1.25, mxDOUBLE_CLASS, 1.25},
-    {13, 2.9, mxDOUBLE_CLASS, 2},     {14, 1.1, mxDOUBLE_CLASS, 1},
-    {13, -2.7, mxDOUBLE_CLASS, -2},   {14, -0.5, mxDOUBLE_CLASS, 0},
-    {1, 5, mxINT8_CLASS, 5},          {2, 3, mxUINT16_CLASS, 3},
-    {4, 1, mxINT64_CLASS, 1},         {5, 7, mxUINT8_CLASS, 7},
-    {8, 30.75, mxSINGLE_CLASS, 30},   {9, 0.25, mxSINGLE_CLASS, 0.25},
-    {10, 3, mxINT32_CLASS, 3},        {13, 4, mxUINT32_CLASS, 4},
-    {4, 1, mxLOGICAL_CLASS, 1},       {6, 1, mxLOGICAL_CLASS, 1},
+    {11, 1.5, mxDOUBLE_CLASS, 1},      {12, 1.25, mxDOUBLE_CLASS, 1.25},
+    {13, 2.9, mxDOUBLE_CLASS, 2},      {14, 1.1, mxDOUBLE_CLASS, 1},
+    {13, -2.7, mxDOUBLE_CLASS, -2},    {14, -0.5, mxDOUBLE_CLASS, 0},
+    {1, 5, mxINT8_CLASS, 5},           {2, 3, mxUINT16_CLASS, 3},
+    {4, 1, mxINT64_CLASS, 1},          {5, 7, mxUINT8_CLASS, 7},
+    {8, 30.75, mxSINGLE_CLASS, 30},    {9, 0.25, mxSINGLE_CLASS, 0.25},
+    {10, 3, mxINT32_CLASS, 3},         {13, 4, mxUINT32_CLASS, 4},
+    {4, 1, mxLOGICAL_CLASS, 1},        {6, 1, mxLOGICAL_CLASS, 1},
     {14, 0, mxLOGICAL_CLASS, 0},
 };
 
@@ -52,9 +53,9 @@ TEST(GatewayArguments, EachInputIsReadAsTheLibraryTakesIt) {
     gateway::call c;
     gateway::report r;
     ASSERT_TRUE(gateway::read_call(2, in.count(), in.data(), c, r)) << r.id << ": " << r.message;
-    std::array<double, 14> expected = defaults.in_host_order();
-    expected[row.slot - 1] = row.read_as;
-    EXPECT_EQ(library_order(c.params), expected);
+    host_parameters expected;
+    expected.*host_members[row.slot - 1] = row.read_as;
+    EXPECT_EQ(texts(c.params), texts(expected.as_library_parameters()));
     EXPECT_EQ(c.image.data, mxGetData(in.data()[0]));
   }
   host_parameters plane;

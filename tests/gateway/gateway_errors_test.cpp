@@ -104,24 +104,25 @@ TEST(GatewayErrors, BadPixelIsNamedByItsOneBasedPosition) {
       << r.error_text;
 }
 
-constexpr double host_parameters::*members[14] = {
-    &host_parameters::max_level,     &host_parameters::lim_oct_level, &host_parameters::init_level,
-    &host_parameters::group_mode,    &host_parameters::max_seed,      &host_parameters::use_all_seeds,
-    &host_parameters::pred_choice,   &host_parameters::interval_length, &host_parameters::rejection,
-    &host_parameters::sigma,         &host_parameters::threshold_row, &host_parameters::pseudo_factor,
-    &host_parameters::small_size,    &host_parameters::statistic_update};
-
 // The library's own message, for the values the gateway should pass.
 TEST(GatewayErrors, WhatTheLibraryRejectsCarriesItsMessage) {
   const std::vector<std::vector<std::pair<std::size_t, double>>> changes = {
-      {{1, 9}}, {{1, 4}} /* image too big */, {{2, 2}} /* wrong Z */, {{3, 5}}, {{7, 6}},
-      {{7, 4}, {11, 0}}, {{5, 0}}, {{9, 3e7}},
+      {{1, 9}},
+      {{1, 4}} /* image too big */,
+      {{2, 2}} /* wrong Z */,
+      {{3, 5}},
+      {{7, 6}},
+      {{7, 4}, {11, 0}},
+      {{5, 0}},
+      {{9, 3e7}},
       // Truncation that fits int32 is the library's to judge.
-      {{1, 2147483647.9}}, {{1, -2147483648.9}}, {}};
+      {{1, 2147483647.9}},
+      {{1, -2147483648.9}},
+      {}};
   for (const auto& change : changes) {
     SCOPED_TRACE(change.empty() ? "a rectangular image" : slot_names[change[0].first]);
     host_parameters p;
-    for (const auto& [slot, v] : change) p.*members[slot - 1] = v;
+    for (const auto& [slot, v] : change) p.*host_members[slot - 1] = v;
     const image img = change.empty() ? patchy_image({32, 16, 4}) : volume;
     host_inputs in(img, p);
     const std::string expected = check_parameters(

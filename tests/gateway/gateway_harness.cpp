@@ -9,9 +9,9 @@
 namespace splitmerge::gateway_testing {
 
 std::array<double, 14> host_parameters::in_host_order() const {
-  return {max_level,     lim_oct_level, init_level,      group_mode,      max_seed,
-          use_all_seeds, pred_choice,   interval_length, rejection,       sigma,
-          threshold_row, pseudo_factor, small_size,      statistic_update};
+  std::array<double, 14> values{};
+  for (std::size_t k = 0; k < values.size(); ++k) values[k] = this->*host_members[k];
+  return values;
 }
 
 splitmerge::parameters host_parameters::as_library_parameters() const {

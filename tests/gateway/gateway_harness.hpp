@@ -37,6 +37,16 @@ struct host_parameters {
   [[nodiscard]] splitmerge::parameters as_library_parameters() const;
 };
 
+// Each parameter by its position among the inputs less one.
+inline constexpr double host_parameters::*host_members[14] = {
+    &host_parameters::max_level,     &host_parameters::lim_oct_level,
+    &host_parameters::init_level,    &host_parameters::group_mode,
+    &host_parameters::max_seed,      &host_parameters::use_all_seeds,
+    &host_parameters::pred_choice,   &host_parameters::interval_length,
+    &host_parameters::rejection,     &host_parameters::sigma,
+    &host_parameters::threshold_row, &host_parameters::pseudo_factor,
+    &host_parameters::small_size,    &host_parameters::statistic_update};
+
 // Pixels in host order (x fastest), dims as the host states them.
 struct image {
   std::vector<mwSize> dims;

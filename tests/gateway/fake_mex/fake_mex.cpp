@@ -140,10 +140,9 @@ std::size_t mxGetNumberOfElements(const mxArray* a) {
 mxClassID mxGetClassID(const mxArray* a) { return a->class_id; }
 
 const char* mxGetClassName(const mxArray* a) {
-  static const char* const names[] = {"unknown", "cell",  "struct", "logical", "char",
-                                      "void",    "double", "single", "int8",    "uint8",
-                                      "int16",   "uint16", "int32",  "uint32",  "int64",
-                                      "uint64",  "function"};
+  static const char* const names[] = {"unknown", "cell",   "struct", "logical", "char",    "void",
+                                      "double",  "single", "int8",   "uint8",   "int16",   "uint16",
+                                      "int32",   "uint32", "int64",  "uint64",  "function"};
   return names[a->class_id];
 }
 
