@@ -5,11 +5,11 @@ function test_smsegment()
 
 tests = {@real_image_gives_labels_from_one, @labels_are_the_module_labels_plus_one, ...
          @parameters_by_name_number_and_prefix, @any_numeric_or_logical_class, ...
-         @values_outside_0_255_need_rescale, @sizes_that_do_not_fit_need_fit, ...
+         @rescale_maps_onto_0_255, @bad_calls_get_their_identifier, ...
          @pad_cuts_the_padded_run_back, @crop_labels_the_centred_box, ...
          @quiet_unless_verbose, @frames_only_when_asked, @meaningless_values_warn_but_run, ...
-         @bad_options_are_refused, @region_list_in_label_order, ...
-         @rgb_images_are_segmented_as_grey, @codes_of_a_512_image_are_uint64};
+         @region_list_in_label_order, @rgb_images_are_segmented_as_grey, ...
+         @codes_of_a_512_image_are_uint64};
 run_test_list(tests);
 end
 
@@ -125,11 +125,8 @@ mask = img > 100;
 check(isequal(smsegment(mask), smsegment(int32(mask) * 255)), 'logical is not 0 and 255');
 end
 
-function values_outside_0_255_need_rescale()
+function rescale_maps_onto_0_255()
 img = double(patchy_image([32 32]));
-expect_error('smsegment:imageRange', @() smsegment(img + 0.5));
-expect_error('smsegment:imageRange', @() smsegment(img * 2));
-expect_error('smsegment:imageRange', @() smsegment(int16(img) - 100));
 scaled = smsegment(img / 255, 'Rescale', true, 'Predicate', 'range', 'IntervalLength', 20);
 low = min(img(:));
 high = max(img(:));
@@ -139,20 +136,34 @@ check(isequal(scaled, direct), 'Rescale is not a linear map onto 0..255');
 [~, ~, info] = smsegment(img * 3, 'Rescale', [1 99]);
 check(any(~cellfun(@isempty, strfind(info.Notes, '1st and 99th percentiles'))), ...
       'notes: %s', strjoin(info.Notes, ' | '));
-expect_error('smsegment:imageClass', @() smsegment('abc'));
-expect_error('smsegment:imageClass', @() smsegment(complex(img, 1)));
-expect_error('smsegment:imageClass', @() smsegment({}));
 end
 
-function sizes_that_do_not_fit_need_fit()
-bad = {{[32 16]}, {[24 24]}, {[1024 1024 2]}, {[16 16 5]}, {[20 5000], 'Fit', 'pad'}};
-for k = 1:numel(bad)
-  expect_error('smsegment:imageSize', @() smsegment(patchy_image(bad{k}{1}), bad{k}{2:end}));
+% One row per kind of bad call: the identifier, the image and the options.
+function bad_calls_get_their_identifier()
+img = patchy_image([32 32]);
+rows = {'smsegment:imageRange', double(img) + 0.5, {}; 'smsegment:imageRange', double(img) * 2, {}
+        'smsegment:imageRange', int16(img) - 100, {}; 'smsegment:imageClass', 'abc', {}
+        'smsegment:imageClass', complex(double(img), 1), {}; 'smsegment:imageClass', {}, {}
+        'smsegment:imageSize', patchy_image([32 16]), {}; 'smsegment:imageSize', patchy_image([24 24]), {}
+        'smsegment:imageSize', patchy_image([1024 1024 2]), {}
+        'smsegment:imageSize', patchy_image([16 16 5]), {}
+        'smsegment:imageSize', patchy_image([20 5000]), {'Fit', 'pad'}
+        'smsegment:imageSize', patchy_image([32 32 3]), {'Volume', true}
+        'splitmerge:outOfMemory', img, {'MemoryLimit', 1000}};
+bad = {{'Colour', 1}, {'Predicate', 'mode'}, {'Predicate', 6}, {'Fit', 'stretch'}, ...
+       {'Sigma', NaN}, {'Sigma', 'big'}, {'MaxSeed', 0, 'Grouping', 'parallel'}, ...
+       {'MaxSeed', 2^31}, {'ThresholdRow', 4}, {'InitLevel', 1.5}, {'Frames', 'yes'}, ...
+       {'SmallSize', 2.5}, {'Sigma'}, {5, 5}, {'InitLevel', 5}, {'MaxLevel', 6}, ...
+       {'S', 1}, {'Rescale', [1 2 3]}};
+rows = [rows; repmat({'smsegment:badOption', img}, numel(bad), 1), bad'];
+for k = 1:size(rows, 1)
+  expect_error(rows{k, 1}, @() smsegment(rows{k, 2}, rows{k, 3}{:}));
 end
-err = expect_error('smsegment:imageSize', ...
-                   @() smsegment(patchy_image([20 600 5]), 'Fit', 'pad'));
+err = expect_error('smsegment:imageSize', @() smsegment(patchy_image([20 600 5]), 'Fit', 'pad'));
 check(~isempty(strfind(err.message, '''Fit'', ''crop'' (or I(:, :, K) for one slice)')), ...
       '%s', err.message);
+err = expect_error('smsegment:badOption', @() smsegment(img, 'ThresholdRow', 7));
+check(strncmp(err.message, '''ThresholdRow'', 7: must be 1, 2 or 3 ', 37), '%s', err.message);
 end
 
 % The run sees I centred in zeros of the next size; L is its labels there.
@@ -227,21 +238,6 @@ for k = 1:numel(cases)
 end
 end
 
-function bad_options_are_refused()
-img = patchy_image([32 32]);
-bad = {{'Colour', 1}, {'Predicate', 'mode'}, {'Predicate', 6}, {'Fit', 'stretch'}, ...
-       {'Sigma', NaN}, {'Sigma', 'big'}, {'MaxSeed', 0, 'Grouping', 'parallel'}, ...
-       {'MaxSeed', 2^31}, {'ThresholdRow', 4}, {'InitLevel', 1.5}, {'Frames', 'yes'}, ...
-       {'SmallSize', 2.5}, {'Sigma'}, {5, 5}, {'InitLevel', 5}, {'MaxLevel', 6}, ...
-       {'S', 1}, {'Rescale', [1 2 3]}};
-for k = 1:numel(bad)
-  expect_error('smsegment:badOption', @() smsegment(img, bad{k}{:}));
-end
-err = expect_error('smsegment:badOption', @() smsegment(img, 'ThresholdRow', 7));
-check(strncmp(err.message, '''ThresholdRow'', 7: must be 1, 2 or 3 ', 37), '%s', err.message);
-expect_error('splitmerge:outOfMemory', @() smsegment(img, 'MemoryLimit', 1000));
-end
-
 function region_list_in_label_order()
 img = patchy_image([32 32 8]);
 [~, ~, regions] = raw_run(img, library_defaults(5, 2));
@@ -278,7 +274,6 @@ rgb = imread(file);
 [L, n] = smsegment(rgb, 'Fit', 'crop');
 check(isequal(L, smsegment(shipped_image(), 'Fit', 'crop')), 'RGB differs from its grey levels');
 check(ismatrix(L) && n > 1, 'L is %s', mat2str(size(L)));
-expect_error('smsegment:imageSize', @() smsegment(patchy_image([32 32 3]), 'Volume', true));
 L3 = smsegment(patchy_image([32 32 3]), 'Volume', true, 'Fit', 'crop');
 check(isequal(size(L3), [32 32 3]) && all(all(L3(:, :, 3) == 0)), ...
       'a 3-slice volume gives %s', mat2str(size(L3)));
