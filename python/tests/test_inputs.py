@@ -58,17 +58,6 @@ def test_memory_order_does_not_change_the_result(layout: str) -> None:
                                   splitmerge.segment(volume, **ARGS))
 
 
-def test_x_is_the_fastest_axis_and_volumes_keep_their_shape() -> None:
-    # Two columns of different grey: the labels keep the (Y, X) layout.
-    image = np.zeros((8, 8), np.int32)
-    image[:, 4:] = 100
-    labels = splitmerge.segment(image, pred_choice="range", interval_length=0, small_size=0)
-    assert (labels[:, :4] == labels[0, 0]).all() and (labels[:, 4:] == labels[0, 7]).all()
-    assert labels[0, 0] != labels[0, 7]
-    assert splitmerge.segment(noise_image((4, 16, 16), seed=4), **ARGS).shape == (4, 16, 16)
-    assert splitmerge.segment(noise_image((1, 16, 16), seed=4), **ARGS).shape == (1, 16, 16)
-
-
 def test_colour_pictures_are_segmented_as_their_grey_levels() -> None:
     rgb = np.random.default_rng(5).integers(0, 256, size=(32, 32, 3)).astype(np.uint8)
     r, g, b = (rgb[..., k].astype(np.int64) for k in range(3))
