@@ -19,7 +19,7 @@ namespace {
 gateway_result expect_refused(host_inputs& in, int nlhs, const std::string& id) {
   const gateway_result r = call_gateway(in, nlhs);
   EXPECT_EQ(r.error_id, id) << r.error_text;
-  EXPECT_FALSE(r.labels_written || r.frames_written || r.wrote_extra_slot);
+  EXPECT_TRUE(r.label_dims.empty() && r.frame_dims.empty() && !r.wrote_extra_slot);
   EXPECT_EQ(r.host_arrays_created, 0);
   EXPECT_EQ(r.frame_requests, 0u);
   EXPECT_EQ(r.printed, "");
@@ -137,7 +137,7 @@ TEST(GatewayErrors, WhatTheLibraryRejectsCarriesItsMessage) {
 // Nothing is handed back and nothing stays alive when the call fails midway.
 void expect_failed_cleanly(const gateway_result& r, const std::string& id) {
   EXPECT_EQ(r.error_id, id) << r.error_text;
-  EXPECT_FALSE(r.labels_written || r.frames_written);
+  EXPECT_TRUE(r.label_dims.empty() && r.frame_dims.empty());
   EXPECT_EQ(r.host_arrays_left, 0);
 }
 

@@ -84,18 +84,12 @@ gateway_result call_with(int nlhs, const std::function<void(mxArray**)>& call) {
   r.interrupt_polls = fake_mex::interrupt_polls();
   r.printed = fake_mex::printed();
   r.warnings = fake_mex::warnings();
-  if (plhs[0] != nullptr) {
-    r.labels_written = true;
-    r.label_dims = fake_mex::dimensions(plhs[0]);
-    r.labels = fake_mex::int32_values(plhs[0]);
-  }
-  if (plhs[1] != nullptr) {
-    r.frames_written = true;
-    r.frame_dims = fake_mex::dimensions(plhs[1]);
-    r.frames = fake_mex::int32_values(plhs[1]);
-  }
+  // Empty dimensions: the output was not written.
+  if (plhs[0] != nullptr) r.label_dims = fake_mex::dimensions(plhs[0]);
+  if (plhs[0] != nullptr) r.labels = fake_mex::int32_values(plhs[0]);
+  if (plhs[1] != nullptr) r.frame_dims = fake_mex::dimensions(plhs[1]);
+  if (plhs[1] != nullptr) r.frames = fake_mex::int32_values(plhs[1]);
   if (plhs[2] != nullptr) {
-    r.regions_written = true;
     const std::size_t count = mxGetNumberOfElements(plhs[2]);
     for (std::size_t k = 0; k < count; ++k) {
       const auto index = static_cast<mwIndex>(k);

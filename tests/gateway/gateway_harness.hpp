@@ -84,9 +84,6 @@ class host_inputs {
 struct gateway_result {
   std::string error_id;  // empty when the call succeeded
   std::string error_text;
-  bool labels_written = false;
-  bool frames_written = false;
-  bool regions_written = false;
   bool wrote_extra_slot = false;  // beyond the max(nlhs, 1) slots the host provides
   std::vector<mwSize> label_dims;
   std::vector<mwSize> frame_dims;

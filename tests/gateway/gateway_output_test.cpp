@@ -68,7 +68,7 @@ TEST(GatewayOutput, OneOutputOrNoneRunsWithoutRecordingFrames) {
     const gateway_result r = call_gateway(in, nlhs);
     ASSERT_EQ(r.error_id, "") << r.error_text;
     EXPECT_EQ(r.labels, plain.labels);
-    EXPECT_FALSE(r.frames_written);
+    EXPECT_TRUE(r.frame_dims.empty());
     EXPECT_FALSE(r.wrote_extra_slot);
     EXPECT_EQ(r.printed, plain.printed);
     EXPECT_EQ(r.frame_requests, 0u);  // nothing was recorded
