@@ -67,6 +67,14 @@ void cmyk_tiff(const scratch_folder& d) {
   TIFFClose(t);
 }
 
+// in.npy, with a hard and a symbolic link to it in sub/.
+void linked_input(const scratch_folder& d) {
+  halves(d);
+  std::filesystem::create_directory(d / "sub");
+  std::filesystem::create_hard_link(d / "in.npy", d / "sub" / "hard.npy");
+  std::filesystem::create_symlink("../in.npy", d / "sub" / "soft.npy");
+}
+
 struct error_case {
   std::string name;
   maker make_files;
@@ -106,6 +114,21 @@ const std::vector<error_case> error_cases = {
     {"MisspeltOption", halves, "in.npy --sigmaa 3", "--sigmaa; did you mean --sigma?"},
     {"OptionTwice", halves, "in.npy --sigma 3 --sigma 4", "--sigma is given more than once"},
     {"SecondImage", halves, "in.npy in.npy", "unexpected argument 'in.npy'"},
+    // Outputs that name the input, through any path, or each other.
+    {"LabelsOverTheInput", linked_input, "in.npy --labels in.npy",
+     "--labels in.npy would overwrite the input image"},
+    {"CopyOverTheInput", linked_input, "in.npy --save-input ./in.npy",
+     "--save-input ./in.npy would overwrite the input image"},
+    {"FramesOverTheInput", linked_input, "in.npy --frames sub/../in.npy",
+     "would overwrite the input image"},
+    {"LabelsOverAHardLink", linked_input, "in.npy --labels sub/hard.npy",
+     "would overwrite the input image"},
+    {"LabelsOverASymbolicLink", linked_input, "in.npy --labels sub/soft.npy",
+     "would overwrite the input image"},
+    {"TwoOutputsOfOneName", halves, "in.npy --labels out.npy --save-input out.npy",
+     "--labels and --save-input both name out.npy"},
+    {"TwoOutputsOfOneFile", linked_input, "in.npy --labels out.npy --frames sub/../out.npy",
+     "both name"},
     // Unreadable or unsupported files.
     {"MissingFile", halves, "absent.npy", "absent.npy: cannot open|No such file or directory"},
     {"AFolder", [](const scratch_folder& d) { std::filesystem::create_directory(d / "scan.npy"); },
@@ -154,6 +177,10 @@ TEST_P(BadInput, ExitsWithOneLineAndNoFilesLeft) {
   scratch_folder dir;
   c.make_files(dir);
   const auto files_before = dir.file_names();
+  const auto input = [&dir] {
+    return std::filesystem::exists(dir / "in.npy") ? testing::read_file(dir / "in.npy") : "";
+  };
+  const std::string input_before = input();
   // Ask for every output, to see that none is left behind.
   std::string arguments = c.arguments;
   for (const char* output :
@@ -170,6 +197,7 @@ TEST_P(BadInput, ExitsWithOneLineAndNoFilesLeft) {
   for (std::string part; std::getline(parts, part, '|');)
     EXPECT_NE(result.err.find(part), std::string::npos) << "no '" << part << "' in " << result.err;
   EXPECT_EQ(dir.file_names(), files_before);
+  EXPECT_EQ(input(), input_before);
 }
 
 INSTANTIATE_TEST_SUITE_P(Tool, BadInput, ::testing::ValuesIn(error_cases),

@@ -114,32 +114,6 @@ TEST(FailedWrite, EveryOutputFormatReportsAFullFile) {
   }
 }
 
-TEST(Input, OutputsThatNameTheInputOrEachOtherAreRefused) {
-  scratch_folder dir;
-  write_noise(dir, "in.npy", {16, 16});
-  const std::string input = read_file(dir / "in.npy");
-  std::filesystem::create_directory(dir / "sub");
-  std::filesystem::create_hard_link(dir / "in.npy", dir / "sub" / "hard.npy");
-  std::filesystem::create_symlink("../in.npy", dir / "sub" / "soft.npy");
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {"in.npy --labels in.npy", "--labels in.npy would overwrite the input image"},
-      {"in.npy --save-input ./in.npy", "--save-input ./in.npy would overwrite the input image"},
-      {"in.npy --frames sub/../in.npy", "would overwrite the input image"},
-      {"in.npy --labels sub/hard.npy", "would overwrite the input image"},
-      {"in.npy --labels sub/soft.npy", "would overwrite the input image"},
-      {"in.npy --labels out.npy --save-input out.npy",
-       "--labels and --save-input both name out.npy"},
-      {"in.npy --labels out.npy --frames sub/../out.npy", "both name"},
-  };
-  for (const auto& [arguments, message] : cases) {
-    const auto run = run_tool(dir, arguments);
-    EXPECT_EQ(run.status, 2) << arguments;
-    EXPECT_NE(run.err.find(message), std::string::npos) << arguments << ": " << run.err;
-    EXPECT_EQ(read_file(dir / "in.npy"), input) << arguments;
-  }
-  EXPECT_EQ(dir.file_names(), (std::vector<std::string>{"in.npy", "sub"}));
-}
-
 // Starts the program in the background, sends the signal when its first
 // progress line comes (its outputs are staged by then) and returns the
 // folder's files afterwards.
