@@ -127,21 +127,5 @@ TEST(GatewayOutput, FrameBudgetKeepsTheFirstFramesAndTheFinalOneWithAWarning) {
   }
 }
 
-TEST(GatewayOutput, LargestSeedCountNeedsNoLargerTable) {
-  // A seed table of 2^31 - 1 slots would need 8 GB; the run never has more
-  // seeds than regions.
-  host_parameters p;
-  p.max_level = p.lim_oct_level = 8;
-  p.init_level = 3;
-  p.max_seed = 2147483647;
-  host_parameters few = p;
-  few.max_seed = 1e6;
-  const image img = patchy_image({256, 256}, 5);
-  host_inputs in(img, p), in_few(img, few);
-  const gateway_result r = call_gateway(in, 1);
-  ASSERT_EQ(r.error_id, "") << r.error_text;
-  EXPECT_EQ(r.labels, call_gateway(in_few, 1).labels);
-}
-
 }  // namespace
 }  // namespace splitmerge::gateway_testing

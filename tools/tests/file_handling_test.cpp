@@ -158,16 +158,12 @@ TEST(Outputs, WrittenThroughSymbolicLinksKeepingTheirModes) {
                                                         "private.npy", "results"}));
 }
 
-TEST(Outputs, AFolderThatIsTheProblemIsNamed) {
+// (A missing folder: the bad-input table.)
+TEST(Outputs, AReadOnlyFolderIsNamed) {
+  if (::geteuid() == 0) GTEST_SKIP() << "the superuser writes into read-only folders";
   scratch_folder dir;
   write_halves(dir);
-  const auto missing = run_tool(dir, "in.npy --labels absent/l.npy");
-  EXPECT_EQ(missing.status, 2);
-  EXPECT_NE(missing.err.find("the folder absent (No such file or directory)"), std::string::npos)
-      << missing.err;
-  if (::geteuid() == 0) return;  // the superuser writes into read-only folders
   std::filesystem::create_directory(dir / "locked");
-  std::ofstream(dir / "locked" / "l.npy") << "old";
   ::chmod((dir / "locked").c_str(), 0555);
   const auto locked = run_tool(dir, "in.npy --labels locked/l.npy");
   ::chmod((dir / "locked").c_str(), 0755);

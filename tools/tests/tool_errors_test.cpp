@@ -103,7 +103,7 @@ const std::vector<error_case> error_cases = {
     {"FrameFormat", halves, "in.npy --frames f.png", "--frames f.png|.gif"},
     {"InputCopyFormat", halves, "in.npy --save-input s.txt", "--save-input s.txt"},
     {"OutputFolderMissing", halves, "in.npy --labels no/l.npy",
-     "cannot write no/l.npy|No such file or directory"},
+     "cannot write no/l.npy|the folder no (No such file or directory)"},
     {"InfiniteSigma", halves, "in.npy --sigma inf", "--sigma inf: expected a finite"},
     {"WholeNumberOutOfRange", halves, "in.npy --small-size 99999999999",
      "--small-size 99999999999: expected a whole number from -2147483648 to 2147483647"},
