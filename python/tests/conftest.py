@@ -205,9 +205,19 @@ def wait_for_a_finished_row(out: Path, running: Callable[[], bool]) -> int:
     return 0
 
 
-@pytest.fixture
-def blocks_64() -> np.ndarray:
-    return noise_image((64, 64), seed=1)
+
+
+def region_records_text(regions: list) -> str:
+    """The region records as the region list file writes them after its six
+    header lines: statistics, hexadecimal block codes, 0, neighbours, -1."""
+    out = []
+    for r in regions:
+        out.append(f"{r.statistics[0]} {r.statistics[1]}\n")
+        out.extend(f"{code:x}\n" for code in r.codes.tolist())
+        out.append("0\n")
+        out.extend(f"{n}\n" for n in r.neighbours.tolist())
+        out.append("-1\n")
+    return "".join(out)
 
 
 def pytest_report_header() -> str:

@@ -1,5 +1,5 @@
-"""Dtype, shape and memory-order handling, colour, rescaling, fitting and
-value checks."""
+"""Dtype, shape and memory-order handling, colour, rescaling and fitting (the
+messages for unusable images are rows of test_parameters)."""
 
 from __future__ import annotations
 
@@ -20,8 +20,8 @@ ARGS = dict(pred_choice="range", interval_length=12, small_size=4)
 @pytest.mark.parametrize("dtype", [np.uint8, np.int8, np.uint16, np.int16, np.uint32,
                                    np.int64, np.uint64, np.float16, np.float32, np.float64,
                                    ">i4", "<f8", ">f4"])
-def test_every_numeric_dtype_gives_the_int32_labels(blocks_64: np.ndarray, dtype) -> None:
-    image = blocks_64.clip(0, 127)  # fits int8 too
+def test_every_numeric_dtype_gives_the_int32_labels(dtype) -> None:
+    image = noise_image((64, 64), seed=1).clip(0, 127)  # fits int8 too
     expected = splitmerge.segment(image, **ARGS)
     labels = splitmerge.segment(image.astype(dtype), **ARGS)
     assert labels.dtype == np.int32 and labels.shape == image.shape
@@ -58,17 +58,6 @@ def test_memory_order_does_not_change_the_result(layout: str) -> None:
                                   splitmerge.segment(volume, **ARGS))
 
 
-def test_x_is_the_fastest_axis_and_volumes_keep_their_shape() -> None:
-    # Two columns of different grey: the labels keep the (Y, X) layout.
-    image = np.zeros((8, 8), np.int32)
-    image[:, 4:] = 100
-    labels = splitmerge.segment(image, pred_choice="range", interval_length=0, small_size=0)
-    assert (labels[:, :4] == labels[0, 0]).all() and (labels[:, 4:] == labels[0, 7]).all()
-    assert labels[0, 0] != labels[0, 7]
-    assert splitmerge.segment(noise_image((4, 16, 16), seed=4), **ARGS).shape == (4, 16, 16)
-    assert splitmerge.segment(noise_image((1, 16, 16), seed=4), **ARGS).shape == (1, 16, 16)
-
-
 def test_colour_pictures_are_segmented_as_their_grey_levels() -> None:
     rgb = np.random.default_rng(5).integers(0, 256, size=(32, 32, 3)).astype(np.uint8)
     r, g, b = (rgb[..., k].astype(np.int64) for k in range(3))
@@ -78,43 +67,6 @@ def test_colour_pictures_are_segmented_as_their_grey_levels() -> None:
     assert result.labels.shape == (32, 32) and result.notes
     rgba = np.concatenate([rgb, np.full((32, 32, 1), 7, np.uint8)], axis=2)
     np.testing.assert_array_equal(splitmerge.segment(rgba), result.labels)
-    # Without a channel axis, the same array is a volume of 32 slices of 32 x 3.
-    with pytest.raises(ValueError, match="use fit='pad' or fit='crop'"):
-        splitmerge.segment(rgb, channel_axis=None)
-    with pytest.raises(ValueError, match="channel_axis must be -1 or None"):
-        splitmerge.segment(rgb, channel_axis=0)
-
-
-@pytest.mark.parametrize("shape, dtype, error, message", [
-    ((16,), np.int32, ValueError, r"^the image has 1 dimensions; expected \(Y, X\), "),
-    ((2, 2, 2, 2), np.int32, ValueError, r"^a 4-D image must have 3 or 4 colour channels"),
-    ((0, 0), np.int32, ValueError, r"^the image is empty$"),
-    ((5, 5), np.int32, ValueError, r"^the image is 5 x 5 pixels, but the segmentation needs "
-                                   r"square slices of 2, 4, 8, \.\.\., 16384 pixels: use "
-                                   r"fit='pad' or fit='crop'$"),
-    ((3, 8, 8), np.int32, ValueError, r"^the image is 8 x 8 x 3 pixels, .* no more than the "
-                                      r"edge: use fit='pad' or fit='crop' \(or slice=K for "
-                                      r"one slice\)$"),
-    ((8, 8), np.complex64, TypeError, r"^the image's dtype complex64 cannot be segmented"),
-    ((8, 8), "U3", TypeError, r"^the image's dtype <U3 cannot be segmented"),
-])
-def test_unusable_arrays_say_why(shape, dtype, error, message) -> None:
-    with pytest.raises(error, match=message) as raised:
-        splitmerge.segment(np.zeros(shape, dtype))
-    assert "\n" not in str(raised.value)
-
-
-@pytest.mark.parametrize("values, message", [
-    ([256], r"^the pixel values range from 0 to 256, but the segmentation needs 0\.\.255: "
-            r"use rescale=True$"),
-    ([2.5], r"^the image holds non-integer values such as 2\.5: use rescale=True"),
-    ([np.nan], r"^the image holds NaN or infinite values$"),
-])
-def test_values_outside_0_to_255_need_rescale(values, message) -> None:
-    image = np.zeros((8, 8), np.float64)
-    image.flat[5:5 + len(values)] = values
-    with pytest.raises(ValueError, match=message):
-        splitmerge.segment(image)
 
 
 def grey_levels(image: np.ndarray, **options: Any) -> tuple[list[int], list[str]]:
@@ -164,15 +116,6 @@ def test_rescale_maps_the_whole_volume_before_the_slice() -> None:
         splitmerge.segment(volume, slice=0, rescale=True)
 
 
-@pytest.mark.parametrize("rescale, error", [
-    ((50, 50), ValueError), ((-1, 99), ValueError), ((1, 101), ValueError),
-    ((99, 1), ValueError), ((1, 2, 3), TypeError), ("1,99", TypeError), (None, TypeError),
-])
-def test_a_bad_percentile_window_is_refused(rescale, error) -> None:
-    with pytest.raises(error, match="percentile"):
-        splitmerge.segment(np.zeros((4, 4)), rescale=rescale)
-
-
 @pytest.mark.parametrize("shape, fit, box, max_level", [
     ((3, 5), "pad", (slice(0, 3), slice(0, 5)), 3),
     ((37, 50), "pad", (slice(0, 37), slice(0, 50)), 6),
@@ -217,26 +160,6 @@ def test_fit_gives_labels_of_the_inputs_shape(shape, fit, box, max_level, start_
         outside[box] = False
         assert (labels[outside] == start_label - 1).all()
         assert not frames or (result.frames[:, outside] == -1).all()
-
-
-@pytest.mark.parametrize("image, options, message", [
-    (np.zeros((2, 17000)), dict(fit="pad"), r"^fit='pad' would need an edge of 32768 pixels for "
-                                            r"a 17000 x 2 image, above the largest, 16384: use "
-                                            r"fit='crop'$"),
-    (np.zeros((3, 1100, 2)), dict(fit="pad"), r"^fit='pad' would need an edge of 2048 pixels "
-                                              r"for a 2 x 1100 x 3 image, above the largest for "
-                                              r"a volume, 1024: use fit='crop'"),
-    (np.zeros((1, 7)), dict(fit="crop"), r"^fit='crop' needs at least 2 x 2 pixels; the "
-                                         r"image is 7 x 1: use fit='pad'$"),
-    (np.zeros((8, 8)), dict(fit="grow"), r"^fit must be None, 'pad' or 'crop', not 'grow'$"),
-    (np.zeros((3, 8, 8)), dict(slice=3), r"^slice=3 is outside the volume's slices 0\.\.2$"),
-    (np.zeros((8, 8)), dict(slice=0), r"^slice needs a volume, but the image is 2-D$"),
-    (np.zeros((8, 8)), dict(max_level=4), r"^max_level=4 and lim_oct_level=4 do not fit the "
-                                          r"segmented image of 8 x 8 x 1 pixels"),
-])
-def test_fit_and_slice_errors_say_what_helps(image, options, message) -> None:
-    with pytest.raises(ValueError, match=message):
-        splitmerge.segment(image, **options)
 
 
 def test_slice_takes_one_z_slice_of_a_volume() -> None:

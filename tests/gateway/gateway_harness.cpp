@@ -9,9 +9,9 @@
 namespace splitmerge::gateway_testing {
 
 std::array<double, 14> host_parameters::in_host_order() const {
-  return {max_level,     lim_oct_level, init_level,      group_mode,      max_seed,
-          use_all_seeds, pred_choice,   interval_length, rejection,       sigma,
-          threshold_row, pseudo_factor, small_size,      statistic_update};
+  std::array<double, 14> values{};
+  for (std::size_t k = 0; k < values.size(); ++k) values[k] = this->*host_members[k];
+  return values;
 }
 
 splitmerge::parameters host_parameters::as_library_parameters() const {
@@ -53,9 +53,9 @@ image patchy_image(const std::vector<mwSize>& dims, std::uint32_t seed) {
   return img;
 }
 
-host_inputs::host_inputs(const image& img, const host_parameters& p) {
+host_inputs::host_inputs(const image& img, const std::array<double, 14>& values) {
   arrays_.push_back(fake_mex::int32_array(img.dims, img.pixels));
-  for (double v : p.in_host_order()) arrays_.push_back(fake_mex::scalar(v));
+  for (double v : values) arrays_.push_back(fake_mex::scalar(v));
 }
 
 host_inputs::~host_inputs() {
@@ -84,18 +84,12 @@ gateway_result call_with(int nlhs, const std::function<void(mxArray**)>& call) {
   r.interrupt_polls = fake_mex::interrupt_polls();
   r.printed = fake_mex::printed();
   r.warnings = fake_mex::warnings();
-  if (plhs[0] != nullptr) {
-    r.labels_written = true;
-    r.label_dims = fake_mex::dimensions(plhs[0]);
-    r.labels = fake_mex::int32_values(plhs[0]);
-  }
-  if (plhs[1] != nullptr) {
-    r.frames_written = true;
-    r.frame_dims = fake_mex::dimensions(plhs[1]);
-    r.frames = fake_mex::int32_values(plhs[1]);
-  }
+  // Empty dimensions: the output was not written.
+  if (plhs[0] != nullptr) r.label_dims = fake_mex::dimensions(plhs[0]);
+  if (plhs[0] != nullptr) r.labels = fake_mex::int32_values(plhs[0]);
+  if (plhs[1] != nullptr) r.frame_dims = fake_mex::dimensions(plhs[1]);
+  if (plhs[1] != nullptr) r.frames = fake_mex::int32_values(plhs[1]);
   if (plhs[2] != nullptr) {
-    r.regions_written = true;
     const std::size_t count = mxGetNumberOfElements(plhs[2]);
     for (std::size_t k = 0; k < count; ++k) {
       const auto index = static_cast<mwIndex>(k);

@@ -37,6 +37,16 @@ struct host_parameters {
   [[nodiscard]] splitmerge::parameters as_library_parameters() const;
 };
 
+// Each parameter by its position among the inputs less one.
+inline constexpr double host_parameters::*host_members[14] = {
+    &host_parameters::max_level,     &host_parameters::lim_oct_level,
+    &host_parameters::init_level,    &host_parameters::group_mode,
+    &host_parameters::max_seed,      &host_parameters::use_all_seeds,
+    &host_parameters::pred_choice,   &host_parameters::interval_length,
+    &host_parameters::rejection,     &host_parameters::sigma,
+    &host_parameters::threshold_row, &host_parameters::pseudo_factor,
+    &host_parameters::small_size,    &host_parameters::statistic_update};
+
 // Pixels in host order (x fastest), dims as the host states them.
 struct image {
   std::vector<mwSize> dims;
@@ -46,10 +56,17 @@ struct image {
 // Flat patches with deterministic noise: many blocks to merge and group.
 image patchy_image(const std::vector<mwSize>& dims, std::uint32_t seed = 1);
 
+// The names of the inputs, in the host's order.
+inline constexpr const char* slot_names[15] = {
+    "image",    "max_level",     "lim_oct_level", "init_level",      "group_mode",
+    "max_seed", "use_all_seeds", "pred_choice",   "interval_length", "rejection",
+    "sigma",    "threshold_row", "pseudo_factor", "small_size",      "statistic_update"};
+
 // The inputs of one call; they belong to the test and die with it.
 class host_inputs {
  public:
-  host_inputs(const image& img, const host_parameters& p);
+  host_inputs(const image& img, const host_parameters& p) : host_inputs(img, p.in_host_order()) {}
+  host_inputs(const image& img, const std::array<double, 14>& values);
   explicit host_inputs(std::vector<mxArray*> arrays) : arrays_(std::move(arrays)) {}
   host_inputs(const host_inputs&) = delete;
   host_inputs& operator=(const host_inputs&) = delete;
@@ -67,9 +84,6 @@ class host_inputs {
 struct gateway_result {
   std::string error_id;  // empty when the call succeeded
   std::string error_text;
-  bool labels_written = false;
-  bool frames_written = false;
-  bool regions_written = false;
   bool wrote_extra_slot = false;  // beyond the max(nlhs, 1) slots the host provides
   std::vector<mwSize> label_dims;
   std::vector<mwSize> frame_dims;

@@ -166,7 +166,9 @@ TEST_P(RefusedFile, ExitsTwoWithOneLineInLittleMemory) {
 #if defined(SPLITMERGE_SANITIZED)
   const std::string limit;
 #else
-  const std::string limit = "ulimit -v 200000;";
+  // Half the smallest size a header here declares, above what the program
+  // needs before any image.
+  const std::string limit = testing::address_space_limit(144000000 / 2 / 1024);
 #endif
   const auto run = run_tool(dir, c.image + " --labels l.npy", limit);
   EXPECT_EQ(run.status, 2) << run.err;

@@ -32,29 +32,15 @@ void write_npy_raw(const std::filesystem::path& path, const std::string& dtype,
   out << header << element_bytes;
 }
 
-namespace {
-
-void write_png_format(const std::filesystem::path& path, int width, int height,
-                      std::uint32_t format, const void* pixels) {
+void write_png_rgba(const std::filesystem::path& path, int width, int height,
+                    const std::vector<std::uint8_t>& rgba) {
   png_image image{};
   image.version = PNG_IMAGE_VERSION;
   image.width = static_cast<png_uint_32>(width);
   image.height = static_cast<png_uint_32>(height);
-  image.format = format;
-  if (png_image_write_to_file(&image, path.c_str(), 0, pixels, 0, nullptr) == 0)
+  image.format = PNG_FORMAT_RGBA;
+  if (png_image_write_to_file(&image, path.c_str(), 0, rgba.data(), 0, nullptr) == 0)
     throw std::runtime_error("cannot write " + path.string() + ": " + image.message);
-}
-
-}  // namespace
-
-void write_png_grey16(const std::filesystem::path& path, int width, int height,
-                      const std::vector<std::uint16_t>& values) {
-  write_png_format(path, width, height, PNG_FORMAT_LINEAR_Y, values.data());
-}
-
-void write_png_rgba(const std::filesystem::path& path, int width, int height,
-                    const std::vector<std::uint8_t>& rgba) {
-  write_png_format(path, width, height, PNG_FORMAT_RGBA, rgba.data());
 }
 
 void write_png_samples(const std::filesystem::path& path, int width, int height, int bit_depth,
@@ -102,7 +88,7 @@ std::vector<std::uint8_t> read_png_rgb(const std::filesystem::path& path, int& w
 }
 
 void write_tiff_pages(const std::filesystem::path& path, int width, int height, int pages, int bits,
-                      int sample_format, const std::string& sample_bytes) {
+                      int sample_format, const std::string& sample_bytes, bool compressed) {
   TIFF* tif = TIFFOpen(path.c_str(), "w");
   if (tif == nullptr) throw std::runtime_error("cannot write " + path.string());
   const std::size_t row_bytes = static_cast<std::size_t>(width) * (bits / 8);
@@ -114,33 +100,11 @@ void write_tiff_pages(const std::filesystem::path& path, int width, int height, 
     TIFFSetField(tif, TIFFTAG_SAMPLEFORMAT, sample_format);
     TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
     TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-    TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_LZW);
-    TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, 2);
+    TIFFSetField(tif, TIFFTAG_COMPRESSION, compressed ? COMPRESSION_LZW : COMPRESSION_NONE);
+    TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, compressed ? 2 : height);
     for (int y = 0; y < height; ++y) {
       std::string row =
           sample_bytes.substr((static_cast<std::size_t>(page) * height + y) * row_bytes, row_bytes);
-      TIFFWriteScanline(tif, row.data(), static_cast<std::uint32_t>(y), 0);
-    }
-    TIFFWriteDirectory(tif);
-  }
-  TIFFClose(tif);
-}
-
-void write_tiff_plain(const std::filesystem::path& path, int width, int height, int pages,
-                      const std::vector<std::uint16_t>& samples) {
-  TIFF* tif = TIFFOpen(path.c_str(), "w");
-  if (tif == nullptr) throw std::runtime_error("cannot write " + path.string());
-  for (int page = 0; page < pages; ++page) {
-    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, width);
-    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, height);
-    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 16);
-    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 1);
-    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
-    TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_NONE);
-    TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, height);
-    for (int y = 0; y < height; ++y) {
-      std::vector<std::uint16_t> row(samples.begin() + (page * height + y) * width,
-                                     samples.begin() + (page * height + y + 1) * width);
       TIFFWriteScanline(tif, row.data(), static_cast<std::uint32_t>(y), 0);
     }
     TIFFWriteDirectory(tif);

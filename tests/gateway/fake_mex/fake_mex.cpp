@@ -44,36 +44,37 @@ std::string format_text(const char* format, std::va_list args) {
   return text;
 }
 
-std::size_t element_size(mxClassID c) {
+// Calls f with a value of the C++ type that holds one element of the class.
+template <class F>
+auto with_element_type(mxClassID c, F f) {
   switch (c) {
     case mxLOGICAL_CLASS:
-    case mxINT8_CLASS:
     case mxUINT8_CLASS:
-      return 1;
+      return f(std::uint8_t{});
+    case mxINT8_CLASS:
+      return f(std::int8_t{});
     case mxCHAR_CLASS:
-    case mxINT16_CLASS:
     case mxUINT16_CLASS:
-      return 2;
-    case mxSINGLE_CLASS:
+      return f(std::uint16_t{});
+    case mxINT16_CLASS:
+      return f(std::int16_t{});
     case mxINT32_CLASS:
+      return f(std::int32_t{});
     case mxUINT32_CLASS:
-      return 4;
+      return f(std::uint32_t{});
+    case mxINT64_CLASS:
+      return f(std::int64_t{});
+    case mxUINT64_CLASS:
+      return f(std::uint64_t{});
+    case mxSINGLE_CLASS:
+      return f(float{});
     default:
-      return 8;
+      return f(double{});
   }
 }
 
-template <class T>
-double first_as_double(const mxArray* a) {
-  T v{};
-  std::memcpy(&v, a->real.data(), sizeof v);
-  return static_cast<double>(v);
-}
-
-template <class T>
-void store_first(mxArray* a, double value) {
-  const auto v = static_cast<T>(value);
-  std::memcpy(a->real.data(), &v, sizeof v);
+std::size_t element_size(mxClassID c) {
+  return with_element_type(c, [](auto v) { return sizeof v; });
 }
 
 // The host keeps at least two dimensions and drops trailing singletons.
@@ -139,34 +140,10 @@ std::size_t mxGetNumberOfElements(const mxArray* a) {
 mxClassID mxGetClassID(const mxArray* a) { return a->class_id; }
 
 const char* mxGetClassName(const mxArray* a) {
-  switch (a->class_id) {
-    case mxLOGICAL_CLASS:
-      return "logical";
-    case mxCHAR_CLASS:
-      return "char";
-    case mxDOUBLE_CLASS:
-      return "double";
-    case mxSINGLE_CLASS:
-      return "single";
-    case mxINT8_CLASS:
-      return "int8";
-    case mxUINT8_CLASS:
-      return "uint8";
-    case mxINT16_CLASS:
-      return "int16";
-    case mxUINT16_CLASS:
-      return "uint16";
-    case mxINT32_CLASS:
-      return "int32";
-    case mxUINT32_CLASS:
-      return "uint32";
-    case mxINT64_CLASS:
-      return "int64";
-    case mxUINT64_CLASS:
-      return "uint64";
-    default:
-      return "unknown";
-  }
+  static const char* const names[] = {"unknown", "cell",   "struct", "logical", "char",    "void",
+                                      "double",  "single", "int8",   "uint8",   "int16",   "uint16",
+                                      "int32",   "uint32", "int64",  "uint64",  "function"};
+  return names[a->class_id];
 }
 
 bool mxIsInt32(const mxArray* a) { return a->class_id == mxINT32_CLASS; }
@@ -178,30 +155,10 @@ bool mxIsComplex(const mxArray* a) { return a->complex; }
 
 double mxGetScalar(const mxArray* a) {
   if (a->real.empty()) return 0.0;
-  switch (a->class_id) {
-    case mxLOGICAL_CLASS:
-    case mxUINT8_CLASS:
-      return first_as_double<std::uint8_t>(a);
-    case mxINT8_CLASS:
-      return first_as_double<std::int8_t>(a);
-    case mxCHAR_CLASS:
-    case mxUINT16_CLASS:
-      return first_as_double<std::uint16_t>(a);
-    case mxINT16_CLASS:
-      return first_as_double<std::int16_t>(a);
-    case mxINT32_CLASS:
-      return first_as_double<std::int32_t>(a);
-    case mxUINT32_CLASS:
-      return first_as_double<std::uint32_t>(a);
-    case mxINT64_CLASS:
-      return first_as_double<std::int64_t>(a);
-    case mxUINT64_CLASS:
-      return first_as_double<std::uint64_t>(a);
-    case mxSINGLE_CLASS:
-      return first_as_double<float>(a);
-    default:
-      return first_as_double<double>(a);
-  }
+  return with_element_type(a->class_id, [a](auto v) {
+    std::memcpy(&v, a->real.data(), sizeof v);
+    return static_cast<double>(v);
+  });
 }
 
 void* mxGetData(const mxArray* a) {
@@ -281,57 +238,30 @@ void fail_create_at(int k) { state().creates_until_failure = k; }
 void interrupt_at_poll(std::int64_t k) { state().polls_until_interrupt = k; }
 std::int64_t interrupt_polls() { return state().polls; }
 
-mxArray* int32_array(const std::vector<mwSize>& dims, const std::vector<std::int32_t>& values) {
-  mxArray* a = new_array(dims, mxINT32_CLASS, false);
-  if (values.size() * sizeof(std::int32_t) != a->real.size())
-    throw std::invalid_argument("int32_array: values do not match the dimensions");
+template <class T>
+mxArray* filled_array(const std::vector<mwSize>& dims, mxClassID c, const std::vector<T>& values) {
+  mxArray* a = new_array(dims, c, false);
+  if (values.size() * sizeof(T) != a->real.size())
+    throw std::invalid_argument("the values do not match the dimensions");
   if (!a->real.empty()) std::memcpy(a->real.data(), values.data(), a->real.size());
   return a;
 }
 
+mxArray* int32_array(const std::vector<mwSize>& dims, const std::vector<std::int32_t>& values) {
+  return filled_array(dims, mxINT32_CLASS, values);
+}
+
 mxArray* double_array(const std::vector<mwSize>& dims, const std::vector<double>& values) {
-  mxArray* a = new_array(dims, mxDOUBLE_CLASS, false);
-  if (values.size() * sizeof(double) != a->real.size())
-    throw std::invalid_argument("double_array: values do not match the dimensions");
-  if (!a->real.empty()) std::memcpy(a->real.data(), values.data(), a->real.size());
-  return a;
+  return filled_array(dims, mxDOUBLE_CLASS, values);
 }
 
 mxArray* scalar(double value, mxClassID class_id) {
   mxArray* a = new_array({1, 1}, class_id, false);
-  switch (class_id) {
-    case mxINT8_CLASS:
-      store_first<std::int8_t>(a, value);
-      break;
-    case mxUINT8_CLASS:
-    case mxLOGICAL_CLASS:
-      store_first<std::uint8_t>(a, value);
-      break;
-    case mxINT16_CLASS:
-      store_first<std::int16_t>(a, value);
-      break;
-    case mxCHAR_CLASS:
-    case mxUINT16_CLASS:
-      store_first<std::uint16_t>(a, value);
-      break;
-    case mxINT32_CLASS:
-      store_first<std::int32_t>(a, value);
-      break;
-    case mxUINT32_CLASS:
-      store_first<std::uint32_t>(a, value);
-      break;
-    case mxINT64_CLASS:
-      store_first<std::int64_t>(a, value);
-      break;
-    case mxUINT64_CLASS:
-      store_first<std::uint64_t>(a, value);
-      break;
-    case mxSINGLE_CLASS:
-      store_first<float>(a, value);
-      break;
-    default:
-      store_first<double>(a, value);
-  }
+  with_element_type(class_id, [a, value](auto v) {
+    v = static_cast<decltype(v)>(value);
+    std::memcpy(a->real.data(), &v, sizeof v);
+    return 0;
+  });
   return a;
 }
 
@@ -343,12 +273,8 @@ mxArray* complex_scalar(double re, double im) {
 }
 
 mxArray* char_array(const std::string& text) {
-  mxArray* a = new_array({1, static_cast<mwSize>(text.size())}, mxCHAR_CLASS, false);
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto c = static_cast<std::uint16_t>(static_cast<unsigned char>(text[i]));
-    std::memcpy(a->real.data() + 2 * i, &c, sizeof c);
-  }
-  return a;
+  return filled_array({1, static_cast<mwSize>(text.size())}, mxCHAR_CLASS,
+                      std::vector<std::uint16_t>(text.begin(), text.end()));
 }
 
 mxArray* logical_scalar(bool value) { return scalar(value ? 1.0 : 0.0, mxLOGICAL_CLASS); }
