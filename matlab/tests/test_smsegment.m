@@ -102,9 +102,9 @@ rows = {'smsegment:imageRange', double(img) + 0.5, {}, 'Rescale'
         'smsegment:imageClass', 'abc', {}, ''
         'smsegment:imageClass', complex(double(img), 1), {}, ''
         'smsegment:imageSize', patchy_image([32 16]), {}, ''
-        'smsegment:imageSize', patchy_image([1024 1024 2]), {}, ''
+        'smsegment:imageSize', zeros(2048, 2048, 2, 'uint8'), {}, ''
         'smsegment:imageSize', patchy_image([32 32 3]), {'Volume', true}, ''
-        'smsegment:imageSize', patchy_image([20 600 5]), {'Fit', 'pad'}, ...
+        'smsegment:imageSize', zeros(20, 1100, 5, 'uint8'), {'Fit', 'pad'}, ...
         '''Fit'', ''crop'' (or I(:, :, K) for one slice)'
         'smsegment:badOption', img, {'ThresholdRow', 7}, '''ThresholdRow'', 7: must be 1, 2 or 3 '
         'smsegment:badOption', img, {'Colour', 1}, ''
