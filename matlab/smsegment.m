@@ -30,7 +30,7 @@ function [L, n, info] = smsegment(I, varargin)
 %   double) or logical. Its values must be whole numbers from 0 to 255
 %   unless 'Rescale' is true; a logical image is read as 0 and 255. Y-by-X
 %   images and Y-by-X-by-Z volumes are segmented as they are when X = Y is a
-%   power of two from 2 to 4096 (to 512 when Z > 1) and Z a power of two no
+%   power of two from 2 to 16384 (to 1024 when Z > 1) and Z a power of two no
 %   larger than X; otherwise set 'Fit'. A Y-by-X-by-3 (or 4) array with more
 %   than 4 columns is an RGB (RGBA) image, segmented as its grey levels
 %   (299 R + 587 G + 114 B) / 1000, rounded for whole-number samples; with
@@ -78,7 +78,7 @@ function [L, n, info] = smsegment(I, varargin)
 %                     Default: from the image.
 %   'Fit'             'none': I must have a size the run takes (see above);
 %                     'pad': I is padded with 0 around it (centred) up to the
-%                     next such size, at most 4096 (512 for more than one
+%                     next such size, at most 16384 (1024 for more than one
 %                     slice); 'crop': the centred box of the largest such
 %                     size that fits is segmented, and the pixels outside it
 %                     get StartLabel - 1 in L. Either way L has the size of

@@ -15,8 +15,8 @@ function varargout = splitmerge(varargin)
 %                    values 0 to 255 (use int32(img); rescale other ranges).
 %                    X = Y = 2^MAX_LEVEL pixels, Z = 2^(MAX_LEVEL -
 %                    LIM_OCT_LEVEL) slices (1 for a 2-D image).
-%   MAX_LEVEL        level of the whole image, 1 to 12 (edge 2 to 4096
-%                    pixels); 1 to 9 in a volume (edge 2 to 512).
+%   MAX_LEVEL        level of the whole image, 1 to 14 (edge 2 to 16384
+%                    pixels); 1 to 10 in a volume (edge 2 to 1024).
 %   LIM_OCT_LEVEL    lowest level whose blocks are divided in z too, 0 to
 %                    MAX_LEVEL; MAX_LEVEL for a 2-D image.
 %   INIT_LEVEL       level of the initial blocks (edge 2^INIT_LEVEL pixels),

@@ -11,23 +11,28 @@
 #include <vector>
 
 #include "option_values.hpp"
+#include "splitmerge/frontend.hpp"
 
 namespace splitmerge::tool {
 
 namespace {
 
-constexpr const char* description =
-    "Segments a grey image or volume into homogeneous regions by split and merge over a\n"
-    "quadtree (2-D) or octree (3-D): the image is covered with square blocks, homogeneous\n"
-    "neighbouring blocks are merged, inhomogeneous ones split, adjacent blocks grouped into\n"
-    "regions, and regions below --small-size pixels absorbed. Labels number the regions\n"
-    "1, 2, ... by decreasing size (see --start-label).\n\n"
-    "The image must have square slices of 2, 4, ..., 4096 pixels (at most 512 in a volume\n"
-    "of more than one slice), a power-of-two slice count no larger than the edge and integer\n"
-    "pixels 0..255; --fit, --slice and --rescale adapt other images. Progress lines go to\n"
-    "standard output, problems to standard error.\n"
-    "Exit status: 0 done, 1 the segmentation or writing its results failed, 2 bad usage or\n"
-    "an unusable input.\n";
+std::string description() {
+  return "Segments a grey image or volume into homogeneous regions by split and merge over a\n"
+         "quadtree (2-D) or octree (3-D): the image is covered with square blocks, homogeneous\n"
+         "neighbouring blocks are merged, inhomogeneous ones split, adjacent blocks grouped\n"
+         "into regions, and regions below --small-size pixels absorbed. Labels number the\n"
+         "regions 1, 2, ... by decreasing size (see --start-label).\n\n"
+         "The image must have square slices of 2, 4, ..., " +
+         std::to_string(frontend::largest_edge(false)) + " pixels (at most " +
+         std::to_string(frontend::largest_edge(true)) +
+         " in a volume\n"
+         "of more than one slice), a power-of-two slice count no larger than the edge and\n"
+         "integer pixels 0..255; --fit, --slice and --rescale adapt other images. Progress\n"
+         "lines go to standard output, problems to standard error.\n"
+         "Exit status: 0 done, 1 the segmentation or writing its results failed, 2 bad usage\n"
+         "or an unusable input, 3 out of memory (above the budget, see --memory-limit).\n";
+}
 
 constexpr const char* footer =
     "Formats (chosen by the file name's extension):\n"
@@ -287,7 +292,7 @@ parse_result parse_command_line(int argc, const char* const* argv) {
   std::string predicate = std::to_string(s.params.pred_choice);
   std::string fit = "none";
 
-  CLI::App app(description, "splitmerge");
+  CLI::App app(description(), "splitmerge");
   app.footer(footer);
   app.set_version_flag("--version", std::string("splitmerge ") + SPLITMERGE_VERSION);
   app.get_formatter()->column_width(26);

@@ -204,7 +204,7 @@ def segment(
         2-D (Y, X) or 3-D (Z, Y, X) grey array, or a colour picture (Y, X, 3)
         or (Y, X, 4) (see `channel_axis`), of any integer, boolean or
         floating-point dtype and any memory layout. Slices must be square
-        with an edge of 2, 4, ..., 4096 pixels (at most 512 for a volume of
+        with an edge of 2, 4, ..., 16384 pixels (at most 1024 for a volume of
         more than one slice) and a volume must have 1, 2, 4, ... slices, no
         more than the edge (see `fit`). Values must be whole numbers 0..255
         (see `rescale`); a boolean image is read as 0 and 255.
