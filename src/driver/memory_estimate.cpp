@@ -42,6 +42,10 @@ std::uint64_t arena_records(std::uint64_t capacity, std::uint64_t used_bound) {
 
 }  // namespace
 
+std::uint64_t most_frames(std::uint64_t voxels) noexcept {
+  return 2 + (4 * voxels + 1) / (frame_interval + 1);
+}
+
 std::size_t block_record_bytes(std::int32_t max_level) noexcept {
   // Runs of more than 8 levels keep each block's high code digits beside it.
   return max_level > narrow_code_levels ? sizeof(block) + sizeof(std::uint32_t) : sizeof(block);
@@ -70,11 +74,7 @@ std::uint64_t worst_case_bytes(const run_shape& s) noexcept {
   const std::uint64_t frame = n * frame_pixel_bytes;
   std::uint64_t frames = frame;  // the frame being painted exists in every run
   if (s.display && !s.frames_to_sink) {
-    // A tick per block made or merged in the tree (under 4/3 n), per region
-    // started and per union (each under n): under 4 n + 1 ticks, and a frame
-    // at the first tick and every 1001st after it.
-    const std::uint64_t ticks = 4 * n + 1;
-    const std::uint64_t most = 2 + ticks / (frame_interval + 1);
+    const std::uint64_t most = most_frames(n);
     const std::uint64_t within =
         frame == 0 ? most : std::max<std::uint64_t>(1, s.frame_budget / frame);
     // One more while the frames are copied into the result.

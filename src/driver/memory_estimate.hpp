@@ -20,6 +20,12 @@ struct run_shape {
   bool collect_regions = false;
 };
 
+// The most display frames a run of this many voxels records: a tick per
+// block made or merged in the tree (under 4/3 n), per region started and per
+// union (each under n), so under 4 n + 1 ticks; a frame at the first tick and
+// every frame_interval + 1 after it, and the last one.
+std::uint64_t most_frames(std::uint64_t voxels) noexcept;
+
 // Upper bound of the bytes a run of this shape holds at once, the output
 // labels included, the caller's image not.
 std::uint64_t worst_case_bytes(const run_shape& s) noexcept;

@@ -1,7 +1,7 @@
 // Running a prepared input and mapping its labels back onto the input.
 #include <algorithm>
 
-#include "display/display.hpp"
+#include "driver/memory_estimate.hpp"
 #include "driver/driver.hpp"
 #include "splitmerge/frontend.hpp"
 
@@ -82,13 +82,10 @@ std::vector<std::int32_t> segmented_on_input(const prepared& input) {
 }
 
 std::int64_t most_frames(const prepared& input) {
-  // The display counts a tick per block made or merged in the tree (under
-  // 4/3 n), per region started and per union (each under n): under 4 n + 1
-  // ticks, a frame at the first tick and every frame_interval + 1 after it,
-  // and the last one (as the memory estimate counts them).
-  const std::int64_t n =
-      std::int64_t{input.segmented.size_x} * input.segmented.size_y * input.segmented.size_z;
-  return 2 + (4 * n + 1) / (frame_interval + 1);
+  return static_cast<std::int64_t>(splitmerge::most_frames(
+      static_cast<std::uint64_t>(input.segmented.size_x) *
+      static_cast<std::uint64_t>(input.segmented.size_y) *
+      static_cast<std::uint64_t>(input.segmented.size_z)));
 }
 
 result run(const prepared& input, const options& opts) {
