@@ -39,6 +39,36 @@ enum class pixel_type : std::uint8_t {
 // Bytes of one sample of a type.
 std::size_t pixel_size(pixel_type type);
 
+// Calls f with a value of the C++ type of `type` (bool for boolean).
+template <class F>
+decltype(auto) with_pixel_type(pixel_type type, F&& f) {
+  switch (type) {
+    case pixel_type::boolean:
+      return f(bool{});
+    case pixel_type::int8:
+      return f(std::int8_t{});
+    case pixel_type::uint8:
+      return f(std::uint8_t{});
+    case pixel_type::int16:
+      return f(std::int16_t{});
+    case pixel_type::uint16:
+      return f(std::uint16_t{});
+    case pixel_type::int32:
+      return f(std::int32_t{});
+    case pixel_type::uint32:
+      return f(std::uint32_t{});
+    case pixel_type::int64:
+      return f(std::int64_t{});
+    case pixel_type::uint64:
+      return f(std::uint64_t{});
+    case pixel_type::float32:
+      return f(float{});
+    case pixel_type::float64:
+      break;
+  }
+  return f(double{});
+}
+
 // The order in which a host lays out the axes of an image.
 enum class host_order : std::uint8_t {
   // numpy's, and the files': (Y, X) or (Z, Y, X), a colour axis last:

@@ -78,40 +78,11 @@ double grey_at(const grey_input& in, const char* p) {
   return sum / 1000.0;
 }
 
-template <class F>
-decltype(auto) with_type(pixel_type t, F&& f) {
-  switch (t) {
-    case pixel_type::boolean:
-      return f(bool{});
-    case pixel_type::int8:
-      return f(std::int8_t{});
-    case pixel_type::uint8:
-      return f(std::uint8_t{});
-    case pixel_type::int16:
-      return f(std::int16_t{});
-    case pixel_type::uint16:
-      return f(std::uint16_t{});
-    case pixel_type::int32:
-      return f(std::int32_t{});
-    case pixel_type::uint32:
-      return f(std::uint32_t{});
-    case pixel_type::int64:
-      return f(std::int64_t{});
-    case pixel_type::uint64:
-      return f(std::uint64_t{});
-    case pixel_type::float32:
-      return f(float{});
-    case pixel_type::float64:
-      break;
-  }
-  return f(double{});
-}
-
 // Calls f(value) for every grey pixel of the box, z, then y, then x.
 template <class F>
 void for_each_grey(const grey_input& in, std::int64_t x0, std::int64_t y0, std::int64_t z0,
                    std::int64_t nx, std::int64_t ny, std::int64_t nz, F&& f) {
-  with_type(in.type, [&](auto tag) {
+  with_pixel_type(in.type, [&](auto tag) {
     using T = decltype(tag);
     for (std::int64_t z = z0; z < z0 + nz; ++z)
       for (std::int64_t y = y0; y < y0 + ny; ++y) {
