@@ -2,6 +2,7 @@
 // its own context, so runs in different threads never meet.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -140,10 +141,14 @@ class run_context {
   std::function<void(const std::int32_t*, std::int32_t)> frame_sink;
 
   // --- interruption by the caller ---
+  // Called on the thread that started the run only: a host's callback may
+  // need a lock that thread holds (Python's GIL).
   std::function<bool()> interrupt;
-  bool interrupted = false;
-  // Items (blocks, regions, entries) a phase works through between two polls;
-  // tests make it 1 so that every poll point is reached.
+  // Set by that thread once the caller asked to stop; the other threads of a
+  // step read it (see part_interrupt_due).
+  std::atomic<bool> interrupted{false};
+  // Items (blocks, regions, entries, rows) a phase works through between two
+  // polls; tests make it 1 so that every poll point is reached.
   std::uint32_t poll_interval = 4096;
   std::uint32_t polls_due = 0;
   // Polls the caller every poll_interval calls: cheap enough for inner loops.
@@ -154,8 +159,18 @@ class run_context {
   }
   // Polls the caller once; stays true once the caller asked to stop.
   bool interrupt_requested() {
-    if (!interrupted && interrupt) interrupted = interrupt();
-    return interrupted;
+    if (!interrupted.load(std::memory_order_relaxed) && interrupt && interrupt())
+      interrupted.store(true, std::memory_order_relaxed);
+    return interrupted.load(std::memory_order_relaxed);
+  }
+  // interrupt_due for part t of a step split by run_parts, `count` being the
+  // part's own counter: part 0 runs on the starting thread and asks the
+  // caller, the other parts read what it found.
+  bool part_interrupt_due(std::size_t t, std::uint32_t& count) {
+    if (t == 0) return interrupt_due();
+    if (++count < poll_interval) return false;
+    count = 0;
+    return interrupted.load(std::memory_order_relaxed);
   }
 
   // --- status of the last checked step ---

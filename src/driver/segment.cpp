@@ -182,6 +182,8 @@ segmentation segment_run(const image_view& image, parameters p, const options& o
       p.sigma, p.pseudo_factor);
 
   if (result.status == status_interrupted) result.error = "interrupted";
+  // A run stopped while it painted leaves part of an image: none is given.
+  if (result.status != status_ok) std::fill(result.labels.begin(), result.labels.end(), 0);
   if (ctx.frame_sink) {
     hand_over_last_frame(ctx);
     ctx.release_frames();

@@ -19,6 +19,7 @@ regionlist clean_regionlist(run_context& ctx, regionlist head) noexcept {
     nb_node* prev = nullptr;
     nb_node* e = ctx.entry_at(r->nb_pointers[0]);
     while (e != nullptr) {
+      if (ctx.interrupt_due()) return first;  // the lists whole, partly cleaned
       block* h = resolve(ctx, e);
       if (h->visit != visit) {
         h->visit = visit;

@@ -39,6 +39,8 @@ void merge_phase(run_context& ctx, blocklist list) noexcept {
     std::int64_t acc0 = 0;
     std::int64_t acc1 = 0;
     while (b != nullptr) {
+      // Between groups the list is whole: the caller releases it.
+      if (ctx.interrupt_due()) return;
       if (level<Code>(ctx, ctx.code_of<Code>(b)) == lvl) {
         ++k;
         if (update_evalvar(ctx, b, acc0, acc1, k, lvl) != 0) {
