@@ -552,13 +552,15 @@ TEST(Interrupt, EveryPollThatAsksEndsTheRunWithNothingLeft) {
   const testing::temp_folder folder;
   struct variant {
     std::int32_t group_mode, display, threads, pred_choice;
+    std::uint32_t elimination_walk;  // 0: every list the elimination asks about is indexed
   };
-  for (const variant v : {variant{1, 0, 1, 1}, variant{0, 1, 2, 4}}) {
+  for (const variant v : {variant{1, 0, 1, 1, 32}, variant{0, 1, 2, 4, 0}}) {
     run_setup s = small_volume(rng);
     s.group_mode = v.group_mode;
     s.display = v.display;
     s.threads = v.threads;
     s.pred_choice = v.pred_choice;
+    s.elimination_walk = v.elimination_walk;
     s.save_flag = 1;
     s.filename = folder.file("interrupt.txt");
     const run_result reference = run(s);

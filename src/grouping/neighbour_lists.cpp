@@ -263,7 +263,11 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   if (!make_initial_regions<Code>(ctx, first, table, head)) return fail(nullptr);
 
   leaf_raster index;
-  for (const block* b = first; b != nullptr; b = ctx.block_at(b->next_block)) ++index.count;
+  // The leaves are far apart in memory: even a walk along them polls.
+  for (const block* b = first; b != nullptr; b = ctx.block_at(b->next_block)) {
+    if (ctx.interrupt_due()) return fail(nullptr);
+    ++index.count;
+  }
   const std::size_t ids = ctx.blocks.end();
   auto* scratch = static_cast<std::uint32_t*>(ctx.allocator.allocate_uninitialised(
       index.count * (sizeof(block*) + 3 * sizeof(std::uint32_t) + 1) + ids * sizeof(std::uint32_t) +
@@ -281,6 +285,7 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   {
     std::size_t i = 0;
     for (block* b = first; b != nullptr; b = ctx.block_at(b->next_block), ++i) {
+      if (ctx.interrupt_due()) return fail(scratch);
       index.leaves[i] = b;
       index.ids[i] = ctx.id(b);
       index.levels[i] = static_cast<std::uint8_t>(level<Code>(ctx, ctx.code_of<Code>(b)));
@@ -330,11 +335,8 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
     return fail(scratch);
   }
   if (!place_lists(ctx, index, pairs, base)) {
-    // Every entry of the run is in the one range: give it back whole.
-    ctx.entries.release_all();
-    for (std::size_t i = 0; i < index.count; ++i) index.leaves[i]->nb_pointers[0] = 0;
     ctx.allocator.release(pairs.found);
-    return fail(scratch);
+    return fail(scratch);  // the unfinished lists go with every record (see free_initregion)
   }
 
   // Every block is now a head of its own; chain order is memory order.
