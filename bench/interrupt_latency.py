@@ -142,7 +142,8 @@ def main() -> int:
         data.tofile(raw)
         moments = [(f"{t:g} s", t) for t in args.at]
         if args.every_phase:
-            moments += [(f"{t:g} s ({name})", t) for name, t in phase_middles(args.cli, volume)]
+            moments += [(f"{t:g} s ({name.removeprefix('finished ')})", t)
+                        for name, t in phase_middles(args.cli, volume)]
         package = Path(scratch) / "package" / "splitmerge"
         shutil.copytree(ROOT / "python" / "splitmerge", package)
         for core in Path(args.core).glob("_core*.so"):
@@ -171,7 +172,8 @@ def main() -> int:
                 print(f"{name} at {label}: {latency:.3f} s ({ended})", file=sys.stderr, flush=True)
                 latencies.append(latency)
             rows.append((name, max(latencies) if all(x == x for x in latencies) else None))
-    print(f"| interface | largest latency over SIGINT at {', '.join(m for m, _ in moments)} |")
+    print(f"SIGINT at {', '.join(m for m, _ in moments)} into the run.\n")
+    print("| interface | largest latency |")
     print("|---|---|")
     for name, worst in rows:
         print(f"| {name} | {'a call did not end' if worst is None else f'{worst:.3f} s'} |")

@@ -145,7 +145,7 @@ class run_context {
   // need a lock that thread holds (Python's GIL).
   std::function<bool()> interrupt;
   // Set by that thread once the caller asked to stop; the other threads of a
-  // step read it (see part_interrupt_due).
+  // step read it (see loop_poll).
   std::atomic<bool> interrupted{false};
   // Items (blocks, regions, entries, rows) a phase works through between two
   // polls; tests make it 1 so that every poll point is reached.
@@ -163,21 +163,34 @@ class run_context {
       interrupted.store(true, std::memory_order_relaxed);
     return interrupted.load(std::memory_order_relaxed);
   }
-  // interrupt_due for part t of a step split by run_parts, `count` being the
-  // part's own counter: part 0 runs on the starting thread and asks the
-  // caller, the other parts read what it found.
-  bool part_interrupt_due(std::size_t t, std::uint32_t& count) {
-    if (t == 0) return interrupt_due();
-    if (++count < poll_interval) return false;
-    count = 0;
-    return interrupted.load(std::memory_order_relaxed);
-  }
 
   // --- status of the last checked step ---
   std::int64_t phase_status = 0;
 
   // --- results that callers of the C++ interface may ask for ---
   std::function<void(regionlist)> inspect_regions;  // called before the region list file
+};
+
+// interrupt_due for a loop whose items take a few instructions: the count
+// lives in the loop's registers, not in the context. One poller serves one
+// loop (with the loops nested in it). In a step split by run_parts, part 0
+// runs on the starting thread and asks the caller; the other parts read what
+// it found.
+class loop_poll {
+ public:
+  explicit loop_poll(run_context& ctx, bool asks_caller = true) noexcept
+      : ctx_(ctx), left_(ctx.poll_interval), asks_caller_(asks_caller) {}
+  bool due() {
+    if (--left_ != 0) return false;
+    left_ = ctx_.poll_interval;
+    return asks_caller_ ? ctx_.interrupt_requested()
+                        : ctx_.interrupted.load(std::memory_order_relaxed);
+  }
+
+ private:
+  run_context& ctx_;
+  std::uint32_t left_;
+  bool asks_caller_;
 };
 
 // Calls f with the run's code width: f(std::uint32_t{}) for runs of up to 8

@@ -32,8 +32,9 @@ struct pair_table {
 // within a level) and makes each a region of its own; false when interrupted.
 template <class Code>
 bool make_initial_regions(run_context& ctx, block* first, block** table, block*& head) {
+  loop_poll poll(ctx);
   for (block* cur = first; cur != nullptr; cur = ctx.block_at(cur->next_block)) {
-    if (ctx.interrupt_due()) return false;
+    if (poll.due()) return false;
     calc_eval_var_region<Code>(ctx, cur);
     const std::int32_t lvl = level<Code>(ctx, ctx.code_of<Code>(cur));
     cur->region_pointer = ctx.id(cur);
@@ -121,9 +122,9 @@ void paint_positions(run_context& ctx, const leaf_raster& raster, std::size_t pa
   const bool volume = ctx.im_format_z > 1;
   run_parts(parts, [&](std::size_t t) {
     const std::size_t end = part_begin(raster.count, parts, t + 1);
-    std::uint32_t polls = 0;
+    loop_poll poll(ctx, t == 0);
     for (std::size_t p = part_begin(raster.count, parts, t); p < end; ++p) {
-      if (ctx.part_interrupt_due(t, polls)) return;
+      if (poll.due()) return;
       const leaf_box box = box_of<Code>(ctx, raster, p);
       const auto value = static_cast<std::uint32_t>(p);
       std::uint32_t* const first = raster.position + box.at;
@@ -179,9 +180,9 @@ void find_pairs(run_context& ctx, const leaf_raster& raster, const std::size_t* 
     const std::size_t begin = part_begin(raster.count, parts, t);
     const std::size_t end = part_begin(raster.count, parts, t + 1);
     std::size_t at = part_start[t];
-    std::uint32_t polls = 0;
+    loop_poll poll(ctx, t == 0);
     for (std::size_t p = begin; p < end; ++p) {
-      if (ctx.part_interrupt_due(t, polls)) return;
+      if (poll.due()) return;
       pairs.found_begin[p] = static_cast<std::uint32_t>(at);
       std::uint32_t* found = pairs.found + at;
       std::uint32_t n = 0;
@@ -216,8 +217,9 @@ void find_pairs(run_context& ctx, const leaf_raster& raster, const std::size_t* 
 bool place_lists(run_context& ctx, const leaf_raster& index, pair_table& pairs, entry_id base) {
   nb_node* entries = base == 0 ? nullptr : ctx.entry_at(base) - base;
   entry_id at = base;
+  loop_poll poll(ctx);
   for (std::size_t p = 0; p < index.count; ++p) {
-    if (ctx.interrupt_due()) return false;
+    if (poll.due()) return false;
     block* b = index.leaves[p];
     const std::uint32_t own = pairs.found_count[p];
     std::uint32_t& slot = pairs.slot[ctx.id(b)];
@@ -236,7 +238,7 @@ bool place_lists(run_context& ctx, const leaf_raster& index, pair_table& pairs, 
     at += length;
   }
   for (std::size_t p = 0; p < index.count; ++p) {
-    if (ctx.interrupt_due()) return false;
+    if (poll.due()) return false;
     const block_id cur = ctx.id(index.leaves[p]);
     const block_id* found = pairs.found + pairs.found_begin[p];
     for (std::uint32_t j = 0; j < pairs.found_count[p]; ++j)
@@ -264,8 +266,9 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
 
   leaf_raster index;
   // The leaves are far apart in memory: even a walk along them polls.
+  loop_poll poll(ctx);
   for (const block* b = first; b != nullptr; b = ctx.block_at(b->next_block)) {
-    if (ctx.interrupt_due()) return fail(nullptr);
+    if (poll.due()) return fail(nullptr);
     ++index.count;
   }
   const std::size_t ids = ctx.blocks.end();
@@ -285,7 +288,7 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   {
     std::size_t i = 0;
     for (block* b = first; b != nullptr; b = ctx.block_at(b->next_block), ++i) {
-      if (ctx.interrupt_due()) return fail(scratch);
+      if (poll.due()) return fail(scratch);
       index.leaves[i] = b;
       index.ids[i] = ctx.id(b);
       index.levels[i] = static_cast<std::uint8_t>(level<Code>(ctx, ctx.code_of<Code>(b)));

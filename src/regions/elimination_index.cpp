@@ -27,15 +27,16 @@ std::size_t hash_of(block_id owner, block_id named) noexcept {
 
 // Gives the entries of a list evenly spread order keys; false when interrupted.
 bool elimination_index::spread(nb_node* first) noexcept {
+  loop_poll poll(ctx_);
   std::uint64_t n = 0;
   for (const nb_node* e = first; e != nullptr; e = ctx_.entry_at(e->next)) {
-    if (ctx_.interrupt_due()) return false;
+    if (poll.due()) return false;
     ++n;
   }
   const std::uint64_t step = order_end / (n + 1);
   std::uint64_t order = 0;
   for (nb_node* e = first; e != nullptr; e = ctx_.entry_at(e->next)) {
-    if (ctx_.interrupt_due()) return false;
+    if (poll.due()) return false;
     order += step;
     order_of(e) = order;
   }
@@ -119,10 +120,11 @@ bool elimination_index::note(block_id owner, nb_node* e) noexcept {
 
 bool elimination_index::index_list(block* owner) noexcept {
   if (!prepare()) return false;
+  loop_poll poll(ctx_);
   std::size_t n = 0;
   for (const nb_node* e = ctx_.entry_at(owner->nb_pointers[0]); e != nullptr;
        e = ctx_.entry_at(e->next)) {
-    if (ctx_.interrupt_due()) return false;
+    if (poll.due()) return false;
     ++n;
   }
   const std::uint64_t step = order_end / (n + 1);
@@ -132,7 +134,7 @@ bool elimination_index::index_list(block* owner) noexcept {
        e = ctx_.entry_at(e->next)) {
     order += step;
     order_of(e) = order;
-    if (ctx_.interrupt_due() || !note(id, e)) return false;
+    if (poll.due() || !note(id, e)) return false;
   }
   marks_[id] |= indexed_list;
   return true;
@@ -159,8 +161,9 @@ bool elimination_index::grow(std::size_t extra) noexcept {
   slot* old = slots_;
   const std::size_t old_capacity = capacity_;
   std::size_t live = extra;
+  loop_poll poll(ctx_);
   for (std::size_t i = 0; i < old_capacity; ++i) {
-    if (ctx_.interrupt_due()) return false;
+    if (poll.due()) return false;
     if (old[i].first != 0 && ctx_.block_at(old[i].owner)->region_pointer != 0) ++live;
   }
   slots_ = nullptr;
@@ -169,7 +172,7 @@ bool elimination_index::grow(std::size_t extra) noexcept {
     return false;
   }
   for (std::size_t i = 0; i < old_capacity; ++i) {
-    if (ctx_.interrupt_due()) {
+    if (poll.due()) {
       ctx_.allocator.release(old);
       return false;
     }
@@ -196,7 +199,6 @@ bool elimination_index::after_union(block* owner, nb_node* e, nb_node* spliced_f
     std::uint64_t n = count;
     std::uint64_t hi = end != nullptr ? order_of(end) : order_end;
     while (end != nullptr && (hi - lo) / (n + 1) < room) {
-      if (ctx_.interrupt_due()) return false;
       end = ctx_.entry_at(end->next);
       ++n;
       hi = end != nullptr ? order_of(end) : order_end;
@@ -205,7 +207,6 @@ bool elimination_index::after_union(block* owner, nb_node* e, nb_node* spliced_f
       const std::uint64_t step = (hi - lo) / (n + 1);
       std::uint64_t order = lo;
       for (nb_node* s = spliced_first; s != end; s = ctx_.entry_at(s->next)) {
-        if (ctx_.interrupt_due()) return false;
         order += step;
         order_of(s) = order;
       }
