@@ -9,8 +9,10 @@ Segments the 64 x 256 x 256 volume of uniform noise
 with the default parameters and sends SIGINT at each moment into the run
 (seconds after the call starts). With ``--every-phase`` one complete run of
 the command-line program first times its progress lines, and the middle of
-every phase is added to the moments. The latency is the time from the signal
-to the end of the call: until the child reports that ``splitmerge.segment``
+every phase is added to the moments, at the same share of a complete call of
+each interface. The latency is the time from the signal
+to the end of the call (a call that finished before its moment is left out):
+until the child reports that ``splitmerge.segment``
 raised KeyboardInterrupt (Python) or that ``smsegment`` raised
 ``splitmerge:interrupted`` (Octave, signalled as octave-cli would be by
 Ctrl-C), and until the process ended (command line). Prints one Markdown table.
@@ -78,12 +80,13 @@ def read_line(stream, deadline: float) -> Optional[str]:
     return None
 
 
-def interrupted_call(command: list[str], at: float, env: Optional[dict] = None,
+def interrupted_call(command: list[str], at: Optional[float], env: Optional[dict] = None,
                      ends_with_exit: bool = False) -> tuple[float, str]:
     """Seconds from SIGINT, sent `at` seconds into the call, to its end, and how it ended.
 
     A child that reports prints ``started`` right before the call and one
     line when the call ended; otherwise the call is the whole process.
+    Without `at` no signal is sent: the seconds are those of the whole call.
     """
     child = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=env,
                              start_new_session=True)
@@ -92,11 +95,13 @@ def interrupted_call(command: list[str], at: float, env: Optional[dict] = None,
             while (line := read_line(child.stdout, time.monotonic() + 120)) != "started":
                 if line is None:
                     return float("nan"), "never started"
-        time.sleep(at)
-        if child.poll() is not None:
-            return float("nan"), "finished first"
         sent = time.monotonic()
-        child.send_signal(signal.SIGINT)
+        if at is not None:
+            time.sleep(at)
+            if child.poll() is not None:
+                return float("nan"), "finished first"
+            sent = time.monotonic()
+            child.send_signal(signal.SIGINT)
         if ends_with_exit:
             child.wait(timeout=120)
             return time.monotonic() - sent, f"exit {child.returncode}"
@@ -112,7 +117,8 @@ def interrupted_call(command: list[str], at: float, env: Optional[dict] = None,
 
 
 def phase_middles(cli: str, volume: Path) -> list[tuple[str, float]]:
-    """The middle of every phase of one complete command-line run, by its progress lines."""
+    """The middle of every phase of one complete command-line run, by its
+    progress lines, as a share of the whole run."""
     start = time.monotonic()
     child = subprocess.Popen([cli, str(volume)], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     marks = [("start", 0.0)]
@@ -120,8 +126,9 @@ def phase_middles(cli: str, volume: Path) -> list[tuple[str, float]]:
         if line.startswith("finished"):
             marks.append((line.strip(), time.monotonic() - start))
     child.wait()
-    return [(name, round((marks[i - 1][1] + t) / 2, 2)) for i, (name, t) in enumerate(marks)
-            if i > 0 and t - marks[i - 1][1] > 0.1]
+    whole = time.monotonic() - start
+    return [(name.removeprefix("finished "), (marks[i - 1][1] + t) / 2 / whole)
+            for i, (name, t) in enumerate(marks) if i > 0 and t - marks[i - 1][1] > 0.1]
 
 
 def main() -> int:
@@ -141,9 +148,7 @@ def main() -> int:
         raw = Path(scratch) / "noise.raw"
         data.tofile(raw)
         moments = [(f"{t:g} s", t) for t in args.at]
-        if args.every_phase:
-            moments += [(f"{t:g} s ({name.removeprefix('finished ')})", t)
-                        for name, t in phase_middles(args.cli, volume)]
+        phases = phase_middles(args.cli, volume) if args.every_phase else []
         package = Path(scratch) / "package" / "splitmerge"
         shutil.copytree(ROOT / "python" / "splitmerge", package)
         for core in Path(args.core).glob("_core*.so"):
@@ -167,16 +172,21 @@ def main() -> int:
         for key in args.only:
             name, call = interfaces[key]
             latencies = []
-            for label, t in moments:
+            whole = call(None)[0] if phases else 0.0
+            for label, t in moments + [(f"{share * whole:.2f} s (in {phase})", share * whole)
+                                       for phase, share in phases]:
                 latency, ended = call(t)
                 print(f"{name} at {label}: {latency:.3f} s ({ended})", file=sys.stderr, flush=True)
-                latencies.append(latency)
-            rows.append((name, max(latencies) if all(x == x for x in latencies) else None))
-    print(f"SIGINT at {', '.join(m for m, _ in moments)} into the run.\n")
-    print("| interface | largest latency |")
-    print("|---|---|")
-    for name, worst in rows:
-        print(f"| {name} | {'a call did not end' if worst is None else f'{worst:.3f} s'} |")
+                if ended != "finished first":
+                    latencies.append(latency)
+            ended_calls = all(x == x for x in latencies)
+            rows.append((name, len(latencies), max(latencies) if ended_calls else None))
+    middles = " and in the middle of every phase" if phases else ""
+    print(f"SIGINT at {', '.join(m for m, _ in moments)}{middles} into the run.\n")
+    print("| interface | largest latency | moments |")
+    print("|---|---|---|")
+    for name, hit, worst in rows:
+        print(f"| {name} | {'a call did not end' if worst is None else f'{worst:.3f} s'} | {hit} |")
     return 0
 
 
