@@ -168,7 +168,9 @@ class run_context {
   std::int64_t phase_status = 0;
 
   // --- results that callers of the C++ interface may ask for ---
-  std::function<void(regionlist)> inspect_regions;  // called before the region list file
+  // Called before the region list file; the run ends interrupted when it
+  // was interrupted meanwhile.
+  std::function<void(regionlist)> inspect_regions;
 };
 
 // interrupt_due for a loop whose items take a few instructions: the count

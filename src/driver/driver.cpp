@@ -241,6 +241,11 @@ std::int32_t split_merge_group(run_context& ctx, const std::int32_t* image, std:
   }
   ctx.print("finished make_output \n");
   if (ctx.inspect_regions) ctx.inspect_regions(head);
+  if (ctx.interrupted) {  // while the regions were inspected
+    free_variables(ctx);
+    free_regionlist(ctx, head);
+    return status_interrupted;
+  }
 
   if (save_flag != 0) {
     ctx.print("file = " + std::string(filename) + " \n");
