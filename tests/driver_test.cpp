@@ -14,6 +14,7 @@
 #include <fstream>
 #include <iterator>
 #include <random>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -54,6 +55,7 @@ struct run_result {
   std::uint64_t polls = 0;
   std::uint64_t peak = 0;
   bool over_budget = false;
+  std::vector<std::uint64_t> line_polls;  // polls made before each printed line
   bool failed_site[alloc_site_count] = {};
 };
 
@@ -68,7 +70,10 @@ run_result run(const run_setup& s, std::uint64_t fail_at = 0) {
   ctx.elimination_walk = s.elimination_walk;
   ctx.poll_interval = 1;  // every poll point asks
   ctx.interrupt = [&r, &s] { return ++r.polls == s.interrupt_at; };
-  ctx.out = [&](std::string_view t) { r.printed.append(t); };
+  ctx.out = [&](std::string_view t) {
+    r.printed.append(t);
+    r.line_polls.push_back(r.polls);
+  };
   ctx.err = [&](std::string_view t) { r.errors.append(t); };
   ctx.allocator.fail_at(fail_at);
   ctx.allocator.set_budget(s.budget);
@@ -575,22 +580,39 @@ TEST(Elimination, OptimisationIndexOfLongListsChangesNothing) {
 TEST(Interrupt, EveryPollThatAsksEndsTheRunWithNothingLeft) {
   std::mt19937 rng(91);
   const testing::temp_folder folder;
-  for (const int group_mode : {0, 1}) {
+  struct variant {
+    std::int32_t group_mode, display, threads, pred_choice;
+    std::uint32_t elimination_walk;  // 0: every list the elimination asks about is indexed
+  };
+  for (const variant v : {variant{1, 0, 1, 1, 32}, variant{0, 1, 2, 4, 0}}) {
     run_setup s = small_volume(rng);
-    s.pred_choice = 1;
-    s.group_mode = group_mode;
-    s.display = group_mode;
+    s.group_mode = v.group_mode;
+    s.display = v.display;
+    s.threads = v.threads;
+    s.pred_choice = v.pred_choice;
+    s.elimination_walk = v.elimination_walk;
     s.save_flag = 1;
     s.filename = folder.file("interrupt.txt");
     const run_result reference = run(s);
     ASSERT_EQ(reference.status, 0);
-    ASSERT_GT(reference.polls, 50u) << "the phases poll as they go";
+    std::filesystem::remove(s.filename);
+    // Each phase polls as it goes, not only before it starts (the lines that
+    // end no phase of their own, and the short sort, aside).
+    std::istringstream lines(reference.printed);
+    std::string line;
+    for (std::size_t i = 0; std::getline(lines, line); ++i) {
+      if (!line.starts_with("finished ") || line.starts_with("finished grouping") ||
+          line.starts_with("finished sorting") || line.starts_with("finished the"))
+        continue;
+      EXPECT_GE(reference.line_polls[i] - (i == 0 ? 0 : reference.line_polls[i - 1]), 2u) << line;
+    }
     for (std::uint64_t k = 1; k <= reference.polls; ++k) {
       s.interrupt_at = k;
       const run_result r = run(s);
       ASSERT_EQ(r.status, status_interrupted) << "poll " << k;
       ASSERT_EQ(r.live_after, 0) << "poll " << k;
       ASSERT_EQ(r.polls, k) << "no poll after the request";
+      ASSERT_FALSE(std::filesystem::exists(s.filename)) << "poll " << k;
     }
   }
 }

@@ -1,11 +1,10 @@
-// Frames handed to a sink as they are frozen, runs stopped by the caller, and
+// Frames handed to a sink as they are frozen, a run stopped by the caller, and
 // the parallel grouping's seed table sized by the regions it can seed.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <bit>
 #include <cstdint>
 #include <limits>
 #include <random>
@@ -55,46 +54,6 @@ TEST(FrameSink, StreamedFramesEqualCollectedFramesOnEveryReferenceCase) {
     EXPECT_EQ(streamed, collected.frames);
     if (c.frames) {
       EXPECT_EQ(streamed, *c.frames);
-    }
-  }
-}
-
-struct stop_run {
-  std::int32_t status = 0;
-  std::int64_t live_after = 0;
-  std::int32_t polls = 0;
-};
-
-// Stops a run at its k-th poll (never when k is 0).
-stop_run run_stopped_at(const std::vector<std::int32_t>& image, std::int32_t size_x,
-                        std::int32_t size_z, std::int32_t group_mode, std::int32_t k) {
-  stop_run r;
-  run_context ctx;
-  ctx.out = [](std::string_view) {};
-  ctx.interrupt = [&] { return ++r.polls == k; };
-  std::vector<std::int32_t> labels(image.size(), 0);
-  const std::int32_t max_level = std::countr_zero(static_cast<std::uint32_t>(size_x));
-  const std::int32_t lim = max_level - std::countr_zero(static_cast<std::uint32_t>(size_z));
-  r.status =
-      split_merge_group(ctx, image.data(), size_x, size_x, size_z, max_level, lim, labels.data(), 1,
-                        group_mode, 4, 0, 4, 10, 3, 6, 1, 0, 1, nullptr, 0.1, 3.0, 2.0);
-  ctx.release_frames();
-  r.live_after = ctx.allocator.live();
-  return r;
-}
-
-TEST(Interrupt, StoppingAtEveryPollReleasesEverything) {
-  std::mt19937 rng(7);
-  for (const std::int32_t group_mode : {0, 1}) {
-    const auto image = testing::blob_image(rng, 16, 4, 40);
-    const stop_run complete = run_stopped_at(image, 16, 4, group_mode, 0);
-    ASSERT_EQ(complete.status, 0);
-    ASSERT_GE(complete.polls, 6) << "a run polls before and between its phases";
-    for (std::int32_t k = 1; k <= complete.polls; ++k) {
-      const stop_run r = run_stopped_at(image, 16, 4, group_mode, k);
-      EXPECT_EQ(r.status, status_interrupted) << "poll " << k;
-      EXPECT_EQ(r.polls, k) << "the run goes on polling after it was stopped";
-      EXPECT_EQ(r.live_after, 0) << "poll " << k << " leaked";
     }
   }
 }

@@ -95,7 +95,9 @@ struct options {
   // painted, so frames can be streamed to a file or a host buffer. It must not
   // throw; a caller that fails to take a frame records that and carries on.
   std::function<void(const std::int32_t* frame, std::int32_t index)> frame_sink;
-  // Polled between the phases of the run; returning true ends the run with
+  // Polled as the run goes, every few thousand blocks, regions or entries of
+  // every phase, and only on the thread that called segment (the run's other
+  // threads stop on its answer); returning true ends the run with
   // status_interrupted after releasing everything it built. Must not throw.
   std::function<bool()> interrupt;
   // Threads for the steps whose results cannot depend on them (the search

@@ -296,7 +296,7 @@ def segment(
     progress : callable, optional
         Called with each progress line (a str without its newline) as the
         run prints it, in the calling thread, with the GIL held. An exception
-        it raises ends the run at the next phase and is raised by `segment`.
+        it raises ends the run within moments and is raised by `segment`.
     region_file : str or os.PathLike, optional
         Also write the region list file to this path.
     frame_budget : int, optional

@@ -69,7 +69,8 @@ void deliver_lines(run_state& state, std::string_view text) noexcept {
   }
 }
 
-// Polled by the run between its phases: a failed progress call or a pending
+// Polled by the run as it goes, on this (the calling) thread only, every few
+// thousand items of each phase: a failed progress call or a pending
 // signal (KeyboardInterrupt from Ctrl-C; signal handlers run only in the main
 // thread) ends the run.
 bool should_stop(run_state& state) noexcept {

@@ -2,6 +2,7 @@
 // its own context, so runs in different threads never meet.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -140,10 +141,14 @@ class run_context {
   std::function<void(const std::int32_t*, std::int32_t)> frame_sink;
 
   // --- interruption by the caller ---
+  // Called on the thread that started the run only: a host's callback may
+  // need a lock that thread holds (Python's GIL).
   std::function<bool()> interrupt;
-  bool interrupted = false;
-  // Items (blocks, regions, entries) a phase works through between two polls;
-  // tests make it 1 so that every poll point is reached.
+  // Set by that thread once the caller asked to stop; the other threads of a
+  // step read it (see loop_poll).
+  std::atomic<bool> interrupted{false};
+  // Items (blocks, regions, entries, rows) a phase works through between two
+  // polls; tests make it 1 so that every poll point is reached.
   std::uint32_t poll_interval = 4096;
   std::uint32_t polls_due = 0;
   // Polls the caller every poll_interval calls: cheap enough for inner loops.
@@ -154,15 +159,40 @@ class run_context {
   }
   // Polls the caller once; stays true once the caller asked to stop.
   bool interrupt_requested() {
-    if (!interrupted && interrupt) interrupted = interrupt();
-    return interrupted;
+    if (!interrupted.load(std::memory_order_relaxed) && interrupt && interrupt())
+      interrupted.store(true, std::memory_order_relaxed);
+    return interrupted.load(std::memory_order_relaxed);
   }
 
   // --- status of the last checked step ---
   std::int64_t phase_status = 0;
 
   // --- results that callers of the C++ interface may ask for ---
-  std::function<void(regionlist)> inspect_regions;  // called before the region list file
+  // Called before the region list file; the run ends interrupted when it
+  // was interrupted meanwhile.
+  std::function<void(regionlist)> inspect_regions;
+};
+
+// interrupt_due for a loop whose items take a few instructions: the count
+// lives in the loop's registers, not in the context. One poller serves one
+// loop (with the loops nested in it). In a step split by run_parts, part 0
+// runs on the starting thread and asks the caller; the other parts read what
+// it found.
+class loop_poll {
+ public:
+  explicit loop_poll(run_context& ctx, bool asks_caller = true) noexcept
+      : ctx_(ctx), left_(ctx.poll_interval), asks_caller_(asks_caller) {}
+  bool due() {
+    if (--left_ != 0) return false;
+    left_ = ctx_.poll_interval;
+    return asks_caller_ ? ctx_.interrupt_requested()
+                        : ctx_.interrupted.load(std::memory_order_relaxed);
+  }
+
+ private:
+  run_context& ctx_;
+  std::uint32_t left_;
+  bool asks_caller_;
 };
 
 // Calls f with the run's code width: f(std::uint32_t{}) for runs of up to 8

@@ -34,7 +34,7 @@ list_result<regionlist> split_merge_at(run_context& ctx, std::int32_t display) {
   using result = list_result<regionlist>;
   const auto built = init_blocklist<Code>(ctx);
   if (display != 0) init_smg_display(ctx);
-  ctx.phase_status = check_pointer(built);
+  ctx.phase_status = built.status;
   if (ctx.phase_status != 0) return result::failure(ctx.phase_status);
   blocklist list = built.value;
   ctx.print("finished initialisation\n");
@@ -60,7 +60,7 @@ list_result<regionlist> split_merge_at(run_context& ctx, std::int32_t display) {
   }
 
   ctx.phase_status = display != 0 ? smg_split_disp<Code>(ctx, list) : smg_split<Code>(ctx, list);
-  if (check_pointer(ctx.phase_status) != 0) return result::failure(ctx.phase_status);
+  if (ctx.phase_status != 0) return result::failure(ctx.phase_status);
   ctx.print("finished splitting\n");
   if (ctx.interrupt_requested()) {
     free_blocklist(ctx, list);
@@ -68,7 +68,7 @@ list_result<regionlist> split_merge_at(run_context& ctx, std::int32_t display) {
   }
 
   const auto regions = group_init<Code>(ctx, list);
-  ctx.phase_status = check_pointer(regions);
+  ctx.phase_status = regions.status;
   if (ctx.phase_status != 0) return result::failure(ctx.phase_status);
   regionlist head = regions.value;
   ctx.print("finished ordering regionlist\n");
@@ -109,6 +109,7 @@ list_result<regionlist> split_merge_at(run_context& ctx, std::int32_t display) {
   }
   head = clean_regionlist(ctx, head);
   ctx.print("finished cleaning of regionlist\n");
+  if (stop(head)) return result::failure(status_interrupted);
   const auto sorted = sort_regionlist(ctx, head);
   if (check_pointer(sorted) != 0) {
     free_regionlist(ctx, head);
@@ -235,13 +236,18 @@ std::int32_t split_merge_group(run_context& ctx, const std::int32_t* image, std:
   }
   regionlist head = regions.value;
 
-  if (make_output(ctx, head, output) != 0) {
+  if (const std::int32_t painted = make_output(ctx, head, output); painted != 0) {
     free_variables(ctx);
     free_regionlist(ctx, head);
-    return status_no_memory;
+    return painted;
   }
   ctx.print("finished make_output \n");
   if (ctx.inspect_regions) ctx.inspect_regions(head);
+  if (ctx.interrupted) {  // while the regions were inspected
+    free_variables(ctx);
+    free_regionlist(ctx, head);
+    return status_interrupted;
+  }
 
   if (save_flag != 0) {
     ctx.print("file = " + std::string(filename) + " \n");

@@ -26,15 +26,18 @@ std::int32_t log2_exact(std::int32_t v) {
   return std::countr_zero(static_cast<std::uint32_t>(v));
 }
 
-std::vector<region_record> collect(const run_context& ctx, regionlist head) {
+std::vector<region_record> collect(run_context& ctx, regionlist head) {
   std::vector<region_record> out;
   std::vector<std::int64_t> kept;
+  loop_poll poll(ctx);  // nothing is collected when the run is interrupted
   for (block* h = head; h != nullptr; h = ctx.block_at(h->next_region)) {
     region_record r;
     r.statistics[0] = h->variables[0];
     r.statistics[1] = h->variables[1];
-    for (const block* b = h; b != nullptr; b = ctx.block_at(b->next_block))
+    for (const block* b = h; b != nullptr; b = ctx.block_at(b->next_block)) {
+      if (poll.due()) return {};
       r.codes.push_back(ctx.full_code(b));
+    }
     out.push_back(std::move(r));
     kept.push_back(h->variables[0]);
   }
@@ -44,8 +47,10 @@ std::vector<region_record> collect(const run_context& ctx, regionlist head) {
   std::size_t k = 0;
   for (block* h = head; h != nullptr; h = ctx.block_at(h->next_region), ++k)
     for (const nb_node* e = ctx.entry_at(h->nb_pointers[0]); e != nullptr;
-         e = ctx.entry_at(e->next))
+         e = ctx.entry_at(e->next)) {
+      if (poll.due()) return {};
       out[k].neighbours.push_back(static_cast<std::int32_t>(ctx.block_at(e->region)->variables[0]));
+    }
   k = 0;
   for (block* h = head; h != nullptr; h = ctx.block_at(h->next_region)) h->variables[0] = kept[k++];
   return out;
@@ -205,6 +210,8 @@ segmentation segment_run(const image_view& image, parameters p, const options& o
                    format_bytes(ctx.allocator.refused_bytes()) + " more";
     report(opts, result.error);
   }
+  // A run stopped while it painted leaves part of an image: none is given.
+  if (result.status != status_ok) std::fill(result.labels.begin(), result.labels.end(), 0);
   if (ctx.frame_sink) {
     hand_over_last_frame(ctx);
     ctx.release_frames();

@@ -29,10 +29,12 @@ struct pair_table {
 };
 
 // Orders the leaves into the region list (largest level first, chain order
-// within a level) and makes each a region of its own.
+// within a level) and makes each a region of its own; false when interrupted.
 template <class Code>
-void make_initial_regions(run_context& ctx, block* first, block** table, block*& head) {
+bool make_initial_regions(run_context& ctx, block* first, block** table, block*& head) {
+  loop_poll poll(ctx);
   for (block* cur = first; cur != nullptr; cur = ctx.block_at(cur->next_block)) {
+    if (poll.due()) return false;
     calc_eval_var_region<Code>(ctx, cur);
     const std::int32_t lvl = level<Code>(ctx, ctx.code_of<Code>(cur));
     cur->region_pointer = ctx.id(cur);
@@ -54,6 +56,7 @@ void make_initial_regions(run_context& ctx, block* first, block** table, block*&
     }
     table[lvl] = cur;
   }
+  return true;
 }
 
 // The leaves in chain order, their block indices and levels, and by cell
@@ -113,13 +116,15 @@ void shape_cells(const run_context& ctx, leaf_raster& raster) noexcept {
 // lower faces of the leaves that follow it. The rest of the image is never
 // read, so large blocks cost their surface, not their volume.
 template <class Code>
-void paint_positions(const run_context& ctx, const leaf_raster& raster, std::size_t parts) {
+void paint_positions(run_context& ctx, const leaf_raster& raster, std::size_t parts) {
   const std::int32_t xy = raster.xy;
   const std::int32_t slice = raster.slice;
   const bool volume = ctx.im_format_z > 1;
   run_parts(parts, [&](std::size_t t) {
     const std::size_t end = part_begin(raster.count, parts, t + 1);
+    loop_poll poll(ctx, t == 0);
     for (std::size_t p = part_begin(raster.count, parts, t); p < end; ++p) {
+      if (poll.due()) return;
       const leaf_box box = box_of<Code>(ctx, raster, p);
       const auto value = static_cast<std::uint32_t>(p);
       std::uint32_t* const first = raster.position + box.at;
@@ -167,7 +172,7 @@ std::uint32_t leaves_across(const std::uint32_t* position, std::int32_t first, s
 // neighbour per pixel face on each lower side), so part t writes from three
 // times the pixels of the leaves before it on.
 template <class Code>
-void find_pairs(const run_context& ctx, const leaf_raster& raster, const std::size_t* part_start,
+void find_pairs(run_context& ctx, const leaf_raster& raster, const std::size_t* part_start,
                 std::size_t parts, pair_table& pairs) {
   const std::int32_t xy = raster.xy;
   const std::int32_t slice = raster.slice;
@@ -175,7 +180,9 @@ void find_pairs(const run_context& ctx, const leaf_raster& raster, const std::si
     const std::size_t begin = part_begin(raster.count, parts, t);
     const std::size_t end = part_begin(raster.count, parts, t + 1);
     std::size_t at = part_start[t];
+    loop_poll poll(ctx, t == 0);
     for (std::size_t p = begin; p < end; ++p) {
+      if (poll.due()) return;
       pairs.found_begin[p] = static_cast<std::uint32_t>(at);
       std::uint32_t* found = pairs.found + at;
       std::uint32_t n = 0;
@@ -205,11 +212,14 @@ void find_pairs(const run_context& ctx, const leaf_raster& raster, const std::si
   });
 }
 
-// Lays out every list as one run of entries starting at `base`.
-void place_lists(run_context& ctx, const leaf_raster& index, pair_table& pairs, entry_id base) {
+// Lays out every list as one run of entries starting at `base`; false when
+// interrupted (the lists are then unfinished).
+bool place_lists(run_context& ctx, const leaf_raster& index, pair_table& pairs, entry_id base) {
   nb_node* entries = base == 0 ? nullptr : ctx.entry_at(base) - base;
   entry_id at = base;
+  loop_poll poll(ctx);
   for (std::size_t p = 0; p < index.count; ++p) {
+    if (poll.due()) return false;
     block* b = index.leaves[p];
     const std::uint32_t own = pairs.found_count[p];
     std::uint32_t& slot = pairs.slot[ctx.id(b)];
@@ -228,11 +238,13 @@ void place_lists(run_context& ctx, const leaf_raster& index, pair_table& pairs, 
     at += length;
   }
   for (std::size_t p = 0; p < index.count; ++p) {
+    if (poll.due()) return false;
     const block_id cur = ctx.id(index.leaves[p]);
     const block_id* found = pairs.found + pairs.found_begin[p];
     for (std::uint32_t j = 0; j < pairs.found_count[p]; ++j)
       entries[pairs.slot[found[j]]++].region = cur;
   }
+  return true;
 }
 
 }  // namespace
@@ -244,15 +256,21 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
       create_array<block*>(ctx, static_cast<std::size_t>(ctx.max_level), alloc_site::level_table);
   const auto fail = [&](void* scratch) {
     ctx.allocator.release(scratch);
-    ctx.phase_status = free_initregion(ctx, list, table);
+    free_initregion(ctx, list, table);
+    ctx.phase_status = ctx.interrupted ? status_interrupted : status_no_memory;
     return list_result<regionlist>::failure(ctx.phase_status);
   };
   if (table == nullptr) return fail(nullptr);
   block* head = nullptr;
-  make_initial_regions<Code>(ctx, first, table, head);
+  if (!make_initial_regions<Code>(ctx, first, table, head)) return fail(nullptr);
 
   leaf_raster index;
-  for (const block* b = first; b != nullptr; b = ctx.block_at(b->next_block)) ++index.count;
+  // The leaves are far apart in memory: even a walk along them polls.
+  loop_poll poll(ctx);
+  for (const block* b = first; b != nullptr; b = ctx.block_at(b->next_block)) {
+    if (poll.due()) return fail(nullptr);
+    ++index.count;
+  }
   const std::size_t ids = ctx.blocks.end();
   auto* scratch = static_cast<std::uint32_t*>(ctx.allocator.allocate_uninitialised(
       index.count * (sizeof(block*) + 3 * sizeof(std::uint32_t) + 1) + ids * sizeof(std::uint32_t) +
@@ -270,6 +288,7 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   {
     std::size_t i = 0;
     for (block* b = first; b != nullptr; b = ctx.block_at(b->next_block), ++i) {
+      if (poll.due()) return fail(scratch);
       index.leaves[i] = b;
       index.ids[i] = ctx.id(b);
       index.levels[i] = static_cast<std::uint8_t>(level<Code>(ctx, ctx.code_of<Code>(b)));
@@ -303,8 +322,12 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
     return fail(scratch);
   }
   paint_positions<Code>(ctx, index, parts);
-  find_pairs<Code>(ctx, index, part_start, parts, pairs);
+  if (!ctx.interrupted) find_pairs<Code>(ctx, index, part_start, parts, pairs);
   ctx.allocator.release(index.position);
+  if (ctx.interrupted) {
+    ctx.allocator.release(pairs.found);
+    return fail(scratch);
+  }
 
   std::size_t total = 0;
   for (std::size_t p = 0; p < index.count; ++p) {
@@ -320,7 +343,10 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
     ctx.allocator.release(pairs.found);
     return fail(scratch);
   }
-  place_lists(ctx, index, pairs, base);
+  if (!place_lists(ctx, index, pairs, base)) {
+    ctx.allocator.release(pairs.found);
+    return fail(scratch);  // the unfinished lists go with every record (see free_initregion)
+  }
 
   // Every block is now a head of its own; chain order is memory order.
   for (std::size_t i = 0; i < index.count; ++i) index.leaves[i]->next_block = 0;

@@ -20,13 +20,15 @@ struct seed_table {
   }
 };
 
-// One turn of seed s; returns whether it united anything.
+// One turn of seed s; returns whether it united anything. Ends early, with
+// the lists whole, when the caller asks to stop.
 template <bool Display>
 bool seed_turn(run_context& ctx, seed_table& seeds, block* s) {
   bool unchanged = true;
   nb_node* prev = nullptr;
   nb_node* e = ctx.entry_at(s->nb_pointers[0]);
   while (e != nullptr) {
+    if (ctx.interrupt_due()) break;
     block* n = resolve(ctx, e);
     if (n == s || (n->status & 1u) != 0) {
       e = remove_entry(ctx, s, prev, e);
@@ -97,7 +99,12 @@ list_result<regionlist> parallel_phase(run_context& ctx, regionlist head) {
   while (seeds.count >= 0) {
     block* s = slots[k];
     if constexpr (Display) ctx.cur_color = frame_colour_at(ctx, s);
-    if (!seed_turn<Display>(ctx, seeds, s)) {
+    const bool united = seed_turn<Display>(ctx, seeds, s);
+    if (ctx.interrupted) {
+      ctx.allocator.release(slots);
+      return list_result<regionlist>::failure(status_interrupted);
+    }
+    if (!united) {
       s->status = 2;
       seeds.remove(s);
     }

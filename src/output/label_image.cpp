@@ -83,8 +83,15 @@ std::int32_t label_regions(run_context& ctx, regionlist head, std::int32_t* outp
   for (const block* h = head; h != nullptr; h = ctx.block_at(h->next_region), ++label)
     labels[ctx.id(h)] = label;
   bool forwarded = true;
-  for (block_id i = 1; i < ids; ++i)
+  loop_poll poll(ctx);
+  for (block_id i = 1; i < ids; ++i) {
+    if (poll.due()) break;
     if (labels[i] == unlabelled && resolve_label(ctx, labels, i) == unlabelled) forwarded = false;
+  }
+  if (ctx.interrupted) {
+    ctx.allocator.release(labels);
+    return status_interrupted;
+  }
   if (!forwarded) {
     paint_chains<Code>(ctx, head, output);
     ctx.allocator.release(labels);
@@ -94,12 +101,15 @@ std::int32_t label_regions(run_context& ctx, regionlist head, std::int32_t* outp
   const std::size_t parts = parts_for(ids, thread_count(ctx.threads), 16 * ctx.thread_grain);
   run_parts(parts, [&](std::size_t t) {
     const std::size_t end = part_begin(ids, parts, t + 1);
-    for (std::size_t i = part_begin(ids, parts, t); i < end; ++i)
+    loop_poll part_poll(ctx, t == 0);
+    for (std::size_t i = part_begin(ids, parts, t); i < end; ++i) {
+      if (part_poll.due()) return;
       if (labels[i] >= 0)
         fill_block<Code>(ctx, *ctx.block_at(static_cast<block_id>(i)), labels[i], output);
+    }
   });
   ctx.allocator.release(labels);
-  return 0;
+  return ctx.interrupted ? status_interrupted : 0;
 }
 
 }  // namespace

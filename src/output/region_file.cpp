@@ -35,7 +35,7 @@ std::int32_t save_regionlist(run_context& ctx, regionlist head, const char* path
   }
   std::fprintf(file, "%d\n%d\n%d\n%2.4f\n%d\n%d\n", ctx.im_format_xy, ctx.im_format_z, 2, 4.0,
                static_cast<int>(n), ctx.pred_choice);
-  for (i = 0; i < n; ++i) {
+  for (i = 0; i < n && !ctx.interrupt_due(); ++i) {
     const block* h = saved[i].head;
     std::fprintf(file, "%" PRId64 " %" PRId64 "\n", saved[i].value, h->variables[1]);
     for (const block* b = h; b != nullptr; b = ctx.block_at(b->next_block))
@@ -48,14 +48,14 @@ std::int32_t save_regionlist(run_context& ctx, regionlist head, const char* path
   }
   ctx.allocator.release(saved);
   // A full disk or a file size limit shows only here: report it, and leave
-  // no truncated file that could pass for a complete one.
+  // no truncated (or interrupted) file that could pass for a complete one.
   const bool write_failed = std::ferror(file) != 0;
-  if (std::fclose(file) != 0 || write_failed) {
+  if (std::fclose(file) != 0 || write_failed || ctx.interrupted) {
     struct stat written {};
     const int reason = errno;  // the caller may report why the write failed
     if (::stat(path, &written) == 0 && S_ISREG(written.st_mode)) std::remove(path);
     errno = reason;
-    return status_no_file;
+    return ctx.interrupted ? status_interrupted : status_no_file;
   }
   return 0;
 }

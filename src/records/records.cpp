@@ -45,22 +45,28 @@ void release_member(run_context& ctx, block* b) noexcept {
 
 std::int32_t free_blocklist(run_context& ctx, blocklist list) noexcept {
   if (list != nullptr) {
-    release_chain(ctx, list[0]);
+    if (ctx.interrupted) {
+      ctx.release_records();
+    } else {
+      release_chain(ctx, list[0]);
+    }
     ctx.allocator.release(list);
   }
   return -1;
 }
 
 std::int32_t free_initregion(run_context& ctx, blocklist list, void* further) noexcept {
-  if (list != nullptr) {
+  if (list != nullptr && ctx.interrupted) {
+    ctx.release_records();
+  } else if (list != nullptr) {
     for (block* b = list[0]; b != nullptr;) {
       block* next = ctx.block_at(b->next_block);
       free_cur_np(ctx, ctx.entry_at(b->nb_pointers[0]));
       release_block(ctx, b);
       b = next;
     }
-    ctx.allocator.release(list);
   }
+  ctx.allocator.release(list);
   ctx.allocator.release(further);
   return -1;
 }
@@ -76,6 +82,10 @@ std::int32_t free_cur_np(run_context& ctx, nb_node* first) noexcept {
 
 void free_regionlist(run_context& ctx, regionlist head) noexcept {
   if (head == nullptr) return;
+  if (ctx.interrupted) {
+    ctx.release_records();
+    return;
+  }
   block* r = head;
   if (r->next_region != 0) {
     while (r != nullptr && r->region_pointer == 0) r = ctx.block_at(r->next_region);

@@ -77,6 +77,9 @@ nb_node* new_nb_node(run_context& ctx, block* region, nb_node* next) noexcept;
 void release_block(run_context& ctx, block* b) noexcept;
 void release_entry(run_context& ctx, nb_node* e) noexcept;
 
+// The releases of a run's lists. Once the run is interrupted they give back
+// every record of the run in one step instead: walking millions of records one
+// by one would keep the caller waiting, and nothing outlives the run then.
 std::int32_t free_blocklist(run_context& ctx, blocklist list) noexcept;
 std::int32_t free_initregion(run_context& ctx, blocklist list, void* further) noexcept;
 std::int32_t free_cur_np(run_context& ctx, nb_node* first) noexcept;

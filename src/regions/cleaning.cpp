@@ -12,6 +12,7 @@ regionlist clean_regionlist(run_context& ctx, regionlist head) noexcept {
   ctx.number_regions = 0;
   block* first = head;
   while (first != nullptr && first->region_pointer == 0) first = ctx.block_at(first->next_region);
+  loop_poll poll(ctx);
   for (block* r = first; r != nullptr;) {
     ++ctx.number_regions;
     // A region met before in this walk carries its number: a repeat.
@@ -19,6 +20,7 @@ regionlist clean_regionlist(run_context& ctx, regionlist head) noexcept {
     nb_node* prev = nullptr;
     nb_node* e = ctx.entry_at(r->nb_pointers[0]);
     while (e != nullptr) {
+      if (poll.due()) return first;  // the lists whole, partly cleaned
       block* h = resolve(ctx, e);
       if (h->visit != visit) {
         h->visit = visit;

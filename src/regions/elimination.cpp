@@ -56,7 +56,7 @@ std::int32_t elimination_phase(run_context& ctx, regionlist head) noexcept {
     if (best == nullptr) continue;  // r is the only region left
     bool failed = false;
     nb_node* e = entry_for(ctx, index, best, r, failed);
-    if (failed) return status_no_memory;
+    if (failed) return ctx.interrupted ? status_interrupted : status_no_memory;
     if (e == nullptr) continue;  // not reachable in a consistent list
     if (ctx.statistic_update == 0) make_neutral(ctx, r);
     nb_node* const forwarding = ctx.entry_at(r->nb_pointers[0]);
@@ -69,7 +69,8 @@ std::int32_t elimination_phase(run_context& ctx, regionlist head) noexcept {
     } else {
       unite(ctx, best, r, e);
     }
-    if (!index.after_union(best, e, spliced_first, spliced_last)) return status_no_memory;
+    if (!index.after_union(best, e, spliced_first, spliced_last))
+      return ctx.interrupted ? status_interrupted : status_no_memory;
   }
   return 0;
 }

@@ -25,16 +25,22 @@ std::size_t hash_of(block_id owner, block_id named) noexcept {
 
 }  // namespace
 
-// Gives the entries of a list evenly spread order keys.
-void elimination_index::spread(nb_node* first) noexcept {
+// Gives the entries of a list evenly spread order keys; false when interrupted.
+bool elimination_index::spread(nb_node* first) noexcept {
+  loop_poll poll(ctx_);
   std::uint64_t n = 0;
-  for (const nb_node* e = first; e != nullptr; e = ctx_.entry_at(e->next)) ++n;
+  for (const nb_node* e = first; e != nullptr; e = ctx_.entry_at(e->next)) {
+    if (poll.due()) return false;
+    ++n;
+  }
   const std::uint64_t step = order_end / (n + 1);
   std::uint64_t order = 0;
   for (nb_node* e = first; e != nullptr; e = ctx_.entry_at(e->next)) {
+    if (poll.due()) return false;
     order += step;
     order_of(e) = order;
   }
+  return true;
 }
 
 void elimination_index::release() noexcept {
@@ -114,10 +120,13 @@ bool elimination_index::note(block_id owner, nb_node* e) noexcept {
 
 bool elimination_index::index_list(block* owner) noexcept {
   if (!prepare()) return false;
+  loop_poll poll(ctx_);
   std::size_t n = 0;
   for (const nb_node* e = ctx_.entry_at(owner->nb_pointers[0]); e != nullptr;
-       e = ctx_.entry_at(e->next))
+       e = ctx_.entry_at(e->next)) {
+    if (poll.due()) return false;
     ++n;
+  }
   const std::uint64_t step = order_end / (n + 1);
   std::uint64_t order = 0;
   const block_id id = ctx_.id(owner);
@@ -125,7 +134,7 @@ bool elimination_index::index_list(block* owner) noexcept {
        e = ctx_.entry_at(e->next)) {
     order += step;
     order_of(e) = order;
-    if (!note(id, e)) return false;
+    if (poll.due() || !note(id, e)) return false;
   }
   marks_[id] |= indexed_list;
   return true;
@@ -152,14 +161,21 @@ bool elimination_index::grow(std::size_t extra) noexcept {
   slot* old = slots_;
   const std::size_t old_capacity = capacity_;
   std::size_t live = extra;
-  for (std::size_t i = 0; i < old_capacity; ++i)
+  loop_poll poll(ctx_);
+  for (std::size_t i = 0; i < old_capacity; ++i) {
+    if (poll.due()) return false;
     if (old[i].first != 0 && ctx_.block_at(old[i].owner)->region_pointer != 0) ++live;
+  }
   slots_ = nullptr;
   if (!allocate(std::bit_ceil(4 * live + 1024))) {
     ctx_.allocator.release(old);
     return false;
   }
   for (std::size_t i = 0; i < old_capacity; ++i) {
+    if (poll.due()) {
+      ctx_.allocator.release(old);
+      return false;
+    }
     if (old[i].first == 0 || ctx_.block_at(old[i].owner)->region_pointer == 0) continue;
     slots_[find(old[i].owner, old[i].named)] = old[i];
     ++used_;
@@ -194,8 +210,8 @@ bool elimination_index::after_union(block* owner, nb_node* e, nb_node* spliced_f
         order += step;
         order_of(s) = order;
       }
-    } else {
-      spread(ctx_.entry_at(owner->nb_pointers[0]));
+    } else if (!spread(ctx_.entry_at(owner->nb_pointers[0]))) {
+      return false;
     }
   }
   const block_id id = ctx_.id(owner);

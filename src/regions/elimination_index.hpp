@@ -5,7 +5,9 @@
 // their positions within one list. Most (owner, block) pairs have a slot of
 // their own, by named block: a block is rarely named by two indexed lists at
 // once, and then the later pair goes to a small hash table. When memory runs
-// short the phase fails, like any other.
+// short the phase fails, like any other. A long list or table walk polls the
+// run's interrupt as it goes and, when asked to stop, fails the same way
+// (the index is then of no further use).
 #pragma once
 
 #include <cstddef>
@@ -53,7 +55,7 @@ class elimination_index {
 
   void release() noexcept;
   std::uint64_t& order_of(const nb_node* e) const noexcept { return orders_[ctx_.id(e)]; }
-  void spread(nb_node* first) noexcept;
+  bool spread(nb_node* first) noexcept;
   bool allocate(std::size_t capacity) noexcept;
   bool prepare() noexcept;
   bool note(block_id owner, nb_node* e) noexcept;

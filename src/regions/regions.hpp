@@ -13,6 +13,8 @@ class run_context;
 // the lists stay consistent either way.
 std::int32_t region_elimination(run_context& ctx, regionlist head) noexcept;
 std::int32_t region_elimination_disp(run_context& ctx, regionlist head) noexcept;
+// Stops early, leaving the lists whole, when the caller asks to (see
+// run_context::interrupted).
 regionlist clean_regionlist(run_context& ctx, regionlist head) noexcept;
 list_result<regionlist> sort_regionlist(run_context& ctx, regionlist head) noexcept;
 

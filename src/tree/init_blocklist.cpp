@@ -25,7 +25,12 @@ list_result<blocklist> init_blocklist(run_context& ctx) noexcept {
 
   const auto n = static_cast<std::int32_t>(ctx.blocks_perlevel[ctx.init_level]);
   block* prev = first;
+  loop_poll poll(ctx);
   for (std::int32_t i = 1; i < cells; ++i) {
+    if (poll.due()) {
+      free_blocklist(ctx, list);  // the chain ends at the last block made
+      return list_result<blocklist>::failure(status_interrupted);
+    }
     block* b = new_block(ctx);
     if (b == nullptr) {
       // The chain ends at the last block made; release all of it.
@@ -52,10 +57,17 @@ list_result<blocklist> init_blocklist(run_context& ctx) noexcept {
           : parts_for(count * static_cast<std::size_t>(ctx.pixels_perblock[ctx.init_level]),
                       thread_count(ctx.threads), 64 * ctx.thread_grain);
   run_parts(parts, [&](std::size_t t) {
-    for (std::size_t i = part_begin(count, parts, t); i < part_begin(count, parts, t + 1); ++i)
+    loop_poll part_poll(ctx, t == 0);
+    for (std::size_t i = part_begin(count, parts, t); i < part_begin(count, parts, t + 1); ++i) {
+      if (part_poll.due()) return;
       calc_evalvar(ctx, coordinates<Code>(ctx, ctx.code_of<Code>(list[i]), ctx.init_level), extent,
                    ctx.init_level, list[i]);
+    }
   });
+  if (ctx.interrupted) {
+    free_blocklist(ctx, list);
+    return list_result<blocklist>::failure(status_interrupted);
+  }
   return list_result<blocklist>{list, 0};
 }
 

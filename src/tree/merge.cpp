@@ -30,6 +30,7 @@ void merge_group(run_context& ctx, blocklist list, block* g, block* last, std::i
 template <class Code, bool Display>
 void merge_phase(run_context& ctx, blocklist list) noexcept {
   std::uint32_t stride = 1;
+  loop_poll poll(ctx);
   for (std::int32_t lvl = ctx.init_level;; ++lvl) {
     const std::int32_t n = ctx.blocks_perlevel[lvl];
     bool merged = false;
@@ -39,6 +40,8 @@ void merge_phase(run_context& ctx, blocklist list) noexcept {
     std::int64_t acc0 = 0;
     std::int64_t acc1 = 0;
     while (b != nullptr) {
+      // Between groups the list is whole: the caller releases it.
+      if (poll.due()) return;
       if (level<Code>(ctx, ctx.code_of<Code>(b)) == lvl) {
         ++k;
         if (update_evalvar(ctx, b, acc0, acc1, k, lvl) != 0) {

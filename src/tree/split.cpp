@@ -37,6 +37,10 @@ std::int32_t sons_of(run_context& ctx, block* b, std::int32_t lvl, block_positio
 
   block* son = b;
   for (std::int32_t k = 1; k < n; ++k) {
+    if (ctx.interrupt_due()) {
+      son->next_block = successor;  // the chain whole again for the release
+      return status_interrupted;
+    }
     const block_position p = position_of(k);
     evaluate(son, k, p);
     block* next = new_block(ctx);
@@ -48,7 +52,7 @@ std::int32_t sons_of(run_context& ctx, block* b, std::int32_t lvl, block_positio
     if (son->variables[0] < 0 && lvl > 0) {
       const std::int32_t r = sons_of<Code, Display>(ctx, son, lvl - 1, p, son_extent);
       ctx.phase_status = r;
-      if (check_pointer(r) != 0) {
+      if (r != 0) {
         // Keep the chain whole so that the release reaches every record.
         next->next_block = successor;
         return r;
@@ -79,7 +83,10 @@ std::int32_t split_phase(run_context& ctx, blocklist list) noexcept {
       const block_position at = coordinates<Code>(ctx, ctx.code_of<Code>(b), ctx.init_level);
       const std::int32_t r = sons_of<Code, Display>(ctx, b, ctx.init_level - 1, at, extent);
       ctx.phase_status = r;
-      if (check_pointer(r) != 0) return free_blocklist(ctx, list);
+      if (r != 0) {
+        free_blocklist(ctx, list);
+        return r;
+      }
     }
     b = next;
   }
