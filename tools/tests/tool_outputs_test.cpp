@@ -137,6 +137,10 @@ TEST(Outputs, GifAnimatesTheFramesThroughThePalette) {
   EXPECT_EQ(gif.frames, expected);
   EXPECT_TRUE(gif.loops_forever);
   EXPECT_EQ(gif.delays_cs.back(), 300);
+  for (std::size_t i = 0; i < 256; ++i) {
+    const io::rgb c = indexed_palette()[i];
+    EXPECT_EQ(gif.palette[i], (std::array<std::uint8_t, 3>{c.r, c.g, c.b})) << i;
+  }
 }
 
 TEST(Outputs, PicturesOfAVolumeShowItsMiddleSliceAndCopiesTheWholeInput) {
