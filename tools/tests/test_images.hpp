@@ -55,7 +55,7 @@ void write_nifti2(const std::filesystem::path& path, int nx, int ny, int nz,
 void write_nifti(const std::filesystem::path& path, int nx, int ny, int nz, int datatype,
                  const std::string& voxel_bytes, float scl_slope = 0.0f, float scl_inter = 0.0f,
                  int volumes = 1);
-inline constexpr int nifti_uint8 = 2, nifti_int16 = 4, nifti_float32 = 16;
+inline constexpr int nifti_uint8 = 2, nifti_float32 = 16;
 
 struct decoded_gif {
   int width = 0, height = 0;
