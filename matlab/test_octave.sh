@@ -2,9 +2,9 @@
 # Builds the Octave module and runs its tests in octave-cli: the module on
 # real arrays (reference cases, every error identifier, memory over repeated
 # calls), once as the CMake build makes it and once as a user's
-# `cd matlab; build_splitmerge` does (with the README's example); smsegment;
-# Ctrl-C during a long call; then the help files without the module. Every
-# stage runs; the script fails when any did.
+# `cd matlab; build_splitmerge` does (with the README's example); smsegment
+# (its version that of CMakeLists.txt); Ctrl-C during a long call; then the
+# help files without the module. Every stage runs; the script fails when any did.
 #
 # The reference cases are read from SPLITMERGE_CONFORMANCE, else from the
 # repository's archive tests/reference/cases.tar.xz.
@@ -96,14 +96,6 @@ help_tests() {
     run_octave "addpath('$root/matlab/tests'); addpath('$scratch/help'); test_splitmerge_help();"
 }
 
-# splitmerge_version gives the project's version, the one CMake builds with.
-version_test() {
-  local expected
-  expected="$(grep -oP 'project\(splitmerge\s+VERSION\s+\K[0-9.]+' "$root/CMakeLists.txt")"
-  run_octave "addpath('$root/matlab'); v = splitmerge_version(); printf('version: %s\n', v); \
-    if ~strcmp(v, '$expected'), exit(1); end"
-}
-
 stage "the module built by CMake" cmake_module
 module="$root/$build/src/gateway"
 stage "module tests (CMake build)" module_tests "$module"
@@ -112,7 +104,6 @@ stage "module tests (build_splitmerge build)" module_tests "$scratch/clone/matla
 stage "smsegment" smsegment_tests "$module"
 stage "Ctrl-C during a long call" interrupt_test "$module"
 stage "the help files" help_tests
-stage "the version" version_test
 
 if [ "${#failed[@]}" -ne 0 ]; then
   printf 'test_octave: failed: %s\n' "${failed[@]}" >&2

@@ -307,11 +307,15 @@ def plan_jobs(inputs: Iterable[str], out_dir: Path, regions: bool,
 def write_manifest(path: Path, rows: Sequence[dict[str, str]]) -> None:
     """Replaces the manifest in one step, so that it is always complete."""
     part = _part_path(path)
-    with open(part, "w", newline="") as f:
-        writer = csv.DictWriter(f, fieldnames=MANIFEST_FIELDS, extrasaction="ignore")
-        writer.writeheader()
-        writer.writerows(rows)
-    os.replace(part, path)
+    try:
+        with open(part, "w", newline="") as f:
+            writer = csv.DictWriter(f, fieldnames=MANIFEST_FIELDS, extrasaction="ignore")
+            writer.writeheader()
+            writer.writerows(rows)
+        os.replace(part, path)
+    except BaseException:  # Ctrl-C too: no partial manifest is left behind
+        _remove_quietly(part)
+        raise
 
 
 def _write_dataset_description(out_dir: Path, command: str) -> None:

@@ -5,7 +5,6 @@ from __future__ import annotations
 import atexit
 import csv
 import functools
-import json
 import shutil
 import signal
 import subprocess
@@ -15,9 +14,8 @@ import tempfile
 import logging
 import os
 import time
-from dataclasses import dataclass
 from pathlib import Path
-from typing import Callable, Iterator, Optional
+from typing import Callable, Iterator
 
 import numpy as np
 import pytest
@@ -50,41 +48,6 @@ def conformance_cases() -> list[Path]:
     if not root.is_dir():
         return []
     return sorted(p for p in root.iterdir() if (p / "params.json").is_file())
-
-
-@dataclass
-class ReferenceCase:
-    name: str
-    image: np.ndarray
-    params: dict
-    display: bool
-    save: bool
-    labels: np.ndarray
-    frames: Optional[np.ndarray]
-    stdout: str
-    status: int
-    regions_text: Optional[str]
-
-
-def load_case(folder: Path) -> ReferenceCase:
-    raw = json.loads((folder / "params.json").read_text())
-    display = bool(raw.pop("display"))
-    save = bool(raw.pop("save"))
-    expected = folder / "expected"
-    frames_file = expected / "frames.npy"
-    regions_file = expected / "regions.txt"
-    return ReferenceCase(
-        name=folder.name,
-        image=np.load(folder / "input.npy"),
-        params=raw,
-        display=display,
-        save=save,
-        labels=np.load(expected / "labels.npy"),
-        frames=np.load(frames_file) if frames_file.exists() else None,
-        stdout=(expected / "stdout.txt").read_text(),
-        status=int((expected / "status.txt").read_text().strip()),
-        regions_text=regions_file.read_text() if regions_file.exists() else None,
-    )
 
 
 def noise_image(shape: tuple[int, ...], seed: int, levels: int = 4) -> np.ndarray:

@@ -17,9 +17,11 @@ from conftest import DaskProcesses, manifest_rows, npy_scans, wait_for_a_finishe
 
 distributed = pytest.importorskip("distributed")
 nibabel = pytest.importorskip("nibabel")
+from splitmerge._io import read_image  # noqa: E402
 from splitmerge.batch import main, segment_batch  # noqa: E402
 
 SCAN = Path("/usr/share/mricron/templates/ch2.nii.gz")
+CLI = os.environ.get("SPLITMERGE_CLI")
 PARAMS = dict(sigma=3.0, interval_length=12, small_size=20)
 
 
@@ -47,94 +49,105 @@ def scans(tmp_path: Path) -> list[Path]:
     return paths
 
 
-def test_batch_on_a_local_cluster_equals_single_calls(scans: list[Path], tmp_path: Path,
-                                                      client) -> None:
+def test_a_batch_equals_single_calls_and_fails_bad_inputs_alone(
+        scans: list[Path], tmp_path: Path, client, capsys: pytest.CaptureFixture) -> None:
+    folder = scans[0].parent
+    (folder / "corrupt.nii.gz").write_bytes(b"this is not a NIfTI file")
+    (folder / "corrupt.npy").write_bytes(b"\x93NUMPY garbage")
+    np.save(folder / "oblong.npy", np.zeros((2, 17000), np.uint8))
+    (folder / "notes.txt").write_text("hello")
+    bad = ["corrupt.nii.gz", "corrupt.npy", "oblong.npy", "notes.txt", "missing.npy"]
+    inputs = [str(p) for p in scans[:1]] + [str(folder / b) for b in bad] + [
+        str(p) for p in scans[1:]]
     out = tmp_path / "out"
-    rows = segment_batch([str(p) for p in scans], out, fit="pad", regions=True, client=client,
-                         progress=False, **PARAMS)
-    assert [r["input"] for r in rows] == [str(p) for p in scans]
-    assert all(r["status"] == "ok" for r in rows), rows
+    rows = segment_batch(inputs, out, fit="pad", regions=True, client=client, progress=True,
+                         **PARAMS)
+    bar = capsys.readouterr().err.split("\r")[-1]
+    assert all(p in bar for p in [f"{len(inputs)}/{len(inputs)}", "scan/s", "100%", "<00:00"])
+    assert [r["input"] for r in rows] == inputs
     assert manifest_rows(out) == rows
-    for scan, row in zip(scans, rows):
+    status = {Path(r["input"]).name: (r["status"], r["error"]) for r in rows}
+    assert status["corrupt.nii.gz"][0] == status["missing.npy"][0] == "failed"
+    assert status["corrupt.npy"][1].startswith("ValueError:")
+    assert status["oblong.npy"] == (
+        "failed", "ValueError: fit='pad' would need an edge of 32768 pixels for a 17000 x 2 "
+                  "image, above the largest, 16384: use fit='crop'")
+    assert status["notes.txt"] == (
+        "failed", f"ReadError: {folder / 'notes.txt'}: unsupported format '.txt' (readable: "
+                  ".npy, .nii, .nii.gz, .tif, .tiff, .png, .pgm)")
+    assert "FileNotFoundError" in status["missing.npy"][1]
+    for scan in scans:
+        row = next(r for r in rows if r["input"] == str(scan))
+        assert row["status"] == "ok", row
         direct_regions = tmp_path / f"{scan.name}.regions"
         expected = splitmerge.segment(read_pixels(scan), fit="pad", region_file=direct_regions,
                                       info=True, **PARAMS)
         labels_file = Path(row["output"])
-        assert labels_file.name == scan.name.replace(".npy", ".labels.npy").replace(
-            ".nii.gz", ".labels.nii.gz")
+        stem = scan.name.replace(".npy", "").replace(".nii.gz", "")
+        assert labels_file.name == scan.name.replace(stem, stem + ".labels")
         np.testing.assert_array_equal(read_pixels(labels_file), expected.labels)
         assert int(row["regions"]) == expected.region_count
-        region_file = out / labels_file.name.replace(".labels.npy", ".regions.txt").replace(
-            ".labels.nii.gz", ".regions.txt")
-        assert region_file.read_text() == direct_regions.read_text()
-    assert not list(out.glob(".part-*"))
+        assert (out / f"{stem}.regions.txt").read_text() == direct_regions.read_text()
+    # Labels, sidecar and regions of each scan, the manifest: nothing of the bad inputs.
+    assert len(list(out.iterdir())) == 3 * len(scans) + 1
 
 
-@pytest.mark.skipif(not SCAN.exists(), reason="needs the Colin27 scan (mricron-data)")
-def test_nifti_labels_overlay_the_scan(scans: list[Path], tmp_path: Path, client) -> None:
-    colin = scans[-1]
-    rows = segment_batch([str(colin)], tmp_path / "out", fit="pad", client=client,
-                         progress=False, **PARAMS)
-    source, labels = nibabel.load(colin), nibabel.load(rows[0]["output"])
-    # Padded 60 x 64 x 30 to 64 x 64 x 32 for the segmentation, the labels are
-    # cut back to the scan's own grid: same shape, same affine and sform/qform.
-    assert labels.get_data_dtype() == np.int32 and labels.shape == (60, 64, 30)
-    np.testing.assert_array_equal(labels.affine, source.affine)
-    np.testing.assert_allclose(labels.header.get_qform(), source.header.get_qform())
-    np.testing.assert_allclose(labels.header.get_sform(), source.header.get_sform())
-    assert labels.header.get_zooms() == source.header.get_zooms()
-    # They are the padded run's labels at the scan's place (x 2.., y 0.., z 1..).
-    volume = np.asarray(source.dataobj).T
-    padded = np.zeros((32, 64, 64), volume.dtype)
-    padded[1:31, 0:64, 2:62] = volume
-    np.testing.assert_array_equal(np.asarray(labels.dataobj).T,
-                                  splitmerge.segment(padded, **PARAMS)[1:31, :, 2:62])
-    # One slice, padded 60 x 64 to 64 x 64: a one-slice volume at z = 5.
-    rows = segment_batch([str(colin)], tmp_path / "slice", fit="pad", slice=5, client=client,
-                         progress=False, **PARAMS)
-    one_slice = nibabel.load(rows[0]["output"])
-    assert one_slice.shape == (60, 64, 1)
-    np.testing.assert_allclose(one_slice.affine @ np.array([0, 0, 0, 1.0]),
-                               source.affine @ np.array([0, 0, 5, 1.0]))
-    np.testing.assert_array_equal(np.asarray(one_slice.dataobj).T[0],
-                                  splitmerge.segment(volume[5], fit="pad", **PARAMS))
-    # The crop of the same scan keeps the scan's grid, 0 outside the part kept.
-    rows = segment_batch([str(colin)], tmp_path / "cropped", fit="crop", client=client,
-                         progress=False, **PARAMS)
-    cropped = nibabel.load(rows[0]["output"])
-    np.testing.assert_array_equal(cropped.affine, source.affine)
-    np.testing.assert_array_equal(np.asarray(cropped.dataobj).T,
-                                  splitmerge.segment(volume, fit="crop", **PARAMS))
-
-
-def test_bad_inputs_fail_their_own_rows(scans: list[Path], tmp_path: Path, client) -> None:
-    folder = scans[0].parent
-    (folder / "corrupt.nii.gz").write_bytes(b"this is not a NIfTI file")
-    (folder / "corrupt.npy").write_bytes(b"\x93NUMPY garbage")
-    np.save(folder / "oblong.npy", np.zeros((8, 16), np.int32))
-    (folder / "notes.txt").write_text("hello")
-    inputs = [str(scans[0]), str(folder / "corrupt.nii.gz"), str(folder / "corrupt.npy"),
-              str(folder / "oblong.npy"), str(folder / "notes.txt"),
-              str(folder / "missing.npy"), str(scans[1])]
-    out = tmp_path / "out"
-    rows = segment_batch(inputs, out, client=client, progress=False, **PARAMS)
-    status = {Path(r["input"]).name: (r["status"], r["error"]) for r in rows}
-    assert status[scans[0].name][0] == status[scans[1].name][0] == "ok"
-    assert status["corrupt.nii.gz"][0] == "failed"
-    assert status["corrupt.npy"] == ("failed", status["corrupt.npy"][1])
-    assert status["corrupt.npy"][1].startswith("ValueError:")
-    assert status["oblong.npy"] == (
-        "failed", "ValueError: the image is 16 x 8 pixels, but the segmentation needs square "
-                  "slices of 2, 4, 8, ..., 16384 pixels: use fit='pad' or fit='crop'")
-    assert status["notes.txt"] == (
-        "failed", f"ReadError: {folder / 'notes.txt'}: unsupported format '.txt' (readable: "
-                  ".npy, .nii, .nii.gz, .tif, .tiff, .png, .pgm)")
-    assert status["missing.npy"][0] == "failed"
-    assert "FileNotFoundError" in status["missing.npy"][1]
-    assert len(manifest_rows(out)) == len(inputs)
-    assert sorted(p.name for p in out.iterdir()) == sorted(
-        ["manifest.csv"] + [scan.name.replace(".npy", ".labels" + ext)
-                            for scan in scans[:2] for ext in (".npy", ".json")])
+def test_nifti_labels_of_batch_and_command_line_keep_the_scans_header(tmp_path: Path,
+                                                                      client) -> None:
+    """A rotated, anisotropic 20 x 24 x 5 scan: the labels of each fitting sit
+    where their voxels came from in scanner space, in both writers."""
+    angle = 0.3
+    affine = np.array([[0.9 * np.cos(angle), -1.1 * np.sin(angle), 0, -30.0],
+                       [0.9 * np.sin(angle), 1.1 * np.cos(angle), 0, 12.5],
+                       [0, 0, 2.5, -7.0], [0, 0, 0, 1]])
+    rng = np.random.default_rng(3)
+    voxels = rng.integers(0, 40, size=(20, 24, 5)) + 100 * (np.arange(20)[:, None, None] > 9)
+    scan = nibabel.Nifti1Image(voxels.astype(np.int16), affine)
+    scan.header.set_xyzt_units("mm", "sec")
+    scan.header["descrip"] = b"test scan"
+    scan.set_qform(affine, code=1)
+    scan.set_sform(affine, code=2)
+    path = tmp_path / "scan.nii.gz"
+    nibabel.save(scan, path)
+    scan = nibabel.load(path)
+    options = ["--sigma", "3", "--interval-length", "12", "--small-size", "20", "--quiet"]
+    for fit, slice_ in [("pad", None), ("crop", None), ("pad", 3)]:
+        rows = segment_batch([str(path)], tmp_path / f"{fit}{slice_}", fit=fit, slice=slice_,
+                             client=client, progress=False, **PARAMS)
+        labels = [nibabel.load(rows[0]["output"])]
+        if CLI:
+            cli = tmp_path / f"cli-{fit}{slice_}.nii"
+            subprocess.run([CLI, str(path), "--fit", fit, "--labels", str(cli), *options,
+                            *([] if slice_ is None else ["--slice", str(slice_)])], check=True)
+            labels.append(nibabel.load(cli))
+            assert labels[1].header["descrip"] == scan.header["descrip"]
+        moved = np.eye(4)
+        moved[2, 3] = slice_ or 0
+        expected = splitmerge.segment(voxels.T, fit=fit, slice=slice_, **PARAMS)
+        for image in labels:
+            assert image.header.get_data_dtype() == np.int32
+            assert image.header.get_intent()[0] == "label"
+            assert image.header.get_zooms()[:3] == scan.header.get_zooms()[:3]
+            assert image.header.get_xyzt_units() == scan.header.get_xyzt_units()
+            # (The batch's labels of one slice keep the sform alone.)
+            for name in ("sform",) if slice_ and image is labels[0] else ("qform", "sform"):
+                got, code = getattr(image, "get_" + name)(coded=True)
+                want, want_code = getattr(scan, "get_" + name)(coded=True)
+                assert code == want_code
+                np.testing.assert_allclose(got, want @ moved, atol=1e-4)
+            np.testing.assert_array_equal(np.asarray(image.dataobj).T.reshape(expected.shape),
+                                          expected)
+    # A big-endian scan reads as its voxels.
+    small = rng.integers(0, 256, size=(16, 16, 2)).astype(">i2")
+    header = nibabel.Nifti1Header().as_byteswapped(">")
+    header.set_data_dtype(">i2")
+    nibabel.save(nibabel.Nifti1Image(small, affine, header), tmp_path / "big.nii")
+    assert nibabel.load(tmp_path / "big.nii").header.endianness == ">"
+    if CLI:
+        subprocess.run([CLI, str(tmp_path / "big.nii"), "--quiet", "--save-input",
+                        str(tmp_path / "big.npy")], check=True)
+        np.testing.assert_array_equal(np.load(tmp_path / "big.npy"), small.T)
+    np.testing.assert_array_equal(read_image(tmp_path / "big.nii").pixels, small.T)
 
 
 def run_command_line(workspace: Path, *args: str) -> subprocess.CompletedProcess:
@@ -198,21 +211,20 @@ def test_command_line_rescale_takes_a_percentile_window(tmp_path: Path, monkeypa
     assert calls[0][0] == inputs and calls[0][1]["rescale"] == rescale
 
 
-@pytest.mark.parametrize("window", ["99,1", "1,101", "1,", "a,b", "1,2,3", "50,50", " 1,99"])
-def test_command_line_rejects_a_bad_percentile_window(tmp_path: Path, window: str,
-                                                      capsys) -> None:
-    with pytest.raises(SystemExit) as raised:
-        main(["a.npy", "--out", str(tmp_path), "--rescale", window])
-    assert raised.value.code == 2
-    assert "expected LOW,HIGH percentiles with 0 <= LOW < HIGH <= 100" in capsys.readouterr().err
-
-
-def test_command_line_usage_errors_exit_2(tmp_path: Path) -> None:
+def test_command_line_usage_errors_exit_2(tmp_path: Path, capsys) -> None:
+    for window in ["99,1", "1,101", "1,", "a,b", "1,2,3", "50,50", " 1,99"]:
+        with pytest.raises(SystemExit) as raised:
+            main(["a.npy", "--out", str(tmp_path), "--rescale", window])
+        assert raised.value.code == 2
+        assert ("expected LOW,HIGH percentiles with 0 <= LOW < HIGH <= 100"
+                in capsys.readouterr().err)
     assert main(["x.npy", "--out", str(tmp_path), "--pred-choice", "chi-square"]) == 2
     assert main(["x.npy", "--out", str(tmp_path), "--workers", "0"]) == 2
     assert main(["x.npy", "--out", str(tmp_path), "--threads", "-1"]) == 2
     with pytest.raises(ValueError, match="threads = -3"):
         segment_batch(["x.npy"], tmp_path, threads=-3)
+    with pytest.raises(ValueError, match="no file matches"):
+        segment_batch([str(tmp_path / "none" / "*.nii.gz")], tmp_path / "out")
     with pytest.raises(SystemExit) as raised:
         main(["x.npy"])  # no --out
     assert raised.value.code == 2
@@ -244,11 +256,3 @@ def test_a_worker_killed_mid_batch_loses_nothing(tmp_path: Path,
     for path, row in zip(inputs, rows):
         np.testing.assert_array_equal(np.load(row["output"]), direct_labels(path))
     assert not list(out.glob(".part-*"))
-
-
-def test_progress_bar_shows_count_rate_and_eta(scans: list[Path], tmp_path: Path, client,
-                                               capsys: pytest.CaptureFixture) -> None:
-    segment_batch([str(p) for p in scans[:3]], tmp_path / "out", client=client,
-                  progress=True, **PARAMS)
-    bar = capsys.readouterr().err.split("\r")[-1]
-    assert "3/3" in bar and "scan/s" in bar and "100%" in bar and "<00:00" in bar

@@ -91,23 +91,6 @@ TEST(FrameStore, BeyondTheLimitTheLastSlotHoldsTheNewestFrame) {
   }
 }
 
-TEST(FrameStore, FailedRequestStopsTheStore) {
-  const std::size_t n = 300;
-  const frames f = painted_frames(n, 12, 9);
-  frame_store probe(n, 100);
-  for (const auto& one : f) ASSERT_TRUE(probe.append(one.data()));
-  ASSERT_GE(probe.requests(), 2u);
-  for (std::uint64_t k = 1; k <= probe.requests(); ++k) {
-    SCOPED_TRACE(k);
-    frame_store store(n, 100);
-    store.fail_request(k);
-    bool failed = false;
-    for (const auto& one : f) failed = !store.append(one.data()) || failed;
-    EXPECT_TRUE(failed);
-    EXPECT_FALSE(store.append(f[0].data()));  // stays failed
-  }
-}
-
 TEST(FrameStore, SlowlyChangingFramesTakeLittleRoom) {
   // 200 frames of 64 Ki pixels that each change 100 pixels: far below the
   // 200 raw frames (13 M words).

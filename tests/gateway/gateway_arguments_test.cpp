@@ -68,23 +68,5 @@ TEST(GatewayArguments, EachInputIsReadAsTheLibraryTakesIt) {
             std::vector<int>({16, 16, 1}));
 }
 
-TEST(GatewayArguments, TruncatedCallRunsExactlyAsTheWholeNumbers) {
-  const image img = patchy_image({32, 32, 4}, 11);
-  std::array<double, 14> fractional{}, whole{};
-  for (std::size_t k = 0; k < 14; ++k) {
-    fractional[k] = rows[k].value;
-    whole[k] = rows[k].read_as;
-  }
-  host_inputs in(img, fractional);
-  const gateway_result r = call_gateway(in, 2);
-  host_inputs in_whole(img, whole);
-  const gateway_result expected = call_gateway(in_whole, 2);
-  ASSERT_EQ(r.error_id, "") << r.error_text;
-  EXPECT_EQ(r.labels, expected.labels);
-  EXPECT_EQ(r.frames, expected.frames);
-  EXPECT_EQ(r.printed, expected.printed);
-  EXPECT_EQ(r.host_arrays_left, 0);
-}
-
 }  // namespace
 }  // namespace splitmerge::gateway_testing

@@ -87,34 +87,24 @@ TEST(GatewayErrors, EveryParameterRefusesWhatItCannotTake) {
   }
 }
 
+// (A volume's pixel: the Octave module's test, on the real host.)
 TEST(GatewayErrors, BadPixelIsNamedByItsOneBasedPosition) {
-  image img = volume;
-  img.pixels[999] = 300;  // linear index 1000 (1-based) is row 8, column 32, slice 1
-  host_inputs in(img, host_parameters{});
-  EXPECT_EQ(expect_refused(in, 1, "splitmerge:badParameter").error_text,
-            "image pixel (8, 32, 1) (linear index 1000) is 300: pixels must lie in 0 to 255 "
-            "(rescale the image)");
   image plane = patchy_image({16, 16});
   plane.pixels[16 * 3 + 4] = -1;  // row 5, column 4
   host_parameters p;
   p.max_level = p.lim_oct_level = 4;
   host_inputs in_plane(plane, p);
-  const gateway_result r = expect_refused(in_plane, 1, "splitmerge:badParameter");
-  EXPECT_EQ(r.error_text.rfind("image pixel (5, 4) (linear index 53) is -1:", 0), 0u)
-      << r.error_text;
+  EXPECT_EQ(expect_refused(in_plane, 1, "splitmerge:badParameter").error_text,
+            "image pixel (5, 4) (linear index 53) is -1: pixels must lie in 0 to 255 (rescale "
+            "the image)");
 }
 
 // The library's own message, for the values the gateway should pass.
 TEST(GatewayErrors, WhatTheLibraryRejectsCarriesItsMessage) {
   const std::vector<std::vector<std::pair<std::size_t, double>>> changes = {
       {{1, 9}},
-      {{1, 4}} /* image too big */,
       {{2, 2}} /* wrong Z */,
-      {{3, 5}},
-      {{7, 6}},
       {{7, 4}, {11, 0}},
-      {{5, 0}},
-      {{9, 3e7}},
       // Truncation that fits int32 is the library's to judge.
       {{1, 2147483647.9}},
       {{1, -2147483648.9}},

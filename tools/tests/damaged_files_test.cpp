@@ -1,8 +1,11 @@
 // Every reader refuses a file that holds less than its header declares: real
-// files cut at several points, and each header field that sizes or places the
-// data corrupted. One table of every format's damaged variants.
+// files cut at several points, each header field that sizes or places the data
+// corrupted, and headers declaring more than memory allows, refused before
+// anything is allocated. One table of every format's damaged variants.
 #include <gtest/gtest.h>
+#include <png.h>
 #include <tiffio.h>
+#include <zlib.h>
 
 #include <cmath>
 #include <cstring>
@@ -29,7 +32,8 @@ struct damaged_file {
   std::string name;
   std::string extension;
   std::string bytes;
-  std::optional<std::int64_t> volume;
+  std::string message = "";  // a part of it, where the kind of damage has its own
+  std::optional<std::int64_t> volume = {};
 };
 
 std::string cut(const std::string& bytes, double fraction) {
@@ -76,18 +80,46 @@ std::size_t tiff_next_page_link(const std::string& tiff) {
   return ifd + 2 + 12u * entries;
 }
 
+// A PNG of a signature, a header declaring width x height, a few bytes of
+// pixel data and an end: about 100 bytes.
+void write_header_only_png(const std::filesystem::path& path, std::uint32_t width,
+                           std::uint32_t height) {
+  std::string out("\x89PNG\r\n\x1a\n", 8);
+  const auto be32 = [](std::uint32_t v) {
+    return std::string{static_cast<char>(v >> 24), static_cast<char>(v >> 16),
+                       static_cast<char>(v >> 8), static_cast<char>(v)};
+  };
+  const auto chunk = [&out, &be32](const std::string& type, const std::string& data) {
+    out += be32(static_cast<std::uint32_t>(data.size())) + type + data;
+    const std::string crc_input = type + data;
+    out += be32(static_cast<std::uint32_t>(crc32(
+        0, reinterpret_cast<const Bytef*>(crc_input.data()), static_cast<uInt>(crc_input.size()))));
+  };
+  chunk("IHDR", be32(width) + be32(height) + std::string("\x08\x00\x00\x00\x00", 5));
+  // The start of the first row, so that the header reads as a whole.
+  std::string idat(64, '\0');
+  uLongf idat_size = static_cast<uLongf>(idat.size());
+  const std::string row(17, '\0');
+  compress(reinterpret_cast<Bytef*>(idat.data()), &idat_size,
+           reinterpret_cast<const Bytef*>(row.data()), static_cast<uLong>(row.size()));
+  chunk("IDAT", idat.substr(0, idat_size));
+  chunk("IEND", "");
+  std::ofstream(path, std::ios::binary) << out;
+}
+
 std::vector<damaged_file> damaged_variants(const scratch_folder& dir) {
   std::vector<damaged_file> out;
   const auto add_cuts = [&out](const std::string& kind, const std::string& ext,
                                const std::string& bytes, std::vector<double> fractions) {
     for (const double f : fractions)
-      out.push_back({kind + " cut at " + std::to_string(f), ext, cut(bytes, f), {}});
+      out.push_back({kind + " cut at " + std::to_string(f), ext, cut(bytes, f)});
   };
 
   // TIFF: 8 pages of 32 x 32 uint16, uncompressed, one strip a page.
   std::vector<std::uint16_t> samples(8 * 32 * 32);
   for (std::size_t i = 0; i < samples.size(); ++i) samples[i] = static_cast<std::uint16_t>(i * 7);
-  testing::write_tiff_plain(dir / "plain.tif", 32, 32, 8, samples);
+  testing::write_tiff_pages(dir / "plain.tif", 32, 32, 8, 16, SAMPLEFORMAT_UINT,
+                            testing::bytes_of(samples), false);
   const std::string tiff = read_file(dir / "plain.tif");
   add_cuts("tiff", ".tif", tiff, {0.05, 0.25, 0.5, 0.75, 0.99});
   const std::uint32_t tiff_size = static_cast<std::uint32_t>(tiff.size());
@@ -103,11 +135,9 @@ std::vector<damaged_file> damaged_variants(const scratch_folder& dir) {
       {"strip bytes huge", {TIFFTAG_STRIPBYTECOUNTS, 0x7FFFFFFFu}},
   };
   for (const auto& [what, change] : tags)
-    out.push_back({"tiff " + what, ".tif", tiff_patched(tiff, change.first, change.second), {}});
-  out.push_back({"tiff next page past the end",
-                 ".tif",
-                 patched(tiff, tiff_next_page_link(tiff), tiff_size + 1000),
-                 {}});
+    out.push_back({"tiff " + what, ".tif", tiff_patched(tiff, change.first, change.second)});
+  out.push_back({"tiff next page past the end", ".tif",
+                 patched(tiff, tiff_next_page_link(tiff), tiff_size + 1000)});
   // Compressed pages, two rows a strip.
   testing::write_tiff_pages(dir / "lzw.tif", 32, 32, 8, 8, 1, std::string(8 * 32 * 32, '\x21'));
   add_cuts("lzw tiff", ".tif", read_file(dir / "lzw.tif"), {0.25, 0.5, 0.9});
@@ -121,7 +151,7 @@ std::vector<damaged_file> damaged_variants(const scratch_folder& dir) {
   for (const float offset : {3e9f, 1e12f, -100.0f, 0.0f, 348.0f, 352.5f, 400.0f, 1e20f,
                              std::numeric_limits<float>::quiet_NaN()})
     out.push_back(
-        {"nifti-1 vox_offset " + std::to_string(offset), ".nii", patched(nifti, 108, offset), {}});
+        {"nifti-1 vox_offset " + std::to_string(offset), ".nii", patched(nifti, 108, offset)});
   const std::vector<std::pair<std::string, std::pair<std::size_t, std::int16_t>>> fields = {
       {"dim[0] 0", {40, 0}},   {"dim[0] 8", {40, 8}},       {"dim[1] 0", {42, 0}},
       {"dim[1] -1", {42, -1}}, {"dim[1] 16", {42, 16}},     {"dim[3] 8", {46, 8}},
@@ -130,12 +160,12 @@ std::vector<damaged_file> damaged_variants(const scratch_folder& dir) {
   for (const auto& [what, change] : fields) {
     std::string bytes = patched(nifti, change.first, change.second);
     if (what == "4-D") bytes = patched(bytes, 48, std::int16_t{2});
-    out.push_back({"nifti-1 " + what, ".nii", bytes, {}});
+    out.push_back({"nifti-1 " + what, ".nii", bytes});
   }
   out.push_back({"nifti-1 4-D, second volume", ".nii",
-                 patched(patched(nifti, 40, std::int16_t{4}), 48, std::int16_t{2}), 1});
-  out.push_back({"nifti-1 header size", ".nii", patched(nifti, 0, std::int32_t{349}), {}});
-  out.push_back({"nifti-1 magic of a pair", ".nii", patched(nifti, 344, 0x0031696Eu), {}});
+                 patched(patched(nifti, 40, std::int16_t{4}), 48, std::int16_t{2}), "", 1});
+  out.push_back({"nifti-1 header size", ".nii", patched(nifti, 0, std::int32_t{349})});
+  out.push_back({"nifti-1 magic of a pair", ".nii", patched(nifti, 344, 0x0031696Eu)});
 
   // NIfTI-2: 4 x 4 x 2 uint8, 576 bytes.
   testing::write_nifti2(dir / "two.nii", 4, 4, 2, std::vector<std::uint8_t>(32, 9));
@@ -144,19 +174,20 @@ std::vector<damaged_file> damaged_variants(const scratch_folder& dir) {
   for (const std::int64_t offset : {std::int64_t{1} << 40, std::int64_t{-1}, std::int64_t{0},
                                     std::int64_t{543}, std::int64_t{560}})
     out.push_back(
-        {"nifti-2 vox_offset " + std::to_string(offset), ".nii", patched(nifti2, 168, offset), {}});
-  out.push_back({"nifti-2 dim[1] huge", ".nii", patched(nifti2, 24, std::int64_t{1} << 40), {}});
-  out.push_back({"nifti-2 dim[1] 0", ".nii", patched(nifti2, 24, std::int64_t{0}), {}});
-  out.push_back({"nifti-2 bitpix", ".nii", patched(nifti2, 14, std::int16_t{16}), {}});
+        {"nifti-2 vox_offset " + std::to_string(offset), ".nii", patched(nifti2, 168, offset)});
+  out.push_back({"nifti-2 dim[1] huge", ".nii", patched(nifti2, 24, std::int64_t{1} << 40)});
+  out.push_back({"nifti-2 dim[1] 0", ".nii", patched(nifti2, 24, std::int64_t{0})});
+  out.push_back({"nifti-2 bitpix", ".nii", patched(nifti2, 14, std::int16_t{16})});
 
   // The other formats, cut.
   std::vector<std::uint8_t> rgb(32 * 32 * 3);
   for (std::size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<std::uint8_t>(i * 31);
   testing::write_jpeg(dir / "colour.jpg", 32, 32, 3, rgb);
   add_cuts("jpeg", ".jpg", read_file(dir / "colour.jpg"), {0.3, 0.6, 0.95});
-  std::vector<std::uint8_t> rgba(32 * 32 * 4);
+  std::vector<std::uint16_t> rgba(32 * 32 * 4);
   for (std::size_t i = 0; i < rgba.size(); ++i) rgba[i] = static_cast<std::uint8_t>(i * 13);
-  testing::write_png_rgba(dir / "colour.png", 32, 32, rgba);
+  testing::write_png_samples(dir / "colour.png", 32, 32, 8, PNG_COLOR_TYPE_RGB_ALPHA, rgba, 0,
+                             false);
   add_cuts("png", ".png", read_file(dir / "colour.png"), {0.5, 0.9});
   const std::vector<std::int32_t> labels(16 * 16, 3);
   io::write_npy_int32((dir / "in.npy").string(), {16, 16}, labels.data());
@@ -164,10 +195,34 @@ std::vector<damaged_file> damaged_variants(const scratch_folder& dir) {
   const std::vector<std::uint8_t> grey(16 * 16, 5);
   io::write_pgm((dir / "in.pgm").string(), 16, 16, grey.data());
   add_cuts("pgm", ".pgm", read_file(dir / "in.pgm"), {0.99});
+
+  // Headers that declare more than memory allows: refused before allocating.
+  write_header_only_png(dir / "header.png", 12000, 12000);
+  out.push_back({"png header only", ".png", read_file(dir / "header.png"),
+                 "truncated or damaged: the header declares 144000000 bytes"});
+  write_header_only_png(dir / "header.png", 100000, 100000);
+  out.push_back(
+      {"png of too many pixels", ".png", read_file(dir / "header.png"), "pixels, more than the"});
+  const auto huge = [](std::string bytes) {
+    for (const std::size_t at : {42u, 44u, 46u}) bytes = patched(bytes, at, std::int16_t{30000});
+    return bytes;
+  };
+  out.push_back({"nifti-1 of a huge volume", ".nii", huge(nifti), "pixels, more than the"});
+  std::string noise(64 * 64 * 16, '\0');
+  for (std::size_t i = 0; i < noise.size(); ++i)
+    noise[i] = static_cast<char>((i * 2654435761u) >> 24);
+  testing::write_nifti(dir / "noise.nii.gz", 64, 64, 16, testing::nifti_uint8, noise);
+  out.push_back({"compressed nifti-1 cut", ".nii.gz", cut(read_file(dir / "noise.nii.gz"), 0.5),
+                 "truncated NIfTI file"});
+  testing::write_npy_raw(dir / "huge.npy", "<u1", {100000, 100000, 100}, false, "abc");
+  out.push_back({"npy of a huge shape", ".npy", read_file(dir / "huge.npy")});
+  out.push_back(
+      {"pgm of a huge size", ".pgm", "P5\n16000 16000\n255\nabc", "shorter than its size says"});
   return out;
 }
 
-// Each is refused with exit 2 and one line, and nothing is written.
+// Each is refused with exit 2 and one line, and nothing is written, within a
+// memory limit far below what the declared sizes would take.
 TEST(DamagedFiles, EveryCutAndEveryCorruptedSizeFieldIsRefused) {
   scratch_folder dir;
   const std::vector<damaged_file> variants = damaged_variants(dir);
@@ -176,14 +231,22 @@ TEST(DamagedFiles, EveryCutAndEveryCorruptedSizeFieldIsRefused) {
                            "in.npy", "in.pgm"})
     EXPECT_NO_THROW(io::read_grey_image((dir / name).string())) << name;
   EXPECT_EQ(io::read_grey_image((dir / "plain.tif").string()).size_z, 8);
+#if defined(SPLITMERGE_SANITIZED)
+  const std::string limit;
+#else
+  // Half the smallest size a header here declares, above what the program
+  // needs before any image.
+  const std::string limit = testing::address_space_limit(144000000 / 2 / 1024);
+#endif
   for (const damaged_file& file : variants) {
     SCOPED_TRACE(file.name);
     const std::string name = "damaged" + file.extension;
     std::ofstream(dir / name, std::ios::binary | std::ios::trunc) << file.bytes;
     const std::string volume = file.volume ? " --volume " + std::to_string(*file.volume) : "";
-    const auto run = testing::run_tool(dir, name + volume + " --labels l.npy");
+    const auto run = testing::run_tool(dir, name + volume + " --labels l.npy", limit);
     EXPECT_EQ(run.status, 2) << run.err;
     EXPECT_EQ(run.err.rfind("splitmerge: " + name + ": ", 0), 0u) << run.err;
+    EXPECT_NE(run.err.find(file.message), std::string::npos) << run.err;
     EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << run.err;
     EXPECT_FALSE(std::filesystem::exists(dir / "l.npy"));
   }

@@ -32,17 +32,6 @@ void write_npy_raw(const std::filesystem::path& path, const std::string& dtype,
   out << header << element_bytes;
 }
 
-void write_png_rgba(const std::filesystem::path& path, int width, int height,
-                    const std::vector<std::uint8_t>& rgba) {
-  png_image image{};
-  image.version = PNG_IMAGE_VERSION;
-  image.width = static_cast<png_uint_32>(width);
-  image.height = static_cast<png_uint_32>(height);
-  image.format = PNG_FORMAT_RGBA;
-  if (png_image_write_to_file(&image, path.c_str(), 0, rgba.data(), 0, nullptr) == 0)
-    throw std::runtime_error("cannot write " + path.string() + ": " + image.message);
-}
-
 void write_png_samples(const std::filesystem::path& path, int width, int height, int bit_depth,
                        int colour_type, const std::vector<std::uint16_t>& samples, double gamma,
                        bool srgb) {

@@ -23,8 +23,6 @@ std::string bytes_of(const std::vector<T>& values) {
   return out;
 }
 
-void write_png_rgba(const std::filesystem::path& path, int width, int height,
-                    const std::vector<std::uint8_t>& rgba);
 // A PNG of stored samples (8 or 16 bits, any PNG_COLOR_TYPE_*), with a gAMA
 // chunk when gamma > 0 and an sRGB chunk when asked.
 void write_png_samples(const std::filesystem::path& path, int width, int height, int bit_depth,
@@ -37,11 +35,6 @@ std::vector<std::uint8_t> read_png_rgb(const std::filesystem::path& path, int& w
 // LZW, two rows a strip; else uncompressed, each page one strip.
 void write_tiff_pages(const std::filesystem::path& path, int width, int height, int pages, int bits,
                       int sample_format, const std::string& sample_bytes, bool compressed = true);
-// Pages of 16-bit grey samples, uncompressed, each page one strip.
-inline void write_tiff_plain(const std::filesystem::path& path, int width, int height, int pages,
-                             const std::vector<std::uint16_t>& samples) {
-  write_tiff_pages(path, width, height, pages, 16, 1 /* unsigned */, bytes_of(samples), false);
-}
 // An 8-bit RGB picture, three bytes per pixel, the samples interleaved or
 // (separate_planes) stored as three planes.
 void write_tiff_rgb(const std::filesystem::path& path, int width, int height, bool separate_planes,
@@ -62,7 +55,7 @@ void write_nifti2(const std::filesystem::path& path, int nx, int ny, int nz,
 void write_nifti(const std::filesystem::path& path, int nx, int ny, int nz, int datatype,
                  const std::string& voxel_bytes, float scl_slope = 0.0f, float scl_inter = 0.0f,
                  int volumes = 1);
-inline constexpr int nifti_uint8 = 2, nifti_int16 = 4, nifti_float32 = 16;
+inline constexpr int nifti_uint8 = 2, nifti_float32 = 16;
 
 struct decoded_gif {
   int width = 0, height = 0;

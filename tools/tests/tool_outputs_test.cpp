@@ -3,8 +3,10 @@
 // equal those of the Python front end is python/tests/test_interfaces.py).
 #include <gtest/gtest.h>
 
+#include <png.h>
+
 #include <algorithm>
-#include <cmath>
+#include <sstream>
 #include <vector>
 
 #include "frame_stream.hpp"
@@ -135,6 +137,10 @@ TEST(Outputs, GifAnimatesTheFramesThroughThePalette) {
   EXPECT_EQ(gif.frames, expected);
   EXPECT_TRUE(gif.loops_forever);
   EXPECT_EQ(gif.delays_cs.back(), 300);
+  for (std::size_t i = 0; i < 256; ++i) {
+    const io::rgb c = indexed_palette()[i];
+    EXPECT_EQ(gif.palette[i], (std::array<std::uint8_t, 3>{c.r, c.g, c.b})) << i;
+  }
 }
 
 TEST(Outputs, PicturesOfAVolumeShowItsMiddleSliceAndCopiesTheWholeInput) {
@@ -151,9 +157,6 @@ TEST(Outputs, PicturesOfAVolumeShowItsMiddleSliceAndCopiesTheWholeInput) {
   EXPECT_NE(run.out.find("finished make_output \nfile = sub.txt \nfinished save_regionlist \n"),
             std::string::npos)
       << run.out;
-  ASSERT_EQ(
-      run_tool(dir, "in.npy --quiet --labels l.npy --save-input s.npy --save-input s.pgm").status,
-      2);  // one copy per run
   ASSERT_EQ(run_tool(dir, "in.npy --quiet --labels l.npy --save-input s.tif").status, 0);
   const auto labels = read_npy(dir, "l.npy").values;
   int width = 0, height = 0;
@@ -164,6 +167,50 @@ TEST(Outputs, PicturesOfAVolumeShowItsMiddleSliceAndCopiesTheWholeInput) {
   const auto copy = io::read_grey_image((dir / "s.tif").string());
   EXPECT_EQ(copy.values(), std::vector<double>(image.begin(), image.end()));
   EXPECT_EQ(copy.size_z, 4);
+}
+
+// Beyond 256 pixels along an edge the block codes of the region list file
+// take more than 32 bits: digit d + 1 at each level j from the block's level
+// to 8, bit 0 of d adding 2^j to x, bit 1 to y. The codes of each region
+// cover its pixels, every pixel once.
+TEST(Outputs, RegionCodesOfA512ImageNameTheBlocksOfEachLabel) {
+  scratch_folder dir;
+  std::vector<std::int32_t> image(512 * 512);
+  for (std::size_t i = 0; i < image.size(); ++i)
+    image[i] = static_cast<std::int32_t>(40 + 50 * ((i % 512 / 96 + 2 * (i / 512 / 80)) % 4) +
+                                         (i * 2654435761u >> 30) % 4);
+  io::write_npy_int32((dir / "in.npy").string(), {512, 512}, image.data());
+  ASSERT_EQ(run_tool(dir, "in.npy --quiet --labels l.npy --regions r.txt --start-label 0").status,
+            0);
+  const auto labels = read_npy(dir, "l.npy").values;
+  std::istringstream text(testing::read_file(dir / "r.txt"));
+  std::string line;
+  for (int header = 0; header < 6; ++header) std::getline(text, line);
+  std::vector<int> covered(512 * 512, 0);
+  std::int64_t label = 0;
+  for (; std::getline(text, line); ++label) {  // the statistics, codes, 0, neighbours, -1
+    while (std::getline(text, line) && line != "0") {
+      ASSERT_EQ(line.size(), 9u) << line;
+      const std::uint64_t code = std::stoull(line, nullptr, 16);
+      int level = 0;
+      while (((code >> (4 * level)) & 0xF) == 0) ++level;
+      std::size_t x = 0, y = 0;
+      for (int j = level; j < 9; ++j) {
+        const auto d = ((code >> (4 * j)) & 0xF) - 1;
+        x += (d & 1) << j;
+        y += ((d >> 1) & 1) << j;
+      }
+      for (std::size_t row = y; row < y + (std::size_t{1} << level); ++row)
+        for (std::size_t column = x; column < x + (std::size_t{1} << level); ++column) {
+          ASSERT_EQ(labels[row * 512 + column], label) << line;
+          ++covered[row * 512 + column];
+        }
+    }
+    while (std::getline(text, line) && line != "-1") {
+    }
+  }
+  EXPECT_GT(label, 1);
+  EXPECT_EQ(covered, std::vector<int>(512 * 512, 1));
 }
 
 struct fitting_case {
@@ -194,15 +241,6 @@ const std::vector<fitting_case> fitting_cases = {
      "as the input\n",
      {5, 3},
      values(counting(15, 1, 256))},
-    {"PadOfSlices",
-     [](const scratch_folder& d) {
-       io::write_npy_int32((d / "in.npy").string(), {3, 4, 4}, counting(48, 0, 256).data());
-     },
-     "in.npy --fit pad",
-     "splitmerge: padded 4 x 4 x 3 to 4 x 4 x 4 (centred) for the segmentation; the outputs are "
-     "4 x 4 x 3, as the input\n",
-     {3, 4, 4},
-     values(counting(48, 0, 256))},
     // The image as segmented lies where it was, 0 outside the box.
     {"Crop",
      [](const scratch_folder& d) {
@@ -220,16 +258,6 @@ const std::vector<fitting_case> fitting_cases = {
              v[static_cast<std::size_t>((z * 6 + y) * 7 + x)] = (z * 6 + y) * 7 + x;
        return v;
      }()},
-    {"Slice",
-     [](const scratch_folder& d) {
-       const auto v = counting(48, 0, 256);
-       testing::write_nifti(d / "in.nii.gz", 4, 4, 3, testing::nifti_uint8,
-                            bytes_of(std::vector<std::uint8_t>(v.begin(), v.end())));
-     },
-     "in.nii.gz --slice 1",
-     "",
-     {4, 4},
-     values(counting(16, 16, 256))},
     // (v + 1) * 255 / 4, rounded: 0, 63.75, 95.625, 255.
     {"Rescale",
      [](const scratch_folder& d) {
@@ -240,21 +268,11 @@ const std::vector<fitting_case> fitting_cases = {
      "splitmerge: rescaled the values -1..3 to 0..255\n",
      {2, 2},
      {0, 64, 96, 255}},
-    // Whole numbers in 0..255 need no rescaling, whatever their type.
-    {"WholeFloats",
-     [](const scratch_folder& d) {
-       testing::write_nifti(d / "in.nii", 2, 2, 1, testing::nifti_float32,
-                            bytes_of(std::vector<float>{0.0f, 17.0f, 200.0f, 255.0f}));
-     },
-     "in.nii",
-     "",
-     {2, 2},
-     {0, 17, 200, 255}},
     {"ColourPng",
      [](const scratch_folder& d) {
-       std::vector<std::uint8_t> rgba(16, 0);
-       for (std::size_t i = 0; i < 16; i += 4) rgba[i] = rgba[i + 3] = 255;
-       testing::write_png_rgba(d / "in.png", 2, 2, rgba);
+       const std::vector<std::uint16_t> rgba = {255, 0, 0, 255, 255, 0, 0, 255,
+                                                255, 0, 0, 255, 255, 0, 0, 255};
+       testing::write_png_samples(d / "in.png", 2, 2, 8, PNG_COLOR_TYPE_RGB_ALPHA, rgba, 0, false);
      },
      "in.png",
      "splitmerge: in.png is a colour PNG: segmenting its luma (0.299 R + 0.587 G + 0.114 B); "
@@ -282,29 +300,6 @@ TEST_P(Fitting, SaysWhatItDidAndKeepsTheInputsShape) {
 
 INSTANTIATE_TEST_SUITE_P(Tool, Fitting, ::testing::ValuesIn(fitting_cases),
                          [](const auto& info) { return info.param.name; });
-
-TEST(Fitting, PercentileRescaleOfTheWholeVolumeBeforeTheSlice) {
-  scratch_folder dir;
-  // Slice 0 holds 0..99, slice 1 holds 1000..1099: one mapping for both.
-  std::vector<std::int32_t> volume(2 * 10 * 10);
-  for (std::size_t i = 0; i < volume.size(); ++i)
-    volume[i] = static_cast<std::int32_t>(i < 100 ? i : 900 + i);
-  io::write_npy_int32((dir / "in.npy").string(), {2, 10, 10}, volume.data());
-  const auto run = run_tool(dir, "in.npy --rescale 1,99 --slice 0 --fit pad --save-input s.npy");
-  ASSERT_EQ(run.status, 0) << run.err;
-  // numpy.percentile of the 200 values: 1.99 and 1097.01.
-  EXPECT_NE(run.err.find("rescaled the values between the 1st and 99th percentiles, "
-                         "1.99..1097.01, to 0..255 (values outside clipped)"),
-            std::string::npos)
-      << run.err;
-  const auto saved = read_npy(dir, "s.npy");
-  ASSERT_EQ(saved.values.size(), 100u);
-  for (std::size_t i = 0; i < 100; ++i) {
-    const double expected = std::round(
-        std::clamp((static_cast<double>(i) - 1.99) * 255.0 / (1097.01 - 1.99), 0.0, 255.0));
-    EXPECT_EQ(saved.values[i], static_cast<std::int64_t>(expected)) << i;
-  }
-}
 
 }  // namespace
 }  // namespace splitmerge::tool
