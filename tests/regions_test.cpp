@@ -3,17 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "grouping/grouping.hpp"
 #include "output/output.hpp"
 #include "regions/regions.hpp"
+#include "support/conformance_case.hpp"
+#include "support/neighbour_lists.hpp"
 #include "support/run_setup.hpp"
 #include "support/temp_folder.hpp"
 #include "tree/tree.hpp"
@@ -27,6 +26,7 @@ using testing::make_head;
 using testing::plane_example;
 using testing::prepared_run;
 using testing::set_entries;
+using testing::setup;
 
 // The plane example grouped into two classes: 0x20 (0x20, 0x40, 0x30) and
 // 0x11 (the four single pixels).
@@ -43,59 +43,33 @@ block* two_regions(prepared_run& run) {
   return sequential_grouping(run.ctx, head).value;
 }
 
-std::string read_file(const std::string& path) {
-  std::ifstream in(path);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
 TEST(Elimination, ASmallRegionJoinsItsOnlyNeighbour) {
-  prepared_run run = plane_example();
-  block* head = two_regions(run);
-  run.ctx.small_size = 5;
-  block* small = run.ctx.block_at(head->next_region);
-  EXPECT_EQ(head->pixels, 12u);
-  EXPECT_EQ(small->pixels, 4u);
-  region_elimination(run.ctx, head);
-  EXPECT_EQ(chain(run.ctx, head),
-            (std::vector<std::uint32_t>{0x20, 0x40, 0x30, 0x11, 0x12, 0x14, 0x13}));
-  EXPECT_EQ(small->region_pointer, 0u);
-  EXPECT_EQ(head->next_region, run.ctx.id(small))
-      << "the absorbed head stays linked until cleaning";
-  EXPECT_EQ(head->variables[0], 0) << "statistics updated by default";
-  EXPECT_EQ(head->pixels, 16u) << "the pixel count follows the union";
-  head = clean_regionlist(run.ctx, head);
-  EXPECT_EQ(run.ctx.number_regions, 0);
-  EXPECT_EQ(head->next_region, 0u);
-  free_regionlist(run.ctx, head);
-  EXPECT_EQ(run.ctx.allocator.live(), 4);
-}
-
-TEST(Elimination, WithoutStatisticUpdateTheAbsorberKeepsItsStatistics) {
-  prepared_run run = plane_example();
-  block* head = two_regions(run);
-  run.ctx.small_size = 5;
-  run.ctx.statistic_update = 0;
-  region_elimination(run.ctx, head);
-  EXPECT_EQ(head->variables[0], 100);
-  EXPECT_EQ(head->variables[1], 100);
-  free_regionlist(run.ctx, head);
-}
-
-TEST(Elimination, RegionsOfExactlyTheSizeAndNonPositiveSizesStay) {
-  for (const int size : {4, 0, -3}) {
-    prepared_run run = plane_example();
+  for (const std::int32_t update : {1, 0}) {
+    prepared_run run(plane_example());
     block* head = two_regions(run);
-    run.ctx.small_size = size;
+    run.ctx.small_size = 5;
+    run.ctx.statistic_update = update;
+    block* small = run.ctx.block_at(head->next_region);
+    EXPECT_EQ(head->pixels, 12u);
+    EXPECT_EQ(small->pixels, 4u);
     region_elimination(run.ctx, head);
-    EXPECT_NE(run.ctx.block_at(head->next_region)->region_pointer, 0u) << "small_size " << size;
+    EXPECT_EQ(chain(run.ctx, head),
+              (std::vector<std::uint32_t>{0x20, 0x40, 0x30, 0x11, 0x12, 0x14, 0x13}));
+    EXPECT_EQ(small->region_pointer, 0u);
+    EXPECT_EQ(head->next_region, run.ctx.id(small))
+        << "the absorbed head stays linked until cleaning";
+    EXPECT_EQ(head->variables[0], update != 0 ? 0 : 100) << "statistics updated or kept";
+    EXPECT_EQ(head->pixels, 16u) << "the pixel count follows the union";
+    head = clean_regionlist(run.ctx, head);
+    EXPECT_EQ(run.ctx.number_regions, 0);
+    EXPECT_EQ(head->next_region, 0u);
     free_regionlist(run.ctx, head);
+    EXPECT_EQ(run.ctx.allocator.live(), 4);
   }
 }
 
 TEST(Elimination, TheMostSimilarNeighbourWinsAndTiesGoToTheFirstEntry) {
-  prepared_run run = plane_example();
+  prepared_run run(plane_example());
   run.ctx.pred_choice = 2;  // sum statistics: compare integer means
   // Hand-made regions: r (small) with neighbours a, b, c.
   run_context& ctx = run.ctx;
@@ -117,6 +91,25 @@ TEST(Elimination, TheMostSimilarNeighbourWinsAndTiesGoToTheFirstEntry) {
   EXPECT_EQ(b.variables[0], 104 * 16 + 100);
   EXPECT_EQ(b.pixels, 17u);
   ctx.release_records();
+}
+
+// The elimination unites a small region r at the first entry of its
+// absorber's list that stands for any block of r; long lists find it through
+// an index.
+TEST(EliminationIndex, GivesTheFirstEntryThatNamesTheRegion) {
+  // Forty entries naming blocks 1..40 in turn, then more.
+  std::vector<int> names;
+  for (int i = 1; i <= 40; ++i) names.push_back(i);
+  std::vector<int> first = names, second = names;
+  first.insert(first.end(), {0, 7, 8, 9, 0, 3});
+  second.insert(second.end(), {5, 6, 7, 8, 0, 31, 30});
+  EXPECT_EQ(testing::indexed_first_entry(first, {0}), 40);
+  EXPECT_EQ(testing::indexed_first_entry(first, {7}), 6) << "block 7 is named at 6 and 41";
+  EXPECT_EQ(testing::indexed_first_entry(first, {50}), -1) << "a region the list never names";
+  // The chain 0 -> 30 -> 31 is named at 44 (0), 29 (30) and 30 (31).
+  EXPECT_EQ(testing::indexed_first_entry(second, {0, 30, 31}), 29);
+  EXPECT_EQ(testing::indexed_first_entry(second, {0, 31}), 30);
+  EXPECT_EQ(testing::indexed_first_entry(second, {0}), 44);
 }
 
 TEST(Cleaning, RepeatsAreRemovedAndTheLastEntryIsKept) {
@@ -201,25 +194,8 @@ TEST(Sorting, OptimisationSuffixMaximaFastPathKeepsThePlainQuicksortOrder) {
   }
 }
 
-TEST(Sorting, LargerRegionsComeFirst) {
-  prepared_run run = plane_example();
-  block* head = two_regions(run);  // 12 pixels, then 4
-  // Put the small region first and sort.
-  block* big = head;
-  block* small = run.ctx.block_at(head->next_region);
-  small->next_region = run.ctx.id(big);
-  big->next_region = 0;
-  run.ctx.number_regions = 1;
-  const auto sorted = sort_regionlist(run.ctx, small);
-  ASSERT_EQ(check_pointer(sorted), 0);
-  EXPECT_EQ(sorted.value, big);
-  EXPECT_EQ(big->next_region, run.ctx.id(small));
-  EXPECT_EQ(small->next_region, 0u);
-  free_regionlist(run.ctx, big);
-}
-
 TEST(LabelImage, TwoRegionsOfSeveralBlockSizes) {
-  prepared_run run = plane_example();
+  prepared_run run(plane_example());
   block* head = two_regions(run);
   std::vector<std::int32_t> labels(16, -7);
   ASSERT_EQ(make_output(run.ctx, head, labels.data()), 0);
@@ -232,7 +208,7 @@ TEST(LabelImage, TwoRegionsOfSeveralBlockSizes) {
 // Blocks reach their heads by forwarding links; a list whose blocks do not
 // (built by hand) is painted along its chains, with the same labels.
 TEST(LabelImage, ForwardingLinksAndChainsGiveTheSameLabels) {
-  prepared_run run = plane_example();
+  prepared_run run(plane_example());
   block* head = two_regions(run);
   std::vector<std::int32_t> forwarded(16, -7);
   ASSERT_EQ(make_output(run.ctx, head, forwarded.data()), 0);
@@ -249,7 +225,7 @@ TEST(LabelImage, ForwardingLinksAndChainsGiveTheSameLabels) {
 TEST(LabelImage, AVolumeBlockCoversAllItsSlices) {
   // 8x8x2, lim_oct_level 2: a level-3 block spans both slices.
   std::vector<std::int32_t> img(128, 9);
-  prepared_run run(img, {8, 2, 3, 2, 1, 1, 10});
+  prepared_run run(setup(img, 8, 2));
   block& whole = *make_head(run.ctx, 0x0);
   // level 2: 4x4, one slice (level 2 = lim_oct_level)
   block& other = *make_head(run.ctx, 0x100);
@@ -280,7 +256,7 @@ TEST(RegionFile, TwoNeighbouringRegions) {
   const testing::temp_folder folder;
   const auto path = folder.file("two_regions.txt");
   ASSERT_EQ(save_regionlist(ctx, &a, path.c_str()), 0);
-  EXPECT_EQ(read_file(path),
+  EXPECT_EQ(testing::read_text(path),
             "4\n1\n2\n4.0000\n2\n4\n"
             "800 4\n20\n0\n1\n-1\n"
             "12 1\n420\n0\n0\n-1\n");
@@ -302,7 +278,7 @@ TEST(RegionFile, TheWholeImageAndAnUnwritablePath) {
   const testing::temp_folder folder;
   const auto path = folder.file("whole.txt");
   ASSERT_EQ(save_regionlist(ctx, &whole, path.c_str()), 0);
-  EXPECT_EQ(read_file(path), "8\n2\n2\n4.0000\n1\n1\n3 9\n0\n0\n-1\n");
+  EXPECT_EQ(testing::read_text(path), "8\n2\n2\n4.0000\n1\n1\n3 9\n0\n0\n-1\n");
   std::filesystem::remove(path);
   whole.variables[0] = 3;
   EXPECT_EQ(save_regionlist(ctx, &whole, "/nonexistent-dir/regions.txt"), -2);

@@ -12,9 +12,9 @@
 namespace splitmerge {
 namespace {
 
-using testing::image_spec;
 using testing::chain;
 using testing::prepared_run;
+using testing::setup;
 
 std::vector<std::int32_t> frame(const run_context& ctx, int k) {
   const disp_frame* f = ctx.smg_disp;
@@ -23,7 +23,7 @@ std::vector<std::int32_t> frame(const run_context& ctx, int k) {
 }
 
 TEST(InitialBlocks, EightByEightInZOrder) {
-  prepared_run run(std::vector<std::int32_t>(64, 0), {8, 1, 3, 3, 1, 1, 10});
+  prepared_run run(setup({}, 8));
   const auto built = init_blocklist(run.ctx);
   ASSERT_EQ(check_pointer(built), 0);
   const std::vector<std::uint32_t> expected = {0x110, 0x120, 0x130, 0x140, 0x210, 0x220,
@@ -41,16 +41,17 @@ TEST(InitialBlocks, EightByEightInZOrder) {
     }
   }
   free_blocklist(run.ctx, built.value);
-  EXPECT_EQ(run.ctx.allocator.live(), 4) << "the first frame (node and pixels) and two tables remain";
+  EXPECT_EQ(run.ctx.allocator.live(), 4)
+      << "the first frame (node and pixels) and two tables remain";
 }
 
 TEST(InitialBlocks, OneGroupAndSinglePixels) {
-  prepared_run top(std::vector<std::int32_t>(16, 0), {4, 1, 2, 2, 1, 1, 10});
+  prepared_run top(setup({}, 4));
   auto built = init_blocklist(top.ctx);
   EXPECT_EQ(chain(top.ctx, built.value[0]), (std::vector<std::uint32_t>{0x10, 0x20, 0x30, 0x40}));
   free_blocklist(top.ctx, built.value);
 
-  prepared_run pixels(std::vector<std::int32_t>(32, 0), {4, 2, 2, 1, 0, 1, 10});
+  prepared_run pixels(setup({}, 4, 2, 0));
   built = init_blocklist(pixels.ctx);
   const auto codes = chain(pixels.ctx, built.value[0]);
   ASSERT_EQ(codes.size(), 32u);
@@ -65,18 +66,20 @@ TEST(InitialBlocks, OneGroupAndSinglePixels) {
 }
 
 TEST(Merge, UniformImagesOfEveryShapeEndAsTheWholeImage) {
-  const image_spec shapes[] = {{8, 1, 3, 3, 0, 1, 10}, {8, 1, 3, 3, 2, 4, 10},
-                               {4, 4, 2, 0, 1, 5, 10}, {8, 2, 3, 2, 1, 3, 10},
-                               {8, 8, 3, 0, 0, 2, 10}, {16, 4, 4, 2, 2, 4, 10}};
-  for (const auto& s : shapes) {
-    const std::size_t n = static_cast<std::size_t>(s.size_x) * s.size_x * s.size_z;
-    prepared_run run(std::vector<std::int32_t>(n, 77), s);
+  struct shape {
+    std::int32_t size_x, size_z, init_level, pred_choice;
+  };
+  for (const auto& [x, z, init, pred] :
+       {shape{8, 1, 0, 1}, shape{8, 1, 2, 4}, shape{4, 4, 1, 5}, shape{8, 2, 1, 3},
+        shape{8, 8, 0, 2}, shape{16, 4, 2, 4}}) {
+    prepared_run run(setup(std::vector<std::int32_t>(static_cast<std::size_t>(x * x * z), 77), x, z,
+                           init, pred));
     ASSERT_TRUE(run.ok);
     const auto built = init_blocklist(run.ctx);
     smg_merge(run.ctx, built.value);
     EXPECT_EQ(chain(run.ctx, built.value[0]), (std::vector<std::uint32_t>{0u}))
-        << "size " << s.size_x << "x" << s.size_z << " init " << s.init_level;
-    const std::int32_t cells = run.ctx.voxels_image / run.ctx.pixels_perblock[s.init_level];
+        << "size " << x << "x" << z << " init " << init;
+    const std::int32_t cells = run.ctx.voxels_image / run.ctx.pixels_perblock[init];
     for (std::int32_t i = 1; i < cells; ++i) EXPECT_EQ(built.value[i], nullptr);
     free_blocklist(run.ctx, built.value);
   }
@@ -88,7 +91,7 @@ TEST(Merge, CellsMergeOnlyWhenAllChildrenAreAccepted) {
   for (int i = 0; i < 64; ++i) img[static_cast<std::size_t>(i)] = (i * 37) % 251;
   for (int y = 0; y < 4; ++y)
     for (int x = 0; x < 4; ++x) img[static_cast<std::size_t>(y * 8 + x)] = 5;
-  prepared_run run(img, {8, 1, 3, 3, 1, 1, 10});
+  prepared_run run(setup(img, 8));
   const auto built = init_blocklist(run.ctx);
   smg_merge(run.ctx, built.value);
   const auto codes = chain(run.ctx, built.value[0]);
@@ -110,11 +113,11 @@ std::vector<std::int32_t> one_rough_block() {
 }
 
 TEST(Split, ReplacesAFailedBlockByItsSonsInZOrder) {
-  prepared_run run(one_rough_block(), {8, 1, 3, 3, 1, 1, 10});
+  prepared_run run(setup(one_rough_block(), 8));
   const auto built = init_blocklist(run.ctx);
   smg_merge(run.ctx, built.value);
-  EXPECT_EQ(chain(run.ctx, built.value[0]), (std::vector<std::uint32_t>{0x100, 0x210, 0x220, 0x230,
-                                                                     0x240, 0x300, 0x400}));
+  EXPECT_EQ(chain(run.ctx, built.value[0]),
+            (std::vector<std::uint32_t>{0x100, 0x210, 0x220, 0x230, 0x240, 0x300, 0x400}));
   EXPECT_EQ(smg_split(run.ctx, built.value), 0);
   EXPECT_EQ(chain(run.ctx, built.value[0]),
             (std::vector<std::uint32_t>{0x100, 0x210, 0x220, 0x231, 0x232, 0x233, 0x234, 0x240,
@@ -132,7 +135,7 @@ TEST(Split, ReplacesAFailedBlockByItsSonsInZOrder) {
 }
 
 TEST(Split, DisplayPaintsEachSonWithItsDigitBeforeEvaluating) {
-  prepared_run run(one_rough_block(), {8, 1, 3, 3, 1, 1, 10});
+  prepared_run run(setup(one_rough_block(), 8));
   const auto built = init_blocklist(run.ctx);
   init_smg_display(run.ctx);
   smg_merge_disp(run.ctx, built.value);
@@ -151,7 +154,7 @@ TEST(Split, DisplayPaintsEachSonWithItsDigitBeforeEvaluating) {
 TEST(Split, BlocksThatFailEverywhereEndAsSinglePixels) {
   std::vector<std::int32_t> img(64);
   for (int i = 0; i < 64; ++i) img[static_cast<std::size_t>(i)] = (i % 2) * 200;
-  prepared_run run(img, {8, 1, 3, 3, 2, 1, 10});
+  prepared_run run(setup(img, 8, 1, 2));
   const auto built = init_blocklist(run.ctx);
   smg_merge(run.ctx, built.value);
   ASSERT_EQ(smg_split(run.ctx, built.value), 0);
@@ -173,7 +176,7 @@ TEST(Split, OctreeSonsHalveTheDepthAndQuadtreeSonsKeepIt) {
   // 8x8x4 volume, lim_oct_level 1, init_level 2: blocks of 4x4x2.
   std::vector<std::int32_t> img(256, 0);
   img[64 + 8 + 1] = 200;  // slice 1, row 1, column 1
-  prepared_run run(img, {8, 4, 3, 1, 2, 1, 10});
+  prepared_run run(setup(img, 8, 4, 2));
   const auto built = init_blocklist(run.ctx);
   smg_merge(run.ctx, built.value);
   ASSERT_EQ(smg_split(run.ctx, built.value), 0);
@@ -191,7 +194,7 @@ TEST(Split, OctreeSonsHalveTheDepthAndQuadtreeSonsKeepIt) {
 TEST(Split, InitialLevelZeroSplitsNothing) {
   std::vector<std::int32_t> img(16, 0);
   img[3] = 255;
-  prepared_run run(img, {4, 1, 2, 2, 0, 4, 10});
+  prepared_run run(setup(img, 4, 1, 0, 4));
   run.ctx.var_thresh[0] = -1.0f;  // make single pixels fail their test
   const auto built = init_blocklist(run.ctx);
   smg_merge(run.ctx, built.value);
@@ -201,45 +204,27 @@ TEST(Split, InitialLevelZeroSplitsNothing) {
   free_blocklist(run.ctx, built.value);
 }
 
-TEST(Display, InitialCheckerboardInAPlane) {
-  prepared_run run(std::vector<std::int32_t>(64, 0), {8, 1, 3, 3, 1, 1, 10});
-  init_smg_display(run.ctx);
-  EXPECT_EQ(run.ctx.smg_dsp_count, 2) << "the first tick freezes the pattern at once";
-  const auto f = frame(run.ctx, 0);
-  const std::vector<int> even = {1, 1, 2, 2, 1, 1, 2, 2};
-  const std::vector<int> odd = {3, 3, 4, 4, 3, 3, 4, 4};
-  for (int y = 0; y < 8; ++y) {
-    const std::vector<int> row(f.begin() + y * 8, f.begin() + y * 8 + 8);
-    EXPECT_EQ(row, (y / 2) % 2 == 0 ? even : odd) << "row " << y;
-  }
-  EXPECT_EQ(frame(run.ctx, 1), f);
-}
-
-TEST(Display, InitialCheckerboardInVolumes) {
+TEST(Display, InitialCheckerboardOfPlanesAndVolumes) {
   struct shape {
-    image_spec image;
-    int dz;
+    std::int32_t size_x, size_z, init_level, slices_per_cell;
   };
-  const shape shapes[] = {{{4, 4, 2, 0, 1, 1, 10}, 2}, {{8, 2, 3, 2, 1, 1, 10}, 1},
-                          {{8, 4, 3, 1, 2, 1, 10}, 2}};
-  for (const auto& s : shapes) {
-    const int n = s.image.size_x * s.image.size_x * s.image.size_z;
-    prepared_run run(std::vector<std::int32_t>(static_cast<std::size_t>(n), 0), s.image);
+  for (const auto& [x, z, init, dz] :
+       {shape{8, 1, 1, 1}, shape{4, 4, 1, 2}, shape{8, 2, 1, 1}, shape{8, 4, 2, 2}}) {
+    prepared_run run(setup({}, x, z, init));
     init_smg_display(run.ctx);
+    EXPECT_EQ(run.ctx.smg_dsp_count, 2) << "the first tick freezes the pattern at once";
     const auto f = frame(run.ctx, 0);
-    const int w = 1 << s.image.init_level;
-    for (int z = 0; z < s.image.size_z; ++z)
-      for (int y = 0; y < s.image.size_x; ++y)
-        for (int x = 0; x < s.image.size_x; ++x) {
-          const int v = 1 + (x / w) % 2 + 2 * ((y / w) % 2) + 4 * ((z / s.dz) % 2);
-          ASSERT_EQ(f[static_cast<std::size_t>((z * s.image.size_x + y) * s.image.size_x + x)], v);
-        }
+    EXPECT_EQ(frame(run.ctx, 1), f);
+    const int w = 1 << init;
+    for (int i = 0; i < x * x * z; ++i)
+      ASSERT_EQ(f[static_cast<std::size_t>(i)],
+                1 + (i % x / w) % 2 + 2 * ((i / x % x / w) % 2) + 4 * ((i / (x * x) / dz) % 2));
   }
 }
 
 TEST(Display, FramesAreFrozenEveryThousandAndFirstTick) {
   for (const int ticks : {0, 1000, 1001, 2002, 2003}) {
-    prepared_run run(std::vector<std::int32_t>(16, 0), {4, 1, 2, 2, 1, 1, 10});
+    prepared_run run(setup({}, 4));
     init_smg_display(run.ctx);
     for (int t = 0; t < ticks; ++t) smg_display_im(run.ctx);
     EXPECT_EQ(run.ctx.smg_dsp_count, 2 + ticks / 1001) << ticks << " ticks";
@@ -250,7 +235,7 @@ TEST(Display, FramesAreFrozenEveryThousandAndFirstTick) {
 }
 
 TEST(Display, APaintedFrameIsASnapshotOfEverythingUpToItsTick) {
-  prepared_run run(std::vector<std::int32_t>(16, 0), {4, 1, 2, 2, 1, 1, 10});
+  prepared_run run(setup({}, 4));
   init_smg_display(run.ctx);
   for (int t = 0; t < 1000; ++t) smg_display_im(run.ctx);
   smg_dfill_block(run.ctx, 0, 0, 0, 4, 16, 16, 9);
@@ -261,7 +246,7 @@ TEST(Display, APaintedFrameIsASnapshotOfEverythingUpToItsTick) {
 }
 
 TEST(Display, AMultiSliceBlockIsPaintedInEachOfItsSlicesOnly) {
-  prepared_run run(std::vector<std::int32_t>(4 * 4 * 4, 0), {4, 4, 2, 0, 1, 1, 10});
+  prepared_run run(setup({}, 4, 4));
   std::fill(run.ctx.smg_disp_cur->pixels, run.ctx.smg_disp_cur->pixels + 64, 0);
   // Block of level 1 at column 2, row 0, slices 2-3: 2x2x2 pixels.
   smg_dfill_block(run.ctx, 2, 0, 32, 2, 8, 32, 6);
@@ -277,7 +262,7 @@ TEST(Display, AMultiSliceBlockIsPaintedInEachOfItsSlicesOnly) {
 }
 
 TEST(Display, TheFrameBudgetStopsRecordingButKeepsTheFrames) {
-  prepared_run run(std::vector<std::int32_t>(16, 0), {4, 1, 2, 2, 1, 1, 10});
+  prepared_run run(setup({}, 4));
   std::string warnings;
   run.ctx.err = [&](std::string_view s) { warnings.append(s); };
   run.ctx.frame_budget = 3 * 16 * sizeof(std::int32_t);
@@ -292,7 +277,7 @@ TEST(Display, TheFrameBudgetStopsRecordingButKeepsTheFrames) {
 }
 
 TEST(Display, ATickThatCannotAllocateKeepsTheFramesSoFar) {
-  prepared_run run(std::vector<std::int32_t>(16, 0), {4, 1, 2, 2, 1, 1, 10});
+  prepared_run run(setup({}, 4));
   init_smg_display(run.ctx);
   run.ctx.allocator.fail_at(run.ctx.allocator.requests() + 2);  // the next buffer
   for (int t = 0; t < 3000; ++t) smg_display_im(run.ctx);

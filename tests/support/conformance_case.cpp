@@ -89,22 +89,12 @@ reference_case load_case(const std::filesystem::path& dir) {
 }
 
 parameters parameters_of(const reference_case& c) {
-  parameters p;
-  p.max_level = c.param("max_level");
-  p.lim_oct_level = c.param("lim_oct_level");
-  p.init_level = c.param("init_level");
-  p.group_mode = c.param("group_mode");
-  p.max_seed = c.param("max_seed");
-  p.use_all_seeds = c.param("use_all_seeds");
-  p.pred_choice = c.param("pred_choice");
-  p.interval_length = c.param("interval_length");
-  p.rejection = c.params.at("rejection");
-  p.sigma = c.params.at("sigma");
-  p.threshold_row = c.param("threshold_row");
-  p.pseudo_factor = c.params.at("pseudo_factor");
-  p.small_size = c.param("small_size");
-  p.statistic_update = c.param("statistic_update");
-  return p;
+  const auto whole = [&c](const char* key) { return static_cast<std::int32_t>(c.params.at(key)); };
+  return {whole("max_level"),   whole("lim_oct_level"),   whole("init_level"),
+          whole("group_mode"),  whole("max_seed"),        whole("use_all_seeds"),
+          whole("pred_choice"), whole("interval_length"), c.params.at("rejection"),
+          c.params.at("sigma"), whole("threshold_row"),   c.params.at("pseudo_factor"),
+          whole("small_size"),  whole("statistic_update")};
 }
 
 }  // namespace splitmerge::testing

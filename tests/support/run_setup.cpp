@@ -1,0 +1,148 @@
+#include "support/run_setup.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <filesystem>
+
+#include "support/conformance_case.hpp"
+
+namespace splitmerge::testing {
+
+run_setup setup(std::vector<std::int32_t> image, std::int32_t size_x, std::int32_t size_z,
+                std::int32_t init_level, std::int32_t pred_choice, std::int32_t interval_length) {
+  run_setup s;
+  if (image.empty()) image.assign(static_cast<std::size_t>(size_x * size_x * size_z), 0);
+  s.image = std::move(image);
+  s.size_x = size_x;
+  s.size_z = size_z;
+  s.p.max_level = std::countr_zero(static_cast<std::uint32_t>(size_x));
+  s.p.lim_oct_level = s.p.max_level - std::countr_zero(static_cast<std::uint32_t>(size_z));
+  s.p.init_level = init_level;
+  s.p.pred_choice = pred_choice;
+  s.p.interval_length = interval_length;
+  return s;
+}
+
+run_result run(const run_setup& s) {
+  run_result r;
+  run_context ctx;
+  if (s.block_chunk != 0) ctx.blocks.set_chunk(s.block_chunk);
+  if (s.entry_chunk != 0) ctx.entries.set_chunk(s.entry_chunk);
+  ctx.threads = s.threads;
+  ctx.thread_grain = 1;  // split even the smallest images over the threads
+  ctx.force_wide_codes = s.wide_codes;
+  ctx.elimination_walk = s.elimination_walk;
+  ctx.poll_interval = 1;  // every poll point asks
+  ctx.interrupt = [&r, &s] { return ++r.polls == s.interrupt_at; };
+  ctx.out = [&](std::string_view t) { r.printed.append(t); };
+  ctx.err = [&](std::string_view t) { r.errors.append(t); };
+  ctx.allocator.fail_at(s.fail_at);
+  r.labels.assign(s.image.size(), 0);
+  // A file of an earlier run is not taken for this one's (devices stay).
+  if (std::filesystem::is_regular_file(s.region_file)) std::filesystem::remove(s.region_file);
+  const parameters& p = s.p;
+  r.status = split_merge_group(ctx, s.image.data(), s.size_x, s.size_x, s.size_z, p.max_level,
+                               p.lim_oct_level, r.labels.data(), p.init_level, p.group_mode,
+                               p.max_seed, p.use_all_seeds, p.pred_choice, p.interval_length,
+                               p.threshold_row, p.small_size, p.statistic_update,
+                               s.region_file.empty() ? 0 : 1, s.display ? 1 : 0,
+                               s.region_file.c_str(), p.rejection, p.sigma, p.pseudo_factor);
+  if (!s.region_file.empty() && std::filesystem::is_regular_file(s.region_file))
+    r.region_text = read_text(s.region_file);
+  for (const disp_frame* f = ctx.smg_disp; f != nullptr; f = f->next)
+    r.frames.emplace_back(f->pixels, f->pixels + s.image.size());
+  ctx.release_frames();
+  r.live_after = ctx.allocator.live();
+  r.requests = ctx.allocator.requests();
+  r.peak_bytes = ctx.allocator.peak_bytes();
+  for (std::size_t i = 0; i < alloc_site_count; ++i)
+    r.failed_site[i] = ctx.allocator.site_failed(static_cast<alloc_site>(i));
+  return r;
+}
+
+void expect_same(const run_result& got, const run_result& expected) {
+  EXPECT_EQ(got.status, expected.status);
+  EXPECT_EQ(got.labels, expected.labels);
+  EXPECT_EQ(got.frames, expected.frames);
+  EXPECT_EQ(got.printed, expected.printed);
+  EXPECT_EQ(got.region_text, expected.region_text);
+  EXPECT_EQ(got.live_after, 0);
+}
+
+void expect_label_promises(const std::vector<std::int32_t>& labels, std::int32_t size_x,
+                           std::int32_t size_z, std::int32_t small_size) {
+  const std::int32_t regions = *std::max_element(labels.begin(), labels.end()) + 1;
+  std::vector<std::int64_t> size(static_cast<std::size_t>(regions), 0);
+  for (const std::int32_t l : labels) ++size[static_cast<std::size_t>(l)];
+  for (std::size_t r = 0; r < size.size(); ++r) {
+    ASSERT_GT(size[r], 0) << "label " << r << " is unused";
+    if (r > 0) {
+      ASSERT_LE(size[r], size[r - 1]) << "labels by decreasing size";
+    }
+    if (regions > 1) {
+      ASSERT_GE(size[r], small_size) << "region " << r << " is small";
+    }
+  }
+  // Flood each label from its first pixel: it must cover the whole label.
+  const std::int64_t plane = std::int64_t{size_x} * size_x;
+  std::vector<char> seen(labels.size(), 0);
+  std::vector<char> met(static_cast<std::size_t>(regions), 0);
+  std::vector<std::int64_t> stack;
+  for (std::size_t start = 0; start < labels.size(); ++start) {
+    if (seen[start] != 0) continue;
+    const std::int32_t l = labels[start];
+    ASSERT_EQ(met[static_cast<std::size_t>(l)], 0) << "region " << l << " is in pieces";
+    met[static_cast<std::size_t>(l)] = 1;
+    seen[start] = 1;
+    stack.push_back(static_cast<std::int64_t>(start));
+    while (!stack.empty()) {
+      const std::int64_t at = stack.back();
+      stack.pop_back();
+      const std::int64_t x = at % size_x, y = at / size_x % size_x, z = at / plane;
+      const std::pair<bool, std::int64_t> steps[] = {{x > 0, -1},      {x + 1 < size_x, 1},
+                                                     {y > 0, -size_x}, {y + 1 < size_x, size_x},
+                                                     {z > 0, -plane},  {z + 1 < size_z, plane}};
+      for (const auto& [inside, d] : steps) {
+        const auto next = static_cast<std::size_t>(at + d);
+        if (!inside || seen[next] != 0 || labels[next] != l) continue;
+        seen[next] = 1;
+        stack.push_back(at + d);
+      }
+    }
+  }
+}
+
+std::vector<std::uint32_t> chain(const run_context& ctx, const block* b) {
+  std::vector<std::uint32_t> codes;
+  for (; b != nullptr; b = ctx.block_at(b->next_block)) codes.push_back(b->code);
+  return codes;
+}
+
+block* make_head(run_context& ctx, std::uint32_t code) {
+  block* b = new_block(ctx);
+  b->code = code;
+  b->region_pointer = ctx.id(b);
+  return b;
+}
+
+void link_regions(run_context& ctx, std::initializer_list<block*> heads) {
+  block* prev = nullptr;
+  for (block* h : heads) {
+    if (prev != nullptr) prev->next_region = ctx.id(h);
+    prev = h;
+  }
+}
+
+std::vector<nb_node*> set_entries(run_context& ctx, block* owner,
+                                  std::initializer_list<block*> named) {
+  std::vector<nb_node*> made;
+  for (block* n : named) made.push_back(new_nb_node(ctx, n, nullptr));
+  for (std::size_t i = 0; i + 1 < made.size(); ++i) made[i]->next = ctx.id(made[i + 1]);
+  owner->nb_pointers[0] = made.empty() ? 0 : ctx.id(made.front());
+  owner->nb_pointers[1] = made.empty() ? 0 : ctx.id(made.back());
+  return made;
+}
+
+}  // namespace splitmerge::testing
