@@ -74,25 +74,29 @@ TEST(FrontEnd, EveryTypeLayoutAndColourReadsAsTheSameGreyImage) {
   }
 }
 
-TEST(FrontEnd, ColourAndBooleanRules) {
+TEST(FrontEnd, ColourBooleanAndDefaultRules) {
   // (299 R + 587 G + 114 B + 500) / 1000 for whole numbers; true is 255.
-  const std::uint8_t rgb[2 * 6 * 3] = {255, 0,  0,  0, 255, 0, 0, 0, 255,
-                                       10,  20, 30, 1, 1,   1, 0, 0, 1};
+  const std::uint8_t rgb[2 * 6 * 3] = {255, 0, 0, 10, 20, 30, 0, 255, 0, 0, 0, 255, 1, 1, 1};
   const std::int64_t shape[3] = {2, 6, 3};
   fe::prepared p =
       fe::prepare(fe::contiguous_view(rgb, fe::pixel_type::uint8, fe::host_order::numpy, 3, shape),
                   {}, fitted(fe::fit_mode::crop));
   ASSERT_EQ(p.failure.kind, fe::problem_kind::none) << p.failure.text;
-  const std::uint8_t* kept = p.image().data8;  // x 2..3 of row 0..1
-  EXPECT_EQ(kept[0], 29);                      // (114 * 255 + 500) / 1000 = 29.57 -> 29
-  EXPECT_EQ(kept[1], 18);                      // (2990 + 11740 + 3420 + 500) / 1000
+  // Kept: x 2..3 of rows 0..1, (255 * 587 + 500) / 1000 = 150.185 and 29.57.
+  EXPECT_EQ(std::vector<int>(p.image().data8, p.image().data8 + 4),
+            (std::vector<int>{150, 29, 0, 0}));
   const bool mask[4] = {false, true, true, false};
   const std::int64_t square[2] = {2, 2};
   p = fe::prepare(
       fe::contiguous_view(mask, fe::pixel_type::boolean, fe::host_order::numpy, 2, square), {}, {});
   ASSERT_EQ(p.failure.kind, fe::problem_kind::none);
-  EXPECT_EQ(std::vector<std::int32_t>(p.image().data8, p.image().data8 + 4),
-            (std::vector<std::int32_t>{0, 255, 255, 0}));
+  EXPECT_EQ(std::vector<int>(p.image().data8, p.image().data8 + 4),
+            (std::vector<int>{0, 255, 255, 0}));
+  // The defaults every front end documents, levels taken from the image.
+  std::string defaults;
+  for (const std::string_view name : fe::parameter_names())
+    defaults += fe::parameter_text(parameters{}, name) + " ";
+  EXPECT_EQ(defaults, "-1 -1 -1 0 8 0 4 10 0.1 5 3 2 30 1 ");
 }
 
 TEST(FrontEnd, LabelsKeepTheInputsShapeAfterPadAndCrop) {

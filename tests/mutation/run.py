@@ -2,7 +2,7 @@
 
 Each fault of ``faults.txt`` is applied alone to a scratch copy of the working
 tree, the unit-test binary is rebuilt incrementally and run without the
-reference cases, and the fault is reported as caught (a test failed, the run
+reference cases (in one shard per job, each ending at its first failure), and the fault is reported as caught (a test failed, the run
 crashed or timed out), survived (every test passed), not applicable (its
 original text no longer occurs exactly once) or not built (the replacement
 does not compile: a faulty entry of the list). The score is the share of
@@ -119,21 +119,37 @@ def configure_and_build(tree: Path, build: Path, jobs: int) -> subprocess.Comple
                cwd=tree)
 
 
-def run_tests(build: Path, timeout: float) -> tuple[bool, str]:
-    """Run the unit tests; return whether they all passed and the failed test names."""
+def run_tests(build: Path, timeout: float, jobs: int) -> tuple[bool, str]:
+    """Run the unit tests in ``jobs`` shards, each stopping at its first failure.
+
+    Returns whether they all passed and the failed test names; once one shard
+    fails, the others are stopped.
+    """
     binary = build / "tests" / TEST_TARGET
-    try:
-        done = run([str(binary), f"--gtest_filter={TEST_FILTER}"], cwd=build, timeout=timeout)
-    except subprocess.TimeoutExpired:
-        return False, f"timed out after {timeout:.0f} s"
-    failed = sorted(set(re.findall(r"^\[  FAILED  \] (\S+?)(?:,| \(|$)", done.stdout, re.M)))
-    if done.returncode == 0:
+    shards = []
+    for index in range(jobs):
+        env = dict(os.environ, GTEST_TOTAL_SHARDS=str(jobs), GTEST_SHARD_INDEX=str(index))
+        shards.append(subprocess.Popen(
+            [str(binary), f"--gtest_filter={TEST_FILTER}", "--gtest_fail_fast"], cwd=build,
+            env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True))
+    deadline = time.monotonic() + timeout
+    while any(p.poll() is None for p in shards):
+        if time.monotonic() > deadline or any(p.poll() not in (None, 0) for p in shards):
+            for p in shards:
+                p.kill()
+        time.sleep(0.2)
+    outputs = [p.communicate()[0] for p in shards]
+    if all(p.returncode == 0 for p in shards):
         return True, ""
-    if not failed:
-        started = re.findall(r"^\[ RUN      \] (\S+)", done.stdout, re.M)
-        where = f" in {started[-1]}" if started else ""
-        return False, f"exit status {done.returncode} (crash{where})"
-    return False, ", ".join(failed)
+    failed = sorted({name for out in outputs
+                     for name in re.findall(r"^\[  FAILED  \] (\S+?)(?:,| \(|$)", out, re.M)})
+    if failed:
+        return False, ", ".join(failed)
+    if time.monotonic() > deadline:
+        return False, f"timed out after {timeout:.0f} s"
+    started = [re.findall(r"^\[ RUN      \] (\S+)", out, re.M) for out in outputs]
+    where = "".join(f" in {s[-1]}" for s, p in zip(started, shards) if s and p.returncode < 0)
+    return False, f"exit status {[p.returncode for p in shards]} (crash{where})"
 
 
 def try_fault(fault: Fault, tree: Path, build: Path, jobs: int, timeout: float) -> Outcome:
@@ -153,7 +169,7 @@ def try_fault(fault: Fault, tree: Path, build: Path, jobs: int, timeout: float) 
         if built.returncode != 0:
             errors = [l for l in built.stdout.splitlines() if "error" in l][:3]
             return Outcome(fault, "not built", " | ".join(errors), time.monotonic() - start)
-        passed, detail = run_tests(build, timeout)
+        passed, detail = run_tests(build, timeout, jobs)
         verdict = "survived" if passed else "caught"
         return Outcome(fault, verdict, detail, time.monotonic() - start)
     finally:
@@ -235,7 +251,7 @@ def main() -> int:
         if built.returncode != 0:
             print(built.stdout[-3000:], file=sys.stderr)
             return 2
-        passed, detail = run_tests(build, args.timeout)
+        passed, detail = run_tests(build, args.timeout, args.jobs)
         if not passed:
             print(f"the unit tests fail without any fault: {detail}", file=sys.stderr)
             return 2
