@@ -13,6 +13,11 @@ using testing::prepared_run;
 using testing::setup;
 using wide = std::uint64_t;
 
+std::vector<int> where(const block_position& p) {
+  return {p.column, p.row, p.slice, p.first_pixel()};
+}
+std::vector<int> extent(const block_extent& e) { return {e.side, e.row_span, e.slice_span}; }
+
 TEST(Geometry, PlaneOfEightByEight) {
   prepared_run run(setup({}, 8));
   ASSERT_TRUE(run.ok);
@@ -26,16 +31,9 @@ TEST(Geometry, PlaneOfEightByEight) {
   EXPECT_EQ(level(ctx, 0x400), 2);
   EXPECT_EQ(level(ctx, 0x10000000), 7);
   EXPECT_EQ(level(ctx, 0), 3);
-  const block_position p = coordinates(ctx, 0x420, 1);
-  EXPECT_EQ(p.column, 6);
-  EXPECT_EQ(p.row, 32);
-  EXPECT_EQ(p.slice, 0);
-  EXPECT_EQ(p.first_pixel(), 38);
+  EXPECT_EQ(where(coordinates(ctx, 0x420, 1)), (std::vector<int>{6, 32, 0, 38}));
   EXPECT_EQ(coordinates(ctx, 0x420, 3).first_pixel(), 0);
-  const block_extent e = sizes_block(ctx, 1);
-  EXPECT_EQ(e.side, 2);
-  EXPECT_EQ(e.row_span, 16);
-  EXPECT_EQ(e.slice_span, 64);
+  EXPECT_EQ(extent(sizes_block(ctx, 1)), (std::vector<int>{2, 16, 64}));
   EXPECT_EQ(entry(ctx, 0x420), 13u);
   EXPECT_EQ(entry(ctx, 0x00F), 0u);
   EXPECT_EQ(entry(ctx, 0x423), 13u) << "a smaller block gets its initial-level ancestor's slot";
@@ -56,14 +54,9 @@ TEST(Geometry, TablesAndSlicesOfVolumes) {
             (std::vector<int>{4, 8}));
   EXPECT_EQ(std::vector<int>(ctx.pixels_perblock, ctx.pixels_perblock + 3),
             (std::vector<int>{1, 4, 32}));
-  const block_position p = coordinates(ctx, 0x50, 1);
-  EXPECT_EQ(p.column, 0);
-  EXPECT_EQ(p.row, 0);
-  EXPECT_EQ(p.slice, 16);
-  const block_extent e = sizes_block(ctx, 1);
-  EXPECT_EQ(e.side, 2);
-  EXPECT_EQ(e.row_span, 8);
-  EXPECT_EQ(e.slice_span, 16) << "at lim_oct_level a block is one slice deep";
+  EXPECT_EQ(where(coordinates(ctx, 0x50, 1)), (std::vector<int>{0, 0, 16, 16}));
+  EXPECT_EQ(extent(sizes_block(ctx, 1)), (std::vector<int>{2, 8, 16}))
+      << "at lim_oct_level a block is one slice deep";
   // Below lim_oct_level a z digit does not move the block.
   EXPECT_EQ(coordinates(ctx, 0x15, 0).slice, 0);
   EXPECT_EQ(coordinates(ctx, 0x54, 0).first_pixel(), 16 + 1 + 4);
@@ -145,9 +138,8 @@ TEST(WideCodes, LevelsDigitsCoordinatesAndEntriesOfA4096Image) {
   // Digit 2 at level 11 (upper half in x), nothing below: the right half.
   EXPECT_EQ(coordinates<wide>(t.ctx, 0x2000'0000'0000, 11).column, 2048);
   // Digit 4 at level 8 under digit 1 above: the 256 x 256 block at (256, 256).
-  const block_position p = coordinates<wide>(t.ctx, 0x1114'0000'0000, 8);
-  EXPECT_EQ(p.column, 256);
-  EXPECT_EQ(p.row, 256 * 4096);
+  EXPECT_EQ(where(coordinates<wide>(t.ctx, 0x1114'0000'0000, 8)),
+            (std::vector<int>{256, 256 * 4096, 0, 256 * 4097}));
   EXPECT_EQ(coordinates<wide>(t.ctx, 0x4444'4444'4444, 0).first_pixel(), 4096 * 4096 - 1);
   // 512 x 512 initial blocks of 8 x 8 pixels: the last one is slot 2^18 - 1.
   EXPECT_EQ(entry<wide>(t.ctx, 0x4444'4444'4000), (1u << 18) - 1);
