@@ -2,7 +2,6 @@
 // and the allocator's failure injection they are swept with.
 #include <gtest/gtest.h>
 
-#include <string>
 #include <vector>
 
 #include "support/run_setup.hpp"
@@ -79,23 +78,6 @@ TEST(Records, FreeRegionlistStartsAtTheFirstLiveHeadAndReachesAbsorbedOnes) {
   extra->region_pointer = ctx.id(extra);
   free_regionlist(ctx, x);
   EXPECT_EQ(ctx.allocator.live(), 0);
-}
-
-TEST(Records, PrintRegionWritesOneLinePerField) {
-  run_context ctx;
-  std::string printed;
-  ctx.out = [&](std::string_view s) { printed.append(s); };
-  block b;
-  b.code = 0x420;
-  b.variables[0] = -1;
-  b.variables[1] = 51200;
-  b.status = 2;
-  print_region(ctx, b);
-  EXPECT_EQ(printed,
-            "code = 420\nvariables = -1, 51200\nregion_pointer = 0\nnb_pointers = 0, 0\n"
-            "status = 2\nnext_block = 0\nnext_region = 0\n");
-  EXPECT_EQ(check_pointer(-2), -2);
-  EXPECT_EQ(check_pointer(0xFFFFFFFFLL), 0xFFFFFFFFLL) << "low 32 bits all set: a value";
 }
 
 TEST(Allocator, FailsExactlyTheKthRequestAndCountsLiveMemory) {
