@@ -28,6 +28,8 @@ std::vector<std::int32_t> corner_block(std::int32_t a, std::int32_t b, std::int3
   return img;
 }
 
+two vars(const block& b) { return {b.variables[0], b.variables[1]}; }
+
 block stats(std::int64_t a, std::int64_t b) {
   block r;
   r.variables[0] = a;
@@ -62,8 +64,7 @@ TEST(BlockStatistics, TheTestOfEachPredicateAtItsLimit) {
     if (r.threshold != 0) run.ctx.var_thresh[1] = r.threshold;
     block b;
     calc_evalvar(run.ctx, 0, 0, 0, 2, 8, 16, 1, &b);
-    EXPECT_EQ(b.variables[0], r.first) << r.pred << " " << r.interval << " " << r.ratio;
-    EXPECT_EQ(b.variables[1], r.second);
+    EXPECT_EQ(vars(b), two(r.first, r.second)) << r.pred << " " << r.interval << " " << r.ratio;
     if (r.pixels[1] == 200) {
       EXPECT_EQ(std::vector<int>(run.ctx.hulp_array, run.ctx.hulp_array + 5),
                 (std::vector<int>{10, 11, 11, 12, 200}))
@@ -77,20 +78,17 @@ TEST(BlockStatistics, SinglePixelsAndBrightBlocks) {
   median.ctx.rejection_ratio = 0;
   block b;
   calc_evalvar(median.ctx, 0, 0, 0, 1, 4, 16, 0, &b);
-  EXPECT_EQ(b.variables[0], 77) << "a single pixel is its own median";
-  EXPECT_EQ(b.variables[1], 77);
+  EXPECT_EQ(vars(b), two(77, 77)) << "a single pixel is its own median";
   std::vector<std::int32_t> img(64, 0);
   img[5] = 255;
   prepared_run chi(setup(img, 8, 1, 1, 4));
   EXPECT_EQ(chi.ctx.var_thresh[0], 0.0f);
   calc_evalvar(chi.ctx, 5, 0, 0, 1, 8, 64, 0, &b);
-  EXPECT_EQ(b.variables[0], 255) << "single pixels pass the chi-square test";
-  EXPECT_EQ(b.variables[1], 255 * 255);
+  EXPECT_EQ(vars(b), two(255, 255 * 255)) << "single pixels pass the chi-square test";
   prepared_run bright(setup(std::vector<std::int32_t>(256, 200), 16, 1, 3, 4));
   bright.ctx.var_thresh[4] = 0.0f;
   calc_evalvar(bright.ctx, 0, 0, 0, 16, 256, 256, 4, &b);
-  EXPECT_EQ(b.variables[0], 51200);
-  EXPECT_EQ(b.variables[1], 10240000);
+  EXPECT_EQ(vars(b), two(51200, 10240000));
   // A full 256^3 volume of 255s sums far beyond 32 bits and still passes.
   EXPECT_EQ(evaluation_block(bright.ctx, std::int64_t{255} * 256, std::int64_t{255} * 255 * 256, 4),
             1);
@@ -270,7 +268,7 @@ TEST(RegionPredicates, DistanceUnionAndNeutralStatistics) {
   block n;
   make_neutral(ranges.ctx, &n);
   unite_predicates(ranges.ctx, &a, &n);
-  EXPECT_EQ(two(a.variables[0], a.variables[1]), two(10, 40));
+  EXPECT_EQ(vars(a), two(10, 40));
   prepared_run sums(setup({}, 4, 1, 1, 2));
   // Means are truncated before subtracting: 3.5 -> 3 and 4; 99.67 -> 99 and 100.
   for (const auto& [x, y] : {std::pair{stats(7, 2), stats(8, 2)},
@@ -282,11 +280,11 @@ TEST(RegionPredicates, DistanceUnionAndNeutralStatistics) {
   a = stats(403, 4);
   make_neutral(sums.ctx, &n);
   unite_predicates(sums.ctx, &a, &n);
-  EXPECT_EQ(two(a.variables[0], a.variables[1]), two(403, 4));
+  EXPECT_EQ(vars(a), two(403, 4));
   // Sums beyond 32 bits: 16777216 pixels of 255 (a 256^3 volume) twice.
   a = stats(4278190080, 16777216);
   unite_predicates(sums.ctx, &a, &a);
-  EXPECT_EQ(two(a.variables[0], a.variables[1]), two(8556380160, 33554432));
+  EXPECT_EQ(vars(a), two(8556380160, 33554432));
 }
 
 TEST(RegionPredicates, RegionOfOneBlockFromTreeStatistics) {
@@ -296,7 +294,7 @@ TEST(RegionPredicates, RegionOfOneBlockFromTreeStatistics) {
     b.code = 0x10;
     b.status = 7;
     calc_eval_var_region(run.ctx, &b);
-    EXPECT_EQ(two(b.variables[0], b.variables[1]), (pred == 1 ? two(10, 20) : two(57, 4))) << pred;
+    EXPECT_EQ(vars(b), (pred == 1 ? two(10, 20) : two(57, 4))) << pred;
     EXPECT_EQ(b.status, 0);
   }
 }
