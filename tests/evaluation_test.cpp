@@ -165,16 +165,6 @@ TEST(Selection, WorkedExamples) {
   std::int32_t a[] = {10, 200, 12, 11, 11};
   EXPECT_EQ(select_interval(0, 4, 2, a), 11);
   EXPECT_EQ(std::vector<int>(a, a + 5), (std::vector<int>{10, 11, 11, 12, 200}));
-  const std::int32_t p1[] = {5, 5, 3}, p2[] = {5, 5, 9}, p3[] = {5, 5, 5};
-  EXPECT_EQ(find_pivot(0, 2, p1), 0);
-  EXPECT_EQ(find_pivot(0, 2, p2), 2);
-  EXPECT_EQ(find_pivot(0, 2, p3), -1);
-  std::int32_t q1[] = {11, 10, 12, 11};
-  EXPECT_EQ(partition(0, 3, 11, q1), 1);
-  EXPECT_EQ(std::vector<int>(q1, q1 + 4), (std::vector<int>{10, 11, 12, 11}));
-  std::int32_t q2[] = {3, 1, 2};
-  EXPECT_EQ(partition(0, 2, 3, q2), 2);
-  EXPECT_EQ(std::vector<int>(q2, q2 + 3), (std::vector<int>{2, 1, 3}));
   std::int32_t one[] = {9, 9};
   EXPECT_EQ(select_interval(0, 1, 0, one), 9) << "rank 0 behaves as rank 1";
   // The median of a block counts its last pixel twice.

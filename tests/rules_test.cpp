@@ -6,12 +6,10 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "splitmerge/splitmerge.hpp"
-#include "support/random_images.hpp"
 
 namespace splitmerge {
 namespace {
@@ -188,18 +186,6 @@ TEST(Rules, TheInitialLevelIsMaxLevelMinusOneButAtMostThree) {
     EXPECT_EQ(resolve_parameters(image_view{nullptr, size, size, 1}, p), "");
     EXPECT_EQ(p.init_level, init) << size << "x" << size;
   }
-  std::mt19937 rng(32);
-  const std::vector<std::int32_t> image = testing::blob_image(rng, 32, 1, 20);
-  parameters p;
-  const segmentation derived = run(image, 32, 1, p, true);
-  p.init_level = 3;
-  const segmentation three = run(image, 32, 1, p, true);
-  EXPECT_EQ(derived.frames, three.frames);
-  EXPECT_EQ(derived.labels, three.labels);
-  // The first frame shows the initial blocks: 8 pixels wide from level 3.
-  EXPECT_NE(derived.frames[7], derived.frames[8]);
-  p.init_level = 4;
-  EXPECT_NE(run(image, 32, 1, p, true).frames, three.frames) << "the frames tell 3 from 4";
 }
 
 }  // namespace
