@@ -17,20 +17,13 @@ struct run_setup {
   std::vector<std::int32_t> image;
   std::int32_t size_x = 8;  // and size_y
   std::int32_t size_z = 1;
-  parameters p{.max_level = 3,
-               .lim_oct_level = 3,
-               .init_level = 1,
-               .group_mode = 0,
-               .max_seed = 4,
-               .use_all_seeds = 0,
-               .pred_choice = 1,
-               .interval_length = 10,
-               .rejection = 0.25,
-               .sigma = 2.0,
-               .threshold_row = 3,
-               .pseudo_factor = 1.0,
-               .small_size = 0,
-               .statistic_update = 1};
+  // The library's defaults but for these (the levels of an 8 x 8 image).
+  parameters p = [] {
+    parameters d{.max_level = 3, .lim_oct_level = 3, .init_level = 1, .max_seed = 4};
+    d.pred_choice = 1, d.rejection = 0.25, d.sigma = 2.0, d.pseudo_factor = 1.0;
+    d.small_size = 0;
+    return d;
+  }();
   bool display = true;
   std::string region_file;  // written (and read back) when not empty
   std::int32_t threads = 1;
