@@ -83,6 +83,10 @@ TEST(Adjacency, FindAdjacentCodes) {
   EXPECT_EQ(find_adjacent(run.ctx, 0x110, 1, 0), 0u);
   EXPECT_EQ(find_adjacent(run.ctx, 0x440, 1, 2), 0u) << "a plane has no z neighbours";
   EXPECT_EQ(find_adjacent(run.ctx, 0, 3, 0), 0u);
+  // Below lim_oct_level a block keeps its quadtree digit in the slice below.
+  prepared_run volume(setup({}, 4, 2, 0));
+  EXPECT_EQ(find_adjacent(volume.ctx, 0x51, 0, 2), 0x11u);
+  EXPECT_EQ(find_adjacent(volume.ctx, 0x84, 0, 2), 0x44u);
 }
 
 // The neighbour lists of the leaves are exactly the leaves they share a face
