@@ -271,38 +271,5 @@ TEST(Grouping, DisplayPaintsEachTurnInItsColourAndAFailedSeedTableChangesNothing
   EXPECT_EQ(failing.ctx.allocator.live(), 4);
 }
 
-// The grouping copies the entries each region keeps into consecutive fresh
-// ones; nothing is lost or left behind: the entries alive afterwards are the
-// lists and one forwarding entry per absorbed head.
-TEST(Grouping, EveryKeptListIsOneRunOfConsecutiveEntries) {
-  std::mt19937 rng(5);
-  for (int trial = 0; trial < 20; ++trial) {
-    prepared_run run(setup(testing::blob_image(rng, 16, 4, 20), 16, 4, 1, 1,
-                           static_cast<std::int32_t>(5 + rng() % 20)));
-    ASSERT_TRUE(run.ok);
-    block* head = build_regions(run);
-    if (head == nullptr) continue;
-    std::int64_t leaves = 0;
-    for (block* h = head; h != nullptr; h = run.ctx.block_at(h->next_region)) ++leaves;
-    const auto grouped = sequential_grouping(run.ctx, head);
-    ASSERT_EQ(grouped.status, 0);
-    std::int64_t regions = 0;
-    std::int64_t listed = 0;
-    for (block* h = grouped.value; h != nullptr; h = run.ctx.block_at(h->next_region)) {
-      ++regions;
-      entry_id last = 0;
-      for (entry_id e = h->nb_pointers[0]; e != 0; e = run.ctx.entry_at(e)->next, ++listed) {
-        if (last != 0) {
-          ASSERT_EQ(e, last + 1) << "trial " << trial;
-        }
-        last = e;
-      }
-      ASSERT_EQ(h->nb_pointers[1], last);
-    }
-    EXPECT_EQ(run.ctx.entries.live(), listed + (leaves - regions)) << "trial " << trial;
-    free_regionlist(run.ctx, grouped.value);
-  }
-}
-
 }  // namespace
 }  // namespace splitmerge

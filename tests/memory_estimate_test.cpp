@@ -1,6 +1,7 @@
-// The worst-case memory of a run, checked against the run allocator's
-// high-water mark on the images that need the most (a checkerboard gives
-// every pixel its own block; noise nearly so), and the refusal it drives.
+// The run allocator's failure injection and byte counts, the worst-case memory
+// of a run checked against its high-water mark on the images that need the
+// most (a checkerboard gives every pixel its own block; noise nearly so), and
+// the refusal it drives.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -56,6 +57,23 @@ TEST(MemoryEstimate, CoversTheMeasuredPeakOfWorstCaseImagesWithinThreeTimes) {
         EXPECT_GE(estimate, peak);
         EXPECT_LE(estimate, 3 * peak);
       }
+}
+
+// The failure injection every sweep builds on.
+TEST(Allocator, FailsExactlyTheKthRequestAndCountsLiveMemory) {
+  run_allocator a;
+  a.fail_at(3);
+  void* p1 = a.allocate(8, alloc_site::block_record);
+  void* p2 = a.allocate(8, alloc_site::neighbour_entry);
+  EXPECT_EQ(a.allocate(8, alloc_site::frame_node), nullptr);
+  void* p4 = a.allocate(8, alloc_site::frame_node);
+  EXPECT_TRUE(p1 != nullptr && p2 != nullptr && p4 != nullptr);
+  EXPECT_TRUE(a.site_failed(alloc_site::frame_node));
+  EXPECT_FALSE(a.site_failed(alloc_site::block_record));
+  EXPECT_EQ(a.requests(), 4u);
+  EXPECT_EQ(a.live(), 3);
+  for (void* p : {p1, p2, p4, static_cast<void*>(nullptr)}) a.release(p);
+  EXPECT_EQ(a.live(), 0);
 }
 
 // The high-water mark the estimate is fitted to: small pieces count their
