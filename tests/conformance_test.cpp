@@ -8,7 +8,6 @@
 
 #include "support/conformance_case.hpp"
 #include "support/run_setup.hpp"
-#include "support/temp_folder.hpp"
 
 namespace splitmerge {
 namespace {

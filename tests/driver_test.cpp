@@ -22,9 +22,7 @@
 
 #include "splitmerge/splitmerge.hpp"
 #include "support/conformance_case.hpp"
-#include "support/random_images.hpp"
 #include "support/run_setup.hpp"
-#include "support/temp_folder.hpp"
 
 namespace splitmerge {
 namespace {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "splitmerge/frontend.hpp"
-#include "support/random_images.hpp"
+#include "support/run_setup.hpp"
 
 namespace splitmerge {
 namespace {

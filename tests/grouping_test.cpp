@@ -11,7 +11,6 @@
 
 #include "geometry/geometry.hpp"
 #include "grouping/grouping.hpp"
-#include "support/random_images.hpp"
 #include "support/run_setup.hpp"
 #include "tree/tree.hpp"
 

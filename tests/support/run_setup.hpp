@@ -1,10 +1,13 @@
-// Setting up runs for the tests: one parameter list (the library's own), a
-// complete run through the library entry with every output it has, and a
-// context prepared as the entry prepares it, for testing one phase at a time.
+// Setting up runs for the tests: random images, one parameter list (the
+// library's own), a complete run through the library entry with every output
+// it has, a context prepared as the entry prepares it for testing one phase at
+// a time, and a temporary folder of the test's own.
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <initializer_list>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -12,6 +15,26 @@
 #include "driver/driver.hpp"
 
 namespace splitmerge::testing {
+
+// Piecewise-constant blobs with noise on noise_percent of the pixels, so that
+// the trees have leaves of many sizes and the regions many shapes.
+std::vector<std::int32_t> blob_image(std::mt19937& rng, int size_x, int size_z,
+                                     int noise_percent = 10);
+
+// A fresh folder under GoogleTest's temporary folder, with a name no other test
+// or test run on the machine can take; removed afterwards.
+class temp_folder {
+ public:
+  temp_folder();
+  ~temp_folder();
+  temp_folder(const temp_folder&) = delete;
+  temp_folder& operator=(const temp_folder&) = delete;
+  [[nodiscard]] const std::filesystem::path& path() const { return path_; }
+  [[nodiscard]] std::string file(const std::string& name) const { return (path_ / name).string(); }
+
+ private:
+  std::filesystem::path path_;
+};
 
 struct run_setup {
   std::vector<std::int32_t> image;
