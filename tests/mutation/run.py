@@ -76,6 +76,13 @@ def run(cmd: list[str], cwd: Path) -> subprocess.CompletedProcess:
                           text=True)
 
 
+def copy_if_changed(source: str, destination: str) -> None:
+    """Copy a file whose content differs, as new: a reused scratch build sees what changed."""
+    target = Path(destination)
+    if not target.exists() or target.read_bytes() != Path(source).read_bytes():
+        shutil.copy(source, destination)
+
+
 def configure_and_build(tree: Path, build: Path, jobs: int) -> subprocess.CompletedProcess:
     """Configure once, then build the unit-test binary incrementally."""
     if not (build / "CMakeCache.txt").exists():
@@ -198,7 +205,8 @@ def main() -> int:
     tree, build = scratch / "tree", scratch / "build"
     try:
         ignore = shutil.ignore_patterns("build", ".git", "__pycache__")
-        shutil.copytree(ROOT, tree, ignore=ignore, dirs_exist_ok=True, symlinks=True)
+        shutil.copytree(ROOT, tree, ignore=ignore, dirs_exist_ok=True, symlinks=True,
+                        copy_function=copy_if_changed)
         print(f"scratch copy in {scratch}; building the unit tests once", flush=True)
         built = configure_and_build(tree, build, args.jobs)
         if built.returncode != 0:
