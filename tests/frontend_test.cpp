@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "splitmerge/frontend.hpp"
-#include "support/random_images.hpp"
+#include "support/run_setup.hpp"
 
 namespace splitmerge {
 namespace {
@@ -20,17 +20,12 @@ fe::array_view numpy_view(const std::vector<std::int32_t>& v, std::int64_t ny, s
   return fe::contiguous_view(v.data(), fe::pixel_type::int32, fe::host_order::numpy, 2, shape);
 }
 
-fe::request fitted(fe::fit_mode mode, std::int32_t start_label = 1) {
+fe::request asked(fe::fit_mode fit, std::int32_t start_label = 1, double rescale_to = 0.0) {
   fe::request r;
-  r.fit = mode;
+  r.fit = fit;
   r.start_label = start_label;
-  return r;
-}
-
-fe::request rescaled(double high_percentile = 100.0) {
-  fe::request r;
-  r.rescale = true;
-  r.high_percentile = high_percentile;
+  r.rescale = rescale_to > 0.0;  // the high percentile
+  r.high_percentile = rescale_to;
   return r;
 }
 
@@ -74,25 +69,29 @@ TEST(FrontEnd, EveryTypeLayoutAndColourReadsAsTheSameGreyImage) {
   }
 }
 
-TEST(FrontEnd, ColourAndBooleanRules) {
+TEST(FrontEnd, ColourBooleanAndDefaultRules) {
   // (299 R + 587 G + 114 B + 500) / 1000 for whole numbers; true is 255.
-  const std::uint8_t rgb[2 * 6 * 3] = {255, 0,  0,  0, 255, 0, 0, 0, 255,
-                                       10,  20, 30, 1, 1,   1, 0, 0, 1};
+  const std::uint8_t rgb[2 * 6 * 3] = {255, 0, 0, 10, 20, 30, 0, 255, 0, 0, 0, 255, 1, 1, 1};
   const std::int64_t shape[3] = {2, 6, 3};
   fe::prepared p =
       fe::prepare(fe::contiguous_view(rgb, fe::pixel_type::uint8, fe::host_order::numpy, 3, shape),
-                  {}, fitted(fe::fit_mode::crop));
+                  {}, asked(fe::fit_mode::crop));
   ASSERT_EQ(p.failure.kind, fe::problem_kind::none) << p.failure.text;
-  const std::uint8_t* kept = p.image().data8;  // x 2..3 of row 0..1
-  EXPECT_EQ(kept[0], 29);                      // (114 * 255 + 500) / 1000 = 29.57 -> 29
-  EXPECT_EQ(kept[1], 18);                      // (2990 + 11740 + 3420 + 500) / 1000
+  // Kept: x 2..3 of rows 0..1, (255 * 587 + 500) / 1000 = 150.185 and 29.57.
+  EXPECT_EQ(std::vector<int>(p.image().data8, p.image().data8 + 4),
+            (std::vector<int>{150, 29, 0, 0}));
   const bool mask[4] = {false, true, true, false};
   const std::int64_t square[2] = {2, 2};
   p = fe::prepare(
       fe::contiguous_view(mask, fe::pixel_type::boolean, fe::host_order::numpy, 2, square), {}, {});
   ASSERT_EQ(p.failure.kind, fe::problem_kind::none);
-  EXPECT_EQ(std::vector<std::int32_t>(p.image().data8, p.image().data8 + 4),
-            (std::vector<std::int32_t>{0, 255, 255, 0}));
+  EXPECT_EQ(std::vector<int>(p.image().data8, p.image().data8 + 4),
+            (std::vector<int>{0, 255, 255, 0}));
+  // The defaults every front end documents, levels taken from the image.
+  std::string defaults;
+  for (const std::string_view name : fe::parameter_names())
+    defaults += fe::parameter_text(parameters{}, name) + " ";
+  EXPECT_EQ(defaults, "-1 -1 -1 0 8 0 4 10 0.1 5 3 2 30 1 ");
 }
 
 TEST(FrontEnd, LabelsKeepTheInputsShapeAfterPadAndCrop) {
@@ -100,14 +99,14 @@ TEST(FrontEnd, LabelsKeepTheInputsShapeAfterPadAndCrop) {
   std::vector<std::int32_t> image(30);
   for (std::size_t i = 0; i < image.size(); ++i) image[i] = i % 6 < 3 ? 10 : 200;
   const fe::array_view view = numpy_view(image, 5, 6);
-  const fe::result padded = run(view, fitted(fe::fit_mode::pad), {.small_size = 0});
+  const fe::result padded = run(view, asked(fe::fit_mode::pad), {.small_size = 0});
   ASSERT_EQ(padded.failure.kind, fe::problem_kind::none) << padded.failure.text;
   ASSERT_EQ(padded.labels.size(), 30u);
   for (std::size_t i = 0; i < 30; ++i)
     EXPECT_EQ(padded.labels[i] == padded.labels[0], i % 6 < 3) << i;
 
   for (const std::int32_t start : {0, 1, 5}) {
-    const fe::result cropped = run(view, fitted(fe::fit_mode::crop, start), {.small_size = 0});
+    const fe::result cropped = run(view, asked(fe::fit_mode::crop, start), {.small_size = 0});
     ASSERT_EQ(cropped.failure.kind, fe::problem_kind::none) << cropped.failure.text;
     ASSERT_EQ(cropped.labels.size(), 30u);
     for (std::size_t i = 0; i < 30; ++i) {
@@ -128,7 +127,7 @@ TEST(FrontEnd, ProblemsNameTheOptionThatHelpsInEachFrontEndsWords) {
   const fe::prepared size = fe::prepare(numpy_view(image, 5, 6), {}, {});
   EXPECT_EQ(size.failure.parameter, "fit");
   image[3] = 300;
-  const fe::prepared values = fe::prepare(numpy_view(image, 5, 6), {}, fitted(fe::fit_mode::pad));
+  const fe::prepared values = fe::prepare(numpy_view(image, 5, 6), {}, asked(fe::fit_mode::pad));
   EXPECT_EQ(values.failure.parameter, "rescale");
   const fe::prepared sigma =
       fe::prepare(numpy_view(std::vector<std::int32_t>(16, 1), 4, 4), {.sigma = 1.0 / 0.0}, {});
@@ -161,11 +160,11 @@ TEST(FrontEnd, RescaleMapsTheWholeInputsWindow) {
   const std::int64_t shape[2] = {4, 4};
   const auto view =
       fe::contiguous_view(values.data(), fe::pixel_type::float64, fe::host_order::numpy, 2, shape);
-  fe::prepared full = fe::prepare(view, {}, rescaled());
+  fe::prepared full = fe::prepare(view, {}, asked(fe::fit_mode::none, 1, 100.0));
   ASSERT_EQ(full.failure.kind, fe::problem_kind::none) << full.failure.text;
   EXPECT_EQ(full.image().data8[15], 255);
   EXPECT_EQ(full.image().data8[1], 17);  // 10 * 255 / 150
-  fe::prepared window = fe::prepare(view, {}, rescaled(50.0));
+  fe::prepared window = fe::prepare(view, {}, asked(fe::fit_mode::none, 1, 50.0));
   ASSERT_EQ(window.failure.kind, fe::problem_kind::none) << window.failure.text;
   EXPECT_EQ(window.image().data8[8], 255);                     // 75 is the median: clipped above it
   EXPECT_EQ(fe::prepare(view, {}, {}).failure.parameter, "");  // whole numbers 0..150

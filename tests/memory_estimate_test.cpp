@@ -1,6 +1,7 @@
-// The worst-case memory of a run, checked against the run allocator's
-// high-water mark on the images that need the most (a checkerboard gives
-// every pixel its own block; noise nearly so), and the refusal it drives.
+// The run allocator's failure injection and byte counts, the worst-case memory
+// of a run checked against its high-water mark on the images that need the
+// most (a checkerboard gives every pixel its own block; noise nearly so), and
+// the refusal it drives.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,104 +10,70 @@
 #include <string>
 #include <vector>
 
-#include "driver/driver.hpp"
 #include "driver/memory_estimate.hpp"
 #include "splitmerge/splitmerge.hpp"
+#include "support/run_setup.hpp"
 
 namespace splitmerge {
 namespace {
 
-std::vector<std::int32_t> checkerboard(int size_x, int size_z) {
-  std::vector<std::int32_t> v(static_cast<std::size_t>(size_x) * size_x * size_z);
-  for (int z = 0; z < size_z; ++z)
-    for (int y = 0; y < size_x; ++y)
-      for (int x = 0; x < size_x; ++x)
-        v[static_cast<std::size_t>((z * size_x + y) * size_x + x)] = ((x + y + z) & 1) * 255;
-  return v;
-}
+using testing::setup;
 
-std::vector<std::int32_t> noise(int size_x, int size_z, unsigned seed) {
-  std::mt19937 rng(seed);
-  std::vector<std::int32_t> v(static_cast<std::size_t>(size_x) * size_x * size_z);
-  for (auto& p : v) p = static_cast<std::int32_t>(rng() % 256);
-  return v;
-}
-
-int log2_of(int v) {
-  int l = 0;
-  while ((1 << l) < v) ++l;
-  return l;
-}
-
-parameters worst_parameters(int size_x, int size_z) {
-  parameters p;
-  p.max_level = log2_of(size_x);
-  p.lim_oct_level = p.max_level - log2_of(size_z);
-  p.init_level = std::min(3, p.max_level - 1);
-  p.pred_choice = 1;
-  p.interval_length = 10;
-  p.small_size = 30;
-  return p;
-}
-
-// The allocator's high-water mark of a run plus the labels, which segment
-// holds outside the run's allocator.
-std::uint64_t measured_peak(const std::vector<std::int32_t>& image, int size_x, int size_z,
-                            const parameters& p, bool display) {
-  run_context ctx;
-  ctx.out = [](std::string_view) {};
-  ctx.err = [](std::string_view) {};
-  std::vector<std::int32_t> labels(image.size());
-  const std::int32_t status = split_merge_group(
-      ctx, image.data(), size_x, size_x, size_z, p.max_level, p.lim_oct_level, labels.data(),
-      p.init_level, p.group_mode, p.max_seed, p.use_all_seeds, p.pred_choice, p.interval_length,
-      p.threshold_row, p.small_size, p.statistic_update, 0, display ? 1 : 0, "", p.rejection,
-      p.sigma, p.pseudo_factor);
-  EXPECT_EQ(status, 0);
-  ctx.release_frames();
-  EXPECT_EQ(ctx.allocator.live_bytes(), 0u) << "every counted byte is given back";
-  return ctx.allocator.peak_bytes() + labels.size() * sizeof(std::int32_t);
+testing::run_setup worst_case(int size_x, int size_z, bool noise, bool display) {
+  std::mt19937 rng(17u + static_cast<unsigned>(size_x));
+  testing::run_setup s = setup({}, size_x, size_z, std::min(3, std::countr_zero(size_x / 1u) - 1));
+  for (std::size_t i = 0; i < s.image.size(); ++i) {
+    const std::size_t x = i % s.size_x, y = i / s.size_x % s.size_x, z = i / s.size_x / s.size_x;
+    s.image[i] = noise ? static_cast<std::int32_t>(rng() % 256) : ((x + y + z) & 1) * 255;
+  }
+  s.p.small_size = 30;
+  s.display = display;
+  return s;
 }
 
 TEST(MemoryEstimate, CoversTheMeasuredPeakOfWorstCaseImagesWithinThreeTimes) {
-  struct size_case {
-    int size_x;
-    int size_z;
+  struct row {
+    int size_x, size_z, group_mode, pred_choice;
   };
-  for (const size_case c :
-       {size_case{32, 1}, size_case{64, 1}, size_case{8, 8}, size_case{16, 16}, size_case{32, 8}})
-    for (int kind = 0; kind < 2; ++kind)
+  const row rows[] = {{32, 1, 0, 1}, {64, 1, 0, 1}, {8, 8, 0, 1},  {16, 16, 0, 1},
+                      {32, 8, 0, 1}, {64, 1, 1, 3}, {16, 16, 1, 3}};
+  for (const row& r : rows)
+    for (const bool noise : {false, true})
       for (const bool display : {false, true}) {
-        const auto image = kind == 0 ? checkerboard(c.size_x, c.size_z)
-                                     : noise(c.size_x, c.size_z, 17u + c.size_x);
-        SCOPED_TRACE((kind == 0 ? "checkerboard " : "noise ") + std::to_string(c.size_x) + " x " +
-                     std::to_string(c.size_z) + (display ? " display" : ""));
-        const parameters p = worst_parameters(c.size_x, c.size_z);
+        SCOPED_TRACE((noise ? "noise " : "checkerboard ") + std::to_string(r.size_x) + " x " +
+                     std::to_string(r.size_z) + (display ? " display" : ""));
+        testing::run_setup s = worst_case(r.size_x, r.size_z, noise, display);
+        s.p.group_mode = r.group_mode;
+        s.p.pred_choice = r.pred_choice;
+        if (r.pred_choice == 3) s.p.init_level = s.p.max_level - 1;  // the largest median scratch
         options o;
         o.display = display;
         const std::uint64_t estimate =
-            worst_case_memory(image_view{image.data(), c.size_x, c.size_x, c.size_z}, p, o);
-        const std::uint64_t peak = measured_peak(image, c.size_x, c.size_z, p, display);
+            worst_case_memory(image_view{s.image.data(), s.size_x, s.size_x, s.size_z}, s.p, o);
+        const testing::run_result run = testing::run(s);
+        ASSERT_EQ(run.status, 0);
+        // The labels are held outside the run's allocator.
+        const std::uint64_t peak = run.peak_bytes + s.image.size() * sizeof(std::int32_t);
         EXPECT_GE(estimate, peak);
         EXPECT_LE(estimate, 3 * peak);
       }
 }
 
-TEST(MemoryEstimate, CoversTheOtherGroupingAndTheMedianPredicate) {
-  for (int kind = 0; kind < 2; ++kind) {
-    const auto image = kind == 0 ? checkerboard(64, 1) : noise(16, 16, 9);
-    const int size_x = kind == 0 ? 64 : 16;
-    const int size_z = kind == 0 ? 1 : 16;
-    parameters p = worst_parameters(size_x, size_z);
-    p.group_mode = 1;
-    p.pred_choice = 3;
-    p.init_level = p.max_level - 1;  // the largest median scratch
-    const std::uint64_t estimate =
-        worst_case_memory(image_view{image.data(), size_x, size_x, size_z}, p, options{});
-    const std::uint64_t peak = measured_peak(image, size_x, size_z, p, true);
-    EXPECT_GE(estimate, peak);
-    EXPECT_LE(estimate, 3 * peak);
-  }
+// The failure injection every sweep builds on.
+TEST(Allocator, FailsExactlyTheKthRequestAndCountsLiveMemory) {
+  run_allocator a;
+  a.fail_at(3);
+  void* p1 = a.allocate(8, alloc_site::block_record);
+  void* p2 = a.allocate(8, alloc_site::neighbour_entry);
+  EXPECT_EQ(a.allocate(8, alloc_site::frame_node), nullptr);
+  void* p4 = a.allocate(8, alloc_site::frame_node);
+  EXPECT_TRUE(p1 != nullptr && p2 != nullptr && p4 != nullptr);
+  EXPECT_TRUE(a.site_failed(alloc_site::frame_node));
+  EXPECT_FALSE(a.site_failed(alloc_site::block_record));
+  EXPECT_EQ(a.requests(), 4u);
+  EXPECT_EQ(a.live(), 3);
+  for (void* p : {p1, p2, p4, static_cast<void*>(nullptr)}) a.release(p);
+  EXPECT_EQ(a.live(), 0);
 }
 
 // The high-water mark the estimate is fitted to: small pieces count their
@@ -134,28 +101,20 @@ TEST(AllocatorBytes, CountsWhatIsHeldAndTheMostHeldAtOnce) {
 }
 
 TEST(MemoryEstimate, FramesHandedToASinkAreNotCounted) {
-  const auto image = checkerboard(64, 1);
-  const image_view view{image.data(), 64, 64, 1};
-  options collected;
-  options streamed;
+  const testing::run_setup s = worst_case(64, 1, false, true);
+  const image_view view{s.image.data(), 64, 64, 1};
+  options collected, streamed, off, tight;
   streamed.frame_sink = [](const std::int32_t*, std::int32_t) {};
-  options off;
   off.display = false;
-  const parameters p = worst_parameters(64, 1);
-  EXPECT_EQ(worst_case_memory(view, p, streamed), worst_case_memory(view, p, off));
-  EXPECT_GT(worst_case_memory(view, p, collected), worst_case_memory(view, p, off));
+  EXPECT_EQ(worst_case_memory(view, s.p, streamed), worst_case_memory(view, s.p, off));
+  EXPECT_GT(worst_case_memory(view, s.p, collected), worst_case_memory(view, s.p, off));
   // A budget of two frames keeps at most two, plus the one being copied.
-  options tight;
   tight.frame_budget = 2 * 64 * 64 * 4;
-  EXPECT_EQ(worst_case_memory(view, p, tight) - worst_case_memory(view, p, off),
+  EXPECT_EQ(worst_case_memory(view, s.p, tight) - worst_case_memory(view, s.p, off),
             2 * 64 * 64 * 4 / 4 * 5);
-}
-
-TEST(MemoryEstimate, InvalidParametersHaveNoEstimate) {
-  const auto image = checkerboard(8, 1);
-  parameters p;
-  p.init_level = 5;
-  EXPECT_EQ(worst_case_memory(image_view{image.data(), 8, 8, 1}, p), 0u);
+  parameters invalid = s.p;
+  invalid.init_level = 6;
+  EXPECT_EQ(worst_case_memory(view, invalid), 0u) << "invalid parameters have no estimate";
 }
 
 TEST(MemoryEstimate, BytesAreWrittenInTheLargestFittingUnit) {
@@ -163,16 +122,13 @@ TEST(MemoryEstimate, BytesAreWrittenInTheLargestFittingUnit) {
   EXPECT_EQ(format_bytes(1536), "1.5 KiB");
   EXPECT_EQ(format_bytes(std::uint64_t{300} << 20), "300.0 MiB");
   EXPECT_EQ(format_bytes(std::uint64_t{3} << 29), "1.5 GiB");
-}
-
-TEST(MemoryEstimate, AvailableMemoryIsKnownOnThisMachine) {
-  EXPECT_GT(available_memory(), std::uint64_t{1} << 20);
+  EXPECT_GT(available_memory(), std::uint64_t{1} << 20) << "known on this machine";
 }
 
 TEST(MemoryLimit, OnlyTheCertainIsRefusedUpFrontTheRestStopsTheRunWhenCrossed) {
-  const auto image = noise(64, 1, 3);
-  const image_view view{image.data(), 64, 64, 1};
-  const std::uint64_t labels = image.size() * sizeof(std::int32_t);
+  const testing::run_setup image = worst_case(64, 1, true, false);
+  const image_view view{image.image.data(), 64, 64, 1};
+  const std::uint64_t labels = image.image.size() * sizeof(std::int32_t);
   struct row {
     std::uint64_t limit;
     const char* says;

@@ -3,19 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "grouping/grouping.hpp"
 #include "output/output.hpp"
+#include "regions/elimination_index.hpp"
 #include "regions/regions.hpp"
+#include "support/conformance_case.hpp"
 #include "support/run_setup.hpp"
-#include "support/temp_folder.hpp"
 #include "tree/tree.hpp"
 
 namespace splitmerge {
@@ -27,6 +25,7 @@ using testing::make_head;
 using testing::plane_example;
 using testing::prepared_run;
 using testing::set_entries;
+using testing::setup;
 
 // The plane example grouped into two classes: 0x20 (0x20, 0x40, 0x30) and
 // 0x11 (the four single pixels).
@@ -43,59 +42,33 @@ block* two_regions(prepared_run& run) {
   return sequential_grouping(run.ctx, head).value;
 }
 
-std::string read_file(const std::string& path) {
-  std::ifstream in(path);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
 TEST(Elimination, ASmallRegionJoinsItsOnlyNeighbour) {
-  prepared_run run = plane_example();
-  block* head = two_regions(run);
-  run.ctx.small_size = 5;
-  block* small = run.ctx.block_at(head->next_region);
-  EXPECT_EQ(head->pixels, 12u);
-  EXPECT_EQ(small->pixels, 4u);
-  region_elimination(run.ctx, head);
-  EXPECT_EQ(chain(run.ctx, head),
-            (std::vector<std::uint32_t>{0x20, 0x40, 0x30, 0x11, 0x12, 0x14, 0x13}));
-  EXPECT_EQ(small->region_pointer, 0u);
-  EXPECT_EQ(head->next_region, run.ctx.id(small))
-      << "the absorbed head stays linked until cleaning";
-  EXPECT_EQ(head->variables[0], 0) << "statistics updated by default";
-  EXPECT_EQ(head->pixels, 16u) << "the pixel count follows the union";
-  head = clean_regionlist(run.ctx, head);
-  EXPECT_EQ(run.ctx.number_regions, 0);
-  EXPECT_EQ(head->next_region, 0u);
-  free_regionlist(run.ctx, head);
-  EXPECT_EQ(run.ctx.allocator.live(), 4);
-}
-
-TEST(Elimination, WithoutStatisticUpdateTheAbsorberKeepsItsStatistics) {
-  prepared_run run = plane_example();
-  block* head = two_regions(run);
-  run.ctx.small_size = 5;
-  run.ctx.statistic_update = 0;
-  region_elimination(run.ctx, head);
-  EXPECT_EQ(head->variables[0], 100);
-  EXPECT_EQ(head->variables[1], 100);
-  free_regionlist(run.ctx, head);
-}
-
-TEST(Elimination, RegionsOfExactlyTheSizeAndNonPositiveSizesStay) {
-  for (const int size : {4, 0, -3}) {
-    prepared_run run = plane_example();
+  for (const std::int32_t update : {1, 0}) {
+    prepared_run run(plane_example());
     block* head = two_regions(run);
-    run.ctx.small_size = size;
+    run.ctx.small_size = 5;
+    run.ctx.statistic_update = update;
+    block* small = run.ctx.block_at(head->next_region);
+    EXPECT_EQ(head->pixels, 12u);
+    EXPECT_EQ(small->pixels, 4u);
     region_elimination(run.ctx, head);
-    EXPECT_NE(run.ctx.block_at(head->next_region)->region_pointer, 0u) << "small_size " << size;
+    EXPECT_EQ(chain(run.ctx, head),
+              (std::vector<std::uint32_t>{0x20, 0x40, 0x30, 0x11, 0x12, 0x14, 0x13}));
+    EXPECT_EQ(small->region_pointer, 0u);
+    EXPECT_EQ(head->next_region, run.ctx.id(small))
+        << "the absorbed head stays linked until cleaning";
+    EXPECT_EQ(head->variables[0], update != 0 ? 0 : 100) << "statistics updated or kept";
+    EXPECT_EQ(head->pixels, 16u) << "the pixel count follows the union";
+    head = clean_regionlist(run.ctx, head);
+    EXPECT_EQ(run.ctx.number_regions, 0);
+    EXPECT_EQ(head->next_region, 0u);
     free_regionlist(run.ctx, head);
+    EXPECT_EQ(run.ctx.allocator.live(), 4);
   }
 }
 
 TEST(Elimination, TheMostSimilarNeighbourWinsAndTiesGoToTheFirstEntry) {
-  prepared_run run = plane_example();
+  prepared_run run(plane_example());
   run.ctx.pred_choice = 2;  // sum statistics: compare integer means
   // Hand-made regions: r (small) with neighbours a, b, c.
   run_context& ctx = run.ctx;
@@ -117,6 +90,51 @@ TEST(Elimination, TheMostSimilarNeighbourWinsAndTiesGoToTheFirstEntry) {
   EXPECT_EQ(b.variables[0], 104 * 16 + 100);
   EXPECT_EQ(b.pixels, 17u);
   ctx.release_records();
+}
+
+// The owner's list names, entry by entry, blocks 0, 1, ... of `names`; the
+// region asked about is the chain of the blocks `chain` (head first). Returns
+// the position of the entry that the elimination's index gives, or -1.
+int indexed_first_entry(const std::vector<int>& names, const std::vector<int>& chain) {
+  run_context ctx;
+  std::vector<block*> named(
+      static_cast<std::size_t>(std::max(*std::max_element(names.begin(), names.end()),
+                                        *std::max_element(chain.begin(), chain.end())) +
+                               1));
+  for (block*& b : named) b = make_head(ctx, 0);
+  const auto at = [&named](int i) { return named[static_cast<std::size_t>(i)]; };
+  for (std::size_t i = 0; i + 1 < chain.size(); ++i)
+    at(chain[i])->next_block = ctx.id(at(chain[i + 1]));
+  block* owner = make_head(ctx, 0);
+  std::vector<nb_node*> entries;
+  for (const int n : names) entries.push_back(new_nb_node(ctx, at(n), nullptr));
+  for (std::size_t i = 0; i + 1 < entries.size(); ++i) entries[i]->next = ctx.id(entries[i + 1]);
+  owner->nb_pointers[0] = ctx.id(entries.front());
+  owner->nb_pointers[1] = ctx.id(entries.back());
+  elimination_index index(ctx);
+  bool failed = false;
+  const nb_node* found = index.first_entry_for(owner, at(chain.front()), failed);
+  const auto position = std::find(entries.begin(), entries.end(), found) - entries.begin();
+  return failed ? -2 : position == std::ssize(entries) ? -1 : static_cast<int>(position);
+}
+
+// The elimination unites a small region r at the first entry of its
+// absorber's list that stands for any block of r; long lists find it through
+// an index.
+TEST(EliminationIndex, GivesTheFirstEntryThatNamesTheRegion) {
+  // Forty entries naming blocks 1..40 in turn, then more.
+  std::vector<int> names;
+  for (int i = 1; i <= 40; ++i) names.push_back(i);
+  std::vector<int> first = names, second = names;
+  first.insert(first.end(), {0, 7, 8, 9, 0, 3});
+  second.insert(second.end(), {5, 6, 7, 8, 0, 31, 30});
+  EXPECT_EQ(indexed_first_entry(first, {0}), 40);
+  EXPECT_EQ(indexed_first_entry(first, {7}), 6) << "block 7 is named at 6 and 41";
+  EXPECT_EQ(indexed_first_entry(first, {50}), -1) << "a region the list never names";
+  // The chain 0 -> 30 -> 31 is named at 44 (0), 29 (30) and 30 (31).
+  EXPECT_EQ(indexed_first_entry(second, {0, 30, 31}), 29);
+  EXPECT_EQ(indexed_first_entry(second, {0, 31}), 30);
+  EXPECT_EQ(indexed_first_entry(second, {0}), 44);
 }
 
 TEST(Cleaning, RepeatsAreRemovedAndTheLastEntryIsKept) {
@@ -176,16 +194,13 @@ std::vector<char> sort_names(std::vector<std::pair<char, std::uint32_t>> items, 
   return names;
 }
 
-TEST(Sorting, WorkedOrders) {
+TEST(Sorting, OptimisationSuffixMaximaFastPathKeepsThePlainQuicksortOrder) {
   for (const bool fast : {false, true}) {
     EXPECT_EQ(sort_names({{'E', 5}, {'F', 9}, {'G', 5}, {'H', 7}}, fast),
               (std::vector<char>{'F', 'H', 'E', 'G'}));
     EXPECT_EQ(sort_names({{'E', 5}, {'F', 5}, {'G', 9}, {'H', 9}}, fast),
               (std::vector<char>{'H', 'G', 'E', 'F'}));
   }
-}
-
-TEST(Sorting, OptimisationSuffixMaximaFastPathKeepsThePlainQuicksortOrder) {
   std::mt19937 rng(99);
   for (int trial = 0; trial < 500; ++trial) {
     const std::size_t n = 1 + rng() % 60;
@@ -201,55 +216,28 @@ TEST(Sorting, OptimisationSuffixMaximaFastPathKeepsThePlainQuicksortOrder) {
   }
 }
 
-TEST(Sorting, LargerRegionsComeFirst) {
-  prepared_run run = plane_example();
-  block* head = two_regions(run);  // 12 pixels, then 4
-  // Put the small region first and sort.
-  block* big = head;
-  block* small = run.ctx.block_at(head->next_region);
-  small->next_region = run.ctx.id(big);
-  big->next_region = 0;
-  run.ctx.number_regions = 1;
-  const auto sorted = sort_regionlist(run.ctx, small);
-  ASSERT_EQ(check_pointer(sorted), 0);
-  EXPECT_EQ(sorted.value, big);
-  EXPECT_EQ(big->next_region, run.ctx.id(small));
-  EXPECT_EQ(small->next_region, 0u);
-  free_regionlist(run.ctx, big);
-}
-
-TEST(LabelImage, TwoRegionsOfSeveralBlockSizes) {
-  prepared_run run = plane_example();
-  block* head = two_regions(run);
-  std::vector<std::int32_t> labels(16, -7);
-  ASSERT_EQ(make_output(run.ctx, head, labels.data()), 0);
-  for (int y = 0; y < 4; ++y)
-    for (int x = 0; x < 4; ++x)
-      EXPECT_EQ(labels[static_cast<std::size_t>(y * 4 + x)], (x < 2 && y < 2) ? 1 : 0);
-  free_regionlist(run.ctx, head);
-}
-
 // Blocks reach their heads by forwarding links; a list whose blocks do not
 // (built by hand) is painted along its chains, with the same labels.
-TEST(LabelImage, ForwardingLinksAndChainsGiveTheSameLabels) {
-  prepared_run run = plane_example();
+TEST(LabelImage, TwoRegionsByForwardingLinksAndByChains) {
+  prepared_run run(plane_example());
   block* head = two_regions(run);
-  std::vector<std::int32_t> forwarded(16, -7);
+  std::vector<std::int32_t> forwarded(16, -7), painted(16, -7), expected(16, 0);
+  expected[0] = expected[1] = expected[4] = expected[5] = 1;
   ASSERT_EQ(make_output(run.ctx, head, forwarded.data()), 0);
+  EXPECT_EQ(forwarded, expected);
   block* absorbed = run.ctx.block_at(head->next_block);
   const block_id absorber = absorbed->nb_pointers[1];
   absorbed->nb_pointers[1] = 0;  // no longer names its absorber
-  std::vector<std::int32_t> painted(16, -7);
   ASSERT_EQ(make_output(run.ctx, head, painted.data()), 0);
   absorbed->nb_pointers[1] = absorber;
-  EXPECT_EQ(painted, forwarded);
+  EXPECT_EQ(painted, expected);
   free_regionlist(run.ctx, head);
 }
 
 TEST(LabelImage, AVolumeBlockCoversAllItsSlices) {
   // 8x8x2, lim_oct_level 2: a level-3 block spans both slices.
   std::vector<std::int32_t> img(128, 9);
-  prepared_run run(img, {8, 2, 3, 2, 1, 1, 10});
+  prepared_run run(setup(img, 8, 2));
   block& whole = *make_head(run.ctx, 0x0);
   // level 2: 4x4, one slice (level 2 = lim_oct_level)
   block& other = *make_head(run.ctx, 0x100);
@@ -263,54 +251,41 @@ TEST(LabelImage, AVolumeBlockCoversAllItsSlices) {
   }
 }
 
-TEST(RegionFile, TwoNeighbouringRegions) {
+TEST(RegionFile, TwoNeighbouringRegionsTheWholeImageAndFailures) {
   run_context ctx;
   ctx.im_format_xy = 4;
   ctx.im_format_z = 1;
   ctx.pred_choice = 4;
   block& a = *make_head(ctx, 0x20);
-  a.variables[0] = 800;
-  a.variables[1] = 4;
   block& b = *make_head(ctx, 0x420);
-  b.variables[0] = 12;
-  b.variables[1] = 1;
+  a.variables[0] = 800, a.variables[1] = 4, b.variables[0] = 12, b.variables[1] = 1;
   link_regions(ctx, {&a, &b});
   set_entries(ctx, &a, {&b});
   set_entries(ctx, &b, {&a});
   const testing::temp_folder folder;
-  const auto path = folder.file("two_regions.txt");
+  const auto path = folder.file("regions.txt");
   ASSERT_EQ(save_regionlist(ctx, &a, path.c_str()), 0);
-  EXPECT_EQ(read_file(path),
-            "4\n1\n2\n4.0000\n2\n4\n"
-            "800 4\n20\n0\n1\n-1\n"
-            "12 1\n420\n0\n0\n-1\n");
+  EXPECT_EQ(testing::read_text(path),
+            "4\n1\n2\n4.0000\n2\n4\n800 4\n20\n0\n1\n-1\n12 1\n420\n0\n0\n-1\n");
   EXPECT_EQ(a.variables[0], 0) << "heads keep their indices";
   EXPECT_EQ(b.variables[0], 1);
-  ctx.release_records();
-  EXPECT_EQ(ctx.allocator.live(), 0);
-  std::filesystem::remove(path);
-}
-
-TEST(RegionFile, TheWholeImageAndAnUnwritablePath) {
-  run_context ctx;
   ctx.im_format_xy = 8;
   ctx.im_format_z = 2;
   ctx.pred_choice = 1;
   block& whole = *make_head(ctx, 0);
   whole.variables[0] = 3;
   whole.variables[1] = 9;
-  const testing::temp_folder folder;
-  const auto path = folder.file("whole.txt");
   ASSERT_EQ(save_regionlist(ctx, &whole, path.c_str()), 0);
-  EXPECT_EQ(read_file(path), "8\n2\n2\n4.0000\n1\n1\n3 9\n0\n0\n-1\n");
-  std::filesystem::remove(path);
-  whole.variables[0] = 3;
+  EXPECT_EQ(testing::read_text(path), "8\n2\n2\n4.0000\n1\n1\n3 9\n0\n0\n-1\n");
+  const std::int64_t live = ctx.allocator.live();
   EXPECT_EQ(save_regionlist(ctx, &whole, "/nonexistent-dir/regions.txt"), -2);
-  EXPECT_EQ(ctx.allocator.live(), 1) << "only the block array";
+  EXPECT_EQ(ctx.allocator.live(), live);
+  std::filesystem::remove(path);
   ctx.allocator.fail_at(ctx.allocator.requests() + 1);
   EXPECT_EQ(save_regionlist(ctx, &whole, path.c_str()), -1);
-  EXPECT_FALSE(std::filesystem::exists(path));
+  EXPECT_FALSE(std::filesystem::exists(path)) << "no file without its memory";
+  ctx.release_records();
+  EXPECT_EQ(ctx.allocator.live(), 0);
 }
-
 }  // namespace
 }  // namespace splitmerge

@@ -52,25 +52,16 @@ reference_case load_case(const std::filesystem::path& dir) {
   const auto input = io::read_npy((dir / "input.npy").string());
   c.shape = input.shape;
   c.image = as_int32(input);
-  if (c.shape.size() == 2) {
-    c.size_y = static_cast<std::int32_t>(c.shape[0]);
-    c.size_x = static_cast<std::int32_t>(c.shape[1]);
-  } else {
-    c.size_z = static_cast<std::int32_t>(c.shape[0]);
-    c.size_y = static_cast<std::int32_t>(c.shape[1]);
-    c.size_x = static_cast<std::int32_t>(c.shape[2]);
-  }
+  const std::size_t d = c.shape.size();  // (Y, X) or (Z, Y, X)
+  c.size_x = static_cast<std::int32_t>(c.shape[d - 1]);
+  c.size_y = static_cast<std::int32_t>(c.shape[d - 2]);
+  if (d == 3) c.size_z = static_cast<std::int32_t>(c.shape[0]);
   // params.json is a flat object of numbers and booleans.
   const std::string json = read_text(dir / "params.json");
   const std::regex pair("\"([a-z_]+)\"\\s*:\\s*([-+0-9.eE]+|true|false)");
   for (std::sregex_iterator it(json.begin(), json.end(), pair), end; it != end; ++it) {
-    const std::string key = (*it)[1];
     const std::string value = (*it)[2];
-    if (value == "true" || value == "false") {
-      c.params[key] = value == "true" ? 1.0 : 0.0;
-    } else {
-      c.params[key] = std::stod(value);
-    }
+    c.params[(*it)[1]] = value == "true" ? 1.0 : value == "false" ? 0.0 : std::stod(value);
   }
   c.display = c.params.count("display") && c.params.at("display") != 0.0;
   c.save = c.params.count("save") && c.params.at("save") != 0.0;
@@ -89,22 +80,12 @@ reference_case load_case(const std::filesystem::path& dir) {
 }
 
 parameters parameters_of(const reference_case& c) {
-  parameters p;
-  p.max_level = c.param("max_level");
-  p.lim_oct_level = c.param("lim_oct_level");
-  p.init_level = c.param("init_level");
-  p.group_mode = c.param("group_mode");
-  p.max_seed = c.param("max_seed");
-  p.use_all_seeds = c.param("use_all_seeds");
-  p.pred_choice = c.param("pred_choice");
-  p.interval_length = c.param("interval_length");
-  p.rejection = c.params.at("rejection");
-  p.sigma = c.params.at("sigma");
-  p.threshold_row = c.param("threshold_row");
-  p.pseudo_factor = c.params.at("pseudo_factor");
-  p.small_size = c.param("small_size");
-  p.statistic_update = c.param("statistic_update");
-  return p;
+  const auto whole = [&c](const char* key) { return static_cast<std::int32_t>(c.params.at(key)); };
+  return {whole("max_level"),   whole("lim_oct_level"),   whole("init_level"),
+          whole("group_mode"),  whole("max_seed"),        whole("use_all_seeds"),
+          whole("pred_choice"), whole("interval_length"), c.params.at("rejection"),
+          c.params.at("sigma"), whole("threshold_row"),   c.params.at("pseudo_factor"),
+          whole("small_size"),  whole("statistic_update")};
 }
 
 }  // namespace splitmerge::testing

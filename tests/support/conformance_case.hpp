@@ -26,10 +26,6 @@ struct reference_case {
   std::string stdout_text;
   std::int32_t status = 0;
   std::optional<std::string> regions_text;
-
-  [[nodiscard]] std::int32_t param(const std::string& key) const {
-    return static_cast<std::int32_t>(params.at(key));
-  }
 };
 
 std::filesystem::path conformance_root();
