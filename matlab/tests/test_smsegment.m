@@ -77,7 +77,6 @@ img = patchy_image([32 32]);
 rows = {'smsegment:imageRange', double(img) + 0.5, {}, 'Rescale'
         'smsegment:imageRange', int16(img) - 100, {}, ''
         'smsegment:imageClass', 'abc', {}, ''
-        'smsegment:imageClass', complex(double(img), 1), {}, ''
         'smsegment:imageSize', patchy_image([32 16]), {}, ''
         'smsegment:imageSize', patchy_image([32 32 3]), {'Volume', true}, ''
         'smsegment:imageSize', zeros(20, 1100, 5, 'uint8'), {'Fit', 'pad'}, ...
