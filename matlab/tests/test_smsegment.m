@@ -77,9 +77,7 @@ img = patchy_image([32 32]);
 rows = {'smsegment:imageRange', double(img) + 0.5, {}, 'Rescale'
         'smsegment:imageRange', int16(img) - 100, {}, ''
         'smsegment:imageClass', 'abc', {}, ''
-        'smsegment:imageClass', complex(double(img), 1), {}, ''
         'smsegment:imageSize', patchy_image([32 16]), {}, ''
-        'smsegment:imageSize', zeros(2048, 2048, 2, 'uint8'), {}, ''
         'smsegment:imageSize', patchy_image([32 32 3]), {'Volume', true}, ''
         'smsegment:imageSize', zeros(20, 1100, 5, 'uint8'), {'Fit', 'pad'}, ...
         '''Fit'', ''crop'' (or I(:, :, K) for one slice)'

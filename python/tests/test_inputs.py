@@ -3,9 +3,6 @@ messages for unusable images are rows of test_parameters)."""
 
 from __future__ import annotations
 
-import os
-import subprocess
-from pathlib import Path
 from typing import Any
 
 import numpy as np
@@ -161,26 +158,3 @@ def test_fit_gives_labels_of_the_inputs_shape(shape, fit, box, max_level, start_
         assert (labels[outside] == start_label - 1).all()
         assert not frames or (result.frames[:, outside] == -1).all()
 
-
-def test_slice_takes_one_z_slice_of_a_volume() -> None:
-    volume = noise_image((3, 8, 8), seed=9)
-    np.testing.assert_array_equal(splitmerge.segment(volume, slice=2),
-                                  splitmerge.segment(volume[2]))
-
-
-CLI = os.environ.get("SPLITMERGE_CLI")
-
-
-@pytest.mark.skipif(not CLI, reason="SPLITMERGE_CLI (the command-line program) not given")
-@pytest.mark.parametrize("shape", [(48, 40), (6, 30, 32)])
-def test_frames_equal_those_of_the_command_line_program(tmp_path: Path, shape) -> None:
-    image = noise_image(shape, seed=sum(shape), levels=6)
-    np.save(tmp_path / "in.npy", image)
-    subprocess.run([CLI, str(tmp_path / "in.npy"), "--fit", "pad", "--quiet", "--frames",
-                    str(tmp_path / "frames.npy"), "--labels", str(tmp_path / "labels.npy")],
-                   check=True, timeout=120, capture_output=True)
-    result = splitmerge.segment(image, fit="pad", frames=True)
-    expected = np.load(tmp_path / "frames.npy")
-    assert result.frames.shape == expected.shape and expected.shape[0] >= 2
-    np.testing.assert_array_equal(result.frames, expected)
-    np.testing.assert_array_equal(result.labels, np.load(tmp_path / "labels.npy"))

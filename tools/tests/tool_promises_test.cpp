@@ -253,16 +253,12 @@ TEST(Terminal, StatusLinesAndASummaryLeaveTheProgressLinesIntact) {
 TEST(CommandLine, ValuesOutsideTheMeaningfulRangesRunWithAWarning) {
   scratch_folder dir;
   write_noise(dir, "in.npy", {16, 16});
-  const auto run =
-      run_tool(dir, "in.npy --quiet --labels l.npy --group-mode 2 --sigma 0 --rejection 2");
+  const auto run = run_tool(dir, "in.npy --quiet --labels l.npy --group-mode 2 --sigma 0");
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.err,
             "splitmerge: warning: --group-mode 2 is outside its meaningful range (0 or 1; other "
-            "values act as 1); running with it as given\n"
-            "splitmerge: warning: --rejection 2 is outside its meaningful range (0 to 1); "
-            "running with it as given\n"
-            "splitmerge: warning: --sigma 0 is outside its meaningful range (above 0); running "
-            "with it as given\n");
+            "values act as 1); running with it as given\nsplitmerge: warning: --sigma 0 is "
+            "outside its meaningful range (above 0); running with it as given\n");
   EXPECT_TRUE(std::filesystem::exists(dir / "l.npy"));
 }
 
