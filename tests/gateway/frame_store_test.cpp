@@ -1,5 +1,6 @@
 // The frame store gives back exactly the frames it was handed, whether they
-// are kept as differences or, when those would not be smaller, raw.
+// are kept as differences or, when those would not be smaller, raw. With 1
+// and 7 pixels most changes touch an edge and many frames repeat the last.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -60,19 +61,6 @@ TEST(FrameStore, GivesBackEveryFrameExactly) {
     EXPECT_FALSE(store.dropped_frames());
     EXPECT_EQ(stored(store, pixels), joined(f));
   }
-}
-
-TEST(FrameStore, ChangesAtTheEdgesAndIdenticalFrames) {
-  const std::size_t n = 100;
-  frames f(5, std::vector<std::int32_t>(n, 0));
-  f[1][0] = 4;  // first pixel
-  f[2] = f[1];  // no change
-  f[3] = f[2];
-  f[3][n - 1] = -7;   // last pixel
-  f[4].assign(n, 2);  // every pixel
-  frame_store store(n, 10);
-  for (const auto& one : f) ASSERT_TRUE(store.append(one.data()));
-  EXPECT_EQ(stored(store, n), joined(f));
 }
 
 TEST(FrameStore, BeyondTheLimitTheLastSlotHoldsTheNewestFrame) {

@@ -12,7 +12,6 @@ struct mxArray {
   bool complex = false;
   std::vector<mwSize> dims;
   std::vector<unsigned char> real;
-  std::vector<unsigned char> imag;
   std::vector<std::string> field_names;  // structs: the fields of each element
   std::vector<mxArray*> fields;          // element-major, owned
 };
@@ -93,7 +92,6 @@ mxArray* new_array(const std::vector<mwSize>& dims, mxClassID c, bool complex) {
   std::size_t n = 1;
   for (mwSize d : a->dims) n *= static_cast<std::size_t>(d);
   a->real.assign(n * element_size(c), 0);
-  if (complex) a->imag.assign(n * element_size(c), 0);
   ++state().live;
   ++state().created;
   return a;
@@ -130,14 +128,8 @@ int mexPrintf(const char* format, ...) {
 mwSize mxGetNumberOfDimensions(const mxArray* a) { return static_cast<mwSize>(a->dims.size()); }
 const mwSize* mxGetDimensions(const mxArray* a) { return a->dims.data(); }
 std::size_t mxGetNumberOfElements(const mxArray* a) {
-  if (a->class_id == mxSTRUCT_CLASS) {
-    std::size_t n = 1;
-    for (mwSize d : a->dims) n *= static_cast<std::size_t>(d);
-    return n;
-  }
   return a->real.size() / element_size(a->class_id);
 }
-mxClassID mxGetClassID(const mxArray* a) { return a->class_id; }
 
 const char* mxGetClassName(const mxArray* a) {
   static const char* const names[] = {"unknown", "cell",   "struct", "logical", "char",    "void",
@@ -172,8 +164,6 @@ mxArray* mxCreateNumericArray(mwSize ndim, const mwSize* dims, mxClassID class_i
   return new_array(std::vector<mwSize>(dims, dims + ndim), class_id, complexity == mxCOMPLEX);
 }
 
-mxArray* mxCreateDoubleScalar(double value) { return fake_mex::scalar(value); }
-
 void mxDestroyArray(mxArray* a) {
   if (a == nullptr) return;
   for (mxArray* field : a->fields) mxDestroyArray(field);
@@ -188,7 +178,6 @@ mxArray* mxCreateNumericMatrix(mwSize m, mwSize n, mxClassID class_id, mxComplex
 
 mxArray* mxCreateStructMatrix(mwSize m, mwSize n, int nfields, const char** fieldnames) {
   mxArray* a = new_array({m, n}, mxSTRUCT_CLASS, false);
-  a->real.clear();
   a->field_names.assign(fieldnames, fieldnames + nfields);
   a->fields.assign(static_cast<std::size_t>(m * n) * a->field_names.size(), nullptr);
   return a;
@@ -238,21 +227,12 @@ void fail_create_at(int k) { state().creates_until_failure = k; }
 void interrupt_at_poll(std::int64_t k) { state().polls_until_interrupt = k; }
 std::int64_t interrupt_polls() { return state().polls; }
 
-template <class T>
-mxArray* filled_array(const std::vector<mwSize>& dims, mxClassID c, const std::vector<T>& values) {
-  mxArray* a = new_array(dims, c, false);
-  if (values.size() * sizeof(T) != a->real.size())
+mxArray* int32_array(const std::vector<mwSize>& dims, const std::vector<std::int32_t>& values) {
+  mxArray* a = new_array(dims, mxINT32_CLASS, false);
+  if (values.size() * sizeof values[0] != a->real.size())
     throw std::invalid_argument("the values do not match the dimensions");
   if (!a->real.empty()) std::memcpy(a->real.data(), values.data(), a->real.size());
   return a;
-}
-
-mxArray* int32_array(const std::vector<mwSize>& dims, const std::vector<std::int32_t>& values) {
-  return filled_array(dims, mxINT32_CLASS, values);
-}
-
-mxArray* double_array(const std::vector<mwSize>& dims, const std::vector<double>& values) {
-  return filled_array(dims, mxDOUBLE_CLASS, values);
 }
 
 mxArray* scalar(double value, mxClassID class_id) {
@@ -264,20 +244,6 @@ mxArray* scalar(double value, mxClassID class_id) {
   });
   return a;
 }
-
-mxArray* complex_scalar(double re, double im) {
-  mxArray* a = new_array({1, 1}, mxDOUBLE_CLASS, true);
-  std::memcpy(a->real.data(), &re, sizeof re);
-  std::memcpy(a->imag.data(), &im, sizeof im);
-  return a;
-}
-
-mxArray* char_array(const std::string& text) {
-  return filled_array({1, static_cast<mwSize>(text.size())}, mxCHAR_CLASS,
-                      std::vector<std::uint16_t>(text.begin(), text.end()));
-}
-
-mxArray* logical_scalar(bool value) { return scalar(value ? 1.0 : 0.0, mxLOGICAL_CLASS); }
 
 std::vector<mwSize> dimensions(const mxArray* a) { return a->dims; }
 

@@ -56,7 +56,6 @@ int mexPrintf(const char* format, ...);
 mwSize mxGetNumberOfDimensions(const mxArray* a);
 const mwSize* mxGetDimensions(const mxArray* a);
 std::size_t mxGetNumberOfElements(const mxArray* a);
-mxClassID mxGetClassID(const mxArray* a);
 const char* mxGetClassName(const mxArray* a);
 bool mxIsInt32(const mxArray* a);
 bool mxIsLogical(const mxArray* a);
@@ -66,7 +65,6 @@ double mxGetScalar(const mxArray* a);
 void* mxGetData(const mxArray* a);
 mxArray* mxCreateNumericArray(mwSize ndim, const mwSize* dims, mxClassID class_id,
                               mxComplexity complexity);
-mxArray* mxCreateDoubleScalar(double value);
 mxArray* mxCreateNumericMatrix(mwSize m, mwSize n, mxClassID class_id, mxComplexity complexity);
 mxArray* mxCreateStructMatrix(mwSize m, mwSize n, int nfields, const char** fieldnames);
 // Takes ownership of value; a struct destroys its fields with it.
@@ -113,10 +111,6 @@ std::int64_t interrupt_polls();
 
 mxArray* int32_array(const std::vector<mwSize>& dims, const std::vector<std::int32_t>& values);
 mxArray* scalar(double value, mxClassID class_id = mxDOUBLE_CLASS);
-mxArray* complex_scalar(double re, double im);
-mxArray* char_array(const std::string& text);
-mxArray* logical_scalar(bool value);
-mxArray* double_array(const std::vector<mwSize>& dims, const std::vector<double>& values);
 
 std::vector<mwSize> dimensions(const mxArray* a);
 std::vector<std::int32_t> int32_values(const mxArray* a);
