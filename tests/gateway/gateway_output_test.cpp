@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <numeric>
 #include <string>
 #include <vector>
 
@@ -68,13 +67,11 @@ TEST(GatewayOutput, FrameBudgetKeepsTheFirstFramesAndTheFinalOneWithAWarning) {
     // X x Y x Z x 1: the host drops the trailing singleton.
     EXPECT_EQ(r.frame_dims, kept == 1 ? volume.dims : with_frames(kept));
     EXPECT_EQ(r.labels, full.labels);
-    std::vector<std::int32_t> which(static_cast<std::size_t>(kept));
-    std::iota(which.begin(), which.end(), 0);
-    which.back() = full.frame_count - 1;
-    std::vector<std::int32_t> frames;
-    for (const std::int32_t k : which)
-      frames.insert(frames.end(), full.frames.begin() + k * std::ptrdiff_t{pixels},
-                    full.frames.begin() + (k + 1) * std::ptrdiff_t{pixels});
+    const auto frame = [&](std::int32_t k) {
+      return full.frames.begin() + k * std::ptrdiff_t{pixels};
+    };
+    std::vector<std::int32_t> frames(frame(0), frame(kept - 1));
+    frames.insert(frames.end(), frame(full.frame_count - 1), full.frames.end());
     EXPECT_EQ(r.frames, frames);
     ASSERT_EQ(r.warnings.size(), 1u);
     EXPECT_EQ(r.warnings[0].id, "splitmerge:frameBudget");

@@ -48,15 +48,9 @@ template <class F>
 auto with_element_type(mxClassID c, F f) {
   switch (c) {
     case mxLOGICAL_CLASS:
-    case mxUINT8_CLASS:
       return f(std::uint8_t{});
-    case mxINT8_CLASS:
-      return f(std::int8_t{});
     case mxCHAR_CLASS:
-    case mxUINT16_CLASS:
       return f(std::uint16_t{});
-    case mxINT16_CLASS:
-      return f(std::int16_t{});
     case mxINT32_CLASS:
       return f(std::int32_t{});
     case mxUINT32_CLASS:
@@ -132,9 +126,8 @@ std::size_t mxGetNumberOfElements(const mxArray* a) {
 }
 
 const char* mxGetClassName(const mxArray* a) {
-  static const char* const names[] = {"unknown", "cell",   "struct", "logical", "char",    "void",
-                                      "double",  "single", "int8",   "uint8",   "int16",   "uint16",
-                                      "int32",   "uint32", "int64",  "uint64",  "function"};
+  static const char* const names[] = {"struct", "logical", "char",  "double", "single",
+                                      "int32",  "uint32",  "int64", "uint64"};
   return names[a->class_id];
 }
 
