@@ -48,6 +48,11 @@ def write_inputs(folder: Path) -> dict[str, np.ndarray]:
         f.seek(112)
         f.write(np.array([0.5, 10.0], "<f4").tobytes())
     files["scaled.nii"] = pages * 0.5 + 10.0
+    header = nibabel.Nifti1Header().as_byteswapped(">")
+    header.set_data_dtype(">i2")
+    files["big.nii"] = pages.astype(np.int16) * 3 + 1  # both bytes in use
+    nibabel.save(nibabel.Nifti1Image(files["big.nii"].T.astype(">i2"), np.eye(4), header),
+                 folder / "big.nii")
     return files
 
 
