@@ -106,21 +106,6 @@ TEST(FailedWrite, EveryOutputFormatReportsAFullFile) {
   }
 }
 
-// Starts the program in the background, sends the signal when its first
-// progress line comes (its outputs are staged by then) and returns the
-// folder's files afterwards.
-std::vector<std::string> interrupted_run(const scratch_folder& dir, const char* signal_name) {
-  const std::string lines = quoted(dir.path().string() + ".lines");
-  const std::string command = "cd " + quoted(dir.path().string()) + " && ulimit -c 0 && mkfifo " +
-                              lines + " && { " + quoted(SPLITMERGE_TOOL_PATH) +
-                              " in.npy --labels l.npy --regions r.txt --frames f.npy" +
-                              every_pixel_a_region + " > " + lines + " & pid=$!; exec 3< " + lines +
-                              "; read -r line <&3; kill -" + signal_name +
-                              " $pid; wait $pid; exec 3<&-; rm " + lines + "; } > /dev/null 2>&1";
-  std::system(command.c_str());
-  return dir.file_names();
-}
-
 // Every signal that ends the program leaves no file behind: those it can
 // catch remove the named temporaries, unnamed ones vanish with the process,
 // and the named ones of a killed run go with the next run in the folder.
@@ -130,14 +115,21 @@ TEST(Interrupted, SignalsRemoveTheTemporaryFiles) {
     scratch_folder dir;
     write_noise(dir / "in.npy", {64, 64, 64});
     write_text(dir / "l.npy", "old labels");
-    std::vector<std::string> left = interrupted_run(dir, signal_name);
+    // The signal comes with the first progress line: the outputs are staged by then.
+    const std::string lines = quoted(dir.path().string() + ".lines");
+    const std::string command = "cd " + quoted(dir.path().string()) + " && ulimit -c 0 && mkfifo " +
+                                lines + " && { " + quoted(SPLITMERGE_TOOL_PATH) +
+                                " in.npy --labels l.npy --regions r.txt --frames f.npy" +
+                                every_pixel_a_region + " > " + lines + " & pid=$!; exec 3< " +
+                                lines + "; read -r line <&3; kill -" + signal_name +
+                                " $pid; wait $pid; exec 3<&-; rm " + lines + "; } > /dev/null 2>&1";
+    std::system(command.c_str());
     if (std::string(signal_name) == "KILL") {
       write_noise(dir / "small.npy", {16, 16});
       ASSERT_EQ(run_tool(dir, "small.npy --quiet --labels next.npy").status, 0);
       for (const char* name : {"small.npy", "next.npy"}) std::filesystem::remove(dir / name);
-      left = dir.file_names();
     }
-    EXPECT_EQ(left, (std::vector<std::string>{"in.npy", "l.npy"}));
+    EXPECT_EQ(dir.file_names(), (std::vector<std::string>{"in.npy", "l.npy"}));
     EXPECT_EQ(read_file(dir / "l.npy"), "old labels");
   }
 }
