@@ -37,13 +37,14 @@ std::vector<std::uint8_t> palette_rgb(const std::vector<std::int64_t>& labels) {
   return rgb;
 }
 
-TEST(Outputs, LabelsAreTheSameInEveryFormat) {
+TEST(Outputs, EveryFormatShowsTheSameLabelsAndFrames) {
   scratch_folder dir;
   testing::write_noise(dir / "in.npy", {32, 32});
   const auto image = read_npy(dir, "in.npy").values;
-  ASSERT_EQ(run_tool(dir, "in.npy --quiet --labels l.npy --overlay o.png").status, 0);
-  for (const char* labels : {"l.tif", "l.png"})
-    ASSERT_EQ(run_tool(dir, std::string("in.npy --quiet --labels ") + labels).status, 0);
+  const std::string run = "in.npy --quiet --labels ";
+  ASSERT_EQ(run_tool(dir, run + "l.npy --overlay o.png --frames f.npy").status, 0);
+  for (const char* labels : {"l.tif --frames f.gif", "l.png"})
+    ASSERT_EQ(run_tool(dir, run + labels).status, 0);
   const auto npy = read_npy(dir, "l.npy");
   ASSERT_EQ(npy.shape, (std::vector<std::int64_t>{32, 32}));
   ASSERT_GE(*std::max_element(npy.values.begin(), npy.values.end()), 2);
@@ -62,6 +63,24 @@ TEST(Outputs, LabelsAreTheSameInEveryFormat) {
     EXPECT_EQ(std::vector<std::uint8_t>(overlay.begin() + 3 * i, overlay.begin() + 3 * i + 3),
               expected)
         << "pixel " << i;
+  }
+  // The animation: the frames through the palette, each change a GIF frame.
+  const auto frames = read_npy(dir, "f.npy");
+  std::vector<std::vector<std::uint8_t>> expected;
+  for (std::int64_t f = 0; f < frames.shape.at(0); ++f) {
+    std::vector<std::uint8_t> frame(1024);
+    for (std::size_t i = 0; i < 1024; ++i)
+      frame[i] = palette_index(frames.values[static_cast<std::size_t>(f) * 1024 + i]);
+    if (expected.empty() || expected.back() != frame) expected.push_back(frame);
+  }
+  const auto gif = testing::read_gif(dir / "f.gif");
+  EXPECT_EQ(gif.width, 32);
+  EXPECT_EQ(gif.frames, expected);
+  EXPECT_TRUE(gif.loops_forever);
+  EXPECT_EQ(gif.delays_cs.back(), 300);
+  for (std::size_t i = 0; i < 256; ++i) {
+    const io::rgb c = indexed_palette()[i];
+    EXPECT_EQ(gif.palette[i], (std::array<std::uint8_t, 3>{c.r, c.g, c.b})) << i;
   }
 }
 
@@ -88,30 +107,6 @@ TEST(Outputs, FramesEveryKeepsEveryNthFrameAndTheLast) {
   EXPECT_EQ(b.every_within(6100), 10);
   EXPECT_EQ(b.every_within(6099), 13);
   EXPECT_EQ(b.every_within(2099), 0);  // not even the first and the last
-}
-
-TEST(Outputs, GifAnimatesTheFramesThroughThePalette) {
-  scratch_folder dir;
-  testing::write_noise(dir / "in.npy", {16, 16});
-  ASSERT_EQ(run_tool(dir, "in.npy --quiet --frames f.npy").status, 0);
-  ASSERT_EQ(run_tool(dir, "in.npy --quiet --frames f.gif").status, 0);
-  const auto frames = read_npy(dir, "f.npy");
-  std::vector<std::vector<std::uint8_t>> expected;
-  for (std::int64_t f = 0; f < frames.shape.at(0); ++f) {
-    std::vector<std::uint8_t> frame(256);
-    for (std::size_t i = 0; i < 256; ++i)
-      frame[i] = palette_index(frames.values[static_cast<std::size_t>(f) * 256 + i]);
-    if (expected.empty() || expected.back() != frame) expected.push_back(frame);
-  }
-  const auto gif = testing::read_gif(dir / "f.gif");
-  EXPECT_EQ(gif.width, 16);
-  EXPECT_EQ(gif.frames, expected);
-  EXPECT_TRUE(gif.loops_forever);
-  EXPECT_EQ(gif.delays_cs.back(), 300);
-  for (std::size_t i = 0; i < 256; ++i) {
-    const io::rgb c = indexed_palette()[i];
-    EXPECT_EQ(gif.palette[i], (std::array<std::uint8_t, 3>{c.r, c.g, c.b})) << i;
-  }
 }
 
 TEST(Outputs, PicturesOfAVolumeShowItsMiddleSliceAndCopiesTheWholeInput) {
