@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import atexit
 import csv
-import functools
 import shutil
 import signal
 import subprocess
@@ -23,28 +22,19 @@ import pytest
 REPOSITORY = Path(__file__).resolve().parents[2]
 
 
-REFERENCE_ARCHIVE = REPOSITORY / "tests" / "reference" / "cases.tar.xz"
-
-
-@functools.lru_cache(maxsize=1)
-def conformance_root() -> Path:
-    """Where the reference cases are: $SPLITMERGE_CONFORMANCE, else the
-    repository's archive unpacked into a folder of this test session."""
-    env = os.environ.get("SPLITMERGE_CONFORMANCE")
-    if env:
-        return Path(env)
-    folder = Path(tempfile.mkdtemp(prefix="splitmerge-reference-"))
-    atexit.register(shutil.rmtree, folder, ignore_errors=True)
-    with tarfile.open(REFERENCE_ARCHIVE) as archive:
-        # The archive is the repository's own; the "data" filter, where this
-        # Python has it, refuses anything but plain files and folders anyway.
-        extra = {"filter": "data"} if hasattr(tarfile, "data_filter") else {}
-        archive.extractall(folder, **extra)
-    return folder / "conformance"
-
-
 def conformance_cases() -> list[Path]:
-    root = conformance_root()
+    """The reference cases: in $SPLITMERGE_CONFORMANCE, else in the
+    repository's archive unpacked into a folder of this test session."""
+    root = Path(os.environ.get("SPLITMERGE_CONFORMANCE", ""))
+    if not os.environ.get("SPLITMERGE_CONFORMANCE"):
+        folder = Path(tempfile.mkdtemp(prefix="splitmerge-reference-"))
+        atexit.register(shutil.rmtree, folder, ignore_errors=True)
+        with tarfile.open(REPOSITORY / "tests" / "reference" / "cases.tar.xz") as archive:
+            # The "data" filter, where this Python has it, refuses anything but
+            # plain files and folders.
+            archive.extractall(folder, **({"filter": "data"} if hasattr(tarfile, "data_filter")
+                                          else {}))
+        root = folder / "conformance"
     if not root.is_dir():
         return []
     return sorted(p for p in root.iterdir() if (p / "params.json").is_file())
@@ -166,8 +156,6 @@ def wait_for_a_finished_row(out: Path, running: Callable[[], bool]) -> int:
                 return done
         time.sleep(0.05)
     return 0
-
-
 
 
 def region_records_text(regions: list) -> str:

@@ -17,7 +17,6 @@ from conftest import DaskProcesses, manifest_rows, npy_scans, wait_for_a_finishe
 
 distributed = pytest.importorskip("distributed")
 nibabel = pytest.importorskip("nibabel")
-from splitmerge._io import read_image  # noqa: E402
 from splitmerge.batch import main, segment_batch  # noqa: E402
 
 SCAN = Path("/usr/share/mricron/templates/ch2.nii.gz")
@@ -137,17 +136,6 @@ def test_nifti_labels_of_batch_and_command_line_keep_the_scans_header(tmp_path: 
                 np.testing.assert_allclose(got, want @ moved, atol=1e-4)
             np.testing.assert_array_equal(np.asarray(image.dataobj).T.reshape(expected.shape),
                                           expected)
-    # A big-endian scan reads as its voxels.
-    small = rng.integers(0, 256, size=(16, 16, 2)).astype(">i2")
-    header = nibabel.Nifti1Header().as_byteswapped(">")
-    header.set_data_dtype(">i2")
-    nibabel.save(nibabel.Nifti1Image(small, affine, header), tmp_path / "big.nii")
-    assert nibabel.load(tmp_path / "big.nii").header.endianness == ">"
-    if CLI:
-        subprocess.run([CLI, str(tmp_path / "big.nii"), "--quiet", "--save-input",
-                        str(tmp_path / "big.npy")], check=True)
-        np.testing.assert_array_equal(np.load(tmp_path / "big.npy"), small.T)
-    np.testing.assert_array_equal(read_image(tmp_path / "big.nii").pixels, small.T)
 
 
 def run_command_line(workspace: Path, *args: str) -> subprocess.CompletedProcess:
@@ -213,21 +201,18 @@ def test_command_line_rescale_takes_a_percentile_window(tmp_path: Path, monkeypa
 
 def test_command_line_usage_errors_exit_2(tmp_path: Path, capsys) -> None:
     for window in ["99,1", "1,101", "1,", "a,b", "1,2,3", "50,50", " 1,99"]:
-        with pytest.raises(SystemExit) as raised:
+        with pytest.raises(SystemExit, match="^2$"):
             main(["a.npy", "--out", str(tmp_path), "--rescale", window])
-        assert raised.value.code == 2
         assert ("expected LOW,HIGH percentiles with 0 <= LOW < HIGH <= 100"
                 in capsys.readouterr().err)
-    assert main(["x.npy", "--out", str(tmp_path), "--pred-choice", "chi-square"]) == 2
-    assert main(["x.npy", "--out", str(tmp_path), "--workers", "0"]) == 2
-    assert main(["x.npy", "--out", str(tmp_path), "--threads", "-1"]) == 2
+    for bad in (["--pred-choice", "chi-square"], ["--workers", "0"], ["--threads", "-1"]):
+        assert main(["x.npy", "--out", str(tmp_path), *bad]) == 2
     with pytest.raises(ValueError, match="threads = -3"):
         segment_batch(["x.npy"], tmp_path, threads=-3)
     with pytest.raises(ValueError, match="no file matches"):
         segment_batch([str(tmp_path / "none" / "*.nii.gz")], tmp_path / "out")
-    with pytest.raises(SystemExit) as raised:
+    with pytest.raises(SystemExit, match="^2$"):
         main(["x.npy"])  # no --out
-    assert raised.value.code == 2
 
 
 def test_a_worker_killed_mid_batch_loses_nothing(tmp_path: Path,

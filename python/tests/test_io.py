@@ -33,26 +33,26 @@ def write_inputs(folder: Path) -> dict[str, np.ndarray]:
     grey16 = rng.integers(0, 65536, size=(12, 16)).astype(np.uint16)
     pages = rng.integers(0, 256, size=(3, 16, 16)).astype(np.uint8)
     floats = rng.normal(0, 100, size=(5, 16, 20)).astype(np.float32)
-    files = {}
-    Image.fromarray(grey).save(folder / "grey.png")
-    files["grey.png"] = grey
-    Image.fromarray(rgb).save(folder / "colour.png")
-    files["colour.png"] = rgb  # segment() makes it grey, as for every front end
-    Image.fromarray(grey).save(folder / "grey.pgm")
-    files["grey.pgm"] = grey
-    Image.fromarray(grey16).save(folder / "grey16.png")
-    files["grey16.png"] = grey16
-    tifffile.imwrite(folder / "pages.tif", pages, photometric="minisblack")
-    files["pages.tif"] = pages
-    tifffile.imwrite(folder / "white.tif", pages[0], photometric="miniswhite")
-    files["white.tif"] = 255 - pages[0].astype(np.int64)
-    tifffile.imwrite(folder / "floats.tiff", floats, photometric="minisblack")
-    files["floats.tiff"] = floats
+    files = {"grey.png": grey, "colour.png": rgb,  # segment() makes it grey, as every front end
+             "grey.pgm": grey, "grey16.png": grey16}
+    for name, pixels in files.items():
+        Image.fromarray(pixels).save(folder / name)
+    for name, pixels, photometric in [("pages.tif", pages, "minisblack"),
+                                      ("white.tif", pages[0], "miniswhite"),
+                                      ("floats.tiff", floats, "minisblack")]:
+        tifffile.imwrite(folder / name, pixels, photometric=photometric)
+    files.update({"pages.tif": pages, "white.tif": 255 - pages[0].astype(np.int64),
+                  "floats.tiff": floats})
     nibabel.save(nibabel.Nifti1Image(pages.T.astype(np.int16), np.eye(4)), folder / "scaled.nii")
     with open(folder / "scaled.nii", "r+b") as f:  # scl_slope, scl_inter at bytes 112, 116
         f.seek(112)
         f.write(np.array([0.5, 10.0], "<f4").tobytes())
     files["scaled.nii"] = pages * 0.5 + 10.0
+    header = nibabel.Nifti1Header().as_byteswapped(">")
+    header.set_data_dtype(">i2")
+    files["big.nii"] = pages.astype(np.int16) * 3 + 1  # both bytes in use
+    nibabel.save(nibabel.Nifti1Image(files["big.nii"].T.astype(">i2"), np.eye(4), header),
+                 folder / "big.nii")
     return files
 
 
@@ -74,7 +74,6 @@ def test_readers_match_the_command_line_program(tmp_path: Path) -> None:
 
 
 def test_unreadable_files_say_why(tmp_path: Path) -> None:
-    (tmp_path / "four.npy").write_bytes(b"")
     np.save(tmp_path / "four.npy", np.zeros((2, 2, 2, 2)))
     with pytest.raises(ValueError, match="the array has 4 dimensions; expected"):
         read_image(tmp_path / "four.npy")

@@ -6,6 +6,7 @@ from __future__ import annotations
 import doctest
 import inspect
 import pydoc
+import re
 import warnings
 from typing import Optional
 
@@ -150,15 +151,8 @@ def test_bad_calls_say_why_in_one_line(image, given, error, message) -> None:
 def parameter_entries(doc: str) -> dict[str, str]:
     """The numpydoc Parameters entries of a docstring, by name."""
     section = doc[doc.index("Parameters\n    ----------\n"):doc.index("Returns\n    -------")]
-    entries: dict[str, str] = {}
-    name = None
-    for line in section.splitlines()[2:]:
-        if line.startswith("    ") and not line.startswith("     ") and " : " in line:
-            name = line.strip().split(" : ")[0]
-            entries[name] = line
-        elif name is not None:
-            entries[name] += "\n" + line
-    return entries
+    return {m[1]: m[0] for m in re.finditer(r"^    (\w+) : .*?(?=^    \w+ : |\Z)", section,
+                                            re.S | re.M)}
 
 
 def test_help_shows_every_parameter_with_its_range_and_default() -> None:

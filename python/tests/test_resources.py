@@ -49,10 +49,6 @@ def test_no_leak_over_1000_calls() -> None:
     assert grown < 4 << 20, f"resident memory grew by {grown} bytes"
 
 
-def big_volume() -> np.ndarray:
-    return noise_image((64, 128, 128), seed=5, levels=6)
-
-
 def test_two_threads_segment_two_images_in_parallel() -> None:
     """Each run's progress callback sees the other run inside the library:
     the GIL is released during a run.
@@ -60,7 +56,7 @@ def test_two_threads_segment_two_images_in_parallel() -> None:
     Holding the GIL, a run would let the other thread execute Python code
     only while it executes Python itself (its own callback) or is not running.
     """
-    images = [big_volume(), noise_image((64, 128, 128), seed=6, levels=6)]
+    images = [noise_image((64, 128, 128), seed=s, levels=6) for s in (5, 6)]
     expected = [splitmerge.segment(im, sigma=3.0) for im in images]
     states = [{"lines": 0, "in_callback": False, "done": False} for _ in images]
     seen_other_inside = [0, 0]
@@ -90,7 +86,7 @@ def test_two_threads_segment_two_images_in_parallel() -> None:
 
 
 def test_ctrl_c_during_a_run_raises_keyboard_interrupt() -> None:
-    image = big_volume()
+    image = noise_image((64, 128, 128), seed=5, levels=6)
     full = splitmerge.segment(image, sigma=3.0, lines=True).lines
     lines: list[str] = []
     first_line, pressed = threading.Event(), threading.Event()

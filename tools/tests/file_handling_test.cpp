@@ -28,10 +28,6 @@ using testing::read_file;
 using testing::run_tool;
 using testing::scratch_folder;
 
-std::vector<std::int64_t> saved_input(const scratch_folder& dir) {
-  return io::read_npy((dir / "s.npy").string()).values;
-}
-
 // 16 x 16 colour pixels, and the grey levels the one colour rule makes of them.
 std::vector<std::uint8_t> colour_pixels() {
   std::vector<std::uint8_t> rgb(16 * 16 * 3);
@@ -54,19 +50,16 @@ struct input_case {
 
 std::ostream& operator<<(std::ostream& os, const input_case& c) { return os << c.name; }
 
+input_case rgb_tiff(const std::string& name, bool planes) {
+  return {name, [planes](const scratch_folder& d) {
+            testing::write_tiff_rgb(d / "in.tif", 16, 16, planes, colour_pixels());
+            return grey_of(colour_pixels());
+          }, "in.tif"};
+}
+
 const std::vector<input_case> input_cases = {
-    {"RgbTiffInterleaved",
-     [](const scratch_folder& d) {
-       testing::write_tiff_rgb(d / "in.tif", 16, 16, false, colour_pixels());
-       return grey_of(colour_pixels());
-     },
-     "in.tif"},
-    {"RgbTiffInPlanes",
-     [](const scratch_folder& d) {
-       testing::write_tiff_rgb(d / "in.tif", 16, 16, true, colour_pixels());
-       return grey_of(colour_pixels());
-     },
-     "in.tif"},
+    rgb_tiff("RgbTiffInterleaved", false),
+    rgb_tiff("RgbTiffInPlanes", true),
     {"ColourJpeg",
      [](const scratch_folder& d) {
        testing::write_jpeg(d / "in.jpg", 16, 16, 3, colour_pixels());
@@ -106,7 +99,7 @@ TEST_P(Input, IsSegmentedAsTheGreyLevelsItHolds) {
   const auto expected = c.make(dir);
   const auto run = run_tool(dir, c.arguments + " --quiet --save-input s.npy");
   ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(saved_input(dir), expected);
+  EXPECT_EQ(io::read_npy((dir / "s.npy").string()).values, expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryKind, Input, ::testing::ValuesIn(input_cases),

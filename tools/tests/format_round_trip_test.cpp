@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <tuple>
 #include <vector>
 
 #include "grey_image.hpp"
@@ -32,11 +33,8 @@ std::vector<std::int32_t> pattern(std::size_t n, std::int32_t modulo) {
 // The size, and the pixel type the file stores (held as it is, not widened).
 void expect_size(const io::grey_image& image, std::int64_t x, std::int64_t y, std::int64_t z,
                  int dimensions, io::pixel_type type) {
-  EXPECT_EQ(image.type, type);
-  EXPECT_EQ(image.size_x, x);
-  EXPECT_EQ(image.size_y, y);
-  EXPECT_EQ(image.size_z, z);
-  EXPECT_EQ(image.dimensions, dimensions);
+  EXPECT_EQ(std::tuple(image.type, image.size_x, image.size_y, image.size_z, image.dimensions),
+            std::tuple(type, x, y, z, dimensions));
 }
 
 TEST(NpyFormat, ReadsIntegerDtypesInBothOrders) {

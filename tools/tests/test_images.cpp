@@ -32,6 +32,15 @@ void write_npy_raw(const std::filesystem::path& path, const std::string& dtype,
   out << header << element_bytes;
 }
 
+void write_noise(const std::filesystem::path& path, const std::vector<std::int64_t>& shape) {
+  std::int64_t n = 1;
+  for (const auto d : shape) n *= d;
+  std::vector<std::int32_t> v(static_cast<std::size_t>(n));
+  std::uint32_t state = 5;
+  for (auto& x : v) x = static_cast<std::int32_t>((state = state * 1664525u + 1013904223u) >> 24);
+  write_npy_raw(path, "<i4", shape, false, bytes_of(v));
+}
+
 void write_png_samples(const std::filesystem::path& path, int width, int height, int bit_depth,
                        int colour_type, const std::vector<std::uint16_t>& samples, double gamma,
                        bool srgb) {

@@ -23,6 +23,9 @@ std::string bytes_of(const std::vector<T>& values) {
   return out;
 }
 
+// .npy int32 noise of 0..255, the same every time: it splits into many blocks.
+void write_noise(const std::filesystem::path& path, const std::vector<std::int64_t>& shape);
+
 // A PNG of stored samples (8 or 16 bits, any PNG_COLOR_TYPE_*), with a gAMA
 // chunk when gamma > 0 and an sRGB chunk when asked.
 void write_png_samples(const std::filesystem::path& path, int width, int height, int bit_depth,

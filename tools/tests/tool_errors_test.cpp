@@ -102,11 +102,7 @@ const std::vector<error_case> error_cases = {
      "in.npy: the image needs at least 384.0 MiB of memory (its pixels and their labels), but "
      "--memory-limit allows 64.0 MiB", 3},
     {"RunGrowsAboveTheMemoryLimit",
-     [](const scratch_folder& d) {
-       std::vector<std::int32_t> v(128 * 128);
-       for (std::size_t i = 0; i < v.size(); ++i) v[i] = static_cast<std::int32_t>(i * 7919 % 256);
-       io::write_npy_int32((d / "in.npy").string(), {128, 128}, v.data());
-     },
+     [](const scratch_folder& d) { testing::write_noise(d / "in.npy", {128, 128}); },
      "in.npy --memory-limit 256K --quiet",
      "the run stopped at the memory budget of 256.0 KiB|were in use when it asked for|"
      "--memory-limit SIZE", 3},
@@ -224,11 +220,7 @@ TEST(RunFailure, OutOfMemory) {
   GTEST_SKIP() << "sanitizers reserve more address space than the limit allows";
 #endif
   scratch_folder dir;
-  std::vector<std::int32_t> noise(64 * 64 * 64);
-  std::uint32_t state = 1;
-  for (auto& v : noise)
-    v = static_cast<std::int32_t>((state = state * 1664525u + 1013904223u) >> 24);
-  io::write_npy_int32((dir / "in.npy").string(), {64, 64, 64}, noise.data());
+  testing::write_noise(dir / "in.npy", {64, 64, 64});
   const std::string arguments = "in.npy --labels l.npy --quiet --threads 1";
   const auto whole = testing::run_tool(dir, arguments);
   ASSERT_EQ(whole.status, 0) << whole.err;
@@ -260,15 +252,9 @@ TEST(RunFailure, FramesThatMayNotFitTheirDisk) {
 
 TEST(MemoryLimit, SizesAreBytesOrPowersOf1024) {
   const std::vector<std::pair<const char*, std::uint64_t>> sizes = {
-      {"1000000", 1000000u},
-      {"0", 0u},
-      {"512K", 512u << 10},
-      {"512M", 512u << 20},
-      {"512m", 512u << 20},
-      {"4G", std::uint64_t{4} << 30},
-      {"4GiB", std::uint64_t{4} << 30},
-      {"4GB", std::uint64_t{4} << 30},
-      {"2T", std::uint64_t{2} << 40}};
+      {"1000000", 1000000u}, {"0", 0u},          {"512K", 512u << 10}, {"512M", 512u << 20},
+      {"512m", 512u << 20},  {"4G", 4ull << 30}, {"4GiB", 4ull << 30}, {"4GB", 4ull << 30},
+      {"2T", 2ull << 40}};
   for (const auto& [text, bytes] : sizes) EXPECT_EQ(parse_byte_size(text), bytes) << text;
   for (const char* bad : {"", "G", "4X", "4GX", "-1", "1.5G", "4 G", "16777216T"})
     EXPECT_EQ(parse_byte_size(bad), std::nullopt) << bad;

@@ -23,28 +23,6 @@ using testing::bytes_of;
 using testing::run_tool;
 using testing::scratch_folder;
 
-// Blobs of different grey on a noisy background: a few regions of every size.
-std::vector<std::int32_t> blobs(int size, int slices) {
-  std::vector<std::int32_t> v(static_cast<std::size_t>(size) * size * slices);
-  std::uint32_t state = 7;
-  for (int z = 0; z < slices; ++z)
-    for (int y = 0; y < size; ++y)
-      for (int x = 0; x < size; ++x) {
-        state = state * 1664525u + 1013904223u;
-        int grey = 60;
-        if (x < size / 2 && y < size / 2) grey = 150;
-        if ((x - 3 * size / 4) * (x - 3 * size / 4) + (y - size / 4) * (y - size / 4) < size)
-          grey = 230;
-        if (z > slices / 2 && y > size / 2) grey = 20;
-        v[static_cast<std::size_t>((z * size + y) * size + x)] = grey + (state >> 29);
-      }
-  return v;
-}
-
-std::vector<std::int64_t> values(const std::vector<std::int32_t>& v) {
-  return {v.begin(), v.end()};
-}
-
 io::npy_array read_npy(const scratch_folder& dir, const std::string& name) {
   return io::read_npy((dir / name).string());
 }
@@ -59,13 +37,14 @@ std::vector<std::uint8_t> palette_rgb(const std::vector<std::int64_t>& labels) {
   return rgb;
 }
 
-TEST(Outputs, LabelsAreTheSameInEveryFormat) {
+TEST(Outputs, EveryFormatShowsTheSameLabelsAndFrames) {
   scratch_folder dir;
-  const auto image = blobs(32, 1);
-  io::write_npy_int32((dir / "in.npy").string(), {32, 32}, image.data());
-  ASSERT_EQ(run_tool(dir, "in.npy --quiet --labels l.npy --overlay o.png").status, 0);
-  for (const char* labels : {"l.tif", "l.png"})
-    ASSERT_EQ(run_tool(dir, std::string("in.npy --quiet --labels ") + labels).status, 0);
+  testing::write_noise(dir / "in.npy", {32, 32});
+  const auto image = read_npy(dir, "in.npy").values;
+  const std::string run = "in.npy --quiet --labels ";
+  ASSERT_EQ(run_tool(dir, run + "l.npy --overlay o.png --frames f.npy").status, 0);
+  for (const char* labels : {"l.tif --frames f.gif", "l.png"})
+    ASSERT_EQ(run_tool(dir, run + labels).status, 0);
   const auto npy = read_npy(dir, "l.npy");
   ASSERT_EQ(npy.shape, (std::vector<std::int64_t>{32, 32}));
   ASSERT_GE(*std::max_element(npy.values.begin(), npy.values.end()), 2);
@@ -80,12 +59,28 @@ TEST(Outputs, LabelsAreTheSameInEveryFormat) {
     const bool border = (i % 32 < 31 && npy.values[i] != npy.values[i + 1]) ||
                         (i < 31 * 32 && npy.values[i] != npy.values[i + 32]);
     const auto g = static_cast<std::uint8_t>(image[i]);
-    const std::vector<std::uint8_t> expected = {border ? std::uint8_t{255} : g,
-                                                border ? std::uint8_t{255} : g,
-                                                border ? std::uint8_t{0} : g};
+    const auto expected = border ? std::vector<std::uint8_t>{255, 255, 0} : std::vector{g, g, g};
     EXPECT_EQ(std::vector<std::uint8_t>(overlay.begin() + 3 * i, overlay.begin() + 3 * i + 3),
               expected)
         << "pixel " << i;
+  }
+  // The animation: the frames through the palette, each change a GIF frame.
+  const auto frames = read_npy(dir, "f.npy");
+  std::vector<std::vector<std::uint8_t>> expected;
+  for (std::int64_t f = 0; f < frames.shape.at(0); ++f) {
+    std::vector<std::uint8_t> frame(1024);
+    for (std::size_t i = 0; i < 1024; ++i)
+      frame[i] = palette_index(frames.values[static_cast<std::size_t>(f) * 1024 + i]);
+    if (expected.empty() || expected.back() != frame) expected.push_back(frame);
+  }
+  const auto gif = testing::read_gif(dir / "f.gif");
+  EXPECT_EQ(gif.width, 32);
+  EXPECT_EQ(gif.frames, expected);
+  EXPECT_TRUE(gif.loops_forever);
+  EXPECT_EQ(gif.delays_cs.back(), 300);
+  for (std::size_t i = 0; i < 256; ++i) {
+    const io::rgb c = indexed_palette()[i];
+    EXPECT_EQ(gif.palette[i], (std::array<std::uint8_t, 3>{c.r, c.g, c.b})) << i;
   }
 }
 
@@ -93,11 +88,7 @@ TEST(Outputs, LabelsAreTheSameInEveryFormat) {
 // file's bound names the smallest N whose frames fit a given room.
 TEST(Outputs, FramesEveryKeepsEveryNthFrameAndTheLast) {
   scratch_folder dir;
-  std::vector<std::int32_t> noise(64 * 64);  // many blocks: a frame every 1001 of them
-  std::uint32_t state = 5;
-  for (auto& v : noise)
-    v = static_cast<std::int32_t>((state = state * 1664525u + 1013904223u) >> 24);
-  io::write_npy_int32((dir / "in.npy").string(), {64, 64}, noise.data());
+  testing::write_noise(dir / "in.npy", {64, 64});  // many blocks: a frame every 1001 of them
   ASSERT_EQ(run_tool(dir, "in.npy --quiet --frames all.npy").status, 0);
   ASSERT_EQ(run_tool(dir, "in.npy --quiet --frames f.npy --frames-every 3").status, 0);
   const auto all = read_npy(dir, "all.npy");
@@ -118,35 +109,10 @@ TEST(Outputs, FramesEveryKeepsEveryNthFrameAndTheLast) {
   EXPECT_EQ(b.every_within(2099), 0);  // not even the first and the last
 }
 
-TEST(Outputs, GifAnimatesTheFramesThroughThePalette) {
-  scratch_folder dir;
-  const auto image = blobs(16, 1);
-  io::write_npy_int32((dir / "in.npy").string(), {16, 16}, image.data());
-  ASSERT_EQ(run_tool(dir, "in.npy --quiet --frames f.npy").status, 0);
-  ASSERT_EQ(run_tool(dir, "in.npy --quiet --frames f.gif").status, 0);
-  const auto frames = read_npy(dir, "f.npy");
-  std::vector<std::vector<std::uint8_t>> expected;
-  for (std::int64_t f = 0; f < frames.shape.at(0); ++f) {
-    std::vector<std::uint8_t> frame(256);
-    for (std::size_t i = 0; i < 256; ++i)
-      frame[i] = palette_index(frames.values[static_cast<std::size_t>(f) * 256 + i]);
-    if (expected.empty() || expected.back() != frame) expected.push_back(frame);
-  }
-  const auto gif = testing::read_gif(dir / "f.gif");
-  EXPECT_EQ(gif.width, 16);
-  EXPECT_EQ(gif.frames, expected);
-  EXPECT_TRUE(gif.loops_forever);
-  EXPECT_EQ(gif.delays_cs.back(), 300);
-  for (std::size_t i = 0; i < 256; ++i) {
-    const io::rgb c = indexed_palette()[i];
-    EXPECT_EQ(gif.palette[i], (std::array<std::uint8_t, 3>{c.r, c.g, c.b})) << i;
-  }
-}
-
 TEST(Outputs, PicturesOfAVolumeShowItsMiddleSliceAndCopiesTheWholeInput) {
   scratch_folder dir;
-  const auto image = blobs(8, 4);
-  io::write_npy_int32((dir / "in.npy").string(), {4, 8, 8}, image.data());
+  testing::write_noise(dir / "in.npy", {4, 8, 8});
+  const auto image = read_npy(dir, "in.npy").values;
   const auto run =
       run_tool(dir, "in.npy --labels l.png --frames f.gif --save-input s.png --regions sub.txt");
   ASSERT_EQ(run.status, 0) << run.err;
@@ -240,7 +206,7 @@ const std::vector<fitting_case> fitting_cases = {
      "splitmerge: padded 3 x 5 to 8 x 8 (centred) for the segmentation; the outputs are 3 x 5, "
      "as the input\n",
      {5, 3},
-     values(counting(15, 1, 256))},
+     {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}},
     // The image as segmented lies where it was, 0 outside the box.
     {"Crop",
      [](const scratch_folder& d) {

@@ -28,18 +28,10 @@ using testing::quoted;
 using testing::read_file;
 using testing::run_tool;
 using testing::scratch_folder;
+using testing::write_noise;
 
-// Noise in which a zero grey range keeps every pixel its own region: the
-// region list file of a 128 x 128 image takes about 670 KB.
-void write_noise(const scratch_folder& dir, const std::string& name,
-                 const std::vector<std::int64_t>& shape) {
-  std::int64_t n = 1;
-  for (const auto d : shape) n *= d;
-  std::vector<std::int32_t> v(static_cast<std::size_t>(n));
-  std::uint32_t state = 5;
-  for (auto& x : v) x = static_cast<std::int32_t>((state = state * 1664525u + 1013904223u) >> 24);
-  io::write_npy_int32((dir / name).string(), shape, v.data());
-}
+// With a zero grey range every pixel of noise is its own region: the region
+// list file of a 128 x 128 image takes about 670 KB.
 constexpr const char* every_pixel_a_region =
     " --pred-choice range --interval-length 0 --small-size 0";
 
@@ -49,7 +41,7 @@ void write_text(const std::filesystem::path& path, const std::string& text) {
 
 TEST(FailedRun, KeepsEveryExistingOutputAndCreatesNone) {
   scratch_folder dir;
-  write_noise(dir, "in.npy", {16, 16});
+  write_noise(dir / "in.npy", {16, 16});
   write_text(dir / "labels.png", "old labels");
   write_text(dir / "regions.txt", "old regions");
   std::filesystem::create_directory(dir / "saved.png");
@@ -99,7 +91,7 @@ TEST(FailedWrite, EveryOutputFormatReportsAFullFile) {
                              "--frames f.gif", "--save-input s.pgm", "--regions r.txt"}) {
     SCOPED_TRACE(output);
     scratch_folder dir;
-    write_noise(dir, "in.npy", {256, 256});
+    write_noise(dir / "in.npy", {256, 256});
     const std::string file = std::string(output).substr(std::string(output).find(' ') + 1);
     write_text(dir / file, "old");
     // (With every pixel a region the overlay is all border: a tiny file.)
@@ -114,21 +106,6 @@ TEST(FailedWrite, EveryOutputFormatReportsAFullFile) {
   }
 }
 
-// Starts the program in the background, sends the signal when its first
-// progress line comes (its outputs are staged by then) and returns the
-// folder's files afterwards.
-std::vector<std::string> interrupted_run(const scratch_folder& dir, const char* signal_name) {
-  const std::string lines = quoted(dir.path().string() + ".lines");
-  const std::string command = "cd " + quoted(dir.path().string()) + " && ulimit -c 0 && mkfifo " +
-                              lines + " && { " + quoted(SPLITMERGE_TOOL_PATH) +
-                              " in.npy --labels l.npy --regions r.txt --frames f.npy" +
-                              every_pixel_a_region + " > " + lines + " & pid=$!; exec 3< " + lines +
-                              "; read -r line <&3; kill -" + signal_name +
-                              " $pid; wait $pid; exec 3<&-; rm " + lines + "; } > /dev/null 2>&1";
-  std::system(command.c_str());
-  return dir.file_names();
-}
-
 // Every signal that ends the program leaves no file behind: those it can
 // catch remove the named temporaries, unnamed ones vanish with the process,
 // and the named ones of a killed run go with the next run in the folder.
@@ -136,16 +113,23 @@ TEST(Interrupted, SignalsRemoveTheTemporaryFiles) {
   for (const char* signal_name : {"INT", "TERM", "HUP", "USR1", "XCPU", "KILL"}) {
     SCOPED_TRACE(signal_name);
     scratch_folder dir;
-    write_noise(dir, "in.npy", {64, 64, 64});
+    write_noise(dir / "in.npy", {64, 64, 64});
     write_text(dir / "l.npy", "old labels");
-    std::vector<std::string> left = interrupted_run(dir, signal_name);
+    // The signal comes with the first progress line: the outputs are staged by then.
+    const std::string lines = quoted(dir.path().string() + ".lines");
+    const std::string command = "cd " + quoted(dir.path().string()) + " && ulimit -c 0 && mkfifo " +
+                                lines + " && { " + quoted(SPLITMERGE_TOOL_PATH) +
+                                " in.npy --labels l.npy --regions r.txt --frames f.npy" +
+                                every_pixel_a_region + " > " + lines + " & pid=$!; exec 3< " +
+                                lines + "; read -r line <&3; kill -" + signal_name +
+                                " $pid; wait $pid; exec 3<&-; rm " + lines + "; } > /dev/null 2>&1";
+    std::system(command.c_str());
     if (std::string(signal_name) == "KILL") {
-      write_noise(dir, "small.npy", {16, 16});
+      write_noise(dir / "small.npy", {16, 16});
       ASSERT_EQ(run_tool(dir, "small.npy --quiet --labels next.npy").status, 0);
       for (const char* name : {"small.npy", "next.npy"}) std::filesystem::remove(dir / name);
-      left = dir.file_names();
     }
-    EXPECT_EQ(left, (std::vector<std::string>{"in.npy", "l.npy"}));
+    EXPECT_EQ(dir.file_names(), (std::vector<std::string>{"in.npy", "l.npy"}));
     EXPECT_EQ(read_file(dir / "l.npy"), "old labels");
   }
 }
@@ -154,7 +138,7 @@ TEST(Interrupted, SignalsRemoveTheTemporaryFiles) {
 // memory than they would.
 TEST(Memory, FramesAreStreamedNotCollected) {
   scratch_folder dir;
-  write_noise(dir, "in.npy", {64, 64, 64});
+  write_noise(dir / "in.npy", {64, 64, 64});
   const auto image = io::read_npy((dir / "in.npy").string());
   const std::vector<std::int32_t> pixels(image.values.begin(), image.values.end());
   options counting;
@@ -180,7 +164,7 @@ TEST(Memory, AHugeSeedCountRunsInNormalMemory) {
   GTEST_SKIP() << "sanitizers reserve more address space than the limit allows";
 #endif
   scratch_folder dir;
-  write_noise(dir, "in.npy", {256, 256});
+  write_noise(dir / "in.npy", {256, 256});
   const std::string run = "in.npy --quiet --threads 1 --group-mode 1 --max-seed ";
   const auto few = run_tool(dir, run + "1000 --labels m.npy");
   ASSERT_EQ(few.status, 0) << few.err;
@@ -228,7 +212,7 @@ std::string without_status_lines(const std::string& text) {
 // is the progress lines, unchanged, and a one-line summary.
 TEST(Terminal, StatusLinesAndASummaryLeaveTheProgressLinesIntact) {
   scratch_folder dir;
-  write_noise(dir, "in.npy", {32, 64, 64});
+  write_noise(dir / "in.npy", {32, 64, 64});
   const std::string arguments = std::string("in.npy --labels l.npy") + every_pixel_a_region;
   const auto plain = run_tool(dir, arguments);
   ASSERT_EQ(plain.status, 0);
@@ -252,7 +236,7 @@ TEST(Terminal, StatusLinesAndASummaryLeaveTheProgressLinesIntact) {
 
 TEST(CommandLine, ValuesOutsideTheMeaningfulRangesRunWithAWarning) {
   scratch_folder dir;
-  write_noise(dir, "in.npy", {16, 16});
+  write_noise(dir / "in.npy", {16, 16});
   const auto run = run_tool(dir, "in.npy --quiet --labels l.npy --group-mode 2 --sigma 0");
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.err,
@@ -260,11 +244,7 @@ TEST(CommandLine, ValuesOutsideTheMeaningfulRangesRunWithAWarning) {
             "values act as 1); running with it as given\nsplitmerge: warning: --sigma 0 is "
             "outside its meaningful range (above 0); running with it as given\n");
   EXPECT_TRUE(std::filesystem::exists(dir / "l.npy"));
-}
-
-TEST(CommandLine, OutputNamesAsLongAsTheFileSystemAllows) {
-  scratch_folder dir;
-  write_noise(dir, "in.npy", {16, 16});
+  // Output names as long as the file system allows.
   for (const std::size_t length : {250u, 255u}) {
     const std::string name = std::string(length - 4, 'n') + ".npy";
     const auto run = run_tool(dir, "in.npy --quiet --labels " + name);

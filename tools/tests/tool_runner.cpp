@@ -72,13 +72,11 @@ tool_result run_tool(const scratch_folder& folder, const std::string& arguments,
   result.out = read_file(out_path);
   result.err = read_file(err_path);
   // The summary's time varies from run to run: tests look at it on its own.
-  const std::size_t last =
-      result.err.rfind('\n', result.err.size() >= 2 ? result.err.size() - 2 : 0);
-  const std::size_t from = last == std::string::npos ? 0 : last + 1;
-  if (std::regex_search(result.err.substr(from),
-                        std::regex("^splitmerge: [0-9]+ regions? in [0-9.]+ s \\("))) {
-    result.summary = result.err.substr(from);
-    result.err.erase(from);
+  std::smatch last;
+  if (std::regex_search(result.err, last,
+                        std::regex("(^|\n)(splitmerge: [0-9]+ regions? in [0-9.]+ s \\(.*\n)$"))) {
+    result.summary = last[2];
+    result.err.erase(static_cast<std::size_t>(last.position(2)));
   }
   std::filesystem::remove(out_path);
   std::filesystem::remove(err_path);
