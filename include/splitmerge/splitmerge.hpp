@@ -159,10 +159,13 @@ std::uint64_t worst_case_memory(const image_view& image, parameters p, const opt
 // Bytes this machine can give a run now: MemAvailable of /proc/meminfo, else
 // the physical memory, else 0 (unknown: no limit).
 std::uint64_t available_memory() noexcept;
-// The memory budget of a run asked to stay within `memory_limit` bytes: the
-// limit itself, or for 0 the memory available now less a margin for the rest
-// of the process (0 again when that is unknown: no budget).
-std::uint64_t memory_budget(std::uint64_t memory_limit) noexcept;
+// The memory budget of a run asked to stay within `memory_limit` bytes that
+// may need up to `needed` bytes: the limit itself, or for 0 the memory
+// available now less a margin for the rest of the process. 0 (no budget) when
+// that is unknown, or when the limit is 0 and `needed` is too small to
+// exhaust any machine: reading the free memory costs more than such a run.
+std::uint64_t memory_budget(std::uint64_t memory_limit,
+                            std::uint64_t needed = ~std::uint64_t{0}) noexcept;
 // A size for people: "512 bytes", "1.5 KiB", "300.0 MiB", "1.5 GiB".
 std::string format_bytes(std::uint64_t bytes);
 

@@ -63,7 +63,6 @@ class run_allocator {
   // The most bytes the run may hold at once (0: no limit): a request that
   // would cross it fails like any failed request, and is remembered.
   void set_budget(std::uint64_t bytes) noexcept { budget_ = bytes; }
-  [[nodiscard]] std::uint64_t budget() const noexcept { return budget_; }
   // Whether a request failed for the budget, and the bytes held and asked
   // for at that moment.
   [[nodiscard]] bool over_budget() const noexcept { return refused_bytes_ != 0; }

@@ -107,8 +107,10 @@ std::uint64_t available_memory() noexcept {
   return static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(page_size);
 }
 
-std::uint64_t memory_budget(std::uint64_t memory_limit) noexcept {
+std::uint64_t memory_budget(std::uint64_t memory_limit, std::uint64_t needed) noexcept {
+  constexpr std::uint64_t small_run_bytes = std::uint64_t{64} << 20;
   if (memory_limit != 0) return memory_limit;
+  if (needed <= small_run_bytes) return 0;
   const std::uint64_t available = available_memory();
   // Leaves a sixteenth, and at least 256 MiB, to the host process and the
   // system: a run that takes the last page would push the machine into swap.

@@ -74,15 +74,6 @@ std::string budget_text(std::uint64_t budget, bool machine) {
          (machine ? " (the memory available, less a margin)" : "");
 }
 
-// The budget of a run: the limit given, else for runs that could take a
-// noticeable share of a machine the memory available now; 0 for none.
-// Reading the machine's free memory costs more than a small run takes.
-std::uint64_t run_budget(std::uint64_t limit, const run_shape& shape) {
-  constexpr std::uint64_t small_run_bytes = std::uint64_t{64} << 20;
-  if (limit != 0) return limit;
-  return worst_case_bytes(shape) > small_run_bytes ? memory_budget(0) : 0;
-}
-
 void report(const options& opts, const std::string& problem) {
   const std::string line = "splitmerge: " + problem + "\n";
   if (opts.error_sink) {
@@ -145,7 +136,7 @@ segmentation segment_run(const image_view& image, parameters p, const options& o
   constexpr std::uint64_t smallest_run_bytes = std::uint64_t{64} << 10;
   std::uint64_t budget = 0;
   if (problem.empty()) {
-    budget = run_budget(opts.memory_limit, shape_of(image, p, opts));
+    budget = memory_budget(opts.memory_limit, worst_case_bytes(shape_of(image, p, opts)));
     if (budget != 0 && labels_bytes + smallest_run_bytes > budget) {
       problem = "the run needs at least " + format_bytes(labels_bytes + smallest_run_bytes) +
                 " of memory (the labels alone take " + format_bytes(labels_bytes) + "), above " +

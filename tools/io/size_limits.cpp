@@ -29,11 +29,7 @@ void check_declared_image(const std::string& path, std::int64_t size_x, std::int
   std::uint64_t labelled = options.one_slice ? static_cast<std::uint64_t>(size_x * size_y) : pixels;
   if (size_x == 3 || size_x == 4) labelled = std::min(labelled, pixels / size_x);
   const std::uint64_t needed = pixels * frontend::pixel_size(type) + 4 * labelled;
-  // As the library does, the free memory is not read for a small image: it
-  // cannot exhaust any machine, and reading costs more than the image.
-  constexpr std::uint64_t small_image_bytes = std::uint64_t{64} << 20;
-  if (options.memory_limit == 0 && needed <= small_image_bytes) return;
-  const std::uint64_t budget = memory_budget(options.memory_limit);
+  const std::uint64_t budget = memory_budget(options.memory_limit, needed);
   if (budget == 0 || needed <= budget) return;
   const std::string what = path + ": the image needs at least " + format_bytes(needed) +
                            " of memory (its pixels and their labels), but ";
