@@ -1,6 +1,7 @@
 """Every reference case through the Python API: labels, frames, progress
-lines and region list file exactly as expected. Thread counts and the rest
-of the harness are the library's own tests."""
+lines and region list file exactly as expected, at one thread and on every
+core. Forced 64-bit codes and the rest of the harness are the library's own
+tests."""
 
 from __future__ import annotations
 
@@ -22,8 +23,10 @@ def test_every_reference_case_is_there() -> None:
 
 # Some cases take values outside the meaningful ranges on purpose.
 @pytest.mark.filterwarnings("ignore::UserWarning")
+@pytest.mark.parametrize("threads", [1, 0], ids=["one-thread", "every-core"])
 @pytest.mark.parametrize("folder", CASES, ids=[c.name for c in CASES])
-def test_reference_case(folder: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+def test_reference_case(folder: Path, threads: int, tmp_path: Path,
+                        monkeypatch: pytest.MonkeyPatch) -> None:
     params = json.loads((folder / "params.json").read_text())
     display, save = bool(params.pop("display")), bool(params.pop("save"))
     expected = folder / "expected"
@@ -31,7 +34,7 @@ def test_reference_case(folder: Path, tmp_path: Path, monkeypatch: pytest.Monkey
     monkeypatch.chdir(tmp_path)  # the progress lines name the region list file as given
     result = splitmerge.segment(
         np.load(folder / "input.npy"), **params, frames=display, lines=True, regions=True,
-        region_file="regions.txt" if save else None, start_label=0)
+        region_file="regions.txt" if save else None, start_label=0, threads=threads)
     labels = np.load(expected / "labels.npy")
     assert result.labels.dtype == np.int32
     np.testing.assert_array_equal(result.labels, labels)

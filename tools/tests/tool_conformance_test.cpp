@@ -41,25 +41,28 @@ TEST(Conformance, ProgramOutputsEqualTheReferenceResults) {
     }
     if (c.display) args += " --frames frames.npy";
     if (c.save) args += " --regions regions.txt";
-    testing::scratch_folder work;
-    std::filesystem::copy_file(dir / "input.npy", work / "input.npy");
-    const auto run = testing::run_tool(work, args);
-    ASSERT_EQ(run.status, c.status == 0 ? 0 : 1) << run.err;
-    EXPECT_EQ(run.out, c.stdout_text);
-    // Standard error holds exactly the warnings about parameters outside
-    // their meaningful ranges (the cases cover such values on purpose).
-    std::string warnings;
-    for (const auto& warning : frontend::range_warnings(p))
-      warnings += "splitmerge: warning: " +
-                  frontend::worded(warning.text, frontend::spelling::command_line) + "\n";
-    EXPECT_EQ(run.err, warnings);
-    EXPECT_EQ(io::read_npy((work / "labels.npy").string()).shape, c.shape);
-    EXPECT_EQ(npy_values(work / "labels.npy"), c.labels);
-    if (c.display) {
-      EXPECT_EQ(npy_values(work / "frames.npy"), *c.frames);
-    }
-    if (c.save) {
-      EXPECT_EQ(testing::read_file(work / "regions.txt"), *c.regions_text);
+    for (const char* threads : {" --threads 1", " --threads 0"}) {  // one thread, every core
+      SCOPED_TRACE(threads);
+      testing::scratch_folder work;
+      std::filesystem::copy_file(dir / "input.npy", work / "input.npy");
+      const auto run = testing::run_tool(work, args + threads);
+      ASSERT_EQ(run.status, c.status == 0 ? 0 : 1) << run.err;
+      EXPECT_EQ(run.out, c.stdout_text);
+      // Standard error holds exactly the warnings about parameters outside
+      // their meaningful ranges (the cases cover such values on purpose).
+      std::string warnings;
+      for (const auto& warning : frontend::range_warnings(p))
+        warnings += "splitmerge: warning: " +
+                    frontend::worded(warning.text, frontend::spelling::command_line) + "\n";
+      EXPECT_EQ(run.err, warnings);
+      EXPECT_EQ(io::read_npy((work / "labels.npy").string()).shape, c.shape);
+      EXPECT_EQ(npy_values(work / "labels.npy"), c.labels);
+      if (c.display) {
+        EXPECT_EQ(npy_values(work / "frames.npy"), *c.frames);
+      }
+      if (c.save) {
+        EXPECT_EQ(testing::read_file(work / "regions.txt"), *c.regions_text);
+      }
     }
     ++checked;
   }
