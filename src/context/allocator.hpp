@@ -23,6 +23,7 @@ enum class alloc_site : std::uint8_t {
   level_table,
   leaf_index,
   seed_table,
+  grouping_table,
   sort_array,
   elimination_index,
   label_table,

@@ -42,6 +42,9 @@ inline block* resolve(const run_context& ctx, nb_node* e) noexcept {
 std::uint32_t next_visit(run_context& ctx, regionlist heads) noexcept;
 
 void unite(run_context& ctx, block* a, block* b, nb_node* e) noexcept;
+// The block half of a union: a's chain takes b's blocks and pixels, and b is
+// absorbed (its list is left to the caller).
+void join_blocks(const run_context& ctx, block* a, block* b) noexcept;
 void unite_disp(run_context& ctx, block* a, block* b, nb_node* e) noexcept;
 
 // Both fail with status_no_memory (fresh entries for a list could not be had) or

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "context/run_context.hpp"
 #include "display/display.hpp"
 #include "evaluation/evaluation.hpp"
@@ -22,23 +24,19 @@ class kept_list {
                      static_cast<std::uint64_t>(ctx.voxels_image) +
                  2) {}
 
-  // Appends e (or its copy) and returns the entry that followed e; false in
-  // `ok` when no fresh entry could be had (the lists are then left whole).
-  nb_node* keep(nb_node* e, bool& ok) noexcept {
-    nb_node* const next = ctx_.entry_at(e->next);
+  // Appends e (or its copy), which names `head`; false when no fresh entry
+  // could be had (e is then left as it was).
+  bool keep(nb_node* e, block_id head) noexcept {
     nb_node* kept = e;
     if (std::uint64_t{ctx_.entries.end()} < planned_) {
       const entry_id fresh = ctx_.entries.obtain_range(1);
-      if (fresh == 0) {
-        ok = false;
-        return e;
-      }
+      if (fresh == 0) return false;
       kept = ctx_.entry_at(fresh);
-      kept->region = e->region;
       release_entry(ctx_, e);
     }
+    kept->region = head;
     append(kept);
-    return next;
+    return true;
   }
 
   // Ends r's list with the entries kept, then `rest` (the part not walked).
@@ -69,65 +67,194 @@ class kept_list {
   nb_node* tail_ = nullptr;
 };
 
+// The grouping's working tables, one allocation:
+//  - what a walk asks of the region an entry names, one word per block, so
+//    that it is answered from a table a twelfth the size of the block records
+//    (which then mostly stays in cache): an absorbed block holds the block
+//    that absorbed it; a head holds `head_mark` and the number of the walk
+//    that last met it (walks are counted by the grouping alone);
+//  - the entries still to walk, the next one on top. A region's list is
+//    walked in order, and an absorbed region's list goes in right after the
+//    entry that named it; on a stack the entries coming next are known ahead
+//    of time, so their records are fetched early instead of one after the
+//    other along the links. Every entry is on the stack at most once.
+// Block indices stay below 2^31: the largest images make about 1.2 billion
+// blocks.
+class walk_tables {
+ public:
+  static constexpr std::uint32_t head_mark = std::uint32_t{1} << 31;
+
+  explicit walk_tables(run_context& ctx) noexcept : ctx_(ctx) {
+    const std::size_t blocks = ctx.blocks.end();
+    if (blocks >= head_mark) return;
+    state_ = static_cast<std::uint32_t*>(ctx.allocator.allocate_uninitialised(
+        (blocks + ctx.entries.end()) * sizeof(std::uint32_t), alloc_site::grouping_table));
+    if (state_ == nullptr) return;
+    std::fill_n(state_, blocks, head_mark);
+    stack_ = state_ + blocks;
+    fetch_ahead_ =
+        blocks * sizeof(block) + std::size_t{ctx.entries.end()} * sizeof(nb_node) > cached_records;
+  }
+  walk_tables(const walk_tables&) = delete;
+  walk_tables& operator=(const walk_tables&) = delete;
+  ~walk_tables() { ctx_.allocator.release(state_); }
+
+  [[nodiscard]] bool ready() const noexcept { return state_ != nullptr; }
+
+  // Notes the regions of several blocks on the region list from `heads` (grown
+  // from seeds before); false when interrupted.
+  bool note_regions(regionlist heads) noexcept {
+    loop_poll poll(ctx_);
+    for (const block* h = heads; h != nullptr; h = ctx_.block_at(h->next_region)) {
+      if (poll.due()) return false;
+      const block_id id = ctx_.id(h);
+      if (h->region_pointer == 0 || h->region_pointer == id) continue;
+      for (const block* b = ctx_.block_at(h->next_block); b != nullptr;
+           b = ctx_.block_at(b->next_block))
+        state_[ctx_.id(b)] = id;
+    }
+    return true;
+  }
+  [[nodiscard]] std::uint32_t next_walk() noexcept { return ++walk_; }
+
+  // The head of the region block b belongs to; `met` gets the number of the
+  // walk that last met it.
+  block_id head(block_id b, std::uint32_t& met) const noexcept {
+    std::uint32_t s = state_[b];
+    while ((s & head_mark) == 0) {
+      b = s;
+      s = state_[b];
+    }
+    met = s & ~head_mark;
+    return b;
+  }
+  void meet(block_id head, std::uint32_t walk) noexcept { state_[head] = head_mark | walk; }
+  void absorb(block_id b, block_id by) noexcept { state_[b] = by; }
+
+  // Pushes the list from `first` on, so that it is walked in order; the
+  // regions of its entries are fetched as they go on.
+  void push_list(nb_node* first) noexcept {
+    const std::size_t bottom = top_;
+    for (nb_node* e = first; e != nullptr; e = ctx_.entry_at(e->next)) {
+      fetch(e->region);
+      stack_[top_++] = ctx_.id(e);
+    }
+    std::reverse(stack_ + bottom, stack_ + top_);
+  }
+  void push(nb_node* e) noexcept { stack_[top_++] = ctx_.id(e); }
+  [[nodiscard]] bool empty() const noexcept { return top_ == 0; }
+
+  // The next entry to walk. Entries further down are fetched on the way: the
+  // entry record `far` places down, and the region of the one `near` places
+  // down (its entry has had time to arrive).
+  nb_node* pop() noexcept {
+    const std::size_t t = --top_;
+    if (!fetch_ahead_) return ctx_.entry_at(stack_[t]);
+    if (t >= far) __builtin_prefetch(ctx_.entry_at(stack_[t - far]));
+    if (t >= near) fetch(ctx_.entry_at(stack_[t - near])->region);
+    if (t >= nearer) {
+      const block_id b = ctx_.entry_at(stack_[t - nearer])->region;
+      if ((state_[b] & head_mark) != 0)
+        __builtin_prefetch(ctx_.entry_at(ctx_.block_at(b)->nb_pointers[0]));
+    }
+    return ctx_.entry_at(stack_[t]);
+  }
+
+  // Links the entries not walked in walk order, emptying the stack; their
+  // first, or none.
+  nb_node* unwalked() noexcept {
+    nb_node* first = nullptr;
+    for (std::size_t i = 0; i < top_; ++i) {
+      nb_node* e = ctx_.entry_at(stack_[i]);
+      e->next = ctx_.id(first);
+      first = e;
+    }
+    top_ = 0;
+    return first;
+  }
+
+ private:
+  // Records that fit in the caches are not fetched ahead: asking costs more
+  // than it saves there.
+  static constexpr std::size_t cached_records = std::size_t{4} << 20;
+  static constexpr std::size_t far = 16;
+  static constexpr std::size_t near = 8;
+  static constexpr std::size_t nearer = 3;
+
+  void fetch(block_id b) const noexcept {
+    __builtin_prefetch(state_ + b);
+    __builtin_prefetch(ctx_.block_at(b));
+  }
+
+  run_context& ctx_;
+  std::uint32_t* state_ = nullptr;
+  std::uint32_t* stack_ = nullptr;
+  std::size_t top_ = 0;
+  std::uint32_t walk_ = 0;
+  bool fetch_ahead_ = false;
+};
+
+// r absorbs n, met through entry e: e takes the place of n's first entry,
+// which is left to forward readers to r, and n's other entries follow e.
+template <bool Display>
+void absorb(run_context& ctx, walk_tables& tables, block* r, block* n, nb_node* e) noexcept {
+  const block_id r_id = ctx.id(r);
+  unite_predicates(ctx, r, n);
+  if constexpr (Display) smg_dfill_region(ctx, ctx.cur_color, n);
+  join_blocks(ctx, r, n);
+  tables.absorb(ctx.id(n), r_id);
+  nb_node* f = ctx.entry_at(n->nb_pointers[0]);
+  e->region = f->region;
+  tables.push_list(ctx.entry_at(f->next));
+  tables.push(e);
+  f->region = r_id;
+  n->nb_pointers[1] = r_id;
+}
+
 // Grows r over its list. Each region met is marked with this walk's number,
 // so a later entry for it is a repeat and goes. Ends early with
 // status_no_memory or status_interrupted (r's list is then whole again).
-// Entries ahead of the one being tested whose regions are fetched early: the
-// walk waits on one region record after the other otherwise.
-constexpr int lookahead = 12;
-
-// The entry `lookahead` places after e (or none).
-nb_node* look_ahead_of(const run_context& ctx, nb_node* e) noexcept {
-  for (int i = 0; i < lookahead && e != nullptr; ++i) e = ctx.entry_at(e->next);
-  return e;
-}
-
 template <bool Display>
-std::int32_t grow(run_context& ctx, block* r, regionlist heads) noexcept {
-  const std::uint32_t visit = next_visit(ctx, heads);
+std::int32_t grow(run_context& ctx, walk_tables& tables, block* r) noexcept {
+  const std::uint32_t walk = tables.next_walk();
+  const block_id r_id = ctx.id(r);
   kept_list kept(ctx);
-  bool ok = true;
   std::int32_t status = 0;
-  nb_node* e = ctx.entry_at(r->nb_pointers[0]);
-  // Always later in the list than e, so never an entry released by the walk.
-  nb_node* ahead = look_ahead_of(ctx, e);
-  while (e != nullptr) {
-    if (ahead != nullptr) {
-      __builtin_prefetch(ctx.block_at(ahead->region));
-      ahead = ctx.entry_at(ahead->next);
-    }
+  tables.push_list(ctx.entry_at(r->nb_pointers[0]));
+  while (!tables.empty()) {
     if (ctx.interrupt_due()) {
       status = status_interrupted;
       break;
     }
-    block* n = resolve(ctx, e);
-    if (n == r || n->visit == visit) {
-      nb_node* const next = ctx.entry_at(e->next);
+    nb_node* e = tables.pop();
+    std::uint32_t met = 0;
+    const block_id id = tables.head(e->region, met);
+    if (id == r_id || met == walk) {
       release_entry(ctx, e);
-      e = next;
-    } else if ((n->status & 2u) != 0 || !joins_region(ctx, r, n)) {
-      n->visit = visit;
-      e = kept.keep(e, ok);
-      if (!ok) {
+      continue;
+    }
+    block* n = ctx.block_at(id);
+    if ((n->status & 2u) != 0 || !joins_region(ctx, r, n)) {
+      tables.meet(id, walk);
+      if (!kept.keep(e, id)) {
+        tables.push(e);
         status = status_no_memory;
         break;
       }
     } else {
-      if constexpr (Display) {
-        unite_disp(ctx, r, n, e);  // e now names n's first neighbour: try it next
-      } else {
-        unite(ctx, r, n, e);
-      }
-      ahead = look_ahead_of(ctx, e);  // n's entries now follow e
+      absorb<Display>(ctx, tables, r, n, e);  // e now names n's first neighbour: tried next
     }
   }
-  kept.finish(r, e);
+  kept.finish(r, tables.unwalked());
   r->status = 2;
   return status;
 }
 
 template <bool Display>
 list_result<regionlist> sequential_phase(run_context& ctx, regionlist head) noexcept {
+  walk_tables tables(ctx);
+  if (!tables.ready()) return list_result<regionlist>::failure(status_no_memory);
+  if (!tables.note_regions(head)) return list_result<regionlist>::failure(status_interrupted);
   block* r = head;
   while (r->region_pointer == 0) r = ctx.block_at(r->next_region);
   block* const result = r;
@@ -135,7 +262,7 @@ list_result<regionlist> sequential_phase(run_context& ctx, regionlist head) noex
   for (;;) {
     if constexpr (Display) smg_dfill_region(ctx, ctx.cur_color, r);
     if ((r->status & 2u) == 0) {
-      if (const std::int32_t status = grow<Display>(ctx, r, result); status != 0)
+      if (const std::int32_t status = grow<Display>(ctx, tables, r); status != 0)
         return list_result<regionlist>::failure(status);
     }
     if (ctx.interrupt_due()) return list_result<regionlist>::failure(status_interrupted);

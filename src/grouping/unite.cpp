@@ -9,10 +9,7 @@ namespace {
 
 void join(const run_context& ctx, block* a, block* b, nb_node* e) noexcept {
   const block_id a_id = ctx.id(a);
-  ctx.block_at(a->region_pointer)->next_block = ctx.id(b);
-  a->region_pointer = b->region_pointer;
-  b->region_pointer = 0;
-  a->pixels += b->pixels;
+  join_blocks(ctx, a, b);
 
   nb_node* f = ctx.entry_at(b->nb_pointers[0]);
   e->region = f->region;
@@ -30,6 +27,13 @@ void join(const run_context& ctx, block* a, block* b, nb_node* e) noexcept {
 }
 
 }  // namespace
+
+void join_blocks(const run_context& ctx, block* a, block* b) noexcept {
+  ctx.block_at(a->region_pointer)->next_block = ctx.id(b);
+  a->region_pointer = b->region_pointer;
+  b->region_pointer = 0;
+  a->pixels += b->pixels;
+}
 
 void unite(run_context& ctx, block* a, block* b, nb_node* e) noexcept {
   unite_predicates(ctx, a, b);

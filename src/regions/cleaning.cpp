@@ -19,8 +19,17 @@ regionlist clean_regionlist(run_context& ctx, regionlist head) noexcept {
     const std::uint32_t visit = next_visit(ctx, first);
     nb_node* prev = nullptr;
     nb_node* e = ctx.entry_at(r->nb_pointers[0]);
+    // The region of the entry `lookahead` places on is fetched early; every
+    // step keeps that distance (a pulled successor shortens the list between).
+    constexpr int lookahead = 12;
+    nb_node* ahead = e;
+    for (int i = 0; i < lookahead && ahead != nullptr; ++i) ahead = ctx.entry_at(ahead->next);
     while (e != nullptr) {
       if (poll.due()) return first;  // the lists whole, partly cleaned
+      if (ahead != nullptr) {
+        __builtin_prefetch(ctx.block_at(ahead->region));
+        ahead = ctx.entry_at(ahead->next);
+      }
       block* h = resolve(ctx, e);
       if (h->visit != visit) {
         h->visit = visit;
