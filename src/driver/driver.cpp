@@ -30,7 +30,8 @@ void free_variables(run_context& ctx) noexcept {
 namespace {
 
 template <class Code>
-list_result<regionlist> split_merge_at(run_context& ctx, std::int32_t display) {
+list_result<regionlist> split_merge_at(run_context& ctx, std::int32_t display,
+                                       std::int32_t* voxel_scratch) {
   using result = list_result<regionlist>;
   const auto built = init_blocklist<Code>(ctx);
   if (display != 0) init_smg_display(ctx);
@@ -67,7 +68,7 @@ list_result<regionlist> split_merge_at(run_context& ctx, std::int32_t display) {
     return result::failure(status_interrupted);
   }
 
-  const auto regions = group_init<Code>(ctx, list);
+  const auto regions = group_init<Code>(ctx, list, voxel_scratch);
   ctx.phase_status = regions.status;
   if (ctx.phase_status != 0) return result::failure(ctx.phase_status);
   regionlist head = regions.value;
@@ -122,8 +123,10 @@ list_result<regionlist> split_merge_at(run_context& ctx, std::int32_t display) {
 
 }  // namespace
 
-list_result<regionlist> split_merge(run_context& ctx, std::int32_t display) {
-  return with_code_width(ctx, [&]<class Code>(Code) { return split_merge_at<Code>(ctx, display); });
+list_result<regionlist> split_merge(run_context& ctx, std::int32_t display,
+                                    std::int32_t* voxel_scratch) {
+  return with_code_width(
+      ctx, [&]<class Code>(Code) { return split_merge_at<Code>(ctx, display, voxel_scratch); });
 }
 
 std::int32_t prepare_run(run_context& ctx, const run_arguments& a) {
@@ -228,7 +231,8 @@ std::int32_t split_merge_group(run_context& ctx, const std::int32_t* image, std:
     return status_interrupted;
   }
 
-  const auto regions = split_merge(ctx, display);
+  // The label image is written last: until then the phases may use it.
+  const auto regions = split_merge(ctx, display, output);
   ctx.print("finished the split_merge routine\n");
   if (regions.status != 0) {
     free_variables(ctx);

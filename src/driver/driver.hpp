@@ -65,6 +65,8 @@ segmentation segment_run(const image_view& image, parameters p, const options& o
 // newline) that names the parameter, its value and what is allowed.
 std::string validate_parameters(const run_arguments& a);
 
+// The output's contents are unspecified when the run fails: the phases use
+// it as scratch until the label image is written.
 std::int32_t split_merge_group(run_context& ctx, const std::int32_t* image, std::int32_t size_x,
                                std::int32_t size_y, std::int32_t size_z, std::int32_t max_level,
                                std::int32_t lim_oct_level, std::int32_t* output,
@@ -81,7 +83,10 @@ std::int32_t split_merge_group(run_context& ctx, const std::int32_t* image, std:
 // validation). Returns 0 or -1.
 std::int32_t prepare_run(run_context& ctx, const run_arguments& a);
 
-list_result<regionlist> split_merge(run_context& ctx, std::int32_t display);
+// The phases up to the sorted region list; `voxel_scratch` (a word per
+// voxel, or none) may be overwritten by them.
+list_result<regionlist> split_merge(run_context& ctx, std::int32_t display,
+                                    std::int32_t* voxel_scratch = nullptr);
 void free_variables(run_context& ctx) noexcept;
 
 }  // namespace splitmerge

@@ -15,8 +15,12 @@ class run_context;
 
 // The phases and helpers that read codes take the run's code width (see
 // geometry.hpp).
+// The adjacency: every leaf a region with its list of neighbours.
+// `voxel_scratch`, when given, is a word per voxel the phase may overwrite
+// (the label image, before it is written).
 template <class Code = std::uint32_t>
-list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept;
+list_result<regionlist> group_init(run_context& ctx, blocklist list,
+                                   std::int32_t* voxel_scratch = nullptr) noexcept;
 template <class Code = std::uint32_t>
 Code find_adjacent(const run_context& ctx, std::type_identity_t<Code> code, std::int32_t lvl,
                    std::int32_t axis) noexcept;

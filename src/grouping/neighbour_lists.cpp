@@ -250,7 +250,8 @@ bool place_lists(run_context& ctx, const leaf_raster& index, pair_table& pairs, 
 }  // namespace
 
 template <class Code>
-list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
+list_result<regionlist> group_init(run_context& ctx, blocklist list,
+                                   std::int32_t* voxel_scratch) noexcept {
   block* first = list[0];
   auto table =
       create_array<block*>(ctx, static_cast<std::size_t>(ctx.max_level), alloc_site::level_table);
@@ -295,8 +296,15 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
     }
   }
   shape_cells(ctx, index);
-  index.position = static_cast<std::uint32_t*>(ctx.allocator.allocate_uninitialised(
-      index.cells * sizeof(std::uint32_t), alloc_site::leaf_index));
+  // The image of positions has at most a cell per voxel: it fits in the
+  // caller's scratch, when given, and then takes no memory of its own.
+  const auto release_position = [&] {
+    if (voxel_scratch == nullptr) ctx.allocator.release(index.position);
+  };
+  index.position = voxel_scratch != nullptr
+                       ? reinterpret_cast<std::uint32_t*>(voxel_scratch)
+                       : static_cast<std::uint32_t*>(ctx.allocator.allocate_uninitialised(
+                             index.cells * sizeof(std::uint32_t), alloc_site::leaf_index));
   if (index.position == nullptr) return fail(scratch);
 
   // A leaf finds at most one neighbour per cell of its lower faces; each
@@ -318,12 +326,12 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   pairs.found = static_cast<block_id*>(ctx.allocator.allocate_uninitialised(
       std::max<std::size_t>(bound, 1) * sizeof(block_id), alloc_site::leaf_index));
   if (pairs.found == nullptr) {
-    ctx.allocator.release(index.position);
+    release_position();
     return fail(scratch);
   }
   paint_positions<Code>(ctx, index, parts);
   if (!ctx.interrupted) find_pairs<Code>(ctx, index, part_start, parts, pairs);
-  ctx.allocator.release(index.position);
+  release_position();
   if (ctx.interrupted) {
     ctx.allocator.release(pairs.found);
     return fail(scratch);
@@ -358,7 +366,9 @@ list_result<regionlist> group_init(run_context& ctx, blocklist list) noexcept {
   return list_result<regionlist>{head, 0};
 }
 
-template list_result<regionlist> group_init<std::uint32_t>(run_context&, blocklist) noexcept;
-template list_result<regionlist> group_init<std::uint64_t>(run_context&, blocklist) noexcept;
+template list_result<regionlist> group_init<std::uint32_t>(run_context&, blocklist,
+                                                           std::int32_t*) noexcept;
+template list_result<regionlist> group_init<std::uint64_t>(run_context&, blocklist,
+                                                           std::int32_t*) noexcept;
 
 }  // namespace splitmerge
