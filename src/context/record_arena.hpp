@@ -134,6 +134,9 @@ class record_arena {
   }
 
   [[nodiscard]] T* at(std::uint32_t i) const noexcept { return i == 0 ? nullptr : base_ + i; }
+  // The array itself, for hot loops that index it with links known not to be
+  // empty; fixed for the life of the reservation.
+  [[nodiscard]] T* data() const noexcept { return base_; }
   [[nodiscard]] std::uint32_t id(const T* p) const noexcept {
     return p == nullptr ? 0 : static_cast<std::uint32_t>(p - base_);
   }
