@@ -37,7 +37,15 @@ block* most_similar_neighbour(const run_context& ctx, block* r) {
 // than the index; long ones go through it.
 nb_node* entry_for(const run_context& ctx, elimination_index& index, block* best, block* r,
                    bool& failed) {
+  // A list indexed once stays indexed: its walk would only repeat the index.
+  if (index.indexed(best)) return index.first_entry_for(best, r, failed);
   nb_node* e = ctx.entry_at(best->nb_pointers[0]);
+  {
+    const nb_node* ahead = e;
+    for (std::uint32_t steps = 0; ahead != nullptr && steps < ctx.elimination_walk;
+         ++steps, ahead = ctx.entry_at(ahead->next))
+      __builtin_prefetch(ctx.block_at(ahead->region));
+  }
   for (std::uint32_t steps = 0; e != nullptr && steps < ctx.elimination_walk;
        ++steps, e = ctx.entry_at(e->next))
     if (resolve(ctx, e) == r) return e;

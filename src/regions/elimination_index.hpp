@@ -33,6 +33,11 @@ class elimination_index {
   // index could not get memory.
   [[nodiscard]] nb_node* first_entry_for(block* owner, const block* r, bool& failed) noexcept;
 
+  // Whether owner's list is indexed (it then stays so).
+  [[nodiscard]] bool indexed(const block* owner) const noexcept {
+    return marks_ != nullptr && (marks_[ctx_.id(owner)] & indexed_list) != 0;
+  }
+
   // Records a union of r into owner at entry e: e now names another block and
   // r's entries from `spliced_first` to `spliced_last` follow e. Only indexed
   // lists need it; false when memory ran short.
@@ -62,9 +67,6 @@ class elimination_index {
   [[nodiscard]] std::size_t find(block_id owner, block_id named) const noexcept;
   [[nodiscard]] entry_id first_of(block_id owner, block_id named) const noexcept;
   bool grow(std::size_t extra) noexcept;
-  bool indexed(const block* owner) const noexcept {
-    return marks_ != nullptr && (marks_[ctx_.id(owner)] & indexed_list) != 0;
-  }
   bool index_list(block* owner) noexcept;
 
   run_context& ctx_;
