@@ -67,7 +67,7 @@ constexpr std::size_t mapped_from = std::size_t{16} << 20;
 // A fresh zero-filled mapping holding `bytes` from a large-page boundary. The
 // headers before it hold, nearest first: the mark, the mapping's start, the
 // bytes counted and the mapping's length.
-void* map_array(std::size_t bytes, std::size_t counted) noexcept {
+void* map_array(std::size_t bytes, std::size_t counted, alloc_site site) noexcept {
   constexpr std::size_t large_page = std::size_t{2} << 20;
   const std::size_t length = bytes + large_page;
   void* p = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -79,7 +79,9 @@ void* map_array(std::size_t bytes, std::size_t counted) noexcept {
   h[-2].size_class = start;
   h[-3].size_class = counted;
   h[-4].size_class = length;
-  prefer_large_pages(h, bytes, 0);
+  // The elimination's tables are written here and there: on large pages
+  // every scattered write would make 2 MiB resident.
+  if (site != alloc_site::elimination_index) prefer_large_pages(h, bytes, 0);
   return h;
 }
 
@@ -148,7 +150,7 @@ void* run_allocator::allocate(std::size_t bytes, alloc_site site) noexcept {
   if (!admit(site, counted_size(bytes, granule, small_limit))) return nullptr;
   if (SPLITMERGE_POOL && bytes >= mapped_from) {
     const std::size_t counted = counted_size(bytes, granule, small_limit);
-    void* p = map_array(bytes, counted);
+    void* p = map_array(bytes, counted, site);
     if (p == nullptr) return nullptr;
     count(counted);
     ++live_;
@@ -175,7 +177,7 @@ void* run_allocator::allocate(std::size_t bytes, alloc_site site) noexcept {
 void* run_allocator::allocate_uninitialised(std::size_t bytes, alloc_site site) noexcept {
   if (!admit(site, counted_size(bytes, granule, small_limit))) return nullptr;
   void* p = SPLITMERGE_POOL && bytes >= mapped_from
-                ? map_array(bytes, counted_size(bytes, granule, small_limit))
+                ? map_array(bytes, counted_size(bytes, granule, small_limit), site)
                 : obtain(bytes, counted_size(bytes, granule, small_limit));
   if (p == nullptr) return nullptr;
   if (SPLITMERGE_POOL && bytes >= mapped_from) count(counted_size(bytes, granule, small_limit));
