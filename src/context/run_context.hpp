@@ -42,6 +42,14 @@ class run_context {
   [[nodiscard]] nb_node* entry_at(entry_id i) const noexcept { return entries.at(i); }
   [[nodiscard]] block_id id(const block* b) const noexcept { return blocks.id(b); }
   [[nodiscard]] entry_id id(const nb_node* e) const noexcept { return entries.id(e); }
+  // Whether the records outgrow the caches, so that walks over them gain by
+  // asking for records ahead; below that, asking costs more than it saves.
+  [[nodiscard]] bool records_outgrow_cache() const noexcept {
+    constexpr std::size_t cache_bytes = std::size_t{16} << 20;
+    return std::size_t{blocks.end()} * sizeof(block) +
+               std::size_t{entries.end()} * sizeof(nb_node) >
+           cache_bytes;
+  }
   // Gives back every block and entry of the run in one step.
   void release_records() noexcept {
     blocks.release_all();

@@ -98,8 +98,7 @@ class walk_tables {
     if (slots_ == nullptr) return;
     std::fill_n(slots_, blocks, slot{head_mark, 0});
     stack_ = reinterpret_cast<entry_id*>(slots_ + blocks);
-    fetch_ahead_ =
-        blocks * sizeof(block) + std::size_t{ctx.entries.end()} * sizeof(nb_node) > cached_records;
+    fetch_ahead_ = ctx.records_outgrow_cache();
   }
   walk_tables(const walk_tables&) = delete;
   walk_tables& operator=(const walk_tables&) = delete;
@@ -147,13 +146,14 @@ class walk_tables {
   void push_list(entry_id first) noexcept {
     const std::size_t bottom = top_;
     for (entry_id e = first; e != 0; e = entries_[e].next) {
-      fetch(entries_[e].region);
+      if (fetch_ahead_) fetch(entries_[e].region);
       stack_[top_++] = e;
     }
     std::reverse(stack_ + bottom, stack_ + top_);
   }
   void push(entry_id e) noexcept { stack_[top_++] = e; }
   [[nodiscard]] bool empty() const noexcept { return top_ == 0; }
+  [[nodiscard]] bool fetch_ahead() const noexcept { return fetch_ahead_; }
 
   // The next entry to walk. Entries further down are fetched on the way: the
   // entry record `far` places down, the region of the one `near` places down
@@ -193,9 +193,6 @@ class walk_tables {
   }
 
  private:
-  // Records that fit in the caches are not fetched ahead: asking costs more
-  // than it saves there.
-  static constexpr std::size_t cached_records = std::size_t{4} << 20;
   static constexpr std::size_t far = 16;
   static constexpr std::size_t near = 8;
   static constexpr std::size_t nearer = 3;
@@ -224,7 +221,7 @@ void absorb(run_context& ctx, walk_tables& tables, block* r, block* n, nb_node& 
   const block_id r_id = ctx.id(r);
   const block_id n_id = ctx.id(n);
   e.region = tables.first_named(n_id);
-  tables.fetch(e.region);
+  if (tables.fetch_ahead()) tables.fetch(e.region);
   unite_predicates(ctx, r, n);
   if constexpr (Display) smg_dfill_region(ctx, ctx.cur_color, n);
   join_blocks(ctx, r, n);

@@ -13,6 +13,7 @@ regionlist clean_regionlist(run_context& ctx, regionlist head) noexcept {
   block* first = head;
   while (first != nullptr && first->region_pointer == 0) first = ctx.block_at(first->next_region);
   loop_poll poll(ctx);
+  const bool fetch_ahead = ctx.records_outgrow_cache();
   for (block* r = first; r != nullptr;) {
     ++ctx.number_regions;
     // A region met before in this walk carries its number: a repeat.
@@ -22,7 +23,7 @@ regionlist clean_regionlist(run_context& ctx, regionlist head) noexcept {
     // The region of the entry `lookahead` places on is fetched early; every
     // step keeps that distance (a pulled successor shortens the list between).
     constexpr int lookahead = 12;
-    nb_node* ahead = e;
+    nb_node* ahead = fetch_ahead ? e : nullptr;
     for (int i = 0; i < lookahead && ahead != nullptr; ++i) ahead = ctx.entry_at(ahead->next);
     while (e != nullptr) {
       if (poll.due()) return first;  // the lists whole, partly cleaned

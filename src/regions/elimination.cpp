@@ -14,11 +14,13 @@ namespace splitmerge {
 namespace {
 
 // The neighbour most like r (first in list order among equals), or null.
-block* most_similar_neighbour(const run_context& ctx, block* r) {
+block* most_similar_neighbour(const run_context& ctx, block* r, bool fetch_ahead) {
   // The list is short: ask for all its regions at once, so that their misses
   // overlap instead of following one another.
-  for (const nb_node* e = ctx.entry_at(r->nb_pointers[0]); e != nullptr; e = ctx.entry_at(e->next))
-    __builtin_prefetch(ctx.block_at(e->region));
+  if (fetch_ahead)
+    for (const nb_node* e = ctx.entry_at(r->nb_pointers[0]); e != nullptr;
+         e = ctx.entry_at(e->next))
+      __builtin_prefetch(ctx.block_at(e->region));
   block* best = nullptr;
   std::int64_t best_d = 0;
   for (nb_node* e = ctx.entry_at(r->nb_pointers[0]); e != nullptr; e = ctx.entry_at(e->next)) {
@@ -36,11 +38,11 @@ block* most_similar_neighbour(const run_context& ctx, block* r) {
 // The first entry of best's list that stands for r. Short walks are cheaper
 // than the index; long ones go through it.
 nb_node* entry_for(const run_context& ctx, elimination_index& index, block* best, block* r,
-                   bool& failed) {
+                   bool fetch_ahead, bool& failed) {
   // A list indexed once stays indexed: its walk would only repeat the index.
   if (index.indexed(best)) return index.first_entry_for(best, r, failed);
   nb_node* e = ctx.entry_at(best->nb_pointers[0]);
-  {
+  if (fetch_ahead) {
     const nb_node* ahead = e;
     for (std::uint32_t steps = 0; ahead != nullptr && steps < ctx.elimination_walk;
          ++steps, ahead = ctx.entry_at(ahead->next))
@@ -61,13 +63,14 @@ std::int32_t elimination_phase(run_context& ctx, regionlist head) noexcept {
   // Large regions absorb many small ones; finding the entry to unite at by
   // walking their long lists would cost time quadratic in the image size.
   elimination_index index(ctx);
+  const bool fetch_ahead = ctx.records_outgrow_cache();
   for (; r != nullptr; r = ctx.block_at(r->next_region)) {
     if (ctx.interrupt_due()) return status_interrupted;
     if (r->pixels >= static_cast<std::uint32_t>(ctx.small_size)) continue;
-    block* best = most_similar_neighbour(ctx, r);
+    block* best = most_similar_neighbour(ctx, r, fetch_ahead);
     if (best == nullptr) continue;  // r is the only region left
     bool failed = false;
-    nb_node* e = entry_for(ctx, index, best, r, failed);
+    nb_node* e = entry_for(ctx, index, best, r, fetch_ahead, failed);
     if (failed) return ctx.interrupted ? status_interrupted : status_no_memory;
     if (e == nullptr) continue;  // not reachable in a consistent list
     if (ctx.statistic_update == 0) make_neutral(ctx, r);
