@@ -82,6 +82,21 @@ TEST(Parameters, EveryInvalidParameterIsRejectedBeforeAnythingIsBuilt) {
   EXPECT_EQ(run(without_seeds).status, 0);
 }
 
+// The pixel scan looks at stretches of pixels at a time: the first bad pixel
+// is named wherever it lies: at a stretch's edge, in a later stretch, last.
+TEST(Parameters, TheFirstBadPixelIsNamedWhereverItLies) {
+  for (const std::int64_t at : {4095, 4096, 9000, 128 * 128 - 1}) {
+    run_setup s = setup(std::vector<std::int32_t>(128 * 128, 3), 128);
+    s.image[static_cast<std::size_t>(at)] = -7;
+    if (at + 1 < 128 * 128) s.image[static_cast<std::size_t>(at) + 1] = 999;
+    const run_result r = run(s);
+    EXPECT_EQ(r.status, -1);
+    EXPECT_NE(r.errors.find("invalid pixel value -7 at index " + std::to_string(at) + ":"),
+              std::string::npos)
+        << r.errors;
+  }
+}
+
 TEST(Runs, ProgressLinesAndStatusOfWholeRuns) {
   const testing::temp_folder folder;
   std::mt19937 rng(5);
