@@ -34,8 +34,7 @@ struct header {
 static_assert(sizeof(header) == 8);
 // The header of a reserved range; the header before it holds the length.
 constexpr std::size_t reserved_range = ~std::size_t{0};
-// The header of a large array mapped on its own; the two before it hold the
-// mapping's length and the bytes counted for it.
+// The header of a large array mapped on its own (see map_array).
 constexpr std::size_t mapped_array = ~std::size_t{0} - 1;
 
 // Bytes counted for a request: small ones by their size class, whether or
@@ -45,11 +44,12 @@ std::size_t counted_size(std::size_t bytes, std::size_t granule, std::size_t sma
   return bytes <= small_limit ? (bytes + granule - 1) / granule * granule : bytes;
 }
 
-// Record arenas are read at random all through a run, and grow in order:
-// on large pages they miss the address cache far less, and take a page
-// fault per 2 MiB instead of per 4 KiB. Only a hint; the system may refuse.
-// Small images' arenas stay on small pages: zeroing a whole large page for a
-// few hundred records costs more than it saves.
+// Record arenas and large tables are read at random all through a run: on
+// large pages they miss the address cache far less, and take a page fault
+// per 2 MiB instead of per 4 KiB. Only a hint; the system may refuse. Ranges
+// below `from` stay on small pages: a small image's arena reserves far more
+// than it uses, and zeroing a whole large page for a few hundred records
+// costs more than it saves.
 void prefer_large_pages(void* p, std::size_t bytes, std::size_t from) noexcept {
   constexpr std::uintptr_t large_page = std::uintptr_t{2} << 20;
   if (!SPLITMERGE_POOL || bytes < from) return;
@@ -58,10 +58,9 @@ void prefer_large_pages(void* p, std::size_t bytes, std::size_t from) noexcept {
   if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
 }
 
-// Arrays from this size on are mapped on their own, on large pages where the
-// system grants them: a run's tables of a value per voxel or per block take
-// hundreds of megabytes, and faulting them in 4 KiB at a time costs a sixth of
-// the run.
+// Arrays from this size on (a run's tables of a value per voxel or per block)
+// are mapped on their own, aligned to large pages: the general allocator
+// would start them just past a page boundary, and no large page would fit.
 constexpr std::size_t mapped_from = std::size_t{16} << 20;
 
 // A fresh zero-filled mapping holding `bytes` from a large-page boundary. The
@@ -112,8 +111,13 @@ bool run_allocator::admit(alloc_site site, std::size_t counted) noexcept {
   return true;
 }
 
-void* run_allocator::obtain(std::size_t bytes, std::size_t counted) noexcept {
+void* run_allocator::obtain(std::size_t bytes, std::size_t counted, alloc_site site) noexcept {
   if (bytes == 0) bytes = 1;
+  if (SPLITMERGE_POOL && bytes >= mapped_from) {
+    void* p = map_array(bytes, counted, site);
+    if (p != nullptr) count(counted);
+    return p;
+  }
   if (SPLITMERGE_POOL && bytes <= small_limit) {
     const std::size_t c = (bytes - 1) / granule;
     if (free_[c] == nullptr) {
@@ -148,15 +152,7 @@ void* run_allocator::obtain(std::size_t bytes, std::size_t counted) noexcept {
 
 void* run_allocator::allocate(std::size_t bytes, alloc_site site) noexcept {
   if (!admit(site, counted_size(bytes, granule, small_limit))) return nullptr;
-  if (SPLITMERGE_POOL && bytes >= mapped_from) {
-    const std::size_t counted = counted_size(bytes, granule, small_limit);
-    void* p = map_array(bytes, counted, site);
-    if (p == nullptr) return nullptr;
-    count(counted);
-    ++live_;
-    return p;
-  }
-  if (!SPLITMERGE_POOL || bytes > small_limit) {
+  if (!SPLITMERGE_POOL || (bytes > small_limit && bytes < mapped_from)) {
     // Large zero-filled memory straight from calloc: fresh pages are zero
     // already, so the parts a run never writes never become memory.
     auto* h = static_cast<header*>(std::calloc(1, sizeof(header) + bytes));
@@ -167,21 +163,18 @@ void* run_allocator::allocate(std::size_t bytes, alloc_site site) noexcept {
     ++live_;
     return h + 1;
   }
-  void* p = obtain(bytes, counted_size(bytes, granule, small_limit));
+  // A pool piece, or a fresh mapping (zero already).
+  void* p = obtain(bytes, counted_size(bytes, granule, small_limit), site);
   if (p == nullptr) return nullptr;
-  std::memset(p, 0, bytes);
+  if (bytes <= small_limit) std::memset(p, 0, bytes);
   ++live_;
   return p;
 }
 
 void* run_allocator::allocate_uninitialised(std::size_t bytes, alloc_site site) noexcept {
   if (!admit(site, counted_size(bytes, granule, small_limit))) return nullptr;
-  void* p = SPLITMERGE_POOL && bytes >= mapped_from
-                ? map_array(bytes, counted_size(bytes, granule, small_limit), site)
-                : obtain(bytes, counted_size(bytes, granule, small_limit));
-  if (p == nullptr) return nullptr;
-  if (SPLITMERGE_POOL && bytes >= mapped_from) count(counted_size(bytes, granule, small_limit));
-  ++live_;
+  void* p = obtain(bytes, counted_size(bytes, granule, small_limit), site);
+  if (p != nullptr) ++live_;
   return p;
 }
 

@@ -102,7 +102,9 @@ class run_allocator {
   };
 
   bool admit(alloc_site site, std::size_t counted) noexcept;
-  void* obtain(std::size_t bytes, std::size_t counted) noexcept;
+  // Memory for a request, counted: a pool piece, a mapping of its own for
+  // large arrays, or the general allocator's.
+  void* obtain(std::size_t bytes, std::size_t counted, alloc_site site) noexcept;
   void count(std::size_t bytes) noexcept {
     live_bytes_ += bytes;
     if (live_bytes_ > peak_bytes_) peak_bytes_ = live_bytes_;

@@ -15,6 +15,7 @@ class run_context;
 
 // The phases and helpers that read codes take the run's code width (see
 // geometry.hpp).
+
 // The adjacency: every leaf a region with its list of neighbours.
 // `voxel_scratch`, when given, is a word per voxel the phase may overwrite
 // (the label image, before it is written).

@@ -13,14 +13,17 @@ namespace splitmerge {
 
 namespace {
 
+// Asks for the regions of the first `most` entries from e at once, so that
+// the walk that follows does not wait on one after the other.
+void fetch_regions(const run_context& ctx, const nb_node* e, std::uint32_t most) noexcept {
+  for (std::uint32_t i = 0; e != nullptr && i < most; ++i, e = ctx.entry_at(e->next))
+    __builtin_prefetch(ctx.block_at(e->region));
+}
+
 // The neighbour most like r (first in list order among equals), or null.
 block* most_similar_neighbour(const run_context& ctx, block* r, bool fetch_ahead) {
-  // The list is short: ask for all its regions at once, so that their misses
-  // overlap instead of following one another.
-  if (fetch_ahead)
-    for (const nb_node* e = ctx.entry_at(r->nb_pointers[0]); e != nullptr;
-         e = ctx.entry_at(e->next))
-      __builtin_prefetch(ctx.block_at(e->region));
+  if (fetch_ahead)  // the whole list: a small region's is short
+    fetch_regions(ctx, ctx.entry_at(r->nb_pointers[0]), std::numeric_limits<std::uint32_t>::max());
   block* best = nullptr;
   std::int64_t best_d = 0;
   for (nb_node* e = ctx.entry_at(r->nb_pointers[0]); e != nullptr; e = ctx.entry_at(e->next)) {
@@ -42,12 +45,7 @@ nb_node* entry_for(const run_context& ctx, elimination_index& index, block* best
   // A list indexed once stays indexed: its walk would only repeat the index.
   if (index.indexed(best)) return index.first_entry_for(best, r, failed);
   nb_node* e = ctx.entry_at(best->nb_pointers[0]);
-  if (fetch_ahead) {
-    const nb_node* ahead = e;
-    for (std::uint32_t steps = 0; ahead != nullptr && steps < ctx.elimination_walk;
-         ++steps, ahead = ctx.entry_at(ahead->next))
-      __builtin_prefetch(ctx.block_at(ahead->region));
-  }
+  if (fetch_ahead) fetch_regions(ctx, e, ctx.elimination_walk);
   for (std::uint32_t steps = 0; e != nullptr && steps < ctx.elimination_walk;
        ++steps, e = ctx.entry_at(e->next))
     if (resolve(ctx, e) == r) return e;
